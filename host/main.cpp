@@ -1,0 +1,232 @@
+// pppoe-plus-switch: the application framework of a software access switch.
+// It builds the world the agent runs in from a topology file, loads the
+// agent module like the switch's framework would, waits until the agent's
+// tasks serve their queue and channel, runs until SIGINT or SIGTERM, and
+// reports what the agent left allocated.
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <string>
+#include <thread>
+
+// CLI11 trips g++'s null-dereference analysis inside its own headers.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnull-dereference"
+#include <CLI/CLI.hpp>
+#pragma GCC diagnostic pop
+
+#include "example_topology.hpp"
+#include "plat_control.h"
+#include "plat_world.hpp"
+#include "wick.h"
+
+namespace {
+
+struct Options {
+    std::string topologyFile;
+    bool verbose = false;
+    unsigned devmDelayMs = 0;
+    unsigned readyTimeoutSec = 60;
+    unsigned runForSec = 0;
+    unsigned timeScale = 1000;
+};
+
+// Framework instance states the agent's readiness wait accepts.
+constexpr uint32_t kModStateMainReady = 12;
+constexpr uint32_t kModStateRunning = 8;
+
+const char *KindName(uint32_t kind)
+{
+    switch (kind) {
+        case PLAT_LOG_SYSLOG: return "syslog";
+        case PLAT_LOG_DIAG: return "diag";
+        case PLAT_LOG_DEBUG: return "debug";
+        default: return "platform";
+    }
+}
+
+void PrintLine(uint32_t kind, const char *line, void *arg)
+{
+    const bool verbose = *static_cast<const bool *>(arg);
+    if (kind == PLAT_LOG_DEBUG && !verbose) {
+        return;
+    }
+    std::printf("[%s] %s\n", KindName(kind), line);
+    std::fflush(stdout);
+}
+
+void Say(const char *text)
+{
+    std::printf("pppoe-plus-switch: %s\n", text);
+    std::fflush(stdout);
+}
+
+// The host runs from its own bin folder, as the switch's framework does.
+bool ChangeToOwnFolder()
+{
+    char self[PATH_MAX] = {};
+    const ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
+    if (n <= 0) {
+        return false;
+    }
+    std::string dir(self, static_cast<size_t>(n));
+    dir.erase(dir.rfind('/'));
+    return chdir(dir.c_str()) == 0;
+}
+
+bool SetUpWorld(const Options &opts)
+{
+    std::string error;
+    const auto topology = opts.topologyFile.empty() ? plat::load_topology_text(kExampleTopology, &error)
+                                                    : plat::load_topology_file(opts.topologyFile, &error);
+    if (!topology) {
+        std::fprintf(stderr, "pppoe-plus-switch: %s\n", error.c_str());
+        return false;
+    }
+    const plat::SystemIdentity &sys = topology->system;
+    plat::world::set_identity(sys);
+    plat::FrmInstRecord instance;
+    instance.localSlot = static_cast<int32_t>(sys.selfBoardId);
+    instance.modState = sys.selfBoardId == sys.mainBoardId ? kModStateMainReady : kModStateRunning;
+    instance.state = 1;
+    plat::world::frm_inst_put(instance);
+    std::printf("pppoe-plus-switch: switch \"%s\", chassis %u, board %u (main board %u)\n", sys.sysName.c_str(),
+                sys.chassisId, sys.selfBoardId, sys.mainBoardId);
+    return true;
+}
+
+template <typename Fn>
+Fn Symbol(void *module, const char *name)
+{
+    return reinterpret_cast<Fn>(dlsym(module, name));
+}
+
+void ReportLeaks()
+{
+    const uint32_t sites = PLAT_MemLeakReport(
+        [](const char *handle, const char *file, uint32_t line, uint32_t blocks, uint64_t bytes, void *) {
+            std::printf("pppoe-plus-switch: outstanding %u block(s), %llu bytes, handle %s, allocated at %s:%u\n",
+                        blocks, static_cast<unsigned long long>(bytes), handle, file, line);
+        },
+        nullptr);
+    std::printf("pppoe-plus-switch: %u allocation(s) outstanding at %u call site(s)\n", PLAT_MemOutstanding(),
+                sites);
+    (void)WICK_MbufLeakReport(
+        [](const char *file, uint32_t line, uint32_t count, void *) {
+            std::printf("pppoe-plus-switch: outstanding %u frame buffer(s) allocated at %s:%u\n", count, file, line);
+        },
+        nullptr);
+    std::printf("pppoe-plus-switch: %u frame buffer(s) outstanding\n", WICK_MbufOutstanding());
+}
+
+// Waits until the init task serves its epoll set and the main task waits on
+// its receive channel.
+bool WaitAgentReady(unsigned timeoutSec)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSec);
+    auto remainingMs = [&deadline]() {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
+                                                                                 std::chrono::steady_clock::now());
+        return static_cast<uint32_t>(left.count() > 0 ? left.count() : 0);
+    };
+    return PLAT_TaskWaitUntilWaiting("PPPoE_Plus_Init", "MESH_EpollWait", remainingMs()) != 0 &&
+           PLAT_TaskWaitUntilWaiting("PPPoE_Plus_Main", "FPC_EventRead", remainingMs()) != 0;
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    Options opts;
+    CLI::App app{"Software access switch hosting the PPPoE intermediate agent"};
+    app.add_option("-t,--topology", opts.topologyFile, "Topology file (YAML); default: the bundled example")
+        ->check(CLI::ExistingFile);
+    app.add_flag("-v,--verbose", opts.verbose, "Show debug lines and switch every debug level on");
+    app.add_option("--devm-delay-ms", opts.devmDelayMs, "Keep the device database unready for this long");
+    app.add_option("--ready-timeout", opts.readyTimeoutSec, "Seconds to wait for the agent to become ready");
+    app.add_option("--run-for", opts.runForSec, "Stop after this many seconds (0: run until SIGINT/SIGTERM)");
+    app.add_option("--time-scale", opts.timeScale,
+                   "Platform delays run at this many thousandths of real time (1000: real time)")
+        ->check(CLI::Range(1U, 1000000U));
+    CLI11_PARSE(app, argc, argv);
+    PLAT_SetTimeScale(opts.timeScale);
+
+    // Signals are taken by sigwait below; every thread started from here on
+    // inherits the blocked mask.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+    PLAT_LogSetPrinter(PrintLine, &opts.verbose);
+    if (!ChangeToOwnFolder()) {
+        Say("cannot change to the host's own folder");
+        return 1;
+    }
+    if (!SetUpWorld(opts)) {
+        return 1;
+    }
+    std::thread devmBoot;
+    if (opts.devmDelayMs == 0) {
+        plat::world::set_devm_ready(true);
+    } else {
+        devmBoot = std::thread([delay = opts.devmDelayMs]() {
+            std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+            plat::world::set_devm_ready(true);
+        });
+    }
+
+    void *module = dlopen("../lib/libpppoe_plus_frame.so", RTLD_NOW | RTLD_GLOBAL);
+    if (module == nullptr) {
+        std::fprintf(stderr, "pppoe-plus-switch: cannot load the agent: %s\n", dlerror());
+        return 1;
+    }
+    using EntryFn = uint32_t (*)();
+    const auto preFrameInit = Symbol<EntryFn>(module, "PPPOE_PLUS_PreFrameInit");
+    const auto frameInit = Symbol<EntryFn>(module, "PPPOE_PLUS_FrameInit");
+    const auto mainExit = Symbol<EntryFn>(module, "PPPOE_PLUS_MainExit");
+    const auto updateDebug = Symbol<uint32_t (*)(uint32_t, uint32_t)>(module, "PPPOE_PLUS_UpdateDebugSwitch");
+    if (preFrameInit == nullptr || frameInit == nullptr || mainExit == nullptr || updateDebug == nullptr) {
+        Say("the agent module lacks an entry point");
+        return 1;
+    }
+    if (opts.verbose) {
+        (void)updateDebug(4, 1);
+    }
+    if (preFrameInit() != 0 || frameInit() != 0) {
+        Say("the agent failed to start");
+        return 1;
+    }
+    if (devmBoot.joinable()) {
+        devmBoot.join();
+    }
+    if (!WaitAgentReady(opts.readyTimeoutSec)) {
+        Say("the agent did not become ready in time");
+        ReportLeaks();
+        std::fflush(stdout);
+        _exit(1);
+    }
+    Say("agent ready: task PPPoE_Plus_Init serves its event loop, task PPPoE_Plus_Main waits on channel/dpx2ppplus");
+
+    if (opts.runForSec == 0) {
+        int sig = 0;
+        sigwait(&stopSignals, &sig);
+        std::printf("pppoe-plus-switch: %s received, stopping\n", sig == SIGINT ? "SIGINT" : "SIGTERM");
+    } else {
+        timespec wait{static_cast<time_t>(opts.runForSec), 0};
+        const int sig = sigtimedwait(&stopSignals, nullptr, &wait);
+        std::printf("pppoe-plus-switch: %s, stopping\n", sig > 0 ? "signal received" : "run time over");
+    }
+    const uint32_t exitRet = mainExit();
+    std::printf("pppoe-plus-switch: agent exit returned %u\n", exitRet);
+    ReportLeaks();
+    std::fflush(stdout);
+    // The agent's tasks run for the life of the process; leave without
+    // running static destructors under their feet.
+    _exit(0);
+}

@@ -1,0 +1,30 @@
+/* Device manager: identity of this board and of the chassis. Every read
+ * fails until the world model is marked ready (the device database is
+ * then "answering"). */
+#ifndef PLATFORM_DEVM_H
+#define PLATFORM_DEVM_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define DEVM_OK 0U
+#define DEVM_ERR_NOT_READY 0x2001U
+#define DEVM_ERR_PARAM 0x2002U
+
+/* Board types reported by DEVM_GetSelfBoardType. */
+#define DEVM_BOARD_TYPE_BOX 1U   /* single-box system */
+#define DEVM_BOARD_TYPE_MPU 2U   /* main processing board of a chassis */
+#define DEVM_BOARD_TYPE_LPU 3U   /* line-processing board of a chassis */
+
+uint32_t DEVM_DB_GetSelfBoardId(uint32_t *boardId);
+uint32_t DEVM_DB_GetMainBoardId(uint32_t *boardId);
+uint32_t DEVM_DB_GetSelfChassisId(uint32_t *chassisId);
+uint32_t DEVM_GetSelfBoardType(uint32_t *boardType);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

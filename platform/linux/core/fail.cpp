@@ -1,0 +1,186 @@
+// Failure injection and call counting.
+//
+// The real platform has no such thing: its operations fail only when the
+// system is in trouble. Ours lets the host and tests make any platform
+// operation fail on chosen calls (after `skip` calls, the next `times`, or
+// forever) with a chosen code, and counts every call of every operation.
+// Each operation calls PLAT_FailCheck with its own function name on entry.
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <string_view>
+
+#include "core/internal.hpp"
+#include "plat_control.h"
+
+namespace {
+
+struct OpEntry {
+    std::atomic<uint32_t> calls{0};
+    std::atomic<uint32_t> hits{0};
+    // Arming, guarded by Registry::armMu.
+    bool armed = false;
+    uint32_t skip = 0;
+    uint32_t times = 0;
+    uint32_t code = 0;
+};
+
+struct Registry {
+    // Entries are never removed, so references stay valid once found.
+    std::shared_mutex mapMu;
+    std::map<std::string, std::unique_ptr<OpEntry>, std::less<>> ops;
+    // Arming state of every entry; armedCount mirrors into anyArmed so the
+    // common (nothing armed) path never takes this lock.
+    std::mutex armMu;
+    uint32_t armedCount = 0;
+    std::atomic<bool> anyArmed{false};
+};
+
+Registry &Reg()
+{
+    return plat::internal::Leaky<Registry>();
+}
+
+OpEntry &EntryFor(std::string_view op)
+{
+    Registry &reg = Reg();
+    {
+        std::shared_lock lock(reg.mapMu);
+        const auto it = reg.ops.find(op);
+        if (it != reg.ops.end()) {
+            return *it->second;
+        }
+    }
+    std::unique_lock lock(reg.mapMu);
+    auto [it, inserted] = reg.ops.try_emplace(std::string(op));
+    if (inserted) {
+        it->second = std::make_unique<OpEntry>();
+    }
+    return *it->second;
+}
+
+OpEntry *FindEntry(std::string_view op)
+{
+    Registry &reg = Reg();
+    std::shared_lock lock(reg.mapMu);
+    const auto it = reg.ops.find(op);
+    return it == reg.ops.end() ? nullptr : it->second.get();
+}
+
+// Caller holds armMu.
+void Disarm(Registry &reg, OpEntry &entry)
+{
+    if (entry.armed) {
+        entry.armed = false;
+        reg.armedCount--;
+        reg.anyArmed.store(reg.armedCount != 0, std::memory_order_release);
+    }
+}
+
+}  // namespace
+
+extern "C" {
+
+void PLAT_FailSet(const char *op, uint32_t skip, uint32_t times, uint32_t code)
+{
+    if (op == nullptr) {
+        return;
+    }
+    Registry &reg = Reg();
+    OpEntry &entry = EntryFor(op);
+    std::lock_guard lock(reg.armMu);
+    Disarm(reg, entry);
+    if (times == 0) {
+        return;
+    }
+    entry.skip = skip;
+    entry.times = times;
+    entry.code = code;
+    entry.armed = true;
+    reg.armedCount++;
+    reg.anyArmed.store(true, std::memory_order_release);
+}
+
+void PLAT_FailClear(const char *op)
+{
+    if (op == nullptr) {
+        return;
+    }
+    OpEntry *entry = FindEntry(op);
+    if (entry == nullptr) {
+        return;
+    }
+    Registry &reg = Reg();
+    std::lock_guard lock(reg.armMu);
+    Disarm(reg, *entry);
+}
+
+void PLAT_FailClearAll(void)
+{
+    Registry &reg = Reg();
+    std::shared_lock mapLock(reg.mapMu);
+    std::lock_guard lock(reg.armMu);
+    for (auto &[name, entry] : reg.ops) {
+        Disarm(reg, *entry);
+    }
+}
+
+uint32_t PLAT_FailCheck(const char *op, uint32_t *code)
+{
+    if (op == nullptr) {
+        return 0;
+    }
+    Registry &reg = Reg();
+    OpEntry &entry = EntryFor(op);
+    entry.calls.fetch_add(1, std::memory_order_relaxed);
+    if (!reg.anyArmed.load(std::memory_order_acquire)) {
+        return 0;
+    }
+    uint32_t injected = 0;
+    {
+        std::lock_guard lock(reg.armMu);
+        if (!entry.armed) {
+            return 0;
+        }
+        if (entry.skip > 0) {
+            entry.skip--;
+            return 0;
+        }
+        injected = entry.code;
+        if (entry.times != PLAT_FAIL_FOREVER && --entry.times == 0) {
+            Disarm(reg, entry);
+        }
+    }
+    entry.hits.fetch_add(1, std::memory_order_relaxed);
+    if (code != nullptr) {
+        *code = injected;
+    }
+    return 1;
+}
+
+uint32_t PLAT_CallCount(const char *op)
+{
+    const OpEntry *entry = op == nullptr ? nullptr : FindEntry(op);
+    return entry == nullptr ? 0 : entry->calls.load(std::memory_order_relaxed);
+}
+
+uint32_t PLAT_FailHits(const char *op)
+{
+    const OpEntry *entry = op == nullptr ? nullptr : FindEntry(op);
+    return entry == nullptr ? 0 : entry->hits.load(std::memory_order_relaxed);
+}
+
+void PLAT_CallCountReset(void)
+{
+    Registry &reg = Reg();
+    std::shared_lock lock(reg.mapMu);
+    for (auto &[name, entry] : reg.ops) {
+        entry->calls.store(0, std::memory_order_relaxed);
+        entry->hits.store(0, std::memory_order_relaxed);
+    }
+}
+
+}  // extern "C"

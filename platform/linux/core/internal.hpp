@@ -1,0 +1,60 @@
+// What the platform services share beyond the public headers: the process-
+// lifetime state helper, time scaling, the log sink in C++ terms and the task
+// registry hooks that the task service and the watchdog use. Nothing here
+// reaches into another service's state.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdarg>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "plat_control.h"
+
+namespace plat::internal {
+
+// State that lives as long as the process. Tasks are detached threads that
+// may still run while static destructors execute at exit, so service state
+// is created once on the heap and never destroyed.
+template <typename T>
+T &Leaky()
+{
+    static T *const instance = new T();
+    return *instance;
+}
+
+// True when this call of op must fail; *code is then the injected code.
+inline bool Injected(const char *op, uint32_t *code)
+{
+    return PLAT_FailCheck(op, code) != 0;
+}
+
+// ms scaled milliseconds in real microseconds.
+uint64_t ScaledMicros(uint64_t ms);
+
+// Appends one finished line to the log sink.
+void LogLine(uint32_t kind, std::string line);
+
+// printf into a std::string.
+std::string FormatV(const char *fmt, va_list ap) __attribute__((format(printf, 1, 0)));
+std::string Format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+
+// Kernel thread id of the calling thread.
+pid_t CurrentTid();
+
+// ---- Task registry ----
+struct TaskRecord;
+
+// Records a task created by RUK_TaskCreate before its thread starts; the
+// newest task of a name is the one the name refers to.
+std::shared_ptr<TaskRecord> TaskRegister(const std::string &name, uint32_t id);
+// Called first thing on the task's own thread.
+void TaskStarted(const std::shared_ptr<TaskRecord> &task, pid_t tid);
+// Called on the task's thread when its entry returned.
+void TaskFinished(uint32_t exitStatus);
+// Name of the task or thread with this kernel thread id ("" when unknown).
+std::string TaskNameOfTid(pid_t tid);
+
+}  // namespace plat::internal

@@ -1,0 +1,89 @@
+// The object model of the database client: an object is a cursor over one
+// table of the world model, with at most one iterator of its own.
+//
+// A table is a row type plus a function returning the table's rows in order
+// (from plat_world.hpp). TableObject<Row> keeps a snapshot taken when an
+// iteration starts (or the object is reset), so concurrent changes to the
+// world never move rows under an iteration. A further table is added by
+// naming its row type and source in MakeObject (db.cpp) and writing its
+// field getters with GetField.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "db.h"
+
+struct DB_ITER {
+    DB_OBJ *owner = nullptr;
+};
+
+struct DB_OBJ {
+    explicit DB_OBJ(uint32_t tableId) : table(tableId) { iter.owner = this; }
+    DB_OBJ(const DB_OBJ &) = delete;
+    DB_OBJ &operator=(const DB_OBJ &) = delete;
+    virtual ~DB_OBJ() = default;
+
+    // Rows in the world's table now.
+    virtual size_t LiveCount() const = 0;
+    // Takes a fresh snapshot of the table; no current row afterwards.
+    virtual void Snapshot() = 0;
+    // Rows in the snapshot.
+    virtual size_t SnapshotCount() const = 0;
+
+    // Steps to the next snapshot row and makes it current; false past the end.
+    bool Next()
+    {
+        const size_t next = hasCurrent ? current + 1 : (started ? SnapshotCount() : 0);
+        started = true;
+        if (next >= SnapshotCount()) {
+            hasCurrent = false;
+            current = SnapshotCount();
+            return false;
+        }
+        current = next;
+        hasCurrent = true;
+        return true;
+    }
+
+    void Rewind()
+    {
+        started = false;
+        hasCurrent = false;
+        current = 0;
+    }
+
+    const uint32_t table;
+    DB_ITER iter;
+    bool started = false;     // Next was called since the last rewind
+    bool hasCurrent = false;
+    size_t current = 0;
+};
+
+namespace plat::db {
+
+template <typename Row>
+class TableObject final : public DB_OBJ {
+public:
+    using Source = std::vector<Row> (*)();
+
+    TableObject(uint32_t tableId, Source source) : DB_OBJ(tableId), source_(source) {}
+
+    size_t LiveCount() const override { return source_().size(); }
+    void Snapshot() override
+    {
+        rows_ = source_();
+        Rewind();
+    }
+    size_t SnapshotCount() const override { return rows_.size(); }
+
+    const Row *CurrentRow() const { return hasCurrent ? &rows_[current] : nullptr; }
+
+private:
+    Source source_;
+    std::vector<Row> rows_;
+};
+
+}  // namespace plat::db

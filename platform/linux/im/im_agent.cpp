@@ -1,0 +1,264 @@
+// Information-management agent: diagnostic records and debug lines.
+//
+// On the real switch a module registers its log ids (name, description,
+// parameter format) with the information center, sends structured records
+// against them and emits debug lines under debug ids. Ours keeps each
+// module's id table, checks parameters against their type, and writes every
+// record to the log sink as a PLAT_LOG_DIAG line "<NAME> <description>"
+// (the description's "[Info]" replaced by the first STRING parameter) and
+// every debug line as PLAT_LOG_DEBUG "0x<debugId> <text>". Every call passes
+// failure injection (null or the injected code).
+#include <cstdarg>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "core/internal.hpp"
+#include "im_agent.h"
+#include "plat_control.h"
+
+namespace plat::im {
+
+struct LogId {
+    uint32_t id = 0;
+    uint32_t logClass = 0;
+    std::string name;
+    std::string description;
+    std::string paraFormat;
+};
+
+struct Param {
+    uint32_t type = 0;
+    std::vector<uint8_t> bytes;
+};
+
+}  // namespace plat::im
+
+struct IM_AGENT_HANDLE {
+    std::string module;
+    std::map<uint32_t, plat::im::LogId> ids;  // guarded by Agent::mu
+};
+
+struct IM_AGENT_OBJ {
+    plat::im::LogId logId;
+    std::vector<plat::im::Param> params;  // guarded by Agent::mu
+};
+
+namespace {
+
+using plat::im::LogId;
+using plat::im::Param;
+
+constexpr uint32_t kImOk = 0;
+constexpr uint32_t kImErr = 1;
+
+struct Agent {
+    std::mutex mu;
+    // Handles live as long as the process: modules keep them in globals.
+    std::map<std::string, std::unique_ptr<IM_AGENT_HANDLE>, std::less<>> handles;
+    std::unordered_set<const IM_AGENT_HANDLE *> knownHandles;
+    std::unordered_set<IM_AGENT_OBJ *> liveObjs;
+};
+
+Agent &TheAgent()
+{
+    return plat::internal::Leaky<Agent>();
+}
+
+std::string Render(const IM_AGENT_OBJ &obj)
+{
+    std::string text = obj.logId.description;
+    for (const Param &param : obj.params) {
+        if (param.type != IM_AGENT_PARA_STRING) {
+            continue;
+        }
+        const std::string info(param.bytes.begin(), param.bytes.end());
+        const size_t at = text.find("[Info]");
+        if (at != std::string::npos) {
+            text.replace(at, 6, info);
+        }
+        break;
+    }
+    return obj.logId.name + " " + text;
+}
+
+// fmt without the platform's "%_VSID" directive.
+std::string StripVsid(const char *fmt)
+{
+    std::string out = fmt;
+    static constexpr char kVsid[] = "%_VSID";
+    for (size_t at = out.find(kVsid); at != std::string::npos; at = out.find(kVsid, at)) {
+        out.erase(at, sizeof(kVsid) - 1);
+    }
+    return out;
+}
+
+}  // namespace
+
+extern "C" {
+
+IM_AGENT_HANDLE_S *IM_Agent_GetHandle(const char *module, const IM_AGENT_LOG_ID_S *ids, uint32_t count)
+{
+    uint32_t code = 0;
+    if (plat::internal::Injected("IM_Agent_GetHandle", &code)) {
+        return nullptr;
+    }
+    if (module == nullptr || module[0] == '\0' || (ids == nullptr && count != 0)) {
+        return nullptr;
+    }
+    std::map<uint32_t, LogId> table;
+    for (uint32_t i = 0; i < count; i++) {
+        const IM_AGENT_LOG_ID_S &src = ids[i];
+        if (src.name == nullptr) {
+            return nullptr;
+        }
+        LogId &dst = table[src.id];
+        dst.id = src.id;
+        dst.logClass = src.logClass;
+        dst.name = src.name;
+        dst.description = src.description == nullptr ? "" : src.description;
+        dst.paraFormat = src.paraFormat == nullptr ? "" : src.paraFormat;
+    }
+    Agent &agent = TheAgent();
+    std::lock_guard lock(agent.mu);
+    auto &handle = agent.handles[module];
+    if (!handle) {
+        handle = std::make_unique<IM_AGENT_HANDLE>();
+        handle->module = module;
+        agent.knownHandles.insert(handle.get());
+    }
+    // Asking again registers the table given now.
+    handle->ids = std::move(table);
+    return handle.get();
+}
+
+IM_AGENT_OBJ_S *IM_Agent_ObjCreate(IM_AGENT_HANDLE_S *handle, uint32_t logId)
+{
+    uint32_t code = 0;
+    if (plat::internal::Injected("IM_Agent_ObjCreate", &code)) {
+        return nullptr;
+    }
+    Agent &agent = TheAgent();
+    std::lock_guard lock(agent.mu);
+    if (handle == nullptr || agent.knownHandles.count(handle) == 0) {
+        return nullptr;
+    }
+    const auto it = handle->ids.find(logId);
+    if (it == handle->ids.end()) {
+        return nullptr;
+    }
+    auto obj = std::make_unique<IM_AGENT_OBJ>();
+    obj->logId = it->second;
+    agent.liveObjs.insert(obj.get());
+    return obj.release();
+}
+
+uint32_t IM_Agent_AddPara(IM_AGENT_OBJ_S *obj, uint32_t type, uint32_t size, const void *value)
+{
+    uint32_t code = 0;
+    if (plat::internal::Injected("IM_Agent_AddPara", &code)) {
+        return code;
+    }
+    if (value == nullptr) {
+        return kImErr;
+    }
+    Param param;
+    param.type = type;
+    switch (type) {
+        case IM_AGENT_PARA_UINT32:
+        case IM_AGENT_PARA_INT32:
+            if (size != 4) {
+                return kImErr;
+            }
+            break;
+        case IM_AGENT_PARA_MAC:
+            if (size != 6) {
+                return kImErr;
+            }
+            break;
+        case IM_AGENT_PARA_STRING:
+            // The text up to its NUL, whether or not size counts the NUL.
+            size = static_cast<uint32_t>(strnlen(static_cast<const char *>(value), size));
+            break;
+        default:
+            return kImErr;
+    }
+    const auto *bytes = static_cast<const uint8_t *>(value);
+    param.bytes.assign(bytes, bytes + size);
+    Agent &agent = TheAgent();
+    std::lock_guard lock(agent.mu);
+    if (obj == nullptr || agent.liveObjs.count(obj) == 0) {
+        return kImErr;
+    }
+    obj->params.push_back(std::move(param));
+    return kImOk;
+}
+
+uint32_t IM_Agent_Send(IM_AGENT_OBJ_S *obj)
+{
+    uint32_t code = 0;
+    if (plat::internal::Injected("IM_Agent_Send", &code)) {
+        return code;
+    }
+    std::string line;
+    {
+        Agent &agent = TheAgent();
+        std::lock_guard lock(agent.mu);
+        if (obj == nullptr || agent.liveObjs.count(obj) == 0) {
+            return kImErr;
+        }
+        line = Render(*obj);
+    }
+    plat::internal::LogLine(PLAT_LOG_DIAG, std::move(line));
+    return kImOk;
+}
+
+uint32_t IM_Agent_ObjFree(IM_AGENT_OBJ_S *obj)
+{
+    uint32_t code = 0;
+    if (plat::internal::Injected("IM_Agent_ObjFree", &code)) {
+        return code;
+    }
+    Agent &agent = TheAgent();
+    std::unique_ptr<IM_AGENT_OBJ> owned;
+    {
+        std::lock_guard lock(agent.mu);
+        if (obj == nullptr || agent.liveObjs.erase(obj) == 0) {
+            return kImErr;
+        }
+        owned.reset(obj);
+    }
+    return kImOk;
+}
+
+uint32_t IM_Agent_Debug(IM_AGENT_HANDLE_S *handle, uint32_t debugId, const char *module, const char *fmt, ...)
+{
+    (void)module;
+    uint32_t code = 0;
+    if (plat::internal::Injected("IM_Agent_Debug", &code)) {
+        return code;
+    }
+    if (fmt == nullptr) {
+        return kImErr;
+    }
+    {
+        Agent &agent = TheAgent();
+        std::lock_guard lock(agent.mu);
+        if (handle == nullptr || agent.knownHandles.count(handle) == 0) {
+            return kImErr;
+        }
+    }
+    const std::string format = StripVsid(fmt);
+    va_list ap;
+    va_start(ap, fmt);
+    const std::string text = plat::internal::FormatV(format.c_str(), ap);
+    va_end(ap);
+    plat::internal::LogLine(PLAT_LOG_DEBUG, plat::internal::Format("0x%x ", debugId) + text);
+    return kImOk;
+}
+
+}  // extern "C"

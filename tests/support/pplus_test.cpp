@@ -1,0 +1,47 @@
+#include "pplus_test.hpp"
+
+namespace pplus_test {
+
+void UseReadyWorld(uint32_t selfBoard, uint32_t mainBoard)
+{
+    plat::world::reset();
+    plat::SystemIdentity id;
+    id.sysName = "TestSwitch";
+    id.sysMac = {0x00, 0xe0, 0xfc, 0x01, 0x02, 0x03};
+    id.chassisId = 1;
+    id.selfBoardId = selfBoard;
+    id.mainBoardId = mainBoard;
+    plat::world::set_identity(id);
+    plat::FrmInstRecord rec;
+    rec.localSlot = static_cast<int32_t>(selfBoard);
+    rec.modState = selfBoard == mainBoard ? 12 : 8;
+    plat::world::frm_inst_put(rec);
+    plat::world::set_devm_ready(true);
+    PLAT_SetTimeScale(1);
+}
+
+bool WaitFor(const std::function<bool()> &pred, uint32_t timeoutMs)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+uint64_t LogInOrder(uint32_t kind, std::initializer_list<const char *> texts)
+{
+    uint64_t seq = 0;
+    for (const char *text : texts) {
+        seq = PLAT_LogFind(kind, text, seq + 1);
+        if (seq == 0) {
+            return 0;
+        }
+    }
+    return seq;
+}
+
+}  // namespace pplus_test

@@ -1,0 +1,257 @@
+// Start-up: entry points, the order of the init task, the readiness waits
+// and the fast-path binding with the real library.
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "plat_control.h"
+#include "pplus_test.hpp"
+#include "pppoe_plus_fpc.h"
+#include "pppoe_plus_ha.h"
+#include "pppoe_plus_init.h"
+#include "pppoe_plus_log.h"
+#include "pppoe_plus_main.h"
+#include "pppoe_plus_mem.h"
+#include "wick.h"
+
+using pplus_test::LogHas;
+using pplus_test::LogInOrder;
+using pplus_test::WaitFor;
+
+namespace {
+
+bool TaskWaitsIn(const char *task, const char *what)
+{
+    return PLAT_TaskWaitUntilWaiting(task, what, 5000) != 0;
+}
+
+PLAT_TASK_INFO_S Task(const char *name)
+{
+    PLAT_TASK_INFO_S info = {};
+    (void)PLAT_TaskGetInfo(name, &info);
+    return info;
+}
+
+class StartupTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        pplus_test::UseReadyWorld();
+        g_pplusHaRole = PPPOE_PLUS_HA_ROLE_MASTER;
+    }
+};
+
+}  // namespace
+
+TEST_F(StartupTest, MasterSeesTheMilestonesInOrderAndBothTasksServe)
+{
+    EXPECT_EQ(PPPOE_PLUS_PreFrameInit(), 0U);
+    ASSERT_EQ(PPPOE_PLUS_FrameInit(), 0U);
+    ASSERT_TRUE(TaskWaitsIn("PPPoE_Plus_Init", "MESH_EpollWait"));
+    ASSERT_TRUE(TaskWaitsIn("PPPoE_Plus_Main", "FPC_EventRead"));
+    // The memory handle comes before the agent handle: its success is never sent.
+    EXPECT_FALSE(LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_MEM]Init memory handle success."));
+    EXPECT_NE(LogInOrder(PLAT_LOG_DIAG, {"[PPPOEPLUS_FRAME] frame init start.",
+                                         "[PPPOEPLUS_FRAME]Create init task succeed!",
+                                         "[PPPOEPLUS_FRAME] frame init end."}),
+              0U);
+    EXPECT_NE(LogInOrder(PLAT_LOG_DIAG, {"[PPPOEPLUS_FRAME] frame init start.",
+                                         "[PPPOEPLUS_FRAME] InitData step1 end.",
+                                         "[PPPOEPLUS_FRAME] InitData step2 end.",
+                                         "[PPPOEPLUS_FRAME] InitData step3 end.",
+                                         "[PPPOEPLUS_FRAME] InitData finish."}),
+              0U);
+    EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, "<6> [PPPoE_PLUS] Udf Create"));
+    EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, "DEVM_DB is ready. mainId= 1, selfId = 1.."));
+    EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_MAIN]Create dpxtopppoeplus channel success. chId="));
+    EXPECT_NE(g_pppoePlusRegQueHandle.load(), nullptr);
+    EXPECT_EQ(g_dpxToppplusChannel.load(), FPC_ChannelGetIdByName("channel/dpx2ppplus"));
+    EXPECT_EQ(PLAT_PatchRestoreCount(), 1U);
+    EXPECT_EQ(PLAT_AssertCount(), 0U);
+
+    // The main queue serves messages posted from a foreign thread.
+    const uint32_t base = PLAT_MemOutstanding();
+    std::thread poster([]() {
+        for (int i = 0; i < 5; i++) {
+            MainQueueMsg msg = {9, reinterpret_cast<uint64_t>(PPPOE_PLUS_MemAlloc(16)), 16, 0};
+            EXPECT_EQ(PPPOE_PLUS_QueueWrite(g_pppoePlusRegQueHandle.load(), &msg, sizeof(msg)), 0U);
+        }
+    });
+    poster.join();
+    EXPECT_TRUE(WaitFor([base]() { return PLAT_MemOutstanding() == base; }));
+
+    EXPECT_EQ(PPPOE_PLUS_MainExit(), 0U);
+    EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, "<6> [PPPoE_PLUS] Main exit"));
+}
+
+TEST_F(StartupTest, MemoryHandleFailureStopsBeforeAnyAgentLog)
+{
+    PLAT_FailSet("RUK_HandleInitialize", 0, 1, 3);
+    EXPECT_EQ(PPPOE_PLUS_FrameInit(), 1U);
+    EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, "[PPPoE_PLUS] Udf Create"));
+    EXPECT_EQ(PLAT_LogCount(PLAT_LOG_DIAG, ""), 0U);
+    EXPECT_EQ(PLAT_CallCount("MOLB_PAT_C2HRegisterHook"), 0U);
+    EXPECT_FALSE(Task("PPPoE_Plus_Init").exists);
+}
+
+TEST_F(StartupTest, FrameInitFailuresOfTheLaterSteps)
+{
+    PLAT_FailSet("IM_Agent_GetHandle", 0, 1, 1);
+    EXPECT_EQ(PPPOE_PLUS_FrameInit(), 1U);
+    EXPECT_EQ(PLAT_LogCount(PLAT_LOG_DIAG, ""), 0U);
+
+    // A failed patch hook registration is ignored.
+    PLAT_FailSet("MOLB_PAT_C2HRegisterHook", 0, 1, 1);
+    PLAT_FailSet("MESH_EpollCreate", 0, 1, 1);
+    EXPECT_EQ(PPPOE_PLUS_FrameInit(), 1U);
+    EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_FRAME] frame init start."));
+    EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_FRAME] Create epoll fd failed."));
+
+    PLAT_FailSet("RUK_TaskCreate", 0, 1, 1);
+    EXPECT_EQ(PPPOE_PLUS_FrameInit(), 1U);
+    EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_FRAME]Create init task failed!"));
+    EXPECT_FALSE(LogHas(PLAT_LOG_DIAG, "frame init end."));
+    EXPECT_FALSE(Task("PPPoE_Plus_Init").exists);
+}
+
+TEST_F(StartupTest, DeviceDatabaseWaitLogsEachTryAndAsksMainBoardFirst)
+{
+    plat::world::set_devm_ready(false);
+    std::thread waiter([]() { PPPOE_PLUS_WaitForDevmDBReady(); });
+    ASSERT_TRUE(WaitFor([]() { return PLAT_LogCount(PLAT_LOG_SYSLOG, "MainBoardId is not ready.ret=") >= 3; }));
+    EXPECT_EQ(PLAT_CallCount("DEVM_DB_GetSelfBoardId"), 0U);  // never asked while the main id is missing
+    plat::world::set_main_board_readable(true);
+    ASSERT_TRUE(WaitFor([]() { return PLAT_LogCount(PLAT_LOG_SYSLOG, "SelfBoardId is not ready.ret=") >= 2; }));
+    plat::world::set_self_board_readable(true);
+    waiter.join();
+    EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, "<6> DEVM_DB is ready. mainId= 1, selfId = 1.."));
+    EXPECT_GE(PLAT_CallCount("RUK_TaskDelay"), 5U);
+}
+
+TEST_F(StartupTest, ReadinessRuleDependsOnWhetherThisIsTheMainBoard)
+{
+    struct Row {
+        uint32_t slot;
+        uint32_t modState;
+        uint32_t ready;
+    };
+    // Main board is 1: it waits for 12; board 3 accepts 5 or 8.
+    const Row rows[] = {{1, 12, 1}, {1, 5, 0}, {1, 8, 0}, {1, 0, 0}, {3, 5, 1}, {3, 8, 1}, {3, 12, 0}, {3, 4, 0}};
+    for (const Row &row : rows) {
+        FrmInstInfo info = {};
+        info.modState = row.modState;
+        EXPECT_EQ(PPPOE_PLUS_GetFrmReadyState(row.slot, &info), row.ready)
+            << "slot " << row.slot << " modState " << row.modState;
+    }
+    FrmInstInfo info = {0, 12, 0, 1};
+    plat::world::set_main_board_readable(false);
+    EXPECT_EQ(PPPOE_PLUS_GetFrmReadyState(1, &info), 0U);
+}
+
+TEST_F(StartupTest, FrameworkInstanceLookup)
+{
+    plat::world::frm_inst_clear();
+    FrmInstInfo info = {};
+    EXPECT_EQ(PPPOE_PLUS_GetSelfFrmInstInfo(1, &info), 0U);  // empty table: success, zero record
+    EXPECT_EQ(info.modState, 0U);
+
+    plat::world::frm_inst_put({1, 5, 2, 4});
+    plat::world::frm_inst_put({2, 12, 3, 1});
+    plat::world::frm_inst_put({3, 8, 4, 7});
+    info = {};
+    EXPECT_EQ(PPPOE_PLUS_GetSelfFrmInstInfo(1, &info), 0U);
+    EXPECT_EQ(info.role, 2U);
+    EXPECT_EQ(info.modState, 12U);
+    EXPECT_EQ(info.state, 3U);
+    EXPECT_EQ(info.localSlot, 1);
+
+    info = {};
+    EXPECT_EQ(PPPOE_PLUS_GetSelfFrmInstInfo(9, &info), 0U);  // a miss is no error
+    EXPECT_EQ(info.modState, 0U);
+
+    PLAT_FailSet("db_create_frm_inst_obj", 0, 1, 0x3001);
+    EXPECT_EQ(PPPOE_PLUS_GetSelfFrmInstInfo(1, &info), 0x3001U);
+    PLAT_FailSet("db_get_frm_inst_mod_state", 0, 1, 0x3005);
+    info = {};
+    PLAT_CallCountReset();
+    EXPECT_EQ(PPPOE_PLUS_GetSelfFrmInstInfo(7, &info), 0x3005U);
+    EXPECT_EQ(info.role, 3U);
+    EXPECT_EQ(PLAT_CallCount("db_get_frm_inst_state"), 0U);  // stops at the first failure
+    EXPECT_EQ(PLAT_CallCount("db_release_frm_inst_object"), 1U);
+}
+
+TEST_F(StartupTest, ReadyWaitsUntilTheInstanceReachesItsState)
+{
+    plat::world::frm_inst_clear();
+    plat::world::frm_inst_put({0, 5, 0, 1});  // main board waiting for 12
+    std::thread waiter([]() { EXPECT_EQ(PPPOE_PLUS_WaitReady(), 0U); });
+    ASSERT_TRUE(WaitFor([]() { return PLAT_CallCount("RUK_T_Delay") >= 3; }));
+    plat::world::frm_inst_put({0, 12, 0, 1});
+    waiter.join();
+}
+
+TEST_F(StartupTest, MissingChannelLibraryStopsDataInitButNotTheInitTask)
+{
+    ASSERT_EQ(chdir(WICK_VARIANTS_DIR "/missing/bin"), 0);
+    ASSERT_EQ(PPPOE_PLUS_FrameInit(), 0U);
+    ASSERT_TRUE(TaskWaitsIn("PPPoE_Plus_Init", "MESH_EpollWait"));
+    EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOE FPC] Open wick so failed: "));
+    EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPoE-Plus]Init Fpc Intf fail."));
+    EXPECT_FALSE(LogHas(PLAT_LOG_DIAG, "InitData step1 end."));
+    EXPECT_FALSE(Task("PPPoE_Plus_Main").exists);
+    EXPECT_EQ(g_pppoePlusRegQueHandle.load(), nullptr);
+}
+
+TEST_F(StartupTest, ChannelCreationFailureEndsOnlyTheMainTask)
+{
+    PLAT_FailSet("FPC_ChannelCreate", 0, 1, 1);
+    ASSERT_EQ(PPPOE_PLUS_FrameInit(), 0U);
+    ASSERT_TRUE(TaskWaitsIn("PPPoE_Plus_Init", "MESH_EpollWait"));
+    ASSERT_TRUE(WaitFor([]() { return Task("PPPoE_Plus_Main").exists && !Task("PPPoE_Plus_Main").running; }));
+    EXPECT_EQ(Task("PPPoE_Plus_Main").exitStatus, 1U);
+    EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_MAIN]Create dpxtopppoeplus channel failed."));
+    EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_FRAME] InitData finish."));
+    EXPECT_TRUE(Task("PPPoE_Plus_Init").running);
+}
+
+TEST_F(StartupTest, ThreadRegistrationFailureGoesToTheSystemLog)
+{
+    PLAT_FailSet("FPC_ThreadInfoRegByName", 0, 1, 1);
+    ASSERT_EQ(PPPOE_PLUS_FrameInit(), 0U);
+    ASSERT_TRUE(WaitFor([]() { return Task("PPPoE_Plus_Main").exists && !Task("PPPoE_Plus_Main").running; }));
+    EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, "<3> [PPPOE_FPC] Reg PPPOE_PLUS Thread name to Fpc failed."));
+}
+
+TEST_F(StartupTest, DeadloopRegistrationFailureEndsTheInitTaskButNotTheMainTask)
+{
+    PLAT_FailSet("ZAVK_RegDeadloopMon", 0, PLAT_FAIL_FOREVER, 7);
+    ASSERT_EQ(PPPOE_PLUS_FrameInit(), 0U);
+    ASSERT_TRUE(WaitFor([]() { return Task("PPPoE_Plus_Init").exists && !Task("PPPoE_Plus_Init").running; }));
+    EXPECT_EQ(Task("PPPoE_Plus_Init").exitStatus, 7U);
+    EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPoEPlus_THREAD]Register deadloop monitor failed, return is 7."));
+    EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_FRAME] InitData finish."));
+    // The main task logs and goes on receiving.
+    ASSERT_TRUE(TaskWaitsIn("PPPoE_Plus_Main", "FPC_EventRead"));
+    EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_MAIN] Reg ZAVK deadloop failed!"));
+}
+
+TEST_F(StartupTest, RunCreatesOnlyTheInitTask)
+{
+    ASSERT_EQ(PPPOE_PLUS_InitMemHandle(), 0U);
+    ASSERT_EQ(PPPOE_PLUS_InitIMAgent(), 0U);
+    EXPECT_EQ(PPPOE_PLUS_Run(), 0U);
+    EXPECT_TRUE(WaitFor([]() { return Task("PPPoE_Plus_Init").exists; }));
+    EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_FRAME]Create init task succeed!"));
+    EXPECT_FALSE(LogHas(PLAT_LOG_DIAG, "frame init start."));
+}
+
+TEST_F(StartupTest, PatchRestoreFailureUnbindsTheLibrarySilently)
+{
+    ASSERT_EQ(PPPOE_PLUS_InitMemHandle(), 0U);
+    ASSERT_EQ(PPPOE_PLUS_InitIMAgent(), 0U);
+    PLAT_FailSet("MOLB_PAT_RestoreForDLL", 0, 1, 1);
+    const uint64_t before = PLAT_LogLastSeq();
+    EXPECT_EQ(PPPOE_PLUS_InitFpcIntf(), 1U);
+    EXPECT_EQ(PLAT_LogFind(PLAT_LOG_ANY, "", before + 1), 0U);
+    EXPECT_EQ(g_pppoePlusFpcApi.channelCreate, nullptr);
+}

@@ -1,0 +1,307 @@
+// Failure injection, time scale, the log sink and its syslog interposer,
+// the bounded string helpers and the task registry.
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <syslog.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdarg>
+#include <functional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "db.h"
+#include "devm.h"
+#include "im_agent.h"
+#include "mesh.h"
+#include "molb.h"
+#include "plat_control.h"
+#include "plat_safe.h"
+#include "pplus_test.hpp"
+#include "ruk.h"
+#include "zavk.h"
+
+namespace {
+
+constexpr uint32_t kCode = 0x77;
+
+// Calls the operation once; true when the result is the operation's
+// failure form for an injected kCode.
+struct FailureForm {
+    const char *op;
+    std::function<bool()> failed;
+};
+
+std::vector<FailureForm> EveryOperation()
+{
+    static int notOurs = 0;
+    return {
+        {"RUK_TaskCreate", [] { uint32_t id = 0; return RUK_TaskCreate("t", &id, [](uintptr_t, uintptr_t, uintptr_t, uintptr_t) { return 0U; }, 0, 0, 0, 0, 0, 0, 0) == kCode; }},
+        {"RUK_QueueCreate", [] { uint32_t id = 0; return RUK_QueueCreate("q", 1, &id, 0, 4) == kCode; }},
+        {"RUK_QueueAsyWrite", [] { return RUK_QueueAsyWrite(1, "abcd", 4) == kCode; }},
+        {"RUK_QueueAsyRead", [] { char b[4]; return RUK_QueueAsyRead(1, b, 4) == 0; }},
+        {"RUK_QueueDelete", [] { return RUK_QueueDelete(1) == kCode; }},
+        {"RUK_HandleInitialize", [] { uint32_t h = 0; return RUK_HandleInitialize("m", &h) == kCode; }},
+        {"RUK_MemPtNoGet", [] { uint32_t p = 0; return RUK_MemPtNoGet("EXTPT", &p) == kCode; }},
+        {"RUK_MemAlloc_F", [] { return RUK_MemAlloc_F(1, 1, 8, "f", 1) == nullptr; }},
+        {"RUK_MemFree_F", [] { return RUK_MemFree_F(1, &notOurs, "f", 1) == kCode; }},
+        {"RUK_StrCmp", [] { return RUK_StrCmp("a", "a") == -1; }},
+        {"RUK_Mem_Cmp", [] { return RUK_Mem_Cmp("a", "a", 1) == -1; }},
+        {"ZAVK_RegDeadloopMon", [] { return ZAVK_RegDeadloopMon(1, 1, 2, 3, 4) == kCode; }},
+        {"MESH_EpollCreate", [] { return MESH_EpollCreate() == -1 && MESH_GetErrorNo() == static_cast<int32_t>(kCode); }},
+        {"MESH_EpollCtl", [] { MESH_EPOLL_EVENT_S r = {}; return MESH_EpollCtl(0, 0, 0, &r) == -1; }},
+        {"MESH_EpollWait", [] { MESH_EPOLL_EVENT_S r[1]; return MESH_EpollWait(0, r, 1, 0) == -1; }},
+        {"MESH_GetErrorNo", [] { return MESH_GetErrorNo() == -1; }},
+        {"IM_Agent_GetHandle", [] { return IM_Agent_GetHandle("m", nullptr, 0) == nullptr; }},
+        {"IM_Agent_ObjCreate", [] { return IM_Agent_ObjCreate(nullptr, 1) == nullptr; }},
+        {"IM_Agent_AddPara", [] { return IM_Agent_AddPara(nullptr, 5, 4, &notOurs) == kCode; }},
+        {"IM_Agent_Send", [] { return IM_Agent_Send(nullptr) == kCode; }},
+        {"IM_Agent_ObjFree", [] { return IM_Agent_ObjFree(nullptr) == kCode; }},
+        {"IM_Agent_Debug", [] { return IM_Agent_Debug(nullptr, 1, "m", "x") == kCode; }},
+        {"DEVM_DB_GetSelfBoardId", [] { uint32_t v = 0; return DEVM_DB_GetSelfBoardId(&v) == kCode; }},
+        {"DEVM_DB_GetMainBoardId", [] { uint32_t v = 0; return DEVM_DB_GetMainBoardId(&v) == kCode; }},
+        {"DEVM_DB_GetSelfChassisId", [] { uint32_t v = 0; return DEVM_DB_GetSelfChassisId(&v) == kCode; }},
+        {"DEVM_GetSelfBoardType", [] { uint32_t v = 0; return DEVM_GetSelfBoardType(&v) == kCode; }},
+        {"db_create_frm_inst_obj", [] { DB_OBJ_S *o = nullptr; return db_create_frm_inst_obj(9, 0, &o) == kCode && o == nullptr; }},
+        {"db_reset_frm_inst_object", [] { return db_reset_frm_inst_object(nullptr, 0) == kCode; }},
+        {"db_release_frm_inst_object", [] { return db_release_frm_inst_object(nullptr) == kCode; }},
+        {"db_get_frm_inst_local_slot", [] { int32_t v = 0; return db_get_frm_inst_local_slot(nullptr, &v) == kCode; }},
+        {"db_get_frm_inst_role", [] { uint32_t v = 0; return db_get_frm_inst_role(nullptr, &v) == kCode; }},
+        {"db_get_frm_inst_mod_state", [] { uint32_t v = 0; return db_get_frm_inst_mod_state(nullptr, &v) == kCode; }},
+        {"db_get_frm_inst_state", [] { uint32_t v = 0; return db_get_frm_inst_state(nullptr, &v) == kCode; }},
+        {"db_get_table_record_count", [] { uint32_t v = 0; return db_get_table_record_count(nullptr, &v) == kCode; }},
+        {"db_create_root_iter", [] { DB_ITER_S *i = nullptr; return db_create_root_iter(nullptr, 0, 0, &i) == kCode; }},
+        {"db_root_iterator_next", [] { return db_root_iterator_next(nullptr) == kCode; }},
+        {"MOLB_PAT_C2HRegisterHook", [] { return MOLB_PAT_C2HRegisterHook(nullptr, 0) == kCode; }},
+        {"MOLB_PAT_C2HReplyProcessResult", [] { return MOLB_PAT_C2HReplyProcessResult(&notOurs, 0) == kCode; }},
+        {"MOLB_PAT_RestoreForDLL", [] { return MOLB_PAT_RestoreForDLL(&notOurs) == kCode; }},
+        {"eventfd_s", [] { return eventfd_s(0, 0) == -1 && errno == static_cast<int>(kCode); }},
+        {"close_s", [] { return close_s(-1) == -1 && errno == static_cast<int>(kCode); }},
+    };
+}
+
+void Syslogv(int priority, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+void Syslogv(int priority, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    vsyslog(priority, fmt, ap);
+    va_end(ap);
+}
+
+}  // namespace
+
+TEST(FailureInjection, EveryOperationFailsInItsOwnFormAndIsCounted)
+{
+    for (const FailureForm &form : EveryOperation()) {
+        const uint32_t calls = PLAT_CallCount(form.op);
+        PLAT_FailSet(form.op, 0, 1, kCode);
+        EXPECT_TRUE(form.failed()) << form.op;
+        EXPECT_EQ(PLAT_FailHits(form.op), 1U) << form.op;
+        EXPECT_EQ(PLAT_CallCount(form.op), calls + 1) << form.op;
+        // Armed once: the next call is no longer the injected failure.
+        (void)form.failed();
+        EXPECT_EQ(PLAT_FailHits(form.op), 1U) << form.op;
+        EXPECT_EQ(PLAT_CallCount(form.op), calls + 2) << form.op;
+    }
+}
+
+TEST(FailureInjection, SkipTimesForeverClearAndReset)
+{
+    const auto create = []() {
+        uint32_t id = 0;
+        return RUK_QueueCreate("q", 1, &id, 0, 4);
+    };
+    PLAT_FailSet("RUK_QueueCreate", 2, 2, 0x55);
+    std::vector<uint32_t> results;
+    for (int i = 0; i < 5; i++) {
+        results.push_back(create());
+    }
+    EXPECT_EQ(results, (std::vector<uint32_t>{RUK_OK, RUK_OK, 0x55, 0x55, RUK_OK}));
+    EXPECT_EQ(PLAT_CallCount("RUK_QueueCreate"), 5U);
+    EXPECT_EQ(PLAT_FailHits("RUK_QueueCreate"), 2U);
+
+    PLAT_FailSet("RUK_QueueCreate", 0, PLAT_FAIL_FOREVER, 0x56);
+    for (int i = 0; i < 20; i++) {
+        EXPECT_EQ(create(), 0x56U);
+    }
+    PLAT_FailClear("RUK_QueueCreate");
+    EXPECT_EQ(create(), RUK_OK);
+
+    // Re-arming replaces the earlier setting; times 0 disarms.
+    PLAT_FailSet("RUK_QueueCreate", 0, PLAT_FAIL_FOREVER, 1);
+    PLAT_FailSet("RUK_QueueCreate", 0, 0, 1);
+    EXPECT_EQ(create(), RUK_OK);
+
+    PLAT_FailSet("RUK_QueueCreate", 0, PLAT_FAIL_FOREVER, 1);
+    PLAT_FailSet("RUK_QueueDelete", 0, PLAT_FAIL_FOREVER, 2);
+    PLAT_FailClearAll();
+    EXPECT_EQ(create(), RUK_OK);
+    EXPECT_EQ(RUK_QueueDelete(1), RUK_OK);
+
+    PLAT_CallCountReset();
+    EXPECT_EQ(PLAT_CallCount("RUK_QueueCreate"), 0U);
+    EXPECT_EQ(PLAT_FailHits("RUK_QueueCreate"), 0U);
+    EXPECT_EQ(PLAT_CallCount("never called"), 0U);
+}
+
+TEST(FailureInjection, ExactlyTheArmedCountFailsUnderConcurrentCallers)
+{
+    PLAT_FailSet("op", 50, 100, 9);
+    std::vector<std::thread> threads;
+    std::atomic<uint32_t> failed{0};
+    for (int t = 0; t < 4; t++) {
+        threads.emplace_back([&failed]() {
+            for (int i = 0; i < 1000; i++) {
+                uint32_t code = 0;
+                if (PLAT_FailCheck("op", &code) != 0) {
+                    EXPECT_EQ(code, 9U);
+                    failed++;
+                }
+                (void)PLAT_FailCheck("other", &code);
+            }
+        });
+    }
+    for (std::thread &t : threads) {
+        t.join();
+    }
+    EXPECT_EQ(failed.load(), 100U);
+    EXPECT_EQ(PLAT_FailHits("op"), 100U);
+    EXPECT_EQ(PLAT_CallCount("op"), 4000U);
+    EXPECT_EQ(PLAT_CallCount("other"), 4000U);
+}
+
+TEST(TimeScale, DelaysFollowTheScale)
+{
+    EXPECT_EQ(PLAT_GetTimeScale(), 1000U);
+    PLAT_SetTimeScale(0);
+    EXPECT_EQ(PLAT_GetTimeScale(), 1U);
+    PLAT_SetTimeScale(20);
+    const auto start = std::chrono::steady_clock::now();
+    RUK_TaskDelay(1000);  // 20 ms
+    const auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(took, std::chrono::milliseconds(20));
+    EXPECT_LT(took, std::chrono::milliseconds(500));
+    EXPECT_EQ(PLAT_CallCount("RUK_TaskDelay"), 1U);
+}
+
+TEST(LogSink, RingKeepsTheNewestLinesInOrder)
+{
+    std::vector<std::pair<uint32_t, std::string>> printed;
+    PLAT_LogSetPrinter(
+        [](uint32_t kind, const char *line, void *arg) {
+            static_cast<std::vector<std::pair<uint32_t, std::string>> *>(arg)->emplace_back(kind, line);
+        },
+        &printed);
+    const uint32_t total = PLAT_LOG_RING + 10;
+    for (uint32_t i = 1; i <= total; i++) {
+        PLAT_LogWrite(i % 2 == 0 ? PLAT_LOG_DIAG : PLAT_LOG_DEBUG, "line %u.", i);
+    }
+    PLAT_LogSetPrinter(nullptr, nullptr);
+    PLAT_LogWrite(PLAT_LOG_DIAG, "not printed");
+    ASSERT_EQ(printed.size(), total);
+    EXPECT_EQ(printed.back(), std::make_pair(uint32_t{PLAT_LOG_DIAG}, std::string("line 8202.")));
+
+    EXPECT_EQ(PLAT_LogLastSeq(), total + 1);
+    EXPECT_EQ(PLAT_LogCount(PLAT_LOG_ANY, ""), PLAT_LOG_RING);
+    EXPECT_EQ(PLAT_LogFind(PLAT_LOG_ANY, "line 11.", 0), 0U);  // pushed out
+    EXPECT_EQ(PLAT_LogFind(PLAT_LOG_ANY, "line 12.", 0), 12U);
+    EXPECT_EQ(PLAT_LogFind(PLAT_LOG_DEBUG, "line 12.", 0), 0U);
+    EXPECT_EQ(PLAT_LogFind(PLAT_LOG_DIAG, "line 1", 100), 100U);
+    EXPECT_EQ(PLAT_LogCount(PLAT_LOG_DEBUG, "line"), 4095U);  // the odd ones of 12..8202
+
+    std::vector<uint64_t> seqs;
+    const uint32_t visited = PLAT_LogVisit(
+        [](uint32_t, uint64_t seq, const char *, void *arg) { static_cast<std::vector<uint64_t> *>(arg)->push_back(seq); },
+        &seqs);
+    ASSERT_EQ(visited, PLAT_LOG_RING);
+    EXPECT_EQ(seqs.front(), 12U);
+    EXPECT_EQ(seqs.back(), total + 1);
+    EXPECT_TRUE(std::is_sorted(seqs.begin(), seqs.end()));
+
+    // Clearing keeps the numbering going.
+    PLAT_LogClear();
+    EXPECT_EQ(PLAT_LogCount(PLAT_LOG_ANY, ""), 0U);
+    EXPECT_EQ(PLAT_LogFind(PLAT_LOG_ANY, "", 0), 0U);
+    PLAT_LogWrite(PLAT_LOG_PLATFORM, "after");
+    EXPECT_EQ(PLAT_LogFind(PLAT_LOG_ANY, "after", 0), total + 2);
+    EXPECT_EQ(PLAT_LogVisit(nullptr, nullptr), 1U);
+}
+
+TEST(LogSink, SyslogCallsLandInTheSink)
+{
+    ::syslog(LOG_INFO, "x %d", 1);
+    ::syslog(LOG_ERR | LOG_DAEMON, "[T] %s", "broken");
+    Syslogv(LOG_DEBUG, "v%c", '!');
+    EXPECT_NE(pplus_test::LogInOrder(PLAT_LOG_SYSLOG, {"<6> x 1", "<3> [T] broken", "<7> v!"}), 0U);
+    EXPECT_EQ(PLAT_LogCount(PLAT_LOG_ANY, ""), 3U);
+}
+
+TEST(LogSink, ConcurrentWritersGetDistinctSequenceNumbers)
+{
+    std::atomic<uint32_t> printed{0};
+    PLAT_LogSetPrinter([](uint32_t, const char *, void *arg) { static_cast<std::atomic<uint32_t> *>(arg)->fetch_add(1); },
+                       &printed);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; t++) {
+        threads.emplace_back([t]() {
+            for (int i = 0; i < 500; i++) {
+                PLAT_LogWrite(PLAT_LOG_DIAG, "w%d-%d", t, i);
+                (void)PLAT_LogCount(PLAT_LOG_DIAG, "w0-1");
+            }
+        });
+    }
+    for (std::thread &t : threads) {
+        t.join();
+    }
+    EXPECT_EQ(PLAT_LogLastSeq(), 2000U);
+    EXPECT_EQ(PLAT_LogCount(PLAT_LOG_DIAG, "w"), 2000U);
+    EXPECT_EQ(printed.load(), 2000U);
+}
+
+TEST(SafeStrings, TruncateInsteadOfFailing)
+{
+    char buf[8];
+    EXPECT_EQ(snprintf_truncated_s(buf, sizeof(buf), "%s-%d", "abcdef", 42), 7);
+    EXPECT_STREQ(buf, "abcdef-");
+    EXPECT_EQ(snprintf_truncated_s(buf, sizeof(buf), "%d", 12), 2);
+    EXPECT_STREQ(buf, "12");
+    EXPECT_EQ(snprintf_truncated_s(nullptr, 8, "x"), -1);
+    EXPECT_EQ(snprintf_truncated_s(buf, 0, "x"), -1);
+
+    const int fd = eventfd_s(0, EFD_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(close_s(fd), 0);
+    EXPECT_EQ(close_s(fd), -1);
+}
+
+TEST(TaskRegistry, ForeignThreadsAreRecordedUnderTheirThreadName)
+{
+    PLAT_TASK_INFO_S info;
+    EXPECT_NE(PLAT_TaskGetInfo("Waiter", &info), 0U);
+    EXPECT_EQ(info.exists, 0U);
+    EXPECT_EQ(PLAT_TaskWaitUntilWaiting("Waiter", "Gate", 20), 0U);
+
+    std::atomic<bool> release{false};
+    std::thread waiter([&release]() {
+        pthread_setname_np(pthread_self(), "Waiter");
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        PLAT_TaskMarkWaiting("Gate");
+        while (!release) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    EXPECT_EQ(PLAT_TaskWaitUntilWaiting("Waiter", "Other", 50), 0U);
+    EXPECT_EQ(PLAT_TaskWaitUntilWaiting("Waiter", "Gate", 5000), 1U);
+    ASSERT_EQ(PLAT_TaskGetInfo("Waiter", &info), 0U);
+    EXPECT_EQ(info.exists, 1U);
+    EXPECT_EQ(info.running, 1U);
+    EXPECT_GT(info.tid, 0);
+    EXPECT_STREQ(info.waitingIn, "Gate");
+    release = true;
+    waiter.join();
+}

@@ -1,0 +1,76 @@
+// Diagnostic records and debug lines of the information-management agent.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+
+#include "im_agent.h"
+#include "plat_control.h"
+
+namespace {
+
+const IM_AGENT_LOG_ID_S kIds[] = {
+    {0x100, 1, "MOD_LOG_ID_DEBUG", "Module debug information. (Info=[Info])", "[STRING]"},
+    {0x101, 1, "MOD_LOG_ID_PORT", "Port [Info] changed.", "[UINT32][STRING]"},
+};
+
+std::string LastLine()
+{
+    std::string last;
+    PLAT_LogVisit([](uint32_t, uint64_t, const char *line, void *arg) { *static_cast<std::string *>(arg) = line; },
+                  &last);
+    return last;
+}
+
+}  // namespace
+
+TEST(ImAgent, RecordsRenderTheFirstStringIntoTheDescription)
+{
+    EXPECT_EQ(IM_Agent_GetHandle(nullptr, kIds, 2), nullptr);
+    EXPECT_EQ(IM_Agent_GetHandle("mod", nullptr, 2), nullptr);
+    IM_AGENT_HANDLE_S *h = IM_Agent_GetHandle("mod", kIds, 2);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(IM_Agent_GetHandle("mod", kIds, 2), h);
+    EXPECT_EQ(IM_Agent_ObjCreate(h, 0x999), nullptr);
+    EXPECT_EQ(IM_Agent_ObjCreate(nullptr, 0x100), nullptr);
+
+    IM_AGENT_OBJ_S *obj = IM_Agent_ObjCreate(h, 0x101);
+    ASSERT_NE(obj, nullptr);
+    const uint32_t port = 7;
+    const uint8_t mac[6] = {1, 2, 3, 4, 5, 6};
+    EXPECT_NE(IM_Agent_AddPara(obj, IM_AGENT_PARA_UINT32, 2, &port), 0U);
+    EXPECT_NE(IM_Agent_AddPara(obj, IM_AGENT_PARA_MAC, 4, mac), 0U);
+    EXPECT_NE(IM_Agent_AddPara(obj, 99, 4, &port), 0U);
+    EXPECT_NE(IM_Agent_AddPara(obj, IM_AGENT_PARA_STRING, 3, nullptr), 0U);
+    EXPECT_EQ(IM_Agent_AddPara(obj, IM_AGENT_PARA_UINT32, 4, &port), 0U);
+    EXPECT_EQ(IM_Agent_AddPara(obj, IM_AGENT_PARA_MAC, 6, mac), 0U);
+    EXPECT_EQ(IM_Agent_AddPara(obj, IM_AGENT_PARA_STRING, 9, "eth 0/1\0junk"), 0U);
+    EXPECT_EQ(IM_Agent_AddPara(obj, IM_AGENT_PARA_STRING, 6, "second"), 0U);
+    EXPECT_EQ(IM_Agent_Send(obj), 0U);
+    EXPECT_EQ(LastLine(), "MOD_LOG_ID_PORT Port eth 0/1 changed.");
+    EXPECT_EQ(IM_Agent_ObjFree(obj), 0U);
+    EXPECT_NE(IM_Agent_ObjFree(obj), 0U);  // freed twice: refused
+    EXPECT_NE(IM_Agent_Send(obj), 0U);
+
+    obj = IM_Agent_ObjCreate(h, 0x100);
+    ASSERT_NE(obj, nullptr);
+    const char info[] = "[slot=1/1][FRAME] init start.";
+    EXPECT_EQ(IM_Agent_AddPara(obj, IM_AGENT_PARA_STRING, sizeof(info), info), 0U);
+    EXPECT_EQ(IM_Agent_Send(obj), 0U);
+    EXPECT_EQ(IM_Agent_ObjFree(obj), 0U);
+    EXPECT_EQ(PLAT_LogCount(PLAT_LOG_DIAG,
+                            "MOD_LOG_ID_DEBUG Module debug information. (Info=[slot=1/1][FRAME] init start.)"),
+              1U);
+    EXPECT_EQ(PLAT_LogCount(PLAT_LOG_DIAG, ""), 2U);
+}
+
+TEST(ImAgent, DebugLinesDropTheVsidDirective)
+{
+    IM_AGENT_HANDLE_S *h = IM_Agent_GetHandle("mod", kIds, 2);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(IM_Agent_Debug(h, 0x478BC26CU, "MOD", "%_VSID[%s] value %d%%%_VSID", "T", 5), 0U);
+    EXPECT_EQ(LastLine(), "0x478bc26c [T] value 5%");
+    EXPECT_EQ(PLAT_LogCount(PLAT_LOG_DEBUG, ""), 1U);
+    EXPECT_NE(IM_Agent_Debug(nullptr, 1, "MOD", "x"), 0U);
+    EXPECT_NE(IM_Agent_Debug(h, 1, "MOD", nullptr), 0U);
+}

@@ -1,0 +1,90 @@
+// The patch service: hooks, requests in flight and replies.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "molb.h"
+#include "plat_control.h"
+
+namespace {
+
+struct Seen {
+    uint32_t action;
+    uint64_t requestId;
+    std::string libName;
+    std::string reqLibName;
+};
+std::vector<Seen> g_seen;
+std::vector<uint8_t> g_lastHead;
+
+// Answers requests for libmine.so with a reply carrying 7.
+uint32_t ReplyingHook(uint32_t action, void *request, const char *libName, uint32_t *outFlag)
+{
+    const auto *req = static_cast<const MOLB_PAT_C2H_REQ_S *>(request);
+    g_seen.push_back({action, req->requestId, libName, req->libName});
+    const auto *bytes = static_cast<const uint8_t *>(request);
+    g_lastHead.assign(bytes, bytes + 16);
+    if (std::strcmp(libName, "libmine.so") != 0) {
+        *outFlag = 1;
+        return 0;
+    }
+    *outFlag = 0;
+    return MOLB_PAT_C2HReplyProcessResult(request, 7) == MOLB_OK ? 0 : 1;
+}
+
+uint32_t DecliningHook(uint32_t, void *, const char *, uint32_t *outFlag)
+{
+    *outFlag = 1;
+    return 1;
+}
+
+}  // namespace
+
+TEST(MolbPatch, SendReachesEveryHookAndCollectsTheReply)
+{
+    EXPECT_EQ(MOLB_PAT_C2HRegisterHook(nullptr, 0), MOLB_ERR_PARAM);
+    ASSERT_EQ(MOLB_PAT_C2HRegisterHook(ReplyingHook, 0), MOLB_OK);
+    ASSERT_EQ(MOLB_PAT_C2HRegisterHook(ReplyingHook, 0), MOLB_OK);  // once is enough
+
+    PLAT_PATCH_RESULT_S r = {};
+    ASSERT_EQ(PLAT_PatchSend("libmine.so", MOLB_PAT_DEACTIVATE, &r), MOLB_OK);
+    EXPECT_EQ(r.hooksCalled, 1U);
+    EXPECT_EQ(r.hookReturn, 0U);
+    EXPECT_EQ(r.outFlag, 0U);
+    EXPECT_EQ(r.replied, 1U);
+    EXPECT_EQ(r.replyResult, 7U);
+    ASSERT_EQ(g_seen.size(), 1U);
+    EXPECT_EQ(g_seen[0].action, MOLB_PAT_DEACTIVATE);
+    EXPECT_EQ(g_seen[0].libName, "libmine.so");
+    EXPECT_EQ(g_seen[0].reqLibName, "libmine.so");
+
+    // The request is no longer in flight: a late reply is refused.
+    EXPECT_EQ(MOLB_PAT_C2HReplyProcessResult(g_lastHead.data(), 0), MOLB_ERR_UNKNOWN_REQUEST);
+
+    ASSERT_EQ(MOLB_PAT_C2HRegisterHook(DecliningHook, 0), MOLB_OK);
+    r = {};
+    ASSERT_EQ(PLAT_PatchSend("libother.so", MOLB_PAT_ACTIVATE, &r), MOLB_OK);
+    EXPECT_EQ(r.hooksCalled, 2U);
+    EXPECT_EQ(r.hookReturn, 1U);  // the last hook's
+    EXPECT_EQ(r.outFlag, 1U);
+    EXPECT_EQ(r.replied, 0U);
+    ASSERT_EQ(g_seen.size(), 2U);
+    EXPECT_NE(g_seen[0].requestId, g_seen[1].requestId);
+
+    // A long name is cut to fit and stays terminated.
+    const std::string longName(300, 'l');
+    ASSERT_EQ(PLAT_PatchSend(longName.c_str(), MOLB_PAT_ACTIVATE, &r), MOLB_OK);
+    EXPECT_EQ(g_seen.back().reqLibName, std::string(114, 'l'));
+    EXPECT_EQ(PLAT_PatchSend(nullptr, MOLB_PAT_ACTIVATE, &r), MOLB_ERR_PARAM);
+}
+
+TEST(MolbPatch, RestoreIsCounted)
+{
+    int handle = 0;
+    EXPECT_EQ(MOLB_PAT_RestoreForDLL(nullptr), MOLB_ERR_PARAM);
+    EXPECT_EQ(MOLB_PAT_RestoreForDLL(&handle), MOLB_OK);
+    EXPECT_EQ(MOLB_PAT_RestoreForDLL(&handle), MOLB_OK);
+    EXPECT_EQ(PLAT_PatchRestoreCount(), 2U);
+}

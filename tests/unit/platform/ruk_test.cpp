@@ -1,0 +1,208 @@
+// Tasks, fixed-length queues and accounted memory of the OS abstraction.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <fstream>
+#include <set>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include "plat_control.h"
+#include "pplus_test.hpp"
+#include "ruk.h"
+
+using pplus_test::WaitFor;
+
+namespace {
+
+std::atomic<bool> g_release{false};
+
+uint32_t HeldTask(uintptr_t a, uintptr_t b, uintptr_t c, uintptr_t d)
+{
+    while (!g_release) {
+        RUK_TaskDelay(1);
+    }
+    return static_cast<uint32_t>(a + b + c + d);
+}
+
+struct SiteReport {
+    std::string handle;
+    std::string file;
+    uint32_t line;
+    uint32_t blocks;
+    uint64_t bytes;
+    bool operator==(const SiteReport &o) const
+    {
+        return std::tie(handle, file, line, blocks, bytes) == std::tie(o.handle, o.file, o.line, o.blocks, o.bytes);
+    }
+};
+
+std::vector<SiteReport> Sites()
+{
+    std::vector<SiteReport> sites;
+    PLAT_MemLeakReport(
+        [](const char *handle, const char *file, uint32_t line, uint32_t blocks, uint64_t bytes, void *arg) {
+            static_cast<std::vector<SiteReport> *>(arg)->push_back({handle, file, line, blocks, bytes});
+        },
+        &sites);
+    return sites;
+}
+
+}  // namespace
+
+TEST(RukTask, RunsTheEntryUnderItsNameAndKeepsTheExitStatus)
+{
+    uint32_t id1 = 0;
+    uint32_t id2 = 0;
+    ASSERT_EQ(RUK_TaskCreate("A_Task_Name_Longer_Than_15", &id1, HeldTask, 10, 0, 0, 1, 2, 3, 4), RUK_OK);
+    PLAT_TASK_INFO_S info;
+    ASSERT_EQ(PLAT_TaskGetInfo("A_Task_Name_Longer_Than_15", &info), 0U);
+    EXPECT_EQ(info.exists, 1U);
+    EXPECT_EQ(info.running, 1U);
+    ASSERT_GT(info.tid, 0);
+    std::ifstream comm("/proc/self/task/" + std::to_string(info.tid) + "/comm");
+    std::string threadName;
+    std::getline(comm, threadName);
+    EXPECT_EQ(threadName, "A_Task_Name_Lon");
+
+    ASSERT_EQ(RUK_TaskCreate("Second", &id2, HeldTask, 0, 0, 0, 0, 0, 0, 0), RUK_OK);
+    EXPECT_GT(id1, 0U);
+    EXPECT_NE(id1, id2);
+
+    g_release = true;
+    ASSERT_TRUE(WaitFor([]() {
+        PLAT_TASK_INFO_S i;
+        return PLAT_TaskGetInfo("A_Task_Name_Longer_Than_15", &i) == 0 && i.running == 0;
+    }));
+    ASSERT_EQ(PLAT_TaskGetInfo("A_Task_Name_Longer_Than_15", &info), 0U);
+    EXPECT_EQ(info.exitStatus, 10U);
+    EXPECT_EQ(info.exists, 1U);
+
+    EXPECT_EQ(RUK_TaskCreate(nullptr, &id1, HeldTask, 0, 0, 0, 0, 0, 0, 0), RUK_ERR_PARAM);
+    EXPECT_EQ(RUK_TaskCreate("x", &id1, nullptr, 0, 0, 0, 0, 0, 0, 0), RUK_ERR_PARAM);
+}
+
+TEST(RukQueue, FixedLengthFifoWithFullEmptyAndLengthErrors)
+{
+    uint32_t q = 0;
+    EXPECT_EQ(RUK_QueueCreate("q", 0, &q, 0, 8), RUK_ERR_PARAM);
+    EXPECT_EQ(RUK_QueueCreate("q", 3, nullptr, 0, 8), RUK_ERR_PARAM);
+    ASSERT_EQ(RUK_QueueCreate("q", 3, &q, 0, 8), RUK_OK);
+
+    char out[16] = {};
+    EXPECT_EQ(RUK_QueueAsyRead(q, out, sizeof(out)), 0U);  // empty
+    EXPECT_EQ(RUK_QueueAsyWrite(q, "1234567", 7), RUK_ERR_MSG_LEN);
+    EXPECT_EQ(RUK_QueueAsyWrite(q, "123456789", 9), RUK_ERR_MSG_LEN);
+    // Wrap the ring: 3 in, 2 out, 2 in, then full.
+    for (const char *msg : {"first..", "second.", "third.."}) {
+        ASSERT_EQ(RUK_QueueAsyWrite(q, msg, 8), RUK_OK);
+    }
+    EXPECT_EQ(RUK_QueueAsyWrite(q, "fourth.", 8), RUK_ERR_QUEUE_FULL);
+    EXPECT_EQ(RUK_QueueAsyRead(q, out, sizeof(out)), 8U);
+    EXPECT_STREQ(out, "first..");
+    EXPECT_EQ(RUK_QueueAsyRead(q, out, 3), 3U);  // a short buffer takes the head of the message
+    EXPECT_EQ(std::string(out, 3), "sec");
+    ASSERT_EQ(RUK_QueueAsyWrite(q, "fourth.", 8), RUK_OK);
+    ASSERT_EQ(RUK_QueueAsyWrite(q, "fifth..", 8), RUK_OK);
+    EXPECT_EQ(RUK_QueueAsyWrite(q, "sixth..", 8), RUK_ERR_QUEUE_FULL);
+    for (const char *expected : {"third..", "fourth.", "fifth.."}) {
+        EXPECT_EQ(RUK_QueueAsyRead(q, out, sizeof(out)), 8U);
+        EXPECT_STREQ(out, expected);
+    }
+    EXPECT_EQ(RUK_QueueAsyRead(q, out, sizeof(out)), 0U);
+
+    // Ids are never reused: the old one stays dead.
+    EXPECT_EQ(RUK_QueueDelete(q), RUK_OK);
+    EXPECT_EQ(RUK_QueueDelete(q), RUK_ERR_NO_QUEUE);
+    EXPECT_EQ(RUK_QueueAsyWrite(q, "1234567", 8), RUK_ERR_NO_QUEUE);
+    uint32_t q2 = 0;
+    ASSERT_EQ(RUK_QueueCreate("q", 3, &q2, 0, 8), RUK_OK);
+    EXPECT_NE(q2, q);
+    EXPECT_EQ(RUK_QueueAsyRead(q, out, sizeof(out)), 0U);
+}
+
+TEST(RukQueue, ConcurrentWritersLoseNothing)
+{
+    uint32_t q = 0;
+    ASSERT_EQ(RUK_QueueCreate("q", 64, &q, 0, sizeof(uint32_t)), RUK_OK);
+    constexpr uint32_t kPerWriter = 2000;
+    std::vector<std::thread> writers;
+    for (uint32_t w = 0; w < 3; w++) {
+        writers.emplace_back([q, w]() {
+            for (uint32_t i = 0; i < kPerWriter; i++) {
+                const uint32_t value = w * kPerWriter + i;
+                while (RUK_QueueAsyWrite(q, &value, sizeof(value)) == RUK_ERR_QUEUE_FULL) {
+                    std::this_thread::yield();
+                }
+            }
+        });
+    }
+    std::vector<int64_t> lastOf(3, -1);
+    std::set<uint32_t> seen;
+    while (seen.size() < 3 * kPerWriter) {
+        uint32_t value = 0;
+        if (RUK_QueueAsyRead(q, &value, sizeof(value)) == 0) {
+            std::this_thread::yield();
+            continue;
+        }
+        // Each writer's messages come out in the order it wrote them.
+        const uint32_t w = value / kPerWriter;
+        ASSERT_LT(w, 3U);
+        EXPECT_TRUE(seen.insert(value).second);
+        EXPECT_GT(int64_t{value}, lastOf[w]);
+        lastOf[w] = value;
+    }
+    for (std::thread &t : writers) {
+        t.join();
+    }
+}
+
+TEST(RukMemory, HandlesPartitionsAndPerSiteAccounting)
+{
+    uint32_t h = 0;
+    uint32_t hAgain = 0;
+    uint32_t other = 0;
+    ASSERT_EQ(RUK_HandleInitialize("modA", &h), RUK_OK);
+    ASSERT_EQ(RUK_HandleInitialize("modA", &hAgain), RUK_OK);
+    ASSERT_EQ(RUK_HandleInitialize("modB", &other), RUK_OK);
+    EXPECT_EQ(h, hAgain);
+    EXPECT_NE(h, other);
+    uint32_t pt = 0;
+    EXPECT_EQ(RUK_MemPtNoGet("", &pt), RUK_ERR_PARAM);
+    EXPECT_EQ(RUK_MemPtNoGet(nullptr, &pt), RUK_ERR_PARAM);
+    ASSERT_EQ(RUK_MemPtNoGet("EXTPT", &pt), RUK_OK);
+
+    EXPECT_EQ(RUK_MemAlloc_F(h + other + 1000, pt, 8, "x.c", 1), nullptr);  // unknown handle
+    EXPECT_EQ(RUK_MemAlloc_F(h, pt + 1000, 8, "x.c", 1), nullptr);          // unknown partition
+
+    void *a1 = RUK_MemAlloc_F(h, pt, 10, "a.c", 5);
+    void *a2 = RUK_MemAlloc_F(h, pt, 20, "a.c", 5);
+    void *b1 = RUK_MemAlloc_F(other, pt, 0, "b.c", 9);
+    void *b2 = RUK_MemAlloc_F(other, pt, 0, "b.c", 9);
+    ASSERT_TRUE(a1 && a2 && b1 && b2);
+    EXPECT_NE(b1, b2);  // zero-sized blocks are distinct
+    std::memset(a2, 0xab, 20);
+    EXPECT_EQ(PLAT_MemOutstanding(), 4U);
+    EXPECT_EQ(PLAT_MemOutstandingBytes(), 30U);
+    EXPECT_EQ(Sites(), (std::vector<SiteReport>{{"modA", "a.c", 5, 2, 30}, {"modB", "b.c", 9, 2, 0}}));
+
+    // Foreign, null, wrong-handle and double frees are refused and change nothing.
+    int notOurs = 0;
+    EXPECT_EQ(RUK_MemFree_F(h, &notOurs, "f.c", 1), RUK_ERR_BAD_FREE);
+    EXPECT_EQ(RUK_MemFree_F(h, nullptr, "f.c", 1), RUK_ERR_BAD_FREE);
+    EXPECT_EQ(RUK_MemFree_F(h, static_cast<char *>(a1) + 1, "f.c", 1), RUK_ERR_BAD_FREE);
+    EXPECT_NE(RUK_MemFree_F(other, a1, "f.c", 1), RUK_OK);
+    EXPECT_EQ(PLAT_MemOutstanding(), 4U);
+    EXPECT_EQ(RUK_MemFree_F(h, a1, "f.c", 1), RUK_OK);
+    EXPECT_EQ(RUK_MemFree_F(h, a1, "f.c", 1), RUK_ERR_BAD_FREE);
+    EXPECT_EQ(RUK_MemFree_F(other, b1, "f.c", 1), RUK_OK);
+    EXPECT_EQ(RUK_MemFree_F(other, b2, "f.c", 1), RUK_OK);
+    EXPECT_EQ(Sites(), (std::vector<SiteReport>{{"modA", "a.c", 5, 1, 20}}));
+    EXPECT_EQ(PLAT_MemOutstandingBytes(), 20U);
+    EXPECT_EQ(RUK_MemFree_F(h, a2, "f.c", 1), RUK_OK);
+    EXPECT_EQ(PLAT_MemOutstanding(), 0U);
+    EXPECT_EQ(PLAT_MemLeakReport(nullptr, nullptr), 0U);
+}

@@ -1,0 +1,95 @@
+// Assertion records and the dead-loop watchdog.
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "plat_control.h"
+#include "pplus_test.hpp"
+#include "ruk.h"
+#include "zavk.h"
+
+using pplus_test::WaitFor;
+
+namespace {
+
+pid_t Tid()
+{
+    return static_cast<pid_t>(syscall(SYS_gettid));
+}
+
+std::atomic<int> g_phase{0};
+
+// Stays inside one unit of work until phase 1, then does quick units and
+// waits between them until phase 2.
+uint32_t StuckTask(uintptr_t, uintptr_t, uintptr_t, uintptr_t)
+{
+    if (ZAVK_RegDeadloopMon(Tid(), 1, 2, 3, 4) != 0) {
+        return 1;
+    }
+    ZAVK_DmOpers(ZAVK_DM_BEGIN);
+    while (g_phase.load() < 1) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ZAVK_DmOpers(ZAVK_DM_END);
+    while (g_phase.load() < 2) {
+        ZAVK_DmOpers(ZAVK_DM_BEGIN);
+        ZAVK_DmOpers(ZAVK_DM_END);
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return 0;
+}
+
+}  // namespace
+
+TEST(ZavkAssert, CountsPerCallSiteAndNeverAborts)
+{
+    ZAVK_Assert("a.c", 10);
+    ZAVK_Assert("a.c", 10);
+    ZAVK_Assert("b.c", 10);
+    ZAVK_Assert(nullptr, 1);
+    EXPECT_EQ(PLAT_AssertCount(), 4U);
+    EXPECT_EQ(PLAT_AssertCountAt("a.c", 10), 2U);
+    EXPECT_EQ(PLAT_AssertCountAt("a.c", 11), 0U);
+    EXPECT_EQ(PLAT_AssertCountAt("b.c", 10), 1U);
+    EXPECT_EQ(PLAT_LogCount(PLAT_LOG_PLATFORM, "ZAVK assert at a.c:10"), 2U);
+    PLAT_AssertReset();
+    EXPECT_EQ(PLAT_AssertCount(), 0U);
+    EXPECT_EQ(PLAT_AssertCountAt("a.c", 10), 0U);
+}
+
+TEST(ZavkWatchdog, ReportsEachThresholdOnceForAStuckUnitOfWorkOnly)
+{
+    PLAT_SetTimeScale(1);  // thresholds of 1..4 s become 1..4 ms
+    // Unregistered threads bracketing work are ignored.
+    ZAVK_DmOpers(ZAVK_DM_BEGIN);
+    EXPECT_EQ(ZAVK_RegDeadloopMon(0, 1, 2, 3, 4), 1U);
+
+    uint32_t id = 0;
+    ASSERT_EQ(RUK_TaskCreate("StuckTask", &id, StuckTask, 0, 0, 0, 0, 0, 0, 0), RUK_OK);
+    ASSERT_TRUE(WaitFor([]() { return PLAT_DeadloopReports() >= 4; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_EQ(PLAT_DeadloopReports(), 4U);
+    PLAT_TASK_INFO_S info;
+    ASSERT_EQ(PLAT_TaskGetInfo("StuckTask", &info), 0U);
+    const std::string who = "task StuckTask (tid " + std::to_string(info.tid) + ") inside one unit of work for ";
+    EXPECT_NE(pplus_test::LogInOrder(PLAT_LOG_PLATFORM,
+                                     {"over the warn threshold", "over the error threshold",
+                                      "over the critical threshold", "over the reset threshold"}),
+              0U);
+    EXPECT_EQ(PLAT_LogCount(PLAT_LOG_PLATFORM, ("ZAVK deadloop: " + who).c_str()), 4U);
+
+    // Quick units of work with long waits between them are never reported.
+    PLAT_SetTimeScale(50);  // 1 s = 50 ms: each quick unit stays well under it
+    g_phase = 1;
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    EXPECT_EQ(PLAT_DeadloopReports(), 4U);
+    g_phase = 2;
+    ASSERT_TRUE(WaitFor([]() {
+        PLAT_TASK_INFO_S i;
+        return PLAT_TaskGetInfo("StuckTask", &i) == 0 && i.running == 0;
+    }));
+}
