@@ -90,6 +90,7 @@ typedef struct PLAT_TASK_INFO {
     int32_t tid;            /* kernel thread id */
     char waitingIn[32];     /* what it last blocked in ("MESH_EpollWait", "FPC_EventRead"), "" if never */
 } PLAT_TASK_INFO_S;
+/* 0 and the task's state in *info when a task of this name exists, else 1. */
 uint32_t PLAT_TaskGetInfo(const char *name, PLAT_TASK_INFO_S *info);
 /* Called by blocking platform operations: the calling thread now waits in what. */
 void PLAT_TaskMarkWaiting(const char *what);

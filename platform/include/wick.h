@@ -69,7 +69,8 @@ typedef FpcMbuf *(*FPC_MBUF_PKT_COPY_FN)(FpcMbuf *);
 uint32_t WICK_ChannelPut(const char *channelName, const void *data, uint32_t len);
 /* Takes the oldest buffer of the named channel, copying at most cap bytes
  * into buf and the full length into *len, then frees the buffer. Waits up to
- * timeoutMs (0: no wait). 0 when a buffer was taken. */
+ * timeoutMs (0: no wait), also for a channel that does not exist yet. 0 when
+ * a buffer was taken. */
 uint32_t WICK_ChannelTake(const char *channelName, void *buf, uint32_t cap, uint32_t *len, uint32_t timeoutMs);
 /* Buffers waiting in the named channel (0 for an unknown channel). */
 uint32_t WICK_ChannelDepth(const char *channelName);
@@ -84,7 +85,7 @@ uint32_t WICK_MbufOutstanding(void);
 typedef void (*WICK_LEAK_REPORT_FN)(const char *file, uint32_t line, uint32_t count, void *arg);
 uint32_t WICK_MbufLeakReport(WICK_LEAK_REPORT_FN report, void *arg);
 
-/* True once the thread registered under threadName waits in FPC_EventRead. */
+/* 1 while the thread registered under threadName waits in FPC_EventRead. */
 uint32_t WICK_ThreadIsWaiting(const char *threadName);
 
 #ifdef __cplusplus
