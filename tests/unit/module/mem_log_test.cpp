@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "plat_control.h"
+#include "module_fixture.hpp"
 #include "pplus_test.hpp"
 #include "pppoe_plus_ha.h"
 #include "pppoe_plus_log.h"
@@ -20,14 +21,11 @@ namespace {
 
 constexpr const char *kMemFile = "app/src/common/src/pppoe_plus_mem";
 
-class LogTest : public testing::Test {
+class LogTest : public pplus_test::ModuleTest {
 protected:
     void SetUp() override
     {
-        pplus_test::UseReadyWorld();
-        ASSERT_EQ(PPPOE_PLUS_InitMemHandle(), 0U);
-        ASSERT_EQ(PPPOE_PLUS_InitIMAgent(), 0U);
-        g_pplusHaRole = PPPOE_PLUS_HA_ROLE_MASTER;
+        ModuleTest::SetUp();
         PLAT_LogClear();
     }
 };

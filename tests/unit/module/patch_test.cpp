@@ -3,6 +3,7 @@
 
 #include "molb.h"
 #include "plat_control.h"
+#include "module_fixture.hpp"
 #include "pplus_test.hpp"
 #include "pppoe_plus_ha.h"
 #include "pppoe_plus_log.h"
@@ -13,14 +14,11 @@ using pplus_test::LogHas;
 
 namespace {
 
-class PatchTest : public testing::Test {
+class PatchTest : public pplus_test::ModuleTest {
 protected:
     void SetUp() override
     {
-        pplus_test::UseReadyWorld();
-        ASSERT_EQ(PPPOE_PLUS_InitMemHandle(), 0U);
-        ASSERT_EQ(PPPOE_PLUS_InitIMAgent(), 0U);
-        g_pplusHaRole = PPPOE_PLUS_HA_ROLE_MASTER;
+        ModuleTest::SetUp();
         ASSERT_EQ(PPPOE_PLUS_C2hPatchEmbedment(), 0U);
         base_ = PLAT_MemOutstanding();
     }

@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 
 #include "plat_control.h"
+#include "module_fixture.hpp"
 #include "pplus_test.hpp"
 #include "pppoe_plus_ha.h"
 #include "pppoe_plus_log.h"
@@ -14,14 +15,11 @@ using pplus_test::LogHas;
 
 namespace {
 
-class QueueTest : public testing::Test {
+class QueueTest : public pplus_test::ModuleTest {
 protected:
     void SetUp() override
     {
-        pplus_test::UseReadyWorld();
-        ASSERT_EQ(PPPOE_PLUS_InitMemHandle(), 0U);
-        ASSERT_EQ(PPPOE_PLUS_InitIMAgent(), 0U);
-        g_pplusHaRole = PPPOE_PLUS_HA_ROLE_MASTER;
+        ModuleTest::SetUp();
         epollFd_ = MESH_EpollCreate();
         ASSERT_GE(epollFd_, 0);
     }
