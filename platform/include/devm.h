@@ -15,9 +15,13 @@ extern "C" {
 #define DEVM_ERR_PARAM 0x2002U
 
 /* Board types reported by DEVM_GetSelfBoardType. */
-#define DEVM_BOARD_TYPE_BOX 1U   /* single-box system */
-#define DEVM_BOARD_TYPE_MPU 2U   /* main processing board of a chassis */
-#define DEVM_BOARD_TYPE_LPU 3U   /* line-processing board of a chassis */
+#define DEVM_BOARD_TYPE_ALL 0U
+#define DEVM_BOARD_TYPE_MPU 1U       /* main processing board of a chassis */
+#define DEVM_BOARD_TYPE_LPU 2U       /* line-processing board */
+#define DEVM_BOARD_TYPE_SFU 3U       /* switch fabric board */
+#define DEVM_BOARD_TYPE_SPU_CTL 4U   /* service board, control side */
+#define DEVM_BOARD_TYPE_SPU_FWD 5U   /* service board, forwarding side */
+#define DEVM_BOARD_TYPE_BOX 6U       /* single-box system */
 
 uint32_t DEVM_DB_GetSelfBoardId(uint32_t *boardId);
 uint32_t DEVM_DB_GetMainBoardId(uint32_t *boardId);

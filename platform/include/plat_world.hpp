@@ -25,7 +25,7 @@ struct SystemIdentity {
     uint32_t chassisId = 1;
     uint32_t selfBoardId = 1;
     uint32_t mainBoardId = 1;
-    uint32_t boardType = 1;          // DEVM_BOARD_TYPE_*
+    uint32_t boardType = 6;          // DEVM_BOARD_TYPE_*, a single box by default
 };
 
 struct Topology {

@@ -108,8 +108,12 @@ void ParseSystem(const std::string &source, const YAML::Node &system, plat::Topo
     if (!system.IsMap()) {
         Refuse(source, system, "system", "expected a section of keys");
     }
-    static constexpr std::array<std::pair<const char *, uint32_t>, 3> kBoardTypes = {
-        {{"box", DEVM_BOARD_TYPE_BOX}, {"mpu", DEVM_BOARD_TYPE_MPU}, {"lpu", DEVM_BOARD_TYPE_LPU}}};
+    static constexpr std::array<std::pair<const char *, uint32_t>, 6> kBoardTypes = {{{"box", DEVM_BOARD_TYPE_BOX},
+                                                                                      {"mpu", DEVM_BOARD_TYPE_MPU},
+                                                                                      {"lpu", DEVM_BOARD_TYPE_LPU},
+                                                                                      {"sfu", DEVM_BOARD_TYPE_SFU},
+                                                                                      {"spu-ctl", DEVM_BOARD_TYPE_SPU_CTL},
+                                                                                      {"spu-fwd", DEVM_BOARD_TYPE_SPU_FWD}}};
     static constexpr std::array<std::pair<const char *, uint32_t>, 3> kHaRoles = {
         {{"master", 1}, {"standby", 2}, {"slave", 3}}};
     plat::SystemIdentity &sys = topology.system;
