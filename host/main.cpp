@@ -21,6 +21,7 @@
 
 #include "example_topology.hpp"
 #include "plat_control.h"
+#include "plat_fwm.hpp"
 #include "plat_world.hpp"
 #include "wick.h"
 
@@ -88,7 +89,7 @@ bool SetUpWorld(const Options &opts)
         return false;
     }
     const plat::SystemIdentity &sys = topology->system;
-    plat::world::set_identity(sys);
+    plat::world::apply_topology(*topology);
     plat::FrmInstRecord instance;
     instance.localSlot = static_cast<int32_t>(sys.selfBoardId);
     instance.modState = sys.selfBoardId == sys.mainBoardId ? kModStateMainReady : kModStateRunning;
@@ -181,6 +182,19 @@ int main(int argc, char **argv)
         });
     }
 
+    // The forwarding manager serves before the agent connects to it.
+    plat::fwm::set_observer([](const plat::fwm::Request *request, const std::string &client) {
+        if (request != nullptr) {
+            PLAT_LogWrite(PLAT_LOG_PLATFORM, "[fwm] %s", plat::fwm::describe(*request).c_str());
+        } else {
+            PLAT_LogWrite(PLAT_LOG_PLATFORM, "[fwm] client %s attached", client.c_str());
+        }
+    });
+    if (!plat::fwm::start()) {
+        Say("cannot start the forwarding manager");
+        return 1;
+    }
+
     void *module = dlopen("../lib/libpppoe_plus_frame.so", RTLD_NOW | RTLD_GLOBAL);
     if (module == nullptr) {
         std::fprintf(stderr, "pppoe-plus-switch: cannot load the agent: %s\n", dlerror());
@@ -224,6 +238,7 @@ int main(int argc, char **argv)
     }
     const uint32_t exitRet = mainExit();
     std::printf("pppoe-plus-switch: agent exit returned %u\n", exitRet);
+    PLAT_LogWrite(PLAT_LOG_PLATFORM, "[fwm] state: %s", plat::fwm::describe(plat::fwm::state()).c_str());
     ReportLeaks();
     std::fflush(stdout);
     // The agent's tasks run for the life of the process; leave without

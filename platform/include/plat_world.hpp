@@ -4,6 +4,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -26,11 +27,75 @@ struct SystemIdentity {
     uint32_t selfBoardId = 1;
     uint32_t mainBoardId = 1;
     uint32_t boardType = 6;          // DEVM_BOARD_TYPE_*, a single box by default
+    uint32_t boardIp = 0x7F000001;   // mesh address of this board, host byte order (127.0.0.1)
+};
+
+constexpr uint32_t kNoId = 0xFFFFFFFFU;         // no trunk, no lag, no interface
+constexpr uint32_t kPortSwitchL2 = 5;            // port-switch attribute of a switched (layer-2) port
+constexpr uint32_t kPortSwitchL3 = 1;            // a routed port
+constexpr size_t kVlanBitmapBytes = 512;         // one bit per VLAN 0..4095
+
+// One interface: a port, or the interface of a trunk.
+struct IfRecord {
+    std::string name;
+    uint32_t ifIndex = kNoId;
+    uint32_t slot = 0;               // "dev" child: placement
+    uint32_t card = 0;
+    uint16_t port = 0;
+    uint32_t l2TrunkId = kNoId;      // "l2" child: the trunk this port is a member of
+    uint32_t lagId = kNoId;          // the trunk id when this is a trunk's own interface
+    uint32_t portSwitch = kPortSwitchL2;
+    bool onBoard = true;
+    bool trunkMode = false;          // VLAN mode: access (false) or trunk
+    uint16_t pvid = 1;
+    std::string description;
+};
+
+// Trunk id -> the trunk's interface.
+struct TrunkRecord {
+    uint32_t trunkId = kNoId;
+    uint32_t trunkIfIndex = kNoId;
+};
+
+// Trunk-port configuration: member port -> the trunk's interface.
+struct TrunkPortRecord {
+    uint32_t memberIfIndex = kNoId;
+    uint32_t trunkIfIndex = kNoId;
+};
+
+// The VLANs a port belongs to: bit v%8 of byte v/8, least significant bit first.
+struct PortVlanRecord {
+    uint32_t ifIndex = kNoId;
+    std::array<uint8_t, kVlanBitmapBytes> bitmap{};
+
+    void Add(uint16_t vlan) { bitmap[(vlan / 8U) % kVlanBitmapBytes] |= static_cast<uint8_t>(1U << (vlan % 8U)); }
+    bool Has(uint16_t vlan) const { return (bitmap[(vlan / 8U) % kVlanBitmapBytes] >> (vlan % 8U) & 1U) != 0; }
+};
+
+// Access isolation: traffic from source may not reach destination. Keyed
+// (source, vlan, destination); vlan 0 stands for every VLAN.
+struct AccessIsolateRecord {
+    uint32_t srcIfIndex = kNoId;
+    uint32_t vlanId = 0;
+    uint32_t dstIfIndex = kNoId;
+};
+
+// Port isolation: a port's membership in one isolation group (one record
+// per port and group).
+struct PortIsolateRecord {
+    uint32_t ifIndex = kNoId;
+    uint32_t groupId = 0;
 };
 
 struct Topology {
     SystemIdentity system;
     uint32_t haRole = 1;             // role reported at start of work: 1 master, 2 standby, 3 slave
+    std::vector<IfRecord> interfaces;            // ports and trunk interfaces, in file order
+    std::vector<TrunkRecord> trunks;
+    std::vector<TrunkPortRecord> trunkPorts;
+    std::vector<PortVlanRecord> portVlans;
+    std::vector<AccessIsolateRecord> accessIsolation;
+    std::vector<PortIsolateRecord> portIsolation;
 };
 
 // Parses a topology file (YAML). On error returns nullopt and a message
@@ -55,6 +120,48 @@ void set_self_board_readable(bool readable);
 void frm_inst_clear();
 void frm_inst_put(const FrmInstRecord &record);   // replaces the record of the same localSlot
 std::vector<FrmInstRecord> frm_inst_records();
+
+// Interface table, keyed by ifIndex: put replaces the record of the same
+// ifIndex in place, remove returns whether there was one.
+void if_put(const IfRecord &record);
+bool if_remove(uint32_t ifIndex);
+std::vector<IfRecord> if_records();
+
+// Trunk table, keyed by trunk id.
+void trunk_put(const TrunkRecord &record);
+bool trunk_remove(uint32_t trunkId);
+std::vector<TrunkRecord> trunk_records();
+
+// Trunk-port configuration, keyed by member ifIndex.
+void trunk_port_put(const TrunkPortRecord &record);
+bool trunk_port_remove(uint32_t memberIfIndex);
+std::vector<TrunkPortRecord> trunk_port_records();
+
+// Port-VLAN maps, keyed by ifIndex; port_vlan_set adds or drops one VLAN of
+// a port (creating its map when absent).
+void port_vlan_put(const PortVlanRecord &record);
+void port_vlan_set(uint32_t ifIndex, uint16_t vlan, bool member);
+bool port_vlan_remove(uint32_t ifIndex);
+std::vector<PortVlanRecord> port_vlan_records();
+
+// Access-isolation entries, keyed by (source, vlan, destination).
+void access_isolate_put(const AccessIsolateRecord &record);
+bool access_isolate_remove(const AccessIsolateRecord &record);
+std::vector<AccessIsolateRecord> access_isolate_records();
+
+// Port-isolation memberships, keyed by (ifIndex, group).
+void port_isolate_put(const PortIsolateRecord &record);
+bool port_isolate_remove(const PortIsolateRecord &record);
+std::vector<PortIsolateRecord> port_isolate_records();
+
+// The system name (also part of the identity).
+void set_sys_name(const std::string &name);
+
+// Empties every table above (the identity stays).
+void tables_clear();
+
+// Installs a loaded topology: identity and every table, replacing what was there.
+void apply_topology(const Topology &topology);
 
 // Everything back to defaults (tests).
 void reset();

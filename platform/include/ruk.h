@@ -56,6 +56,10 @@ uint32_t RUK_MemFree_F(uint32_t handle, void *ptr, const char *file, uint32_t li
 int32_t RUK_StrCmp(const char *a, const char *b);
 int32_t RUK_Mem_Cmp(const void *a, const void *b, size_t len);
 
+/* Dotted-quad text of an IPv4 address in host byte order; size must hold
+ * it (16 bytes always do). RUK_ERR_PARAM otherwise. */
+uint32_t RUK_IpAddrToStr(uint32_t ipAddr, char *str, uint32_t size);
+
 #ifdef __cplusplus
 }
 #endif

@@ -146,3 +146,17 @@ TEST(Host, BadTopologyIsRefusedWithAClearError)
     EXPECT_NE(host.Output().find("chassis"), std::string::npos) << host.Output();
     unlink(path);
 }
+
+TEST(Host, AgentAttachesToTheForwardingManagerAtStartUp)
+{
+    Host host({"--run-for", "1", "--time-scale", "10"});
+    ASSERT_TRUE(host.WaitForOutput("agent ready", 20000)) << host.Output();
+    const size_t attached = host.Output().find("[platform] [fwm] client PPPOE_PLUS attached");
+    EXPECT_NE(attached, std::string::npos) << host.Output();
+    EXPECT_LT(attached, host.Output().find("agent ready"));
+    EXPECT_EQ(host.Wait(), 0) << host.Output();
+    EXPECT_NE(host.Output().find("[platform] [fwm] state: feature off, ignore-reply off, trusted ports none, "
+                                 "clients PPPOE_PLUS"),
+              std::string::npos)
+        << host.Output();
+}

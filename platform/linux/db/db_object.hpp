@@ -3,14 +3,17 @@
 //
 // A table is a row type plus a function returning the table's rows in order
 // (from plat_world.hpp). TableObject<Row> keeps a snapshot taken when an
-// iteration starts (or the object is reset), so concurrent changes to the
-// world never move rows under an iteration. A further table is added by
-// naming its row type and source in MakeObject (db.cpp) and writing its
-// field getters with GetField.
+// iteration starts, a read is made (or the object is reset), so concurrent
+// changes to the world never move rows under an iteration. A key narrows
+// the snapshot to the matching rows. A further table is added by naming
+// its row type and source in MakeObject (db.cpp) and writing its field
+// getters with GetField. Child nodes ("dev", "l2") are NodeObjects holding
+// a copy of their parent's current row; the parent owns them.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -57,6 +60,7 @@ struct DB_OBJ {
 
     const uint32_t table;
     DB_ITER iter;
+    std::vector<DB_OBJ *> children;   // child nodes, released with this object
     bool started = false;     // Next was called since the last rewind
     bool hasCurrent = false;
     size_t current = 0;
@@ -68,22 +72,56 @@ template <typename Row>
 class TableObject final : public DB_OBJ {
 public:
     using Source = std::vector<Row> (*)();
+    using Match = std::function<bool(const Row &)>;
 
     TableObject(uint32_t tableId, Source source) : DB_OBJ(tableId), source_(source) {}
 
-    size_t LiveCount() const override { return source_().size(); }
+    size_t LiveCount() const override { return Rows().size(); }
     void Snapshot() override
     {
-        rows_ = source_();
+        rows_ = Rows();
         Rewind();
     }
+    // Narrows every later snapshot to the rows matching the key.
+    void SetKey(Match match) { match_ = std::move(match); }
+    bool HasKey() const { return static_cast<bool>(match_); }
     size_t SnapshotCount() const override { return rows_.size(); }
 
     const Row *CurrentRow() const { return hasCurrent ? &rows_[current] : nullptr; }
 
 private:
+    std::vector<Row> Rows() const
+    {
+        std::vector<Row> rows = source_();
+        if (match_) {
+            std::erase_if(rows, [this](const Row &r) { return !match_(r); });
+        }
+        return rows;
+    }
+
     Source source_;
+    Match match_;
     std::vector<Row> rows_;
+};
+
+// A child node: one row, always current, never iterated.
+template <typename Row>
+class NodeObject final : public DB_OBJ {
+public:
+    NodeObject(uint32_t tableId, const Row &row) : DB_OBJ(tableId), row_(row)
+    {
+        started = true;
+        hasCurrent = true;
+    }
+
+    size_t LiveCount() const override { return 1; }
+    void Snapshot() override {}
+    size_t SnapshotCount() const override { return 1; }
+
+    const Row *CurrentRow() const { return &row_; }
+
+private:
+    Row row_;
 };
 
 }  // namespace plat::db

@@ -7,6 +7,9 @@
 // DEVM_ERR_NOT_READY before. Every read passes failure injection, so a test
 // can make any of them fail and count how often the module asks.
 #include "devm.h"
+
+#include <cstring>
+
 #include "core/internal.hpp"
 #include "world/world_internal.hpp"
 
@@ -59,6 +62,76 @@ uint32_t DEVM_GetSelfBoardType(uint32_t *boardType)
 {
     return Read("DEVM_GetSelfBoardType", boardType, false,
                 [](const plat::SystemIdentity &id) { return id.boardType; });
+}
+
+uint32_t DEVM_GetSelfBoardIp(uint32_t *ipAddr)
+{
+    return Read("DEVM_GetSelfBoardIp", ipAddr, false, [](const plat::SystemIdentity &id) { return id.boardIp; });
+}
+
+uint32_t DEVM_DB_GetGlobalSlotIdByLocalSlotId(uint32_t chassisId, uint32_t localSlotId, uint32_t *globalSlotId)
+{
+    uint32_t code = 0;
+    if (plat::internal::Injected("DEVM_DB_GetGlobalSlotIdByLocalSlotId", &code)) {
+        return code;
+    }
+    if (globalSlotId == nullptr || chassisId == 0 || localSlotId >= DEVM_SLOTS_PER_CHASSIS ||
+        chassisId > 0xFFFFFFFFU / DEVM_SLOTS_PER_CHASSIS) {
+        return DEVM_ERR_PARAM;
+    }
+    if (!plat::world::device_view().selfBoardReadable) {
+        return DEVM_ERR_NOT_READY;
+    }
+    *globalSlotId = (chassisId - 1U) * DEVM_SLOTS_PER_CHASSIS + localSlotId;
+    return DEVM_OK;
+}
+
+uint32_t DEVM_DB_GetLocalSlotIdByGlobalSlotId(uint32_t globalSlotId, uint32_t *chassisId, uint32_t *localSlotId)
+{
+    uint32_t code = 0;
+    if (plat::internal::Injected("DEVM_DB_GetLocalSlotIdByGlobalSlotId", &code)) {
+        return code;
+    }
+    if (chassisId == nullptr || localSlotId == nullptr) {
+        return DEVM_ERR_PARAM;
+    }
+    if (!plat::world::device_view().selfBoardReadable) {
+        return DEVM_ERR_NOT_READY;
+    }
+    *chassisId = globalSlotId / DEVM_SLOTS_PER_CHASSIS + 1U;
+    *localSlotId = globalSlotId % DEVM_SLOTS_PER_CHASSIS;
+    return DEVM_OK;
+}
+
+uint32_t DEVM_GetSelfSlotId(uint32_t *slotId)
+{
+    return Read("DEVM_GetSelfSlotId", slotId, false, [](const plat::SystemIdentity &id) { return id.selfBoardId; });
+}
+
+uint32_t drv_board_get_self_logic_slotid(void)
+{
+    uint32_t slot = 0;
+    return Read("drv_board_get_self_logic_slotid", &slot, false,
+                [](const plat::SystemIdentity &id) { return id.selfBoardId; }) == DEVM_OK
+               ? slot
+               : 0xFFFFFFFFU;
+}
+
+uint32_t DEVM_DB_GetSysMac(uint8_t *mac)
+{
+    uint32_t code = 0;
+    if (plat::internal::Injected("DEVM_DB_GetSysMac", &code)) {
+        return code;
+    }
+    if (mac == nullptr) {
+        return DEVM_ERR_PARAM;
+    }
+    const DeviceView view = plat::world::device_view();
+    if (!view.selfBoardReadable) {
+        return DEVM_ERR_NOT_READY;
+    }
+    std::memcpy(mac, view.identity.sysMac.data(), view.identity.sysMac.size());
+    return DEVM_OK;
 }
 
 }  // extern "C"

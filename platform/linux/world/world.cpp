@@ -3,8 +3,9 @@
 // On the real switch the device manager and the object database answer from
 // the chassis' hardware and the framework's state. Ours answers from this
 // model: an identity (name, MAC, chassis, boards, board type), whether the
-// device database answers yet (main board and self board separately), and
-// the framework-instance table. The host fills it from a topology file
+// device database answers yet (main board and self board separately), the
+// framework-instance table and the switching tables (interfaces, trunks,
+// trunk ports, port VLANs, access and port isolation). The host fills it from a topology file
 // (topology.cpp) and tests change it at any time; every access is locked.
 #include <algorithm>
 #include <mutex>
@@ -21,11 +22,76 @@ struct World {
     bool mainBoardReadable = false;
     bool selfBoardReadable = false;
     std::vector<plat::FrmInstRecord> frmInst;  // in insertion order
+    // Keyed tables, each in insertion order.
+    std::vector<plat::IfRecord> ifs;
+    std::vector<plat::TrunkRecord> trunks;
+    std::vector<plat::TrunkPortRecord> trunkPorts;
+    std::vector<plat::PortVlanRecord> portVlans;
+    std::vector<plat::AccessIsolateRecord> accessIsolation;
+    std::vector<plat::PortIsolateRecord> portIsolation;
 };
 
 World &TheWorld()
 {
     return plat::internal::Leaky<World>();
+}
+
+// Replaces the record with the same key in place, or appends.
+template <typename Row, typename SameKey>
+void Put(std::vector<Row> World::*table, const Row &record, SameKey same)
+{
+    World &w = TheWorld();
+    std::lock_guard lock(w.mu);
+    std::vector<Row> &rows = w.*table;
+    const auto it = std::find_if(rows.begin(), rows.end(), [&](const Row &r) { return same(r, record); });
+    if (it != rows.end()) {
+        *it = record;
+    } else {
+        rows.push_back(record);
+    }
+}
+
+template <typename Row, typename Match>
+bool Remove(std::vector<Row> World::*table, Match match)
+{
+    World &w = TheWorld();
+    std::lock_guard lock(w.mu);
+    std::vector<Row> &rows = w.*table;
+    const auto it = std::find_if(rows.begin(), rows.end(), match);
+    if (it == rows.end()) {
+        return false;
+    }
+    rows.erase(it);
+    return true;
+}
+
+template <typename Row>
+std::vector<Row> Rows(std::vector<Row> World::*table)
+{
+    World &w = TheWorld();
+    std::lock_guard lock(w.mu);
+    return w.*table;
+}
+
+bool SameIsolation(const plat::AccessIsolateRecord &a, const plat::AccessIsolateRecord &b)
+{
+    return a.srcIfIndex == b.srcIfIndex && a.vlanId == b.vlanId && a.dstIfIndex == b.dstIfIndex;
+}
+
+bool SameGroup(const plat::PortIsolateRecord &a, const plat::PortIsolateRecord &b)
+{
+    return a.ifIndex == b.ifIndex && a.groupId == b.groupId;
+}
+
+// Caller holds World::mu.
+void ClearTables(World &w)
+{
+    w.ifs.clear();
+    w.trunks.clear();
+    w.trunkPorts.clear();
+    w.portVlans.clear();
+    w.accessIsolation.clear();
+    w.portIsolation.clear();
 }
 
 }  // namespace
@@ -102,6 +168,144 @@ std::vector<FrmInstRecord> frm_inst_records()
     return w.frmInst;
 }
 
+void if_put(const IfRecord &record)
+{
+    Put(&World::ifs, record, [](const IfRecord &a, const IfRecord &b) { return a.ifIndex == b.ifIndex; });
+}
+
+bool if_remove(uint32_t ifIndex)
+{
+    return Remove(&World::ifs, [ifIndex](const IfRecord &r) { return r.ifIndex == ifIndex; });
+}
+
+std::vector<IfRecord> if_records()
+{
+    return Rows(&World::ifs);
+}
+
+void trunk_put(const TrunkRecord &record)
+{
+    Put(&World::trunks, record, [](const TrunkRecord &a, const TrunkRecord &b) { return a.trunkId == b.trunkId; });
+}
+
+bool trunk_remove(uint32_t trunkId)
+{
+    return Remove(&World::trunks, [trunkId](const TrunkRecord &r) { return r.trunkId == trunkId; });
+}
+
+std::vector<TrunkRecord> trunk_records()
+{
+    return Rows(&World::trunks);
+}
+
+void trunk_port_put(const TrunkPortRecord &record)
+{
+    Put(&World::trunkPorts, record,
+        [](const TrunkPortRecord &a, const TrunkPortRecord &b) { return a.memberIfIndex == b.memberIfIndex; });
+}
+
+bool trunk_port_remove(uint32_t memberIfIndex)
+{
+    return Remove(&World::trunkPorts,
+                  [memberIfIndex](const TrunkPortRecord &r) { return r.memberIfIndex == memberIfIndex; });
+}
+
+std::vector<TrunkPortRecord> trunk_port_records()
+{
+    return Rows(&World::trunkPorts);
+}
+
+void port_vlan_put(const PortVlanRecord &record)
+{
+    Put(&World::portVlans, record,
+        [](const PortVlanRecord &a, const PortVlanRecord &b) { return a.ifIndex == b.ifIndex; });
+}
+
+void port_vlan_set(uint32_t ifIndex, uint16_t vlan, bool member)
+{
+    World &w = TheWorld();
+    std::lock_guard lock(w.mu);
+    auto it = std::find_if(w.portVlans.begin(), w.portVlans.end(),
+                           [ifIndex](const PortVlanRecord &r) { return r.ifIndex == ifIndex; });
+    if (it == w.portVlans.end()) {
+        PortVlanRecord fresh;
+        fresh.ifIndex = ifIndex;
+        it = w.portVlans.insert(w.portVlans.end(), fresh);
+    }
+    if (member) {
+        it->Add(vlan);
+    } else {
+        it->bitmap[(vlan / 8U) % kVlanBitmapBytes] &= static_cast<uint8_t>(~(1U << (vlan % 8U)));
+    }
+}
+
+bool port_vlan_remove(uint32_t ifIndex)
+{
+    return Remove(&World::portVlans, [ifIndex](const PortVlanRecord &r) { return r.ifIndex == ifIndex; });
+}
+
+std::vector<PortVlanRecord> port_vlan_records()
+{
+    return Rows(&World::portVlans);
+}
+
+void access_isolate_put(const AccessIsolateRecord &record)
+{
+    Put(&World::accessIsolation, record, SameIsolation);
+}
+
+bool access_isolate_remove(const AccessIsolateRecord &record)
+{
+    return Remove(&World::accessIsolation, [&record](const AccessIsolateRecord &r) { return SameIsolation(r, record); });
+}
+
+std::vector<AccessIsolateRecord> access_isolate_records()
+{
+    return Rows(&World::accessIsolation);
+}
+
+void port_isolate_put(const PortIsolateRecord &record)
+{
+    Put(&World::portIsolation, record, SameGroup);
+}
+
+bool port_isolate_remove(const PortIsolateRecord &record)
+{
+    return Remove(&World::portIsolation, [&record](const PortIsolateRecord &r) { return SameGroup(r, record); });
+}
+
+std::vector<PortIsolateRecord> port_isolate_records()
+{
+    return Rows(&World::portIsolation);
+}
+
+void set_sys_name(const std::string &name)
+{
+    World &w = TheWorld();
+    std::lock_guard lock(w.mu);
+    w.identity.sysName = name;
+}
+
+void tables_clear()
+{
+    World &w = TheWorld();
+    std::lock_guard lock(w.mu);
+    ClearTables(w);
+}
+
+void apply_topology(const Topology &topology)
+{
+    World &w = TheWorld();
+    std::lock_guard lock(w.mu);
+    w.identity = topology.system;
+    w.ifs = topology.interfaces;
+    w.trunks = topology.trunks;
+    w.trunkPorts = topology.trunkPorts;
+    w.portVlans = topology.portVlans;
+    w.accessIsolation = topology.accessIsolation;
+    w.portIsolation = topology.portIsolation;
+}
+
 void reset()
 {
     World &w = TheWorld();
@@ -110,6 +314,7 @@ void reset()
     w.mainBoardReadable = false;
     w.selfBoardReadable = false;
     w.frmInst.clear();
+    ClearTables(w);
 }
 
 }  // namespace plat::world

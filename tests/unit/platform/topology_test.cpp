@@ -90,3 +90,115 @@ TEST(Topology, RefusalsNameTheLineAndTheKey)
     EXPECT_NE(error.find("/nonexistent/topo.yaml"), std::string::npos) << error;
     EXPECT_FALSE(plat::load_topology_text("system: [", nullptr).has_value());  // no message wanted
 }
+
+TEST(Topology, SwitchingSectionsFillTheTables)
+{
+    std::string error;
+    const auto topology = plat::load_topology_text("system:\n"
+                                                   "  name: S\n"
+                                                   "trunks:\n"
+                                                   "  - {name: Eth-Trunk1, id: 1, ifindex: 100, members: [Gi3, Gi4],"
+                                                   " mode: trunk, vlans: [\"200-202\"]}\n"
+                                                   "interfaces:\n"
+                                                   "  - {name: Gi1, ifindex: 5, slot: 1, card: 2, port: 65535,"
+                                                   " pvid: 100, vlans: 4094, description: line one}\n"
+                                                   "  - {name: Gi2, ifindex: 6, port-switch: false, on-board: false}\n"
+                                                   "  - {name: Gi3, ifindex: 7}\n"
+                                                   "  - {name: Gi4, ifindex: 8}\n"
+                                                   "isolation:\n"
+                                                   "  groups:\n"
+                                                   "    - {id: 7, members: [Gi1, Gi2]}\n"
+                                                   "  access-pairs:\n"
+                                                   "    - [Gi1, Gi3]\n",
+                                                   &error);
+    ASSERT_TRUE(topology.has_value()) << error;
+    ASSERT_EQ(topology->interfaces.size(), 5U);
+    const plat::IfRecord &trunk = topology->interfaces[0];
+    EXPECT_EQ(trunk.name, "Eth-Trunk1");
+    EXPECT_EQ(trunk.lagId, 1U);
+    const plat::IfRecord &gi1 = topology->interfaces[1];
+    EXPECT_EQ(gi1.slot, 1U);
+    EXPECT_EQ(gi1.card, 2U);
+    EXPECT_EQ(gi1.port, 65535);
+    EXPECT_EQ(gi1.lagId, plat::kNoId);
+    EXPECT_EQ(gi1.l2TrunkId, plat::kNoId);
+    EXPECT_EQ(gi1.description, "line one");
+    EXPECT_EQ(gi1.portSwitch, plat::kPortSwitchL2);
+    EXPECT_EQ(topology->interfaces[2].portSwitch, plat::kPortSwitchL3);
+    EXPECT_FALSE(topology->interfaces[2].onBoard);
+    EXPECT_EQ(topology->interfaces[3].l2TrunkId, 1U);
+    EXPECT_EQ(topology->interfaces[4].l2TrunkId, 1U);
+
+    ASSERT_EQ(topology->trunks.size(), 1U);
+    EXPECT_EQ(topology->trunks[0].trunkIfIndex, 100U);
+    ASSERT_EQ(topology->trunkPorts.size(), 2U);
+    EXPECT_EQ(topology->trunkPorts[1].memberIfIndex, 8U);
+    EXPECT_EQ(topology->trunkPorts[1].trunkIfIndex, 100U);
+
+    // Maps: the listed VLANs and the pvid (1 when not given).
+    ASSERT_EQ(topology->portVlans.size(), 5U);
+    const plat::PortVlanRecord &trunkVlans = topology->portVlans[0];
+    EXPECT_TRUE(trunkVlans.Has(200) && trunkVlans.Has(201) && trunkVlans.Has(202) && trunkVlans.Has(1));
+    EXPECT_FALSE(trunkVlans.Has(203));
+    const plat::PortVlanRecord &gi1Vlans = topology->portVlans[1];
+    EXPECT_EQ(gi1Vlans.ifIndex, 5U);
+    EXPECT_TRUE(gi1Vlans.Has(100) && gi1Vlans.Has(4094));
+    EXPECT_FALSE(gi1Vlans.Has(1));
+
+    ASSERT_EQ(topology->portIsolation.size(), 2U);
+    EXPECT_EQ(topology->portIsolation[1].ifIndex, 6U);
+    EXPECT_EQ(topology->portIsolation[1].groupId, 7U);
+    ASSERT_EQ(topology->accessIsolation.size(), 2U);  // both ways
+    EXPECT_EQ(topology->accessIsolation[0].srcIfIndex, 5U);
+    EXPECT_EQ(topology->accessIsolation[0].dstIfIndex, 7U);
+    EXPECT_EQ(topology->accessIsolation[1].srcIfIndex, 7U);
+
+    // Installed, the world answers with it.
+    plat::world::apply_topology(*topology);
+    EXPECT_EQ(plat::world::if_records().size(), 5U);
+    EXPECT_EQ(plat::world::identity().sysName, "S");
+    plat::world::reset();
+    EXPECT_TRUE(plat::world::if_records().empty());
+}
+
+TEST(Topology, SwitchingRefusalsNameTheLineAndTheKey)
+{
+    struct Case {
+        const char *yaml;
+        const char *where;
+        const char *what;
+    };
+    const std::string sys = "system:\n  name: S\n";
+    const Case cases[] = {
+        {"interfaces:\n  - {name: A, ifindex: 5, port: 70000}\n", "topology:4:", "interfaces[0].port"},
+        {"interfaces:\n  - {name: A}\n", "topology:4:", "missing key 'ifindex'"},
+        {"interfaces:\n  - {name: A, ifindex: 5}\n  - {name: A, ifindex: 6}\n", "topology:5:",
+         "'A' given twice"},
+        {"interfaces:\n  - {name: A, ifindex: 5}\n  - {name: B, ifindex: 5}\n", "topology:5:",
+         "interfaces[1].ifindex"},
+        {"interfaces:\n  - {name: A, ifindex: 5,\n     vlans: [\"110-100\"]}\n", "topology:5:",
+         "interfaces[0].vlans"},
+        {"interfaces:\n  - {name: A, ifindex: 5, vlans: 4095}\n", "topology:4:", "interfaces[0].vlans"},
+        {"interfaces:\n  - {name: A, ifindex: 5, pvid: 0}\n", "topology:4:", "interfaces[0].pvid"},
+        {"interfaces:\n  - {name: A, ifindex: 5, mode: hybrid}\n", "topology:4:", "access | trunk"},
+        {"interfaces:\n  - {name: A, ifindex: 5, speed: 10}\n", "topology:4:", "unknown key"},
+        {"interfaces:\n  - {name: A, ifindex: 5, on-board: maybe}\n", "topology:4:", "interfaces[0].on-board"},
+        {"interfaces: {name: A}\n", "topology:3:", "expected a list"},
+        {"trunks:\n  - {name: T, id: 1, ifindex: 9,\n     members: [Nope]}\n", "topology:5:",
+         "no interface named 'Nope'"},
+        {"interfaces:\n  - {name: A, ifindex: 5}\ntrunks:\n  - {name: T, id: 1, ifindex: 9, members: [A]}\n"
+         "  - {name: U, id: 2, ifindex: 10, members: [A]}\n",
+         "topology:7:", "another trunk"},
+        {"trunks:\n  - {name: T, ifindex: 9}\n", "topology:4:", "missing key 'id'"},
+        {"isolation:\n  groups:\n    - {id: 7, members: [Ghost]}\n", "topology:5:", "no interface named 'Ghost'"},
+        {"interfaces:\n  - {name: A, ifindex: 5}\nisolation:\n  access-pairs:\n    - [A]\n", "topology:7:",
+         "pair"},
+        {"isolation:\n  colour: red\n", "topology:4:", "isolation.colour"},
+    };
+    for (const Case &c : cases) {
+        const std::string yaml = sys + c.yaml;
+        const std::string error = Refusal(yaml);
+        EXPECT_NE(error.find(c.where), std::string::npos) << yaml << " -> " << error;
+        EXPECT_NE(error.find(c.what), std::string::npos) << yaml << " -> " << error;
+    }
+}

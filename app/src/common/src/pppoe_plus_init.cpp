@@ -9,12 +9,14 @@
 
 #include "db.h"
 #include "devm.h"
+#include "pppoe_plus_cfg.h"
 #include "pppoe_plus_fpc.h"
 #include "pppoe_plus_guard.hpp"
 #include "pppoe_plus_log.h"
 #include "pppoe_plus_main.h"
 #include "pppoe_plus_mem.h"
 #include "pppoe_plus_patch.h"
+#include "pppoe_plus_tirn.h"
 #include "ruk.h"
 
 namespace {
@@ -117,9 +119,11 @@ uint32_t PPPOE_PLUS_InitData(void)
         return 1;
     }
     Info("[PPPOEPLUS_FRAME] InitData step1 end.");
+    (void)PPPOE_PLUS_InitTirn();  // waits for readiness; a session fault does not stop the start-up
     Info("[PPPOEPLUS_FRAME] InitData step2 end.");
     (void)PPPOE_PLUS_CreateMainTask();
     Info("[PPPOEPLUS_FRAME] InitData step3 end.");
+    PPPOE_PLUS_InitGlobalCfgData();
     Info("[PPPOEPLUS_FRAME] InitData finish.");
     return 0;
 }

@@ -1,0 +1,142 @@
+/* The configuration store: the device-wide settings and the per-interface
+ * port control blocks with their trust, policy, counters and formats. */
+#ifndef PPPOE_PLUS_CFG_H
+#define PPPOE_PLUS_CFG_H
+
+#include <stdint.h>
+
+/* Tag policy codes. */
+#define PPPOE_PLUS_POLICY_UNSET 0U
+#define PPPOE_PLUS_POLICY_REPLACE 1U
+#define PPPOE_PLUS_POLICY_DROP 2U
+#define PPPOE_PLUS_POLICY_KEEP 3U
+/* Encapsulation codes. */
+#define PPPOE_PLUS_ENCAP_CID 1U
+#define PPPOE_PLUS_ENCAP_RID 2U
+#define PPPOE_PLUS_ENCAP_BOTH 3U
+/* Format types. */
+#define PPPOE_PLUS_FORMAT_COMMON 0U
+#define PPPOE_PLUS_FORMAT_EXTEND 1U
+#define PPPOE_PLUS_FORMAT_USER_DEFINE 2U
+/* Info types. */
+#define PPPOE_PLUS_INFO_CID 1U
+#define PPPOE_PLUS_INFO_RID 2U
+
+#define PPPOE_PLUS_UDF_STR_LEN 128U
+#define PPPOE_PLUS_MAX_PORT_FORMATS 32U
+#define PPPOE_PLUS_FORMAT_TABLE_FULL 23U
+#define PPPOE_PLUS_PORT_COUNTERS 15U
+
+#ifndef PPPOE_PLUS_DEFAULT_VENDOR_ID
+#define PPPOE_PLUS_DEFAULT_VENDOR_ID 3561U
+#endif
+
+#ifdef __cplusplus
+#include <atomic>
+#include <mutex>
+#include <shared_mutex>
+extern "C" {
+
+/* A member's link in a doubly linked, circular list. */
+typedef struct PppoePlusDllNode {
+    struct PppoePlusDllNode *next;
+    struct PppoePlusDllNode *prev;
+} PppoePlusDllNode;
+
+/* A list head: first and last member (the head itself when empty), a
+ * reserved word and the member count. */
+typedef struct PppoePlusDllHead {
+    PppoePlusDllNode *first;
+    PppoePlusDllNode *last;
+    uintptr_t reserved;
+    uint32_t count;
+} PppoePlusDllHead;
+
+typedef struct InfoFormatNode {
+    PppoePlusDllNode link;
+    uintptr_t reserved;
+    uint16_t vlanId;
+    uint16_t ceVlanId;
+    uint8_t infoType;
+    uint8_t infoFormatType;
+    char userDefineStr[PPPOE_PLUS_UDF_STR_LEN];
+} InfoFormatNode;
+
+/* Per-interface control block. Single-byte settings and the counters are
+ * atomics of the same size: the configuration task writes them while the
+ * packet task reads them. */
+typedef struct PortCB {
+    PppoePlusDllNode link;
+    uintptr_t reserved;
+    uint32_t ifIndex;
+    uint8_t reserved2;
+    std::atomic<uint8_t> infoPolicy;
+    std::atomic<uint8_t> trust;
+    std::atomic<uint32_t> stats[PPPOE_PLUS_PORT_COUNTERS];
+    PppoePlusDllHead qinqFormatList;
+    PppoePlusDllHead vlanFormatList;
+    PppoePlusDllHead ceVlanFormatList;
+    PppoePlusDllHead noVlanFormatList;
+} PortCB;
+static_assert(sizeof(std::atomic<uint8_t>) == 1 && sizeof(std::atomic<uint32_t>) == 4, "plain layouts");
+
+typedef struct PppoePlusGlobalInfo {
+    std::atomic<uint8_t> enable;
+    std::atomic<uint8_t> infoPolicy;
+    std::atomic<uint8_t> ignoreReply;
+    std::atomic<uint8_t> infoEncap;
+    std::atomic<uint32_t> vendorId;
+    std::atomic<uint8_t> cidFormatType;
+    char cidUserDefineStr[PPPOE_PLUS_UDF_STR_LEN];
+    std::atomic<uint8_t> ridFormatType;
+    char ridUserDefineStr[PPPOE_PLUS_UDF_STR_LEN];
+    PppoePlusDllHead portList;
+} PppoePlusGlobalInfo;
+
+extern PppoePlusGlobalInfo g_pppoePlusGlobalInfo;
+
+void PPPOE_PLUS_InitGlobalCfgData(void);
+uint8_t PPPOE_PLUS_IsEnable(void);
+uint32_t PPPOE_PLUS_SetEnable(uint8_t enable);
+uint8_t PPPOE_PLUS_GetGlobalInfoPolicy(void);
+void PPPOE_PLUS_SetGlobalInfoPolicy(uint8_t policy);
+uint32_t PPPOE_PLUS_IsEncapOnlyCid(void);
+uint32_t PPPOE_PLUS_IsEncapOnlyRid(void);
+uint8_t PPPOE_PLUS_GetInfoEncap(void);
+void PPPOE_PLUS_SetInfoEncap(uint8_t valid, uint8_t encapType);
+uint8_t PPPOE_PLUS_GetGlobalCidFormat(void);
+char *PPPOE_PLUS_GetGlobalCidUdfFormat(void);
+uint32_t PPPOE_PLUS_SetGlobalCidFormat(uint8_t formatType, const char *udfStr);
+uint8_t PPPOE_PLUS_GetGlobalRidFormat(void);
+char *PPPOE_PLUS_GetGlobalRidUdfFormat(void);
+uint32_t PPPOE_PLUS_SetGlobalRidFormat(uint8_t formatType, const char *udfStr);
+uint32_t PPPOE_PLUS_GetVendorId(void);
+void PPPOE_PLUS_SetVendorId(uint32_t vendorId);
+PppoePlusDllHead PPPOE_PLUS_GetGlobalPortList(void);
+uint8_t PPPOE_PLUS_GetIgnoreReply(void);
+uint32_t PPPOE_PLUS_SetIgnoreReply(uint8_t enable);
+
+uint32_t PPPOE_PLUS_GetPortCBByIndex(uint32_t ifIndex, PortCB **out);
+PortCB *PPPOE_PLUS_FindPortCBByindex(uint32_t ifIndex);
+uint32_t PPPOE_PLUS_SetPortTrust(uint32_t ifIndex, uint32_t enable);
+uint32_t PPPOE_PLUS_SetPortPolicy(uint32_t ifIndex, uint8_t policy, uint8_t enable);
+void PPPOE_PLUS_FindInfoFormatDLLOnInterfaceByVlan(PortCB *cb, const InfoFormatNode *key, PppoePlusDllHead **out);
+InfoFormatNode *PPPOE_PLUS_FindInfoFormatOnInterface(PortCB *cb, const InfoFormatNode *key);
+uint32_t PPPOE_PLUS_InsertInfoFormatNodeOnInterface(PortCB *cb, const InfoFormatNode *cfg);
+uint32_t PPPOE_PLUS_SetPortFormat(const InfoFormatNode *cfg, uint32_t ifIndex, uint8_t enable);
+void PPPOE_PLUS_GetAllMatchTrustPort(uint32_t *outIfIndexes, uint32_t maxCount, uint32_t *outCount, uint16_t vlan,
+                                     uint32_t ingressIfIndex);
+
+}  // extern "C"
+
+/* The lock around the port list, the format lists and the user-defined
+ * strings. Writers (the configuration task, and the packet task when it
+ * creates a control block) hold it exclusively; readers that walk a list or
+ * read a format string (a node's or the global ones returned by the getters)
+ * hold it shared for as long as they use what they read. */
+std::shared_mutex &PppoePlusCfgLock();
+using PppoePlusCfgReadGuard = std::shared_lock<std::shared_mutex>;
+using PppoePlusCfgWriteGuard = std::unique_lock<std::shared_mutex>;
+#endif
+
+#endif

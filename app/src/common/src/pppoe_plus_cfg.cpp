@@ -1,0 +1,435 @@
+// The configuration store. Device-wide settings live in one record; every
+// interface with per-port settings, or that has received a discovery frame,
+// owns a port control block with its trust, policy, counters and up to 32
+// per-interface formats. The configuration task writes the store, the packet
+// task reads it and creates blocks for new ports; the port and format lists
+// and the user-defined strings are guarded by one reader-writer lock.
+#include "pppoe_plus_cfg.h"
+
+#include <cstring>
+
+#include "plat_safe.h"
+#include "pppoe_plus_acl.h"
+#include "pppoe_plus_intf.h"
+#include "pppoe_plus_log.h"
+#include "pppoe_plus_mem.h"
+#include "zavk.h"
+
+namespace {
+
+constexpr const char *kCfgFile = "app/src/common/src/pppoe_plus_cfg";
+
+void DllInit(PppoePlusDllHead *head)
+{
+    head->first = reinterpret_cast<PppoePlusDllNode *>(head);
+    head->last = reinterpret_cast<PppoePlusDllNode *>(head);
+    head->count = 0;
+}
+
+bool DllEmpty(const PppoePlusDllHead *head)
+{
+    return head->count == 0 || head->first == nullptr;
+}
+
+void DllAppend(PppoePlusDllHead *head, PppoePlusDllNode *node)
+{
+    if (head->first == nullptr) {
+        DllInit(head);
+    }
+    auto *headNode = reinterpret_cast<PppoePlusDllNode *>(head);
+    node->next = headNode;
+    node->prev = head->last;
+    head->last->next = node;
+    head->last = node;
+    head->count++;
+}
+
+void DllRemove(PppoePlusDllHead *head, PppoePlusDllNode *node)
+{
+    node->prev->next = node->next;
+    node->next->prev = node->prev;
+    node->next = nullptr;
+    node->prev = nullptr;
+    head->count--;
+}
+
+// Visits the members of a list in order until visit returns true; returns
+// that member or null.
+template <typename T, typename Visit>
+T *DllFind(const PppoePlusDllHead *head, Visit visit)
+{
+    if (DllEmpty(head)) {
+        return nullptr;
+    }
+    const PppoePlusDllNode *node = head->first;
+    for (uint32_t i = 0; i < head->count && node != nullptr; i++, node = node->next) {
+        T *member = reinterpret_cast<T *>(const_cast<PppoePlusDllNode *>(node));
+        if (visit(member)) {
+            return member;
+        }
+    }
+    return nullptr;
+}
+
+PortCB *FindPortLocked(uint32_t ifIndex)
+{
+    return DllFind<PortCB>(&g_pppoePlusGlobalInfo.portList,
+                           [ifIndex](const PortCB *cb) { return cb->ifIndex == ifIndex; });
+}
+
+PppoePlusDllHead *ListFor(PortCB *cb, const InfoFormatNode *key)
+{
+    if (key->vlanId != 0) {
+        return key->ceVlanId != 0 ? &cb->qinqFormatList : &cb->vlanFormatList;
+    }
+    return key->ceVlanId != 0 ? &cb->ceVlanFormatList : &cb->noVlanFormatList;
+}
+
+InfoFormatNode *FindFormatLocked(PortCB *cb, const InfoFormatNode *key)
+{
+    InfoFormatNode *node = DllFind<InfoFormatNode>(ListFor(cb, key), [key](const InfoFormatNode *n) {
+        return n->vlanId == key->vlanId && n->ceVlanId == key->ceVlanId && n->infoType == key->infoType;
+    });
+    if (node != nullptr) {
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO,
+                             "[PPLUS-CFG] Find Info Format On Interface:ifIndex=%u,vlanId=%u,ceVlanId=%u,infoType=%u,"
+                             "infoFormatType=%u, userDefineStr=%s.",
+                             cb->ifIndex, node->vlanId, node->ceVlanId, node->infoType, node->infoFormatType,
+                             node->userDefineStr);
+    }
+    return node;
+}
+
+uint32_t InsertFormatLocked(PortCB *cb, const InfoFormatNode *cfg)
+{
+    auto *node = static_cast<InfoFormatNode *>(PPPOE_PLUS_MemAlloc(sizeof(InfoFormatNode)));
+    if (node == nullptr) {
+        return 1;
+    }
+    std::memset(node, 0, sizeof(*node));
+    node->vlanId = cfg->vlanId;
+    node->ceVlanId = cfg->ceVlanId;
+    node->infoType = cfg->infoType;
+    node->infoFormatType = cfg->infoFormatType;
+    (void)memcpy_s(node->userDefineStr, sizeof(node->userDefineStr), cfg->userDefineStr, sizeof(cfg->userDefineStr));
+    PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO,
+                         "[PPLUS-CFG] Insert Info Format Node On Interface:vlanId=%u,ceVlanId=%u,infoType=%u,"
+                         "infoFormatType=%u,userDefineStr=%s.",
+                         node->vlanId, node->ceVlanId, node->infoType, node->infoFormatType, node->userDefineStr);
+    DllAppend(ListFor(cb, cfg), &node->link);
+    return 0;
+}
+
+// Finds or creates the block of ifIndex; the caller holds the lock exclusively.
+uint32_t GetPortLocked(uint32_t ifIndex, PortCB **out)
+{
+    *out = FindPortLocked(ifIndex);
+    if (*out != nullptr) {
+        return 0;
+    }
+    auto *cb = static_cast<PortCB *>(PPPOE_PLUS_MemAlloc(sizeof(PortCB)));
+    if (cb == nullptr) {
+        ZAVK_Assert(kCfgFile, 148);
+        return 1;
+    }
+    std::memset(static_cast<void *>(cb), 0, sizeof(*cb));
+    DllInit(&cb->qinqFormatList);
+    DllInit(&cb->vlanFormatList);
+    DllInit(&cb->ceVlanFormatList);
+    DllInit(&cb->noVlanFormatList);
+    cb->ifIndex = ifIndex;
+    DllAppend(&g_pppoePlusGlobalInfo.portList, &cb->link);
+    *out = cb;
+    return 0;
+}
+
+uint32_t SaveUdf(char *field, const char *udfStr, const char *failText)
+{
+    PppoePlusCfgWriteGuard guard(PppoePlusCfgLock());
+    const errno_t ret = strcpy_s(field, PPPOE_PLUS_UDF_STR_LEN, udfStr);
+    if (ret != 0) {
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, failText, static_cast<int>(ret));
+        return 1;
+    }
+    return 0;
+}
+
+uint32_t FormatCount(const PortCB *cb)
+{
+    return cb->qinqFormatList.count + cb->vlanFormatList.count + cb->ceVlanFormatList.count +
+           cb->noVlanFormatList.count;
+}
+
+}  // namespace
+
+std::shared_mutex &PppoePlusCfgLock()
+{
+    static std::shared_mutex lock;
+    return lock;
+}
+
+extern "C" {
+
+PppoePlusGlobalInfo g_pppoePlusGlobalInfo = {};
+
+void PPPOE_PLUS_InitGlobalCfgData(void)
+{
+    PppoePlusGlobalInfo &g = g_pppoePlusGlobalInfo;
+    g.enable = 0;
+    g.infoPolicy = PPPOE_PLUS_POLICY_REPLACE;
+    g.ignoreReply = 1;
+    g.infoEncap = PPPOE_PLUS_ENCAP_BOTH;
+    g.vendorId = PPPOE_PLUS_DEFAULT_VENDOR_ID;
+    g.cidFormatType = PPPOE_PLUS_FORMAT_COMMON;
+    g.ridFormatType = PPPOE_PLUS_FORMAT_COMMON;
+    PppoePlusCfgWriteGuard guard(PppoePlusCfgLock());
+    DllInit(&g.portList);
+}
+
+uint8_t PPPOE_PLUS_IsEnable(void)
+{
+    return g_pppoePlusGlobalInfo.enable;
+}
+
+uint32_t PPPOE_PLUS_SetEnable(uint8_t enable)
+{
+    if (g_pppoePlusGlobalInfo.enable == enable) {
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPLUS-CFG] Set same enable value.(enable: %u)", enable);
+        return 0;
+    }
+    g_pppoePlusGlobalInfo.enable = enable;
+    return PPPOE_PLUS_GlobalAclProc(enable == 1 ? 1U : 0U);
+}
+
+uint8_t PPPOE_PLUS_GetGlobalInfoPolicy(void)
+{
+    return g_pppoePlusGlobalInfo.infoPolicy;
+}
+
+void PPPOE_PLUS_SetGlobalInfoPolicy(uint8_t policy)
+{
+    g_pppoePlusGlobalInfo.infoPolicy = policy;
+}
+
+uint32_t PPPOE_PLUS_IsEncapOnlyCid(void)
+{
+    return g_pppoePlusGlobalInfo.infoEncap == PPPOE_PLUS_ENCAP_CID ? 1U : 0U;
+}
+
+uint32_t PPPOE_PLUS_IsEncapOnlyRid(void)
+{
+    return g_pppoePlusGlobalInfo.infoEncap == PPPOE_PLUS_ENCAP_RID ? 1U : 0U;
+}
+
+uint8_t PPPOE_PLUS_GetInfoEncap(void)
+{
+    return g_pppoePlusGlobalInfo.infoEncap;
+}
+
+void PPPOE_PLUS_SetInfoEncap(uint8_t valid, uint8_t encapType)
+{
+    g_pppoePlusGlobalInfo.infoEncap = valid != 0 ? encapType : static_cast<uint8_t>(PPPOE_PLUS_ENCAP_BOTH);
+}
+
+uint8_t PPPOE_PLUS_GetGlobalCidFormat(void)
+{
+    return g_pppoePlusGlobalInfo.cidFormatType;
+}
+
+char *PPPOE_PLUS_GetGlobalCidUdfFormat(void)
+{
+    return g_pppoePlusGlobalInfo.cidUserDefineStr;
+}
+
+uint32_t PPPOE_PLUS_SetGlobalCidFormat(uint8_t formatType, const char *udfStr)
+{
+    g_pppoePlusGlobalInfo.cidFormatType = formatType;
+    if (udfStr == nullptr) {
+        return 0;  // the previous string stays for a later switch back
+    }
+    return SaveUdf(g_pppoePlusGlobalInfo.cidUserDefineStr, udfStr, "[PPLUS-CFG] Save cid Udf format failed, ret = %d.");
+}
+
+uint8_t PPPOE_PLUS_GetGlobalRidFormat(void)
+{
+    return g_pppoePlusGlobalInfo.ridFormatType;
+}
+
+char *PPPOE_PLUS_GetGlobalRidUdfFormat(void)
+{
+    return g_pppoePlusGlobalInfo.ridUserDefineStr;
+}
+
+uint32_t PPPOE_PLUS_SetGlobalRidFormat(uint8_t formatType, const char *udfStr)
+{
+    g_pppoePlusGlobalInfo.ridFormatType = formatType;
+    if (udfStr == nullptr) {
+        return 0;
+    }
+    return SaveUdf(g_pppoePlusGlobalInfo.ridUserDefineStr, udfStr, "[PPLUS-CFG] Save rid Udf format failed, ret = %d.");
+}
+
+uint32_t PPPOE_PLUS_GetVendorId(void)
+{
+    return g_pppoePlusGlobalInfo.vendorId;
+}
+
+void PPPOE_PLUS_SetVendorId(uint32_t vendorId)
+{
+    g_pppoePlusGlobalInfo.vendorId = vendorId;
+}
+
+PppoePlusDllHead PPPOE_PLUS_GetGlobalPortList(void)
+{
+    PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
+    return g_pppoePlusGlobalInfo.portList;
+}
+
+uint8_t PPPOE_PLUS_GetIgnoreReply(void)
+{
+    return g_pppoePlusGlobalInfo.ignoreReply;
+}
+
+uint32_t PPPOE_PLUS_SetIgnoreReply(uint8_t enable)
+{
+    if (g_pppoePlusGlobalInfo.ignoreReply == enable) {
+        return 0;
+    }
+    g_pppoePlusGlobalInfo.ignoreReply = enable;
+    return PPPOE_PLUS_IgnoreReplyAclProc(enable != 0 ? 1U : 0U);
+}
+
+uint32_t PPPOE_PLUS_GetPortCBByIndex(uint32_t ifIndex, PortCB **out)
+{
+    if (out == nullptr) {
+        return 1;
+    }
+    {
+        PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
+        *out = FindPortLocked(ifIndex);
+        if (*out != nullptr) {
+            return 0;
+        }
+    }
+    PppoePlusCfgWriteGuard guard(PppoePlusCfgLock());
+    return GetPortLocked(ifIndex, out);
+}
+
+PortCB *PPPOE_PLUS_FindPortCBByindex(uint32_t ifIndex)
+{
+    PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
+    return FindPortLocked(ifIndex);
+}
+
+uint32_t PPPOE_PLUS_SetPortTrust(uint32_t ifIndex, uint32_t enable)
+{
+    PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO,
+                         "[PPLUS-CFG] Set trust port start. (enable: %u, ifIndex: %u, ignoreReply: %u)", enable,
+                         ifIndex, PPPOE_PLUS_GetIgnoreReply());
+    PortCB *cb = nullptr;
+    if (PPPOE_PLUS_GetPortCBByIndex(ifIndex, &cb) != 0) {
+        return 1;
+    }
+    if (cb->trust != enable) {
+        cb->trust = static_cast<uint8_t>(enable);
+        return PPPOE_PLUS_TrustPortAclProc(enable, ifIndex);
+    }
+    PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPLUS-CFG] Set same value. (enable: %u)", enable);
+    return 0;
+}
+
+uint32_t PPPOE_PLUS_SetPortPolicy(uint32_t ifIndex, uint8_t policy, uint8_t enable)
+{
+    PortCB *cb = nullptr;
+    if (PPPOE_PLUS_GetPortCBByIndex(ifIndex, &cb) != 0) {
+        ZAVK_Assert(kCfgFile, 290);
+        return 1;
+    }
+    cb->infoPolicy = enable != 0 ? policy : static_cast<uint8_t>(PPPOE_PLUS_POLICY_UNSET);
+    return 0;
+}
+
+void PPPOE_PLUS_FindInfoFormatDLLOnInterfaceByVlan(PortCB *cb, const InfoFormatNode *key, PppoePlusDllHead **out)
+{
+    *out = ListFor(cb, key);
+}
+
+InfoFormatNode *PPPOE_PLUS_FindInfoFormatOnInterface(PortCB *cb, const InfoFormatNode *key)
+{
+    return FindFormatLocked(cb, key);
+}
+
+uint32_t PPPOE_PLUS_InsertInfoFormatNodeOnInterface(PortCB *cb, const InfoFormatNode *cfg)
+{
+    return InsertFormatLocked(cb, cfg);
+}
+
+uint32_t PPPOE_PLUS_SetPortFormat(const InfoFormatNode *cfg, uint32_t ifIndex, uint8_t enable)
+{
+    PppoePlusCfgWriteGuard guard(PppoePlusCfgLock());
+    PortCB *cb = nullptr;
+    if (GetPortLocked(ifIndex, &cb) != 0) {
+        ZAVK_Assert(kCfgFile, 330);
+        return 1;
+    }
+    InfoFormatNode *node = FindFormatLocked(cb, cfg);
+    if (enable != 0) {
+        if (node == nullptr) {
+            return FormatCount(cb) < PPPOE_PLUS_MAX_PORT_FORMATS ? InsertFormatLocked(cb, cfg)
+                                                                 : PPPOE_PLUS_FORMAT_TABLE_FULL;
+        }
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPLUS-CFG] Update format config on Interface: ifIndex=%u.",
+                             ifIndex);
+        node->vlanId = cfg->vlanId;
+        node->ceVlanId = cfg->ceVlanId;
+        node->infoType = cfg->infoType;
+        node->infoFormatType = cfg->infoFormatType;
+        (void)memcpy_s(node->userDefineStr, sizeof(node->userDefineStr), cfg->userDefineStr,
+                       sizeof(cfg->userDefineStr));
+        return 0;
+    }
+    if (node != nullptr) {
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO,
+                             "[PPLUS-CFG] Delete format config on Interface: ifIndex=%u,vlanId=%u,ceVlanId=%u,"
+                             "infoFormatType=%u",
+                             ifIndex, cfg->vlanId, cfg->ceVlanId, cfg->infoFormatType);
+        DllRemove(ListFor(cb, cfg), &node->link);
+        PPPOE_PLUS_MemFree(node);
+    }
+    return 0;
+}
+
+void PPPOE_PLUS_GetAllMatchTrustPort(uint32_t *outIfIndexes, uint32_t maxCount, uint32_t *outCount, uint16_t vlan,
+                                     uint32_t ingressIfIndex)
+{
+    PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPLUS-CFG] Find trusted port, input param igrIfIndex %u, VLAN %u.",
+                         ingressIfIndex, vlan);
+    uint32_t found = 0;
+    {
+        PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
+        (void)DllFind<PortCB>(&g_pppoePlusGlobalInfo.portList, [&](const PortCB *cb) {
+            if (cb->trust != 1) {
+                return false;
+            }
+            PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPLUS-CFG] Trusted port %u.", cb->ifIndex);
+            if (cb->ifIndex == ingressIfIndex) {
+                return false;
+            }
+            if (PPPOE_PLUS_IsPortInVlan(cb->ifIndex, vlan) == 0) {
+                PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPLUS-CFG] Trusted port %u is not join vlan %u.",
+                                     cb->ifIndex, vlan);
+                return false;
+            }
+            if (found >= maxCount) {
+                return true;  // the first maxCount matching ports win
+            }
+            outIfIndexes[found++] = cb->ifIndex;
+            PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPLUS-CFG] Find matched ifIndex %u", cb->ifIndex);
+            return false;
+        });
+    }
+    *outCount = found;
+    PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPLUS-CFG] Find matched trusted port cnt %u.", found);
+}
+
+}  // extern "C"

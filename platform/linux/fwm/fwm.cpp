@@ -1,0 +1,206 @@
+// The forwarding manager: an in-process service on the session mesh that
+// takes the PPPoE+ agent's ACL requests. Each request is answered with
+// status 0 and changes the state the forwarding plane reads: the feature's
+// punt ACLs on or off, ignore-reply, the set of trusted ports. Requests are
+// counted per kind and the last 64 are kept.
+#include <array>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <sstream>
+
+#include "core/internal.hpp"
+#include "plat_fwm.hpp"
+#include "rpc.h"
+#include "tirn/tirn_internal.hpp"
+
+namespace plat::fwm {
+namespace {
+
+constexpr size_t kKeptRequests = 64;
+
+struct Fwm {
+    std::mutex mu;
+    bool running = false;
+    State state;
+    std::array<uint32_t, kRequestKinds> counts{};
+    std::deque<Request> last;
+    Observer observer;
+};
+
+Fwm &TheFwm()
+{
+    return plat::internal::Leaky<Fwm>();
+}
+
+void Notify(const Request *request, const std::string &client)
+{
+    Observer observer;
+    {
+        Fwm &fwm = TheFwm();
+        std::lock_guard lock(fwm.mu);
+        observer = fwm.observer;
+    }
+    if (observer) {
+        observer(request, client);
+    }
+}
+
+uint32_t Handle(tirn::Method method, const void *bytes, uint32_t len)
+{
+    Request request;
+    request.kind = static_cast<RequestKind>(method);
+    std::array<uint32_t, 2> fields{0, 0xFFFFFFFFU};
+    std::memcpy(fields.data(), bytes, len < sizeof(fields) ? len : sizeof(fields));
+    request.enable = fields[0];
+    if (request.kind == RequestKind::TrustPortCfg) {
+        request.ifIndex = fields[1];
+    }
+    {
+        Fwm &fwm = TheFwm();
+        std::lock_guard lock(fwm.mu);
+        switch (request.kind) {
+            case RequestKind::GlobalCfg:
+                fwm.state.enabled = request.enable != 0;
+                break;
+            case RequestKind::IgnoreReplyCfg:
+                fwm.state.ignoreReply = request.enable != 0;
+                break;
+            case RequestKind::TrustPortCfg:
+                if (request.enable != 0) {
+                    fwm.state.trustedPorts.insert(request.ifIndex);
+                } else {
+                    fwm.state.trustedPorts.erase(request.ifIndex);
+                }
+                break;
+        }
+        fwm.counts[static_cast<size_t>(request.kind)]++;
+        fwm.last.push_back(request);
+        if (fwm.last.size() > kKeptRequests) {
+            fwm.last.pop_front();
+        }
+    }
+    Notify(&request, "");
+    return 0;
+}
+
+void Attached(const std::string &client)
+{
+    {
+        Fwm &fwm = TheFwm();
+        std::lock_guard lock(fwm.mu);
+        fwm.state.clients.push_back(client);
+    }
+    Notify(nullptr, client);
+}
+
+}  // namespace
+
+bool start()
+{
+    Fwm &fwm = TheFwm();
+    {
+        std::lock_guard lock(fwm.mu);
+        if (fwm.running) {
+            return false;
+        }
+        fwm.state = State{};
+        fwm.counts = {};
+        fwm.last.clear();
+    }
+    if (!tirn::register_service(kUri, tirn::Service{Handle, Attached})) {
+        return false;
+    }
+    std::lock_guard lock(fwm.mu);
+    fwm.running = true;
+    return true;
+}
+
+void stop()
+{
+    Fwm &fwm = TheFwm();
+    {
+        std::lock_guard lock(fwm.mu);
+        if (!fwm.running) {
+            return;
+        }
+        fwm.running = false;
+        fwm.state.clients.clear();
+    }
+    tirn::unregister_service(kUri);
+}
+
+bool running()
+{
+    Fwm &fwm = TheFwm();
+    std::lock_guard lock(fwm.mu);
+    return fwm.running;
+}
+
+State state()
+{
+    Fwm &fwm = TheFwm();
+    std::lock_guard lock(fwm.mu);
+    return fwm.state;
+}
+
+uint32_t request_count(RequestKind kind)
+{
+    Fwm &fwm = TheFwm();
+    std::lock_guard lock(fwm.mu);
+    return fwm.counts[static_cast<size_t>(kind)];
+}
+
+std::vector<Request> last_requests()
+{
+    Fwm &fwm = TheFwm();
+    std::lock_guard lock(fwm.mu);
+    return {fwm.last.begin(), fwm.last.end()};
+}
+
+void set_observer(Observer observer)
+{
+    Fwm &fwm = TheFwm();
+    std::lock_guard lock(fwm.mu);
+    fwm.observer = std::move(observer);
+}
+
+std::string describe(const Request &request)
+{
+    std::ostringstream out;
+    switch (request.kind) {
+        case RequestKind::GlobalCfg:
+            out << "global-cfg enable " << request.enable;
+            break;
+        case RequestKind::IgnoreReplyCfg:
+            out << "ignore-reply-cfg enable " << request.enable;
+            break;
+        case RequestKind::TrustPortCfg:
+            out << "trust-port-cfg enable " << request.enable << " ifIndex " << request.ifIndex;
+            break;
+    }
+    return out.str();
+}
+
+std::string describe(const State &state)
+{
+    std::ostringstream out;
+    out << "feature " << (state.enabled ? "on" : "off") << ", ignore-reply " << (state.ignoreReply ? "on" : "off")
+        << ", trusted ports";
+    if (state.trustedPorts.empty()) {
+        out << " none";
+    }
+    for (const uint32_t ifIndex : state.trustedPorts) {
+        out << ' ' << ifIndex;
+    }
+    out << ", clients";
+    if (state.clients.empty()) {
+        out << " none";
+    }
+    for (const std::string &client : state.clients) {
+        out << ' ' << client;
+    }
+    return out.str();
+}
+
+}  // namespace plat::fwm

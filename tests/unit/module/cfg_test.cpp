@@ -1,0 +1,266 @@
+// The configuration store: global settings, port control blocks, formats.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+
+#include "module_fixture.hpp"
+#include "plat_control.h"
+#include "plat_safe.h"
+#include "pppoe_plus_cfg.h"
+
+using pplus_test::LogCount;
+using pplus_test::LogHas;
+
+namespace {
+
+class CfgTest : public pplus_test::ModuleTest {
+protected:
+    void SetUp() override
+    {
+        ModuleTest::SetUp();
+        PPPOE_PLUS_InitGlobalCfgData();
+        PPPOE_PLUS_UpdateDebugSwitch(4, 1);
+    }
+};
+
+InfoFormatNode Format(uint16_t vlan, uint16_t ceVlan, uint8_t infoType, uint8_t type = PPPOE_PLUS_FORMAT_COMMON,
+                      const char *udf = "")
+{
+    InfoFormatNode node = {};
+    node.vlanId = vlan;
+    node.ceVlanId = ceVlan;
+    node.infoType = infoType;
+    node.infoFormatType = type;
+    (void)strcpy_s(node.userDefineStr, sizeof(node.userDefineStr), udf);
+    return node;
+}
+
+uint32_t SetFormat(const InfoFormatNode &node, uint32_t ifIndex, uint8_t enable)
+{
+    return PPPOE_PLUS_SetPortFormat(&node, ifIndex, enable);
+}
+
+}  // namespace
+
+TEST_F(CfgTest, DefaultsAfterStartUp)
+{
+    EXPECT_EQ(PPPOE_PLUS_IsEnable(), 0U);
+    EXPECT_EQ(PPPOE_PLUS_IsEncapOnlyCid(), 0U);
+    EXPECT_EQ(PPPOE_PLUS_IsEncapOnlyRid(), 0U);
+    EXPECT_EQ(PPPOE_PLUS_GetInfoEncap(), PPPOE_PLUS_ENCAP_BOTH);
+    EXPECT_EQ(PPPOE_PLUS_GetIgnoreReply(), 1U);
+    EXPECT_EQ(PPPOE_PLUS_GetGlobalInfoPolicy(), PPPOE_PLUS_POLICY_REPLACE);
+    EXPECT_EQ(PPPOE_PLUS_GetVendorId(), PPPOE_PLUS_DEFAULT_VENDOR_ID);
+    EXPECT_EQ(PPPOE_PLUS_GetGlobalCidFormat(), PPPOE_PLUS_FORMAT_COMMON);
+    EXPECT_EQ(PPPOE_PLUS_GetGlobalRidFormat(), PPPOE_PLUS_FORMAT_COMMON);
+    EXPECT_EQ(PPPOE_PLUS_GetGlobalPortList().count, 0U);
+}
+
+TEST_F(CfgTest, EnableAndIgnoreReplyRequestOnlyOnChange)
+{
+    // No session to the forwarding manager here: requests fail, values stay.
+    EXPECT_EQ(PPPOE_PLUS_SetEnable(1), 1U);
+    EXPECT_EQ(PPPOE_PLUS_SetEnable(1), 0U);
+    EXPECT_EQ(LogCount(PLAT_LOG_DEBUG, "Set global enable cfg. enable:1"), 1U);
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] Set same enable value.(enable: 1)"));
+    EXPECT_EQ(PPPOE_PLUS_IsEnable(), 1U);
+
+    PPPOE_PLUS_SetEnable(2);  // only exactly 1 asks for "enabled"
+    EXPECT_EQ(PPPOE_PLUS_IsEnable(), 2U);
+    EXPECT_EQ(LogCount(PLAT_LOG_DEBUG, "Set global enable cfg. enable:0"), 1U);
+
+    EXPECT_EQ(PPPOE_PLUS_SetIgnoreReply(1), 0U);  // unchanged: silent
+    EXPECT_EQ(LogCount(PLAT_LOG_DEBUG, "Set ignore reply cfg."), 0U);
+    PPPOE_PLUS_SetIgnoreReply(0);
+    PPPOE_PLUS_SetIgnoreReply(2);  // any non-zero value asks for "on"
+    EXPECT_EQ(PPPOE_PLUS_GetIgnoreReply(), 2U);
+    EXPECT_TRUE(pplus_test::LogInOrder(PLAT_LOG_DEBUG, {"Set ignore reply cfg. enable:0",
+                                                        "Set ignore reply cfg. enable:1"}) != 0);
+}
+
+TEST_F(CfgTest, EncapAndGlobalFormats)
+{
+    PPPOE_PLUS_SetInfoEncap(0, PPPOE_PLUS_ENCAP_CID);
+    EXPECT_EQ(PPPOE_PLUS_GetInfoEncap(), PPPOE_PLUS_ENCAP_BOTH);
+    PPPOE_PLUS_SetInfoEncap(1, PPPOE_PLUS_ENCAP_RID);
+    EXPECT_EQ(PPPOE_PLUS_IsEncapOnlyRid(), 1U);
+
+    EXPECT_EQ(PPPOE_PLUS_SetGlobalCidFormat(PPPOE_PLUS_FORMAT_USER_DEFINE, "%sysname %port"), 0U);
+    EXPECT_EQ(PPPOE_PLUS_SetGlobalCidFormat(PPPOE_PLUS_FORMAT_COMMON, nullptr), 0U);
+    EXPECT_STREQ(PPPOE_PLUS_GetGlobalCidUdfFormat(), "%sysname %port");  // kept for a switch back
+    EXPECT_EQ(PPPOE_PLUS_GetGlobalCidFormat(), PPPOE_PLUS_FORMAT_COMMON);
+
+    const std::string tooLong(128, 'x');
+    EXPECT_EQ(PPPOE_PLUS_SetGlobalRidFormat(PPPOE_PLUS_FORMAT_USER_DEFINE, tooLong.c_str()), 1U);
+    EXPECT_EQ(PPPOE_PLUS_GetGlobalRidFormat(), PPPOE_PLUS_FORMAT_USER_DEFINE);  // type kept
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] Save rid Udf format failed, ret = "));
+    const std::string fits(127, 'y');
+    EXPECT_EQ(PPPOE_PLUS_SetGlobalRidFormat(PPPOE_PLUS_FORMAT_USER_DEFINE, fits.c_str()), 0U);
+    EXPECT_EQ(std::string(PPPOE_PLUS_GetGlobalRidUdfFormat()), fits);
+}
+
+TEST_F(CfgTest, FormatsGoToTheListOfTheirVlanPair)
+{
+    ASSERT_EQ(SetFormat(Format(10, 20, PPPOE_PLUS_INFO_CID), 7, 1), 0U);
+    ASSERT_EQ(SetFormat(Format(10, 20, PPPOE_PLUS_INFO_RID), 7, 1), 0U);
+    ASSERT_EQ(SetFormat(Format(100, 0, PPPOE_PLUS_INFO_CID), 7, 1), 0U);
+    ASSERT_EQ(SetFormat(Format(0, 100, PPPOE_PLUS_INFO_CID), 7, 1), 0U);
+    ASSERT_EQ(SetFormat(Format(0, 0, PPPOE_PLUS_INFO_RID), 7, 1), 0U);
+    PortCB *cb = PPPOE_PLUS_FindPortCBByindex(7);
+    ASSERT_NE(cb, nullptr);
+    EXPECT_EQ(cb->qinqFormatList.count, 2U);  // Circuit-ID and Remote-ID of one pair: two nodes
+    EXPECT_EQ(cb->vlanFormatList.count, 1U);
+    EXPECT_EQ(cb->ceVlanFormatList.count, 1U);
+    EXPECT_EQ(cb->noVlanFormatList.count, 1U);
+
+    PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
+    const InfoFormatNode ceKey = Format(0, 100, PPPOE_PLUS_INFO_CID);
+    PppoePlusDllHead *list = nullptr;
+    PPPOE_PLUS_FindInfoFormatDLLOnInterfaceByVlan(cb, &ceKey, &list);
+    EXPECT_EQ(list, &cb->ceVlanFormatList);
+    EXPECT_NE(PPPOE_PLUS_FindInfoFormatOnInterface(cb, &ceKey), nullptr);
+    // A lookup never looks into another list.
+    const InfoFormatNode missing = Format(100, 0, PPPOE_PLUS_INFO_RID);
+    EXPECT_EQ(PPPOE_PLUS_FindInfoFormatOnInterface(cb, &missing), nullptr);
+}
+
+TEST_F(CfgTest, ThirtyTwoFormatsPerPortAndUpdatesStillWork)
+{
+    for (uint16_t i = 1; i <= 16; i++) {
+        ASSERT_EQ(SetFormat(Format(i, 0, PPPOE_PLUS_INFO_CID), 9, 1), 0U);
+        ASSERT_EQ(SetFormat(Format(0, i, PPPOE_PLUS_INFO_RID), 9, 1), 0U);
+    }
+    EXPECT_EQ(SetFormat(Format(500, 501, PPPOE_PLUS_INFO_CID), 9, 1), PPPOE_PLUS_FORMAT_TABLE_FULL);
+    const InfoFormatNode update = Format(3, 0, PPPOE_PLUS_INFO_CID, PPPOE_PLUS_FORMAT_USER_DEFINE, "%svlan");
+    EXPECT_EQ(PPPOE_PLUS_SetPortFormat(&update, 9, 1), 0U);
+    PortCB *cb = PPPOE_PLUS_FindPortCBByindex(9);
+    {
+        PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
+        const InfoFormatNode *node = PPPOE_PLUS_FindInfoFormatOnInterface(cb, &update);
+        ASSERT_NE(node, nullptr);
+        EXPECT_STREQ(node->userDefineStr, "%svlan");
+        EXPECT_EQ(node->infoFormatType, PPPOE_PLUS_FORMAT_USER_DEFINE);
+    }
+    const uint32_t before = PLAT_MemOutstanding();
+    EXPECT_EQ(PPPOE_PLUS_SetPortFormat(&update, 9, 0), 0U);
+    EXPECT_EQ(PLAT_MemOutstanding(), before - 1);
+    EXPECT_EQ(SetFormat(Format(500, 501, PPPOE_PLUS_INFO_CID), 9, 1), 0U);  // room again
+
+    // Deleting a key never configured succeeds and creates the port's block.
+    EXPECT_EQ(SetFormat(Format(1, 1, PPPOE_PLUS_INFO_CID), 44, 0), 0U);
+    EXPECT_NE(PPPOE_PLUS_FindPortCBByindex(44), nullptr);
+
+    PLAT_FailSet("RUK_MemAlloc_F", 0, 1, 1);
+    EXPECT_EQ(SetFormat(Format(600, 0, PPPOE_PLUS_INFO_CID), 44, 1), 1U);
+}
+
+TEST_F(CfgTest, PortBlocksAreCreatedOnceAndPolicyClears)
+{
+    PortCB *a = nullptr;
+    PortCB *b = nullptr;
+    ASSERT_EQ(PPPOE_PLUS_GetPortCBByIndex(5, &a), 0U);
+    ASSERT_EQ(PPPOE_PLUS_GetPortCBByIndex(5, &b), 0U);
+    EXPECT_EQ(a, b);
+    EXPECT_EQ(PPPOE_PLUS_FindPortCBByindex(6), nullptr);
+    EXPECT_EQ(PPPOE_PLUS_SetPortPolicy(5, PPPOE_PLUS_POLICY_KEEP, 1), 0U);
+    EXPECT_EQ(a->infoPolicy.load(), PPPOE_PLUS_POLICY_KEEP);
+    EXPECT_EQ(PPPOE_PLUS_SetPortPolicy(5, PPPOE_PLUS_POLICY_DROP, 0), 0U);
+    EXPECT_EQ(a->infoPolicy.load(), PPPOE_PLUS_POLICY_UNSET);
+
+    PLAT_FailSet("RUK_MemAlloc_F", 0, 1, 1);
+    PortCB *c = nullptr;
+    EXPECT_EQ(PPPOE_PLUS_GetPortCBByIndex(8, &c), 1U);
+    EXPECT_EQ(c, nullptr);
+    EXPECT_EQ(PLAT_AssertCountAt("app/src/common/src/pppoe_plus_cfg", 148), 1U);
+    EXPECT_EQ(PPPOE_PLUS_GetGlobalPortList().count, 1U);
+}
+
+TEST_F(CfgTest, TrustChangesRequestOnlyOnChange)
+{
+    PPPOE_PLUS_SetPortTrust(3, 1);
+    EXPECT_EQ(PPPOE_PLUS_SetPortTrust(3, 1), 0U);
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] Set same value. (enable: 1)"));
+    EXPECT_EQ(LogCount(PLAT_LOG_DEBUG, "Set Trust port cfg. enable:1 ifIndex:3"), 1U);
+    PPPOE_PLUS_SetPortTrust(3, 2);
+    EXPECT_EQ(PPPOE_PLUS_FindPortCBByindex(3)->trust.load(), 2U);
+}
+
+// The configuration task churns formats, trust and global strings while the
+// packet task creates blocks, looks formats up and matches trusted ports.
+// Run under ThreadSanitizer this must stay silent.
+TEST_F(CfgTest, ConfigurationChurnBesidePacketLookups)
+{
+    PPPOE_PLUS_UpdateDebugSwitch(4, 0);
+    std::atomic<bool> stop{false};
+    std::thread packets([&stop]() {
+        uint32_t next = 1000;
+        char copy[PPPOE_PLUS_UDF_STR_LEN];
+        while (!stop.load()) {
+            PortCB *cb = nullptr;
+            ASSERT_EQ(PPPOE_PLUS_GetPortCBByIndex(next++ % 1100, &cb), 0U);
+            cb->stats[0].fetch_add(1);
+            PortCB *cfgPort = PPPOE_PLUS_FindPortCBByindex(2);
+            if (cfgPort != nullptr) {
+                PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
+                const InfoFormatNode key = Format(10, 0, PPPOE_PLUS_INFO_CID);
+                const InfoFormatNode *node = PPPOE_PLUS_FindInfoFormatOnInterface(cfgPort, &key);
+                if (node != nullptr) {
+                    (void)strcpy_s(copy, sizeof(copy), node->userDefineStr);
+                }
+                (void)strcpy_s(copy, sizeof(copy), PPPOE_PLUS_GetGlobalCidUdfFormat());
+            }
+            uint32_t ports[8];
+            uint32_t count = 0;
+            PPPOE_PLUS_GetAllMatchTrustPort(ports, 8, &count, 10, 1);
+            if (cfgPort != nullptr) {
+                (void)cfgPort->infoPolicy.load();
+                (void)cfgPort->trust.load();
+            }
+        }
+    });
+    for (int round = 0; round < 300; round++) {
+        const uint32_t port = 1 + round % 4;
+        const InfoFormatNode node =
+            Format(10, 0, PPPOE_PLUS_INFO_CID, PPPOE_PLUS_FORMAT_USER_DEFINE, round % 2 ? "%port" : "%svlan%cvlan");
+        EXPECT_EQ(SetFormat(node, port, 1), 0U);
+        if (round % 3 == 0) {
+            EXPECT_EQ(SetFormat(node, port, 0), 0U);
+        }
+        PPPOE_PLUS_SetPortTrust(port, round % 2);
+        PPPOE_PLUS_SetPortPolicy(port, PPPOE_PLUS_POLICY_KEEP, round % 2);
+        PPPOE_PLUS_SetGlobalCidFormat(PPPOE_PLUS_FORMAT_USER_DEFINE, round % 2 ? "%sysname" : "%mac");
+    }
+    stop = true;
+    packets.join();
+}
+
+TEST_F(CfgTest, TrustedPortsMatchByVlanInListOrderAtMostEight)
+{
+    // Ports 1..12 trusted, all in VLAN 100 but port 4; port 11 trusted with 2:
+    // nine match besides the ingress port 2, the ninth (12) is left out.
+    for (uint32_t port = 1; port <= 12; port++) {
+        PPPOE_PLUS_SetPortTrust(port, port == 11 ? 2 : 1);
+        plat::world::port_vlan_set(port, 100, port != 4);
+    }
+    plat::world::port_vlan_set(20, 4095, true);
+    PPPOE_PLUS_SetPortTrust(20, 1);
+
+    uint32_t ports[8] = {};
+    uint32_t count = 0;
+    PPPOE_PLUS_GetAllMatchTrustPort(ports, 8, &count, 100, 2);  // ingress 2 is never chosen
+    ASSERT_EQ(count, 8U);
+    const uint32_t expected[8] = {1, 3, 5, 6, 7, 8, 9, 10};
+    for (uint32_t i = 0; i < 8; i++) {
+        EXPECT_EQ(ports[i], expected[i]);
+    }
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] Trusted port 4 is not join vlan 100."));
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] Find matched trusted port cnt 8."));
+
+    PPPOE_PLUS_GetAllMatchTrustPort(ports, 8, &count, 4095, 2);  // byte 511, bit 7
+    ASSERT_EQ(count, 1U);
+    EXPECT_EQ(ports[0], 20U);
+    PPPOE_PLUS_GetAllMatchTrustPort(ports, 8, &count, 300, 2);
+    EXPECT_EQ(count, 0U);
+}

@@ -1,0 +1,312 @@
+// Interface and device lookups against a small switch in the world model.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "db.h"
+#include "devm.h"
+#include "module_fixture.hpp"
+#include "plat_control.h"
+#include "plat_world.hpp"
+#include "pplus_test.hpp"
+#include "pppoe_plus_intf.h"
+#include "pppoe_plus_log.h"
+
+using pplus_test::LogHas;
+
+namespace {
+
+constexpr uint32_t kNone = 0xFFFFFFFFU;
+
+// Gi1 (5), Gi2 (6), Gi3 (7, routed), members Gi23 (27) and Gi24 (28) of
+// trunk 3 = Eth-Trunk3 (100); Gi25 (29) claims trunk 4, which has no
+// interface.
+class IntfTest : public pplus_test::ModuleTest {
+protected:
+    void SetUp() override
+    {
+        ModuleTest::SetUp();
+        Put("GigabitEthernet0/0/1", 5, 0, 255, 1);
+        Put("GigabitEthernet0/0/2", 6, 1, 2, 65535);
+        plat::IfRecord routed = Put("GigabitEthernet0/0/3", 7, 0, 0, 3);
+        routed.portSwitch = 1;
+        plat::world::if_put(routed);
+        for (uint32_t ifIndex : {27U, 28U}) {
+            plat::IfRecord m = Put("GigabitEthernet0/0/" + std::to_string(ifIndex - 4), ifIndex, 0, 0,
+                                   static_cast<uint16_t>(ifIndex - 4));
+            m.l2TrunkId = 3;
+            plat::world::if_put(m);
+            plat::world::trunk_port_put({ifIndex, 100});
+        }
+        plat::IfRecord orphan = Put("GigabitEthernet0/0/25", 29, 0, 0, 25);
+        orphan.l2TrunkId = 4;
+        plat::world::if_put(orphan);
+        plat::IfRecord trunk = Put("Eth-Trunk3", 100, 0, 0, 0);
+        trunk.lagId = 3;
+        plat::world::if_put(trunk);
+        plat::world::trunk_put({3, 100});
+        ASSERT_EQ(PPPOE_PLUS_UpdateDebugSwitch(PPPOE_PLUS_DBG_ALL, 1), 0U);
+        PLAT_LogClear();
+        PLAT_CallCountReset();
+    }
+
+    static plat::IfRecord Put(const std::string &name, uint32_t ifIndex, uint32_t slot, uint32_t card, uint16_t port)
+    {
+        plat::IfRecord r;
+        r.name = name;
+        r.ifIndex = ifIndex;
+        r.slot = slot;
+        r.card = card;
+        r.port = port;
+        plat::world::if_put(r);
+        return r;
+    }
+
+    // Every object created was released, whatever path was taken.
+    static void ExpectAllReleased()
+    {
+        const std::pair<const char *, const char *> kinds[] = {
+            {"db_create_if_object", "db_release_if_object"},
+            {"db_create_trunk_obj", "db_release_trunk_obj"},
+            {"db_create_trunk_port_obj", "db_release_trunk_port_obj"},
+            {"db_create_port_vlan_map_obj", "db_release_port_vlan_map_obj"},
+            {"db_create_access_isolate_obj", "db_release_access_isolate_obj"},
+            {"db_create_port_isolate_obj", "db_release_port_isolate_obj"},
+            {"db_create_sys_info_obj", "db_release_sys_info_obj"},
+        };
+        for (const auto &[create, release] : kinds) {
+            EXPECT_EQ(PLAT_CallCount(create) - PLAT_FailHits(create), PLAT_CallCount(release)) << create;
+        }
+    }
+};
+
+bool DebugHas(const std::string &text)
+{
+    return LogHas(PLAT_LOG_DEBUG, text);
+}
+
+}  // namespace
+
+TEST_F(IntfTest, NamesAndTrunkMembership)
+{
+    char name[64] = {};
+    EXPECT_EQ(PPPOE_PLUS_GetIfNameByIfIndex(5, name, sizeof(name)), 0U);
+    EXPECT_STREQ(name, "GigabitEthernet0/0/1");
+    // A member port of trunk 3 is named by its trunk.
+    EXPECT_EQ(PPPOE_PLUS_GetIfNameByIfIndex(27, name, sizeof(name)), 0U);
+    EXPECT_STREQ(name, "Eth-Trunk3");
+    EXPECT_EQ(PPPOE_PLUS_GetIfNameRaw(27, name, sizeof(name)), 0U);
+    EXPECT_STREQ(name, "GigabitEthernet0/0/23");
+    // Trunk 4 has no trunk object: the member's own name.
+    EXPECT_EQ(PPPOE_PLUS_GetIfNameByIfIndex(29, name, sizeof(name)), 0U);
+    EXPECT_STREQ(name, "GigabitEthernet0/0/25");
+    EXPECT_TRUE(DebugHas("Get trunk ifindex failed. (trunkId=4)."));
+    EXPECT_TRUE(DebugHas("read trunk object failed, ret = 12290."));
+
+    EXPECT_EQ(PPPOE_PLUS_GetIfNameByIfIndex(5, name, 8), 1U);
+    EXPECT_TRUE(DebugHas("Fail to copy ifname(name=GigabitEthernet0/0/1, length=8)."));
+    EXPECT_EQ(PPPOE_PLUS_GetIfNameRaw(999, name, sizeof(name)), DB_ERR_NO_RECORD);
+    EXPECT_TRUE(DebugHas("read object failed, ret = 12290."));
+    PLAT_FailSet("db_get_if_name", 0, 1, 77);
+    EXPECT_EQ(PPPOE_PLUS_GetIfNameRaw(5, name, sizeof(name)), 77U);
+    EXPECT_TRUE(DebugHas("db_get_if_name failed, ret = 77."));
+
+    EXPECT_EQ(PPPOE_PLUS_GetTrunkIfIndex(28), 100U);
+    EXPECT_EQ(PPPOE_PLUS_GetTrunkIfIndex(5), kNone);
+    EXPECT_EQ(PPPOE_PLUS_GetTrunkIfIndex(29), kNone);
+    EXPECT_EQ(PPPOE_PLUS_GetTrunkIfIndex(999), kNone);
+    EXPECT_TRUE(DebugHas("read if object failed, ret = 12290."));
+    PLAT_FailSet("db_get_if_l2_trunk_id", 0, 1, 78);
+    EXPECT_EQ(PPPOE_PLUS_GetIfL2TrunkId(27), kNone);
+    EXPECT_TRUE(DebugHas("db_get_if_l2_trunk_id failed, ret = 78."));
+    PLAT_FailSet("db_get_trunk_trunk_if_index", 0, 1, 79);
+    EXPECT_EQ(PPPOE_PLUS_GetTrunkIfIndexByTrunkId(3), kNone);
+    EXPECT_TRUE(DebugHas("db_get_trunk_trunk_if_index failed, ret = 79."));
+
+    uint32_t trunkIf = 0;
+    EXPECT_EQ(PPPOE_PLUS_GetTrunkIfIndexByMember(27, &trunkIf), 0U);
+    EXPECT_EQ(trunkIf, 100U);
+    EXPECT_EQ(PPPOE_PLUS_GetTrunkIfIndexByMember(5, &trunkIf), DB_ERR_NO_RECORD);
+
+    EXPECT_EQ(PPPOE_PLUS_IsTrunkIf(100), 1U);
+    EXPECT_EQ(PPPOE_PLUS_IsTrunkIf(27), 0U);
+    EXPECT_EQ(PPPOE_PLUS_IsTrunkIf(999), 0U);
+    EXPECT_TRUE(DebugHas("Get trunk id, failed to read object, ret = 12290."));
+    PLAT_FailSet("db_get_if_lag_id", 0, 1, 80);
+    EXPECT_EQ(PPPOE_PLUS_IsTrunkIf(100), 0U);
+    EXPECT_TRUE(DebugHas("Get trunk id, failed to get lag id, ret = 80."));
+
+    uint32_t id = 0;
+    EXPECT_EQ(PPPOE_PLUS_GetConfigTrunkIdByIfName("Eth-Trunk10", &id), 0U);
+    EXPECT_EQ(id, 10U);
+    EXPECT_EQ(PPPOE_PLUS_GetConfigTrunkIdByIfName("Trunk7a", &id), 0U);
+    EXPECT_EQ(id, 7U);
+    id = 55;
+    EXPECT_EQ(PPPOE_PLUS_GetConfigTrunkIdByIfName("Eth-Trunk", &id), 1U);
+    EXPECT_EQ(PPPOE_PLUS_GetConfigTrunkIdByIfName("", &id), 1U);
+    EXPECT_EQ(PPPOE_PLUS_GetConfigTrunkIdByIfName("T99999999999", &id), 1U);
+    EXPECT_EQ(id, 55U);
+    ExpectAllReleased();
+}
+
+TEST_F(IntfTest, PlacementSystemNameAndSwitchedPort)
+{
+    uint32_t slot = 9, card = 9, port = 9;
+    EXPECT_EQ(PPPOE_PLUS_GetIfSlotCardPort(5, &slot, &card, &port), 0U);
+    EXPECT_EQ(card, 0U);  // 255 reads as 0
+    EXPECT_EQ(port, 1U);
+    EXPECT_EQ(PPPOE_PLUS_GetIfSlotCardPort(6, &slot, &card, &port), 0U);
+    EXPECT_EQ(slot, 1U);
+    EXPECT_EQ(card, 2U);
+    EXPECT_EQ(port, 65535U);
+    EXPECT_TRUE(DebugHas("read if object, ifIndex = 6"));
+
+    const std::pair<const char *, const char *> failures[] = {
+        {"db_create_if_object", "db_create_if_object failed, ret = 81."},
+        {"db_read_if_object", "read if object failed, ret = 81."},
+        {"db_create_child_node", "db_create_child_node, ret = 81."},
+        {"db_get_if_dev_slot_id", "db get slot id failed, ret = 81."},
+        {"db_get_if_dev_card_id", "db get card id failed, ret = 81."},
+        {"db_get_if_dev_port_num", "db get port id failed, ret = 81."},
+    };
+    for (const auto &[op, message] : failures) {
+        PLAT_FailSet(op, 0, 1, 81);
+        EXPECT_EQ(PPPOE_PLUS_GetIfSlotCardPort(6, &slot, &card, &port), 81U) << op;
+        EXPECT_TRUE(DebugHas(message)) << message;
+    }
+
+    char sysName[PPPOE_PLUS_SYSNAME_LEN] = {};
+    EXPECT_EQ(PPPOE_PLUS_GetSysName(sysName, sizeof(sysName)), 0U);
+    EXPECT_STREQ(sysName, "TestSwitch");
+    EXPECT_EQ(PPPOE_PLUS_GetSysName(sysName, 4), DB_ERR_BUF_SMALL);
+    EXPECT_TRUE(DebugHas("Get sysname failed. ret:12292,inputSize:4,length:10"));
+    PLAT_FailSet("db_read_sys_info_obj", 0, 1, 82);
+    EXPECT_EQ(PPPOE_PLUS_GetSysName(sysName, sizeof(sysName)), 82U);
+
+    // The routed Gi3 is skipped; with no switched port the output stays.
+    uint32_t first = 0;
+    plat::world::if_remove(5);
+    plat::world::if_remove(6);
+    EXPECT_EQ(PPPOE_PLUS_GetFirstSwitchPort(&first), 0U);
+    EXPECT_EQ(first, 27U);
+    first = 1234;
+    for (uint32_t ifIndex : {27U, 28U, 29U, 100U}) {
+        plat::world::if_remove(ifIndex);
+    }
+    EXPECT_EQ(PPPOE_PLUS_GetFirstSwitchPort(&first), 0U);
+    EXPECT_EQ(first, 1234U);
+    PLAT_FailSet("db_create_root_iter", 0, 1, 83);
+    EXPECT_EQ(PPPOE_PLUS_GetFirstSwitchPort(&first), 83U);
+    EXPECT_TRUE(DebugHas("Failed to create rootIter. ret=83"));
+    ExpectAllReleased();
+}
+
+TEST_F(IntfTest, VlanMembershipAndIsolation)
+{
+    plat::world::port_vlan_set(5, 4095, true);
+    plat::world::port_vlan_set(5, 100, true);
+    uint8_t bitmap[PPPOE_PLUS_VLAN_BITMAP_LEN] = {};
+    EXPECT_EQ(PPPOE_PLUS_GetPortVlanBitmap(5, bitmap, sizeof(bitmap)), 0U);
+    EXPECT_EQ(bitmap[511], 0x80);
+    EXPECT_EQ(bitmap[12], 0x10);
+    EXPECT_EQ(PPPOE_PLUS_IsPortInVlan(5, 4095), 1U);
+    EXPECT_EQ(PPPOE_PLUS_IsPortInVlan(5, 100), 1U);
+    EXPECT_EQ(PPPOE_PLUS_IsPortInVlan(5, 101), 0U);
+    EXPECT_EQ(PPPOE_PLUS_IsPortInVlan(5, 4096), 0U);
+    EXPECT_EQ(PPPOE_PLUS_IsPortInVlan(6, 100), 0U);  // no map
+    EXPECT_EQ(PPPOE_PLUS_GetPortVlanBitmap(5, bitmap, 100), 1U);
+    PLAT_FailSet("db_get_port_vlan_map_bitmap", 0, 1, 84);
+    EXPECT_EQ(PPPOE_PLUS_IsPortInVlan(5, 100), 0U);
+
+    // Access pair: one direction as the database holds it.
+    plat::world::access_isolate_put({5, 0, 6});
+    EXPECT_EQ(PPPOE_PLUS_IsPortIsolate(5, 6), 1U);
+    EXPECT_EQ(PPPOE_PLUS_IsPortIsolate(6, 5), 0U);
+    // Shared group 7 isolates; group 70 is beyond the 64 that count.
+    plat::world::port_isolate_put({6, 3});
+    plat::world::port_isolate_put({6, 7});
+    plat::world::port_isolate_put({27, 7});
+    plat::world::port_isolate_put({28, 70});
+    plat::world::port_isolate_put({29, 70});
+    plat::world::port_isolate_put({29, 64});
+    plat::world::port_isolate_put({7, 64});
+    EXPECT_EQ(PPPOE_PLUS_IsPortIsolate(6, 27), 1U);
+    EXPECT_EQ(PPPOE_PLUS_IsPortIsolate(27, 6), 1U);
+    EXPECT_EQ(PPPOE_PLUS_IsPortIsolate(28, 29), 0U);
+    EXPECT_EQ(PPPOE_PLUS_IsPortIsolate(29, 7), 1U);  // group 64 is the last that counts
+    EXPECT_EQ(PPPOE_PLUS_IsPortIsolate(6, 28), 0U);
+    EXPECT_EQ(PPPOE_PLUS_IsPortIsolate(100, 6), 0U);  // no group
+
+    uint32_t ids[4] = {};
+    uint32_t count = 0;
+    EXPECT_EQ(PPPOE_PLUS_GetPortIsolateGroupIds(6, ids, 4, &count), 0U);
+    EXPECT_EQ(count, 2U);
+    EXPECT_EQ(ids[0], 3U);
+    EXPECT_EQ(ids[1], 7U);
+    EXPECT_EQ(PPPOE_PLUS_GetPortIsolateGroupIds(6, ids, 1, &count), 0U);  // stops at the capacity
+    EXPECT_EQ(count, 1U);
+    EXPECT_EQ(PPPOE_PLUS_GetPortIsolateGroupIds(100, ids, 4, &count), 0U);
+    EXPECT_EQ(count, 0U);
+
+    // Failed reads: reported, and not isolated.
+    PLAT_FailSet("db_root_iterator_next", 1, 1, 85);
+    EXPECT_EQ(PPPOE_PLUS_IsPortIsolate(6, 27), 0U);
+    EXPECT_TRUE(DebugHas("Get group id, db root iterator next failed, ret = 85."));
+    PLAT_FailSet("db_get_port_isolate_group_id", 0, 1, 86);
+    EXPECT_EQ(PPPOE_PLUS_GetPortIsolateGroupIds(6, ids, 4, &count), 86U);
+    EXPECT_TRUE(DebugHas("Get group id, create root iter failed, ret = 86."));
+    PLAT_FailSet("db_create_port_isolate_obj", 0, 1, 87);
+    EXPECT_EQ(PPPOE_PLUS_GetPortIsolateGroupIds(6, ids, 4, &count), 87U);
+    EXPECT_TRUE(DebugHas("Get group id, create object failed, ret = 87."));
+    PLAT_FailSet("db_create_root_iter", 0, 1, 88);
+    EXPECT_EQ(PPPOE_PLUS_GetPortIsolateGroupIds(6, ids, 4, &count), 88U);
+    EXPECT_TRUE(DebugHas("Get group id, create root iter failed, ret = 88."));
+    ExpectAllReleased();
+}
+
+TEST_F(IntfTest, DeviceManagerWrappersFollowTheBoardType)
+{
+    EXPECT_EQ(PPPOE_PLUS_GetSelfBoardId(), 1U);
+    uint32_t global = 0;
+    EXPECT_EQ(PPPOE_PLUS_GetGlobalSlotId(2, 3, &global), 0U);
+    EXPECT_EQ(global, 35U);
+    EXPECT_EQ(PPPOE_PLUS_GetGlobalSlotId(1, 32, &global), 1U);
+    uint32_t chassis = 0, local = 0;
+    EXPECT_EQ(PPPOE_PLUS_GetLocalSlotId(35, &chassis, &local), 0U);
+    EXPECT_EQ(chassis, 2U);
+    EXPECT_EQ(local, 3U);
+    PLAT_FailSet("DEVM_DB_GetLocalSlotIdByGlobalSlotId", 0, 1, 5);
+    EXPECT_EQ(PPPOE_PLUS_GetLocalSlotId(35, &chassis, &local), 1U);
+    EXPECT_EQ(chassis, 1U);
+    EXPECT_EQ(local, 1U);
+
+    // A box answers with its slot, a chassis board with the chassis id and
+    // the driver's logical slot.
+    plat::SystemIdentity id = plat::world::identity();
+    id.chassisId = 4;
+    id.selfBoardId = 9;
+    id.boardType = DEVM_BOARD_TYPE_BOX;
+    plat::world::set_identity(id);
+    uint32_t value = 0;
+    EXPECT_EQ(PPPOE_PLUS_GetSelfChassisOrSlotId(&value), 0U);
+    EXPECT_EQ(value, 9U);
+    PLAT_FailSet("drv_board_get_self_logic_slotid", 0, PLAT_FAIL_FOREVER, 1);
+    EXPECT_EQ(PPPOE_PLUS_GetSelfLogicSlotId(), 9U);
+    id.boardType = DEVM_BOARD_TYPE_LPU;
+    plat::world::set_identity(id);
+    EXPECT_EQ(PPPOE_PLUS_GetSelfChassisOrSlotId(&value), 0U);
+    EXPECT_EQ(value, 4U);
+    EXPECT_EQ(PPPOE_PLUS_GetSelfLogicSlotId(), kNone);
+    PLAT_FailClear("drv_board_get_self_logic_slotid");
+    EXPECT_EQ(PPPOE_PLUS_GetSelfLogicSlotId(), 9U);
+    PLAT_FailSet("DEVM_DB_GetSelfChassisId", 0, 1, 6);
+    EXPECT_EQ(PPPOE_PLUS_GetSelfChassisOrSlotId(&value), 1U);
+    plat::world::set_devm_ready(false);
+    EXPECT_EQ(PPPOE_PLUS_GetSelfBoardId(), kNone);
+
+    uint8_t mac[6] = {};
+    plat::world::set_devm_ready(true);
+    EXPECT_EQ(DEVM_DB_GetSysMac(mac), DEVM_OK);
+    EXPECT_EQ(mac[5], 0x03);
+}

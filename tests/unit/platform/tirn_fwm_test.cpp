@@ -1,0 +1,346 @@
+// The session library, the PPPoE+ IDL stubs and the forwarding manager:
+// requests reach fwm and change its state, completions and the peer's quit
+// are delivered on the task serving the connection's epoll set.
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "ddm.h"
+#include "devm.h"
+#include "mesh.h"
+#include "plat_control.h"
+#include "plat_fwm.hpp"
+#include "plat_tirn.hpp"
+#include "pplus_test.hpp"
+#include "rpc.h"
+#include "ruk.h"
+#include "tirn.h"
+
+using pplus_test::WaitFor;
+
+namespace {
+
+constexpr uint32_t kMsgId = 888;
+
+pid_t Tid()
+{
+    return static_cast<pid_t>(syscall(SYS_gettid));
+}
+
+// A task serving one mesh epoll set the way the module's session tasks do.
+class EpollServer {
+public:
+    EpollServer() : epfd_(MESH_EpollCreate())
+    {
+        thread_ = std::thread([this]() {
+            tid_.store(Tid());
+            MESH_EPOLL_EVENT_S events[32];
+            while (!stop_.load()) {
+                const int32_t n = MESH_EpollWait(epfd_, events, 32, 20);
+                for (int32_t i = 0; i < n; i++) {
+                    events[i].callback(events[i].fd, events[i].events, events[i].arg);
+                }
+            }
+        });
+    }
+    ~EpollServer()
+    {
+        stop_.store(true);
+        thread_.join();
+        close(epfd_);
+    }
+    int32_t fd() const { return epfd_; }
+    pid_t tid() const { return tid_.load(); }
+
+private:
+    int32_t epfd_;
+    std::atomic<bool> stop_{false};
+    std::atomic<pid_t> tid_{0};
+    std::thread thread_;
+};
+
+struct Completion {
+    uint32_t status;
+    uint32_t enable;
+    uint32_t ifIndex;
+    pid_t tid;
+};
+std::mutex g_mu;
+std::vector<Completion> g_done;
+std::atomic<TIRN_CONN_HANDLE> g_quitConn{0};
+std::atomic<pid_t> g_quitTid{0};
+
+void OnGlobal(uint32_t status, const void *req)
+{
+    std::lock_guard lock(g_mu);
+    g_done.push_back({status, static_cast<const PPPOE_PLUS_GLOBAL_CFG_REQ_S *>(req)->enable, 0, Tid()});
+}
+
+void OnTrust(uint32_t status, const void *req)
+{
+    const auto *r = static_cast<const PPPOE_PLUS_TRUST_PORT_CFG_REQ_S *>(req);
+    std::lock_guard lock(g_mu);
+    g_done.push_back({status, r->enable, r->ifIndex, Tid()});
+}
+
+void OnQuit(TIRN_CONN_HANDLE conn)
+{
+    g_quitConn.store(conn);
+    g_quitTid.store(Tid());
+}
+
+size_t Done()
+{
+    std::lock_guard lock(g_mu);
+    return g_done.size();
+}
+
+// Connects a client "PPPOE_PLUS" to fwm over the server's epoll set.
+TIRN_CONN_HANDLE Connect(const EpollServer &server, TIRN_CLIENT_HANDLE *client)
+{
+    TIRN_CLIENT_MODULE_CONFIG_S cfg;
+    TIRN_CONN_ATTR_S attr;
+    EXPECT_EQ(TIRN_InitClientModuleConfig(&cfg), TIRN_OK);
+    EXPECT_EQ(TIRN_ClientModuleInit(&cfg), TIRN_OK);
+    EXPECT_EQ(TIRN_InitConnectionAttr(&attr), TIRN_OK);
+    EXPECT_EQ(TIRN_ConnectionAttrSetEpollFd(server.fd(), &attr), TIRN_OK);
+    TIRN_CONN_HANDLE conn = 0;
+    EXPECT_EQ(TIRN_Connect(plat::fwm::kUri, &attr, &conn), TIRN_OK);
+    EXPECT_EQ(TIRN_CreateClient("PPPOE_PLUS", &conn, 0, client), TIRN_OK);
+    return conn;
+}
+
+uint32_t SendGlobal(uint32_t enable)
+{
+    auto *msg = static_cast<PPPOE_PLUS_GLOBAL_CFG_REQ_S *>(RPC_IdlMsgCreate(4, kMsgId, "test"));
+    msg->enable = enable;
+    RPC_INVOKE_ATTR_S attr = {};
+    const uint32_t ret = PPPOE_PLUS_GlobalCfg_async(msg, OnGlobal, nullptr, &attr);
+    EXPECT_EQ(RPC_IdlMsgDestroy(msg, kMsgId, "test"), RPC_OK);
+    return ret;
+}
+
+uint32_t SendTrust(uint32_t enable, uint32_t ifIndex)
+{
+    auto *msg = static_cast<PPPOE_PLUS_TRUST_PORT_CFG_REQ_S *>(RPC_IdlMsgCreate(8, kMsgId, "test"));
+    *msg = {enable, ifIndex};
+    RPC_INVOKE_ATTR_S attr = {};
+    const uint32_t ret = PPPOE_PLUS_TrustPortCfg_async(msg, OnTrust, nullptr, &attr);
+    EXPECT_EQ(RPC_IdlMsgDestroy(msg, kMsgId, "test"), RPC_OK);
+    return ret;
+}
+
+}  // namespace
+
+TEST(TirnFwm, RequestsChangeFwmStateAndCompleteOnTheConnectionsTask)
+{
+    EpollServer server;
+    // Nothing serves the URI yet, and no client exists.
+    TIRN_CONN_ATTR_S attr;
+    ASSERT_EQ(TIRN_InitConnectionAttr(&attr), TIRN_OK);
+    ASSERT_EQ(TIRN_ConnectionAttrSetEpollFd(server.fd(), &attr), TIRN_OK);
+    TIRN_CONN_HANDLE conn = 0;
+    EXPECT_EQ(TIRN_Connect(plat::fwm::kUri, &attr, &conn), TIRN_ERR_NOT_INIT);
+    EXPECT_EQ(SendGlobal(1), RPC_ERR_NOT_CONNECTED);
+
+    std::vector<std::string> attached;
+    plat::fwm::set_observer([&attached](const plat::fwm::Request *req, const std::string &client) {
+        if (req == nullptr) {
+            attached.push_back(client);
+        }
+    });
+    ASSERT_TRUE(plat::fwm::start());
+    EXPECT_FALSE(plat::fwm::start());
+    TIRN_CLIENT_HANDLE client = 0;
+    conn = Connect(server, &client);
+    ASSERT_NE(conn, 0U);
+    EXPECT_EQ(attached, std::vector<std::string>{"PPPOE_PLUS"});
+
+    EXPECT_EQ(SendGlobal(1), RPC_OK);
+    EXPECT_EQ(SendTrust(1, 5), RPC_OK);
+    EXPECT_EQ(SendTrust(1, 7), RPC_OK);
+    EXPECT_EQ(SendTrust(0, 5), RPC_OK);
+    ASSERT_TRUE(WaitFor([]() { return Done() == 4; }));
+    {
+        std::lock_guard lock(g_mu);
+        // Each completion carries the request's copy (the original is gone)
+        // and runs on the task serving the connection's epoll set.
+        EXPECT_EQ(g_done[0].enable, 1U);
+        EXPECT_EQ(g_done[2].ifIndex, 7U);
+        EXPECT_EQ(g_done[3].enable, 0U);
+        EXPECT_EQ(g_done[3].ifIndex, 5U);
+        for (const Completion &c : g_done) {
+            EXPECT_EQ(c.status, 0U);
+            EXPECT_EQ(c.tid, server.tid());
+        }
+    }
+    const plat::fwm::State state = plat::fwm::state();
+    EXPECT_TRUE(state.enabled);
+    EXPECT_FALSE(state.ignoreReply);
+    EXPECT_EQ(state.trustedPorts, std::set<uint32_t>{7});
+    EXPECT_EQ(plat::fwm::request_count(plat::fwm::RequestKind::TrustPortCfg), 3U);
+    EXPECT_EQ(plat::fwm::request_count(plat::fwm::RequestKind::GlobalCfg), 1U);
+    const auto last = plat::fwm::last_requests();
+    ASSERT_EQ(last.size(), 4U);
+    EXPECT_EQ(plat::fwm::describe(last[3]), "trust-port-cfg enable 0 ifIndex 5");
+    EXPECT_EQ(plat::fwm::describe(state), "feature on, ignore-reply off, trusted ports 7, clients PPPOE_PLUS");
+    EXPECT_EQ(plat::tirn::idl_messages_outstanding(), 0U);
+
+    // A message the library did not make, or one already destroyed, is refused.
+    PPPOE_PLUS_GLOBAL_CFG_REQ_S onStack = {1};
+    RPC_INVOKE_ATTR_S invoke = {};
+    EXPECT_EQ(PPPOE_PLUS_GlobalCfg_async(&onStack, OnGlobal, nullptr, &invoke), RPC_ERR_PARAM);
+    void *small = RPC_IdlMsgCreate(4, kMsgId, "test");
+    EXPECT_EQ(PPPOE_PLUS_TrustPortCfg_async(small, OnTrust, nullptr, &invoke), RPC_ERR_PARAM);
+    EXPECT_EQ(RPC_IdlMsgDestroy(small, kMsgId + 1, "test"), RPC_ERR_PARAM);
+    EXPECT_EQ(RPC_IdlMsgDestroy(small, kMsgId, "test"), RPC_OK);
+    EXPECT_EQ(RPC_IdlMsgDestroy(small, kMsgId, "test"), RPC_ERR_PARAM);
+
+    // After a disconnect nothing is sent and the client has no session.
+    EXPECT_EQ(TIRN_Disconnect(conn), TIRN_OK);
+    EXPECT_EQ(TIRN_Disconnect(conn), TIRN_ERR_NO_HANDLE);
+    EXPECT_EQ(SendGlobal(0), RPC_ERR_NOT_CONNECTED);
+    EXPECT_EQ(TIRN_SetConnKeepAliveAttr(conn, 1, nullptr), TIRN_ERR_PARAM);
+    TIRN_KEEPALIVE_ATTR_S keepalive = {10, 1, 5, 0};
+    EXPECT_EQ(TIRN_SetConnKeepAliveAttr(conn, 1, &keepalive), TIRN_ERR_NO_HANDLE);
+    EXPECT_EQ(TIRN_DestroyClient(client), TIRN_OK);
+    EXPECT_EQ(plat::tirn::open_connections(), 0U);
+    plat::fwm::stop();
+}
+
+TEST(TirnFwm, StoppingFwmNotifiesPeerQuitOnTheTaskAndRefusesRequests)
+{
+    EpollServer server;
+    ASSERT_EQ(TIRN_RegisterPeerQuitNotifyFunc(TIRN_PEER_QUIT_KIND_MAX, OnQuit), TIRN_ERR_PARAM);
+    ASSERT_EQ(TIRN_RegisterPeerQuitNotifyFunc(TIRN_PEER_QUIT_CLIENT_CONN, OnQuit), TIRN_OK);
+    ASSERT_TRUE(plat::fwm::start());
+    TIRN_CLIENT_HANDLE client = 0;
+    const TIRN_CONN_HANDLE conn = Connect(server, &client);
+    EXPECT_EQ(g_quitConn.load(), 0U);
+
+    plat::fwm::stop();
+    EXPECT_FALSE(plat::fwm::running());
+    ASSERT_TRUE(WaitFor([]() { return g_quitConn.load() != 0; }));
+    EXPECT_EQ(g_quitConn.load(), conn);
+    EXPECT_EQ(g_quitTid.load(), server.tid());
+    EXPECT_EQ(SendGlobal(1), RPC_ERR_NOT_CONNECTED);
+    EXPECT_TRUE(plat::fwm::state().clients.empty());
+
+    // A new connection needs fwm back; then requests flow again.
+    TIRN_CONN_ATTR_S attr;
+    ASSERT_EQ(TIRN_InitConnectionAttr(&attr), TIRN_OK);
+    attr.epollFd = server.fd();
+    TIRN_CONN_HANDLE again = 0;
+    EXPECT_EQ(TIRN_Connect(plat::fwm::kUri, &attr, &again), TIRN_ERR_NO_PEER);
+    ASSERT_TRUE(plat::fwm::start());
+    EXPECT_EQ(plat::fwm::request_count(plat::fwm::RequestKind::GlobalCfg), 0U);
+    ASSERT_EQ(TIRN_Connect(plat::fwm::kUri, &attr, &again), TIRN_OK);
+    TIRN_CLIENT_HANDLE client2 = 0;
+    ASSERT_EQ(TIRN_CreateClient("PPPOE_PLUS", &again, 0, &client2), TIRN_OK);
+    EXPECT_EQ(SendGlobal(1), RPC_OK);
+    ASSERT_TRUE(WaitFor([]() { return Done() == 1; }));
+    plat::fwm::stop();
+}
+
+TEST(TirnFwm, InjectedFailuresLeaveNothingOpen)
+{
+    EpollServer server;
+    ASSERT_TRUE(plat::fwm::start());
+    TIRN_CLIENT_MODULE_CONFIG_S cfg;
+    ASSERT_EQ(TIRN_InitClientModuleConfig(&cfg), TIRN_OK);
+    ASSERT_EQ(TIRN_ClientModuleInit(&cfg), TIRN_OK);
+    TIRN_CONN_ATTR_S attr;
+    ASSERT_EQ(TIRN_InitConnectionAttr(&attr), TIRN_OK);
+    TIRN_CONN_HANDLE conn = 0;
+    EXPECT_EQ(TIRN_Connect(plat::fwm::kUri, &attr, &conn), TIRN_ERR_PARAM);  // no epoll set named
+    attr.epollFd = server.fd();
+
+    PLAT_FailSet("TIRN_Connect", 0, 1, 77);
+    EXPECT_EQ(TIRN_Connect(plat::fwm::kUri, &attr, &conn), 77U);
+    PLAT_FailSet("eventfd_s", 0, 1, 24);
+    EXPECT_EQ(TIRN_Connect(plat::fwm::kUri, &attr, &conn), TIRN_ERR_RESOURCE);
+    PLAT_FailSet("MESH_EpollCtl", 0, 1, 9);
+    EXPECT_EQ(TIRN_Connect(plat::fwm::kUri, &attr, &conn), TIRN_ERR_RESOURCE);
+    EXPECT_EQ(plat::tirn::open_connections(), 0U);
+    EXPECT_EQ(conn, 0U);
+
+    ASSERT_EQ(TIRN_Connect(plat::fwm::kUri, &attr, &conn), TIRN_OK);
+    TIRN_CLIENT_HANDLE client = 0;
+    PLAT_FailSet("TIRN_CreateClient", 0, 1, 78);
+    EXPECT_EQ(TIRN_CreateClient("PPPOE_PLUS", &conn, 0, &client), 78U);
+    EXPECT_EQ(SendGlobal(1), RPC_ERR_NOT_CONNECTED);  // a connection without a client carries nothing
+    EXPECT_TRUE(plat::fwm::state().clients.empty());
+
+    PLAT_FailSet("RPC_IdlMsgCreate", 0, 1, 1);
+    EXPECT_EQ(RPC_IdlMsgCreate(4, kMsgId, "test"), nullptr);
+    ASSERT_EQ(TIRN_CreateClient("PPPOE_PLUS", &conn, 0, &client), TIRN_OK);
+    PLAT_FailSet("PPPOE_PLUS_GlobalCfg_async", 0, 1, 79);
+    EXPECT_EQ(SendGlobal(1), 79U);
+    EXPECT_EQ(plat::fwm::request_count(plat::fwm::RequestKind::GlobalCfg), 0U);
+    plat::fwm::stop();
+}
+
+TEST(TirnServer, BindRegisterAndDestroy)
+{
+    TIRN_SVR_ATTR_S attr;
+    ASSERT_EQ(TIRN_InitSvrAttr(&attr), TIRN_OK);
+    const uint32_t one = 1;
+    EXPECT_EQ(TIRN_SetSvrAttr(&attr, TIRN_SVR_ATTR_MAX, &one, 4), TIRN_ERR_PARAM);
+    EXPECT_EQ(TIRN_SetSvrAttr(&attr, TIRN_SVR_ATTR_AUTH, &one, 5), TIRN_ERR_PARAM);
+    ASSERT_EQ(TIRN_SetSvrAttr(&attr, TIRN_SVR_ATTR_AUTH, &one, 4), TIRN_OK);
+    EXPECT_EQ(attr.value[TIRN_SVR_ATTR_AUTH], 1U);
+
+    const char *uri = "talvo_mesh://ipv4:127.0.0.1:34584";
+    TIRN_SERVER_HANDLE a = 0;
+    TIRN_SERVER_HANDLE b = 0;
+    ASSERT_EQ(TIRN_CreateServer("APP", &attr, &a), TIRN_OK);
+    ASSERT_EQ(TIRN_CreateServer("OTHER", &attr, &b), TIRN_OK);
+    EXPECT_EQ(TIRN_RegisterEpollFd(uri, 3), TIRN_ERR_NOT_BOUND);
+    EXPECT_EQ(TIRN_ServerBind(a, "tcp://x"), TIRN_ERR_PARAM);
+    ASSERT_EQ(TIRN_ServerBind(a, uri), TIRN_OK);
+    EXPECT_EQ(TIRN_ServerBind(b, uri), TIRN_ERR_ADDR_IN_USE);
+    EXPECT_EQ(TIRN_ServerBind(b, plat::fwm::kUri), TIRN_OK);  // fwm not running: free
+    EXPECT_FALSE(plat::fwm::start());                           // and now taken
+    EXPECT_EQ(plat::tirn::bound_server_epoll_fd(uri), -1);
+    ASSERT_EQ(TIRN_RegisterEpollFd(uri, 3), TIRN_OK);
+    EXPECT_EQ(plat::tirn::bound_server_epoll_fd(uri), 3);
+    EXPECT_EQ(plat::tirn::bound_server_name(uri), "APP");
+    TIRN_KEEPALIVE_ATTR_S keepalive = {10, 1, 5, 0};
+    EXPECT_EQ(TIRN_SetServerKeepAliveAttr(a, 1, &keepalive), TIRN_OK);
+    EXPECT_EQ(TIRN_SetServerKeepAliveAttr(a, 2, &keepalive), TIRN_ERR_PARAM);
+    EXPECT_EQ(TIRN_DestroyServer(a), TIRN_OK);
+    EXPECT_EQ(TIRN_DestroyServer(a), TIRN_ERR_NO_HANDLE);
+    EXPECT_EQ(plat::tirn::bound_server_epoll_fd(uri), std::nullopt);
+    EXPECT_EQ(TIRN_DestroyServer(b), TIRN_OK);
+    EXPECT_TRUE(plat::fwm::start());
+    plat::fwm::stop();
+}
+
+TEST(TirnServer, SelectorRoleAndBoardAddress)
+{
+    pplus_test::UseReadyWorld();
+    DDM_SELECTOR_ROLE_S role = {6, "pppoe_plus", "", 1, 0xFFFFFFFFU};
+    EXPECT_EQ(DDM_AuthorizeSetSelectorRole(&role), DDM_ERR_PARAM);  // no role name
+    EXPECT_EQ(DDM_AuthorizeSetSelectorRole(nullptr), DDM_ERR_PARAM);
+    EXPECT_FALSE(plat::tirn::last_selector_role().has_value());
+    std::memcpy(role.roleName, "box", 4);
+    ASSERT_EQ(DDM_AuthorizeSetSelectorRole(&role), DDM_OK);
+    EXPECT_STREQ(plat::tirn::last_selector_role()->roleName, "box");
+
+    uint32_t ip = 0;
+    ASSERT_EQ(DEVM_GetSelfBoardIp(&ip), DEVM_OK);
+    char text[16];
+    ASSERT_EQ(RUK_IpAddrToStr(ip, text, sizeof(text)), RUK_OK);
+    EXPECT_STREQ(text, "127.0.0.1");
+    EXPECT_EQ(RUK_IpAddrToStr(0xC0A80A0BU, text, sizeof(text)), RUK_OK);
+    EXPECT_STREQ(text, "192.168.10.11");
+    EXPECT_EQ(RUK_IpAddrToStr(0xC0A80A0BU, text, 8), RUK_ERR_PARAM);
+    plat::world::set_devm_ready(false);
+    EXPECT_EQ(DEVM_GetSelfBoardIp(&ip), DEVM_ERR_NOT_READY);
+}
