@@ -95,137 +95,144 @@ Obj *Typed(const Db &db, DB_OBJ *obj, uint32_t table)
     return dynamic_cast<Obj *>(obj);
 }
 
-uint32_t Create(const char *op, uint32_t table, DB_OBJ_S **obj)
-{
-    uint32_t code = 0;
-    if (plat::internal::Injected(op, &code)) {
-        return code;
-    }
-    if (obj == nullptr) {
-        return DB_ERR_PARAM;
-    }
-    std::unique_ptr<DB_OBJ> made = MakeObject(table);
-    if (!made) {
-        return DB_ERR_NO_TABLE;
-    }
-    made->Snapshot();
-    Db &db = TheDb();
-    std::lock_guard lock(db.mu);
-    *obj = made.get();
-    db.liveObjs.insert(made.release());
-    return DB_OK;
-}
-
-uint32_t Release(const char *op, uint32_t table, DB_OBJ_S *obj)
-{
-    uint32_t code = 0;
-    if (plat::internal::Injected(op, &code)) {
-        return code;
-    }
-    std::unique_ptr<DB_OBJ> owned;
-    std::vector<std::unique_ptr<DB_OBJ>> children;
+// The calls on one table of Row records, read through objects of type Obj
+// (a TableObject, or a NodeObject for an interface's child nodes). Each
+// takes the name the call passes failure injection under.
+template <uint32_t Id, typename Row, typename Obj = TableObject<Row>>
+struct Table {
+    // asked: the table the caller names, for the calls that take one.
+    static uint32_t Create(const char *op, DB_OBJ_S **obj, uint32_t asked = Id)
     {
-        Db &db = TheDb();
-        std::lock_guard lock(db.mu);
-        if (!IsLive(db, obj) || obj->table != table) {
+        uint32_t code = 0;
+        if (plat::internal::Injected(op, &code)) {
+            return code;
+        }
+        if (obj == nullptr) {
             return DB_ERR_PARAM;
         }
-        for (DB_OBJ *child : obj->children) {
-            db.liveObjs.erase(child);
-            db.liveIters.erase(&child->iter);
-            children.emplace_back(child);
+        if (asked != Id) {
+            return DB_ERR_NO_TABLE;
         }
-        db.liveObjs.erase(obj);
-        db.liveIters.erase(&obj->iter);
-        owned.reset(obj);
-    }
-    return DB_OK;
-}
-
-// Sets the key of an object on a table of Row; no current record afterwards.
-template <typename Row>
-uint32_t SetKey(const char *op, uint32_t table, DB_OBJ_S *obj, typename TableObject<Row>::Match match)
-{
-    uint32_t code = 0;
-    if (plat::internal::Injected(op, &code)) {
-        return code;
-    }
-    Db &db = TheDb();
-    std::lock_guard lock(db.mu);
-    auto *typed = Typed<TableObject<Row>>(db, obj, table);
-    if (typed == nullptr) {
-        return DB_ERR_PARAM;
-    }
-    typed->SetKey(std::move(match));
-    typed->Snapshot();
-    return DB_OK;
-}
-
-// Reads the first record matching the key: it becomes the current one.
-template <typename Row>
-uint32_t ReadRecord(const char *op, uint32_t table, DB_OBJ_S *obj, bool needsKey)
-{
-    uint32_t code = 0;
-    if (plat::internal::Injected(op, &code)) {
-        return code;
-    }
-    Db &db = TheDb();
-    std::lock_guard lock(db.mu);
-    auto *typed = Typed<TableObject<Row>>(db, obj, table);
-    if (typed == nullptr) {
-        return DB_ERR_PARAM;
-    }
-    if (needsKey && !typed->HasKey()) {
-        return DB_ERR_NO_KEY;
-    }
-    typed->Snapshot();
-    return typed->Next() ? DB_OK : DB_ERR_NO_RECORD;
-}
-
-// Runs use on the current row of an object of Obj (a TableObject or a
-// NodeObject) on the table; use returns the call's result.
-template <typename Obj, typename Use>
-uint32_t WithRow(const char *op, uint32_t table, DB_OBJ *obj, bool outMissing, Use use)
-{
-    uint32_t code = 0;
-    if (plat::internal::Injected(op, &code)) {
-        return code;
-    }
-    if (outMissing) {
-        return DB_ERR_PARAM;
-    }
-    Db &db = TheDb();
-    std::lock_guard lock(db.mu);
-    const auto *typed = Typed<const Obj>(db, obj, table);
-    if (typed == nullptr) {
-        return DB_ERR_PARAM;
-    }
-    const auto *row = typed->CurrentRow();
-    if (row == nullptr) {
-        return DB_ERR_NO_RECORD;
-    }
-    return use(*row);
-}
-
-// Reads one field of the current row of an object on a table of Row.
-template <typename Row, typename T, typename Get>
-uint32_t GetField(const char *op, uint32_t table, DB_OBJ *obj, T *out, Get get)
-{
-    return WithRow<TableObject<Row>>(op, table, obj, out == nullptr, [out, &get](const Row &r) {
-        *out = get(r);
+        std::unique_ptr<DB_OBJ> made = MakeObject(Id);
+        if (!made) {
+            return DB_ERR_NO_TABLE;
+        }
+        made->Snapshot();
+        Db &db = TheDb();
+        std::lock_guard lock(db.mu);
+        *obj = made.get();
+        db.liveObjs.insert(made.release());
         return DB_OK;
-    });
-}
+    }
 
-// Reads one field of an interface's child node.
-template <typename T, typename Get>
-uint32_t GetNodeField(const char *op, uint32_t table, DB_OBJ *obj, T *out, Get get)
-{
-    return WithRow<NodeObject<plat::IfRecord>>(op, table, obj, out == nullptr, [out, &get](const plat::IfRecord &r) {
-        *out = get(r);
+    static uint32_t Release(const char *op, DB_OBJ_S *obj)
+    {
+        uint32_t code = 0;
+        if (plat::internal::Injected(op, &code)) {
+            return code;
+        }
+        std::unique_ptr<DB_OBJ> owned;
+        std::vector<std::unique_ptr<DB_OBJ>> children;
+        {
+            Db &db = TheDb();
+            std::lock_guard lock(db.mu);
+            if (!IsLive(db, obj) || obj->table != Id) {
+                return DB_ERR_PARAM;
+            }
+            for (DB_OBJ *child : obj->children) {
+                db.liveObjs.erase(child);
+                db.liveIters.erase(&child->iter);
+                children.emplace_back(child);
+            }
+            db.liveObjs.erase(obj);
+            db.liveIters.erase(&obj->iter);
+            owned.reset(obj);
+        }
         return DB_OK;
-    });
-}
+    }
+
+    // Runs use on the object, under the lock, once the call passed failure
+    // injection; DB_ERR_PARAM when an out argument is missing or the object
+    // is no live one of this table.
+    template <typename As, typename Use>
+    static uint32_t WithObject(const char *op, DB_OBJ *obj, bool outMissing, Use use)
+    {
+        uint32_t code = 0;
+        if (plat::internal::Injected(op, &code)) {
+            return code;
+        }
+        if (outMissing) {
+            return DB_ERR_PARAM;
+        }
+        Db &db = TheDb();
+        std::lock_guard lock(db.mu);
+        auto *typed = Typed<As>(db, obj, Id);
+        return typed == nullptr ? DB_ERR_PARAM : use(*typed);
+    }
+
+    // Keys the object to the records whose Fields equal keys; no current
+    // record afterwards.
+    template <auto... Fields, typename... Keys>
+    static uint32_t SetKey(const char *op, DB_OBJ_S *obj, Keys... keys)
+    {
+        return WithObject<Obj>(op, obj, false, [keys...](Obj &typed) {
+            typed.SetKey([keys...](const Row &r) { return ((r.*Fields == keys) && ...); });
+            typed.Snapshot();
+            return DB_OK;
+        });
+    }
+
+    // Reads the first record matching the key: it becomes the current one.
+    static uint32_t Read(const char *op, DB_OBJ_S *obj, bool needsKey = true)
+    {
+        return WithObject<Obj>(op, obj, false, [needsKey](Obj &typed) {
+            if (needsKey && !typed.HasKey()) {
+                return DB_ERR_NO_KEY;
+            }
+            typed.Snapshot();
+            return typed.Next() ? DB_OK : DB_ERR_NO_RECORD;
+        });
+    }
+
+    // Runs use on the object's current row; use returns the call's result.
+    template <typename Use>
+    static uint32_t WithRow(const char *op, DB_OBJ *obj, bool outMissing, Use use)
+    {
+        return WithObject<const Obj>(op, obj, outMissing, [&use](const Obj &typed) {
+            const auto *row = typed.CurrentRow();
+            return row == nullptr ? DB_ERR_NO_RECORD : use(*row);
+        });
+    }
+
+    // Reads the field Field of the current row.
+    template <auto Field, typename T>
+    static uint32_t GetField(const char *op, DB_OBJ *obj, T *out)
+    {
+        return WithRow(op, obj, out == nullptr, [out](const Row &r) {
+            *out = r.*Field;
+            return DB_OK;
+        });
+    }
+};
+
+using plat::AccessIsolateRecord;
+using plat::FrmInstRecord;
+using plat::IfRecord;
+using plat::PortIsolateRecord;
+using plat::PortVlanRecord;
+using plat::TrunkPortRecord;
+using plat::TrunkRecord;
+
+using FrmInst = Table<DB_TABLE_FRM_INST, FrmInstRecord>;
+using If = Table<DB_TABLE_IF, IfRecord>;
+using IfDev = Table<DB_TABLE_IF_DEV, IfRecord, NodeObject<IfRecord>>;
+using IfL2 = Table<DB_TABLE_IF_L2, IfRecord, NodeObject<IfRecord>>;
+using Trunk = Table<DB_TABLE_TRUNK, TrunkRecord>;
+using TrunkPort = Table<DB_TABLE_TRUNK_PORT, TrunkPortRecord>;
+using PortVlan = Table<DB_TABLE_PORT_VLAN_MAP, PortVlanRecord>;
+using AccessIsolate = Table<DB_TABLE_ACCESS_ISOLATE, AccessIsolateRecord>;
+using PortIsolate = Table<DB_TABLE_PORT_ISOLATE, PortIsolateRecord>;
+using SysInfo = Table<DB_TABLE_SYS_INFO, SysInfoRecord>;
 
 // Copies a text with its terminator into a caller's buffer.
 uint32_t CopyText(const std::string &text, char *buf, uint32_t size)
@@ -244,26 +251,7 @@ extern "C" {
 uint32_t db_create_frm_inst_obj(uint32_t table, uint32_t flags, DB_OBJ_S **obj)
 {
     (void)flags;
-    uint32_t code = 0;
-    if (plat::internal::Injected("db_create_frm_inst_obj", &code)) {
-        return code;
-    }
-    if (obj == nullptr) {
-        return DB_ERR_PARAM;
-    }
-    if (table != DB_TABLE_FRM_INST) {
-        return DB_ERR_NO_TABLE;
-    }
-    std::unique_ptr<DB_OBJ> made = MakeObject(table);
-    if (!made) {
-        return DB_ERR_NO_TABLE;
-    }
-    made->Snapshot();
-    Db &db = TheDb();
-    std::lock_guard lock(db.mu);
-    *obj = made.get();
-    db.liveObjs.insert(made.release());
-    return DB_OK;
+    return FrmInst::Create(__func__, obj, table);
 }
 
 uint32_t db_reset_frm_inst_object(DB_OBJ_S *obj, uint32_t mode)
@@ -284,86 +272,75 @@ uint32_t db_reset_frm_inst_object(DB_OBJ_S *obj, uint32_t mode)
 
 uint32_t db_release_frm_inst_object(DB_OBJ_S *obj)
 {
-    return Release("db_release_frm_inst_object", DB_TABLE_FRM_INST, obj);
+    return FrmInst::Release(__func__, obj);
 }
 
 uint32_t db_get_frm_inst_local_slot(DB_OBJ_S *obj, int32_t *localSlot)
 {
-    return GetField<plat::FrmInstRecord>("db_get_frm_inst_local_slot", DB_TABLE_FRM_INST, obj, localSlot,
-                                         [](const plat::FrmInstRecord &r) { return r.localSlot; });
+    return FrmInst::GetField<&FrmInstRecord::localSlot>(__func__, obj, localSlot);
 }
 
 uint32_t db_get_frm_inst_role(DB_OBJ_S *obj, uint32_t *role)
 {
-    return GetField<plat::FrmInstRecord>("db_get_frm_inst_role", DB_TABLE_FRM_INST, obj, role,
-                                         [](const plat::FrmInstRecord &r) { return r.role; });
+    return FrmInst::GetField<&FrmInstRecord::role>(__func__, obj, role);
 }
 
 uint32_t db_get_frm_inst_mod_state(DB_OBJ_S *obj, uint32_t *modState)
 {
-    return GetField<plat::FrmInstRecord>("db_get_frm_inst_mod_state", DB_TABLE_FRM_INST, obj, modState,
-                                         [](const plat::FrmInstRecord &r) { return r.modState; });
+    return FrmInst::GetField<&FrmInstRecord::modState>(__func__, obj, modState);
 }
 
 uint32_t db_get_frm_inst_state(DB_OBJ_S *obj, uint32_t *state)
 {
-    return GetField<plat::FrmInstRecord>("db_get_frm_inst_state", DB_TABLE_FRM_INST, obj, state,
-                                         [](const plat::FrmInstRecord &r) { return r.state; });
+    return FrmInst::GetField<&FrmInstRecord::state>(__func__, obj, state);
 }
 
 // ---- Interfaces ----
 
 uint32_t db_create_if_object(DB_OBJ_S **obj)
 {
-    return Create("db_create_if_object", DB_TABLE_IF, obj);
+    return If::Create(__func__, obj);
 }
 
 uint32_t db_set_if_ifindex(DB_OBJ_S *obj, uint32_t ifIndex)
 {
-    return SetKey<plat::IfRecord>("db_set_if_ifindex", DB_TABLE_IF, obj,
-                                  [ifIndex](const plat::IfRecord &r) { return r.ifIndex == ifIndex; });
+    return If::SetKey<&IfRecord::ifIndex>(__func__, obj, ifIndex);
 }
 
 uint32_t db_read_if_object(DB_OBJ_S *obj)
 {
-    return ReadRecord<plat::IfRecord>("db_read_if_object", DB_TABLE_IF, obj, true);
+    return If::Read(__func__, obj);
 }
 
 uint32_t db_release_if_object(DB_OBJ_S *obj)
 {
-    return Release("db_release_if_object", DB_TABLE_IF, obj);
+    return If::Release(__func__, obj);
 }
 
 uint32_t db_get_if_ifindex(DB_OBJ_S *obj, uint32_t *ifIndex)
 {
-    return GetField<plat::IfRecord>("db_get_if_ifindex", DB_TABLE_IF, obj, ifIndex,
-                                    [](const plat::IfRecord &r) { return r.ifIndex; });
+    return If::GetField<&IfRecord::ifIndex>(__func__, obj, ifIndex);
 }
 
 uint32_t db_get_if_name(DB_OBJ_S *obj, char *name, uint32_t size)
 {
-    return WithRow<TableObject<plat::IfRecord>>("db_get_if_name", DB_TABLE_IF, obj, name == nullptr,
-                                                [name, size](const plat::IfRecord &r) {
-                                                    return CopyText(r.name, name, size);
-                                                });
+    return If::WithRow(__func__, obj, name == nullptr,
+                       [name, size](const IfRecord &r) { return CopyText(r.name, name, size); });
 }
 
 uint32_t db_get_if_lag_id(DB_OBJ_S *obj, uint32_t *lagId)
 {
-    return GetField<plat::IfRecord>("db_get_if_lag_id", DB_TABLE_IF, obj, lagId,
-                                    [](const plat::IfRecord &r) { return r.lagId; });
+    return If::GetField<&IfRecord::lagId>(__func__, obj, lagId);
 }
 
 uint32_t db_get_if_port_switch(DB_OBJ_S *obj, uint32_t *portSwitch)
 {
-    return GetField<plat::IfRecord>("db_get_if_port_switch", DB_TABLE_IF, obj, portSwitch,
-                                    [](const plat::IfRecord &r) { return r.portSwitch; });
+    return If::GetField<&IfRecord::portSwitch>(__func__, obj, portSwitch);
 }
 
 uint32_t db_get_if_on_board(DB_OBJ_S *obj, uint32_t *onBoard)
 {
-    return GetField<plat::IfRecord>("db_get_if_on_board", DB_TABLE_IF, obj, onBoard,
-                                    [](const plat::IfRecord &r) { return r.onBoard ? 1U : 0U; });
+    return If::GetField<&IfRecord::onBoard>(__func__, obj, onBoard);
 }
 
 uint32_t db_create_child_node(DB_OBJ_S *obj, const char *node, DB_OBJ_S **child)
@@ -402,199 +379,178 @@ uint32_t db_create_child_node(DB_OBJ_S *obj, const char *node, DB_OBJ_S **child)
 
 uint32_t db_get_if_dev_slot_id(DB_OBJ_S *dev, uint32_t *slotId)
 {
-    return GetNodeField("db_get_if_dev_slot_id", DB_TABLE_IF_DEV, dev, slotId,
-                        [](const plat::IfRecord &r) { return r.slot; });
+    return IfDev::GetField<&IfRecord::slot>(__func__, dev, slotId);
 }
 
 uint32_t db_get_if_dev_card_id(DB_OBJ_S *dev, uint32_t *cardId)
 {
-    return GetNodeField("db_get_if_dev_card_id", DB_TABLE_IF_DEV, dev, cardId,
-                        [](const plat::IfRecord &r) { return r.card; });
+    return IfDev::GetField<&IfRecord::card>(__func__, dev, cardId);
 }
 
 uint32_t db_get_if_dev_port_num(DB_OBJ_S *dev, uint16_t *portNum)
 {
-    return GetNodeField("db_get_if_dev_port_num", DB_TABLE_IF_DEV, dev, portNum,
-                        [](const plat::IfRecord &r) { return r.port; });
+    return IfDev::GetField<&IfRecord::port>(__func__, dev, portNum);
 }
 
 uint32_t db_get_if_l2_trunk_id(DB_OBJ_S *l2, uint32_t *trunkId)
 {
-    return GetNodeField("db_get_if_l2_trunk_id", DB_TABLE_IF_L2, l2, trunkId,
-                        [](const plat::IfRecord &r) { return r.l2TrunkId; });
+    return IfL2::GetField<&IfRecord::l2TrunkId>(__func__, l2, trunkId);
 }
 
 // ---- Trunks ----
 
 uint32_t db_create_trunk_obj(DB_OBJ_S **obj)
 {
-    return Create("db_create_trunk_obj", DB_TABLE_TRUNK, obj);
+    return Trunk::Create(__func__, obj);
 }
 
 uint32_t db_set_trunk_trunk_id(DB_OBJ_S *obj, uint32_t trunkId)
 {
-    return SetKey<plat::TrunkRecord>("db_set_trunk_trunk_id", DB_TABLE_TRUNK, obj,
-                                     [trunkId](const plat::TrunkRecord &r) { return r.trunkId == trunkId; });
+    return Trunk::SetKey<&TrunkRecord::trunkId>(__func__, obj, trunkId);
 }
 
 uint32_t db_read_trunk_obj(DB_OBJ_S *obj)
 {
-    return ReadRecord<plat::TrunkRecord>("db_read_trunk_obj", DB_TABLE_TRUNK, obj, true);
+    return Trunk::Read(__func__, obj);
 }
 
 uint32_t db_release_trunk_obj(DB_OBJ_S *obj)
 {
-    return Release("db_release_trunk_obj", DB_TABLE_TRUNK, obj);
+    return Trunk::Release(__func__, obj);
 }
 
 uint32_t db_get_trunk_trunk_if_index(DB_OBJ_S *obj, uint32_t *trunkIfIndex)
 {
-    return GetField<plat::TrunkRecord>("db_get_trunk_trunk_if_index", DB_TABLE_TRUNK, obj, trunkIfIndex,
-                                       [](const plat::TrunkRecord &r) { return r.trunkIfIndex; });
+    return Trunk::GetField<&TrunkRecord::trunkIfIndex>(__func__, obj, trunkIfIndex);
 }
 
 // ---- Trunk ports ----
 
 uint32_t db_create_trunk_port_obj(DB_OBJ_S **obj)
 {
-    return Create("db_create_trunk_port_obj", DB_TABLE_TRUNK_PORT, obj);
+    return TrunkPort::Create(__func__, obj);
 }
 
 uint32_t db_set_trunk_port_if_index(DB_OBJ_S *obj, uint32_t memberIfIndex)
 {
-    return SetKey<plat::TrunkPortRecord>(
-        "db_set_trunk_port_if_index", DB_TABLE_TRUNK_PORT, obj,
-        [memberIfIndex](const plat::TrunkPortRecord &r) { return r.memberIfIndex == memberIfIndex; });
+    return TrunkPort::SetKey<&TrunkPortRecord::memberIfIndex>(__func__, obj, memberIfIndex);
 }
 
 uint32_t db_read_trunk_port_obj(DB_OBJ_S *obj)
 {
-    return ReadRecord<plat::TrunkPortRecord>("db_read_trunk_port_obj", DB_TABLE_TRUNK_PORT, obj, true);
+    return TrunkPort::Read(__func__, obj);
 }
 
 uint32_t db_release_trunk_port_obj(DB_OBJ_S *obj)
 {
-    return Release("db_release_trunk_port_obj", DB_TABLE_TRUNK_PORT, obj);
+    return TrunkPort::Release(__func__, obj);
 }
 
 uint32_t db_get_trunk_port_trunk_if_index(DB_OBJ_S *obj, uint32_t *trunkIfIndex)
 {
-    return GetField<plat::TrunkPortRecord>("db_get_trunk_port_trunk_if_index", DB_TABLE_TRUNK_PORT, obj,
-                                           trunkIfIndex,
-                                           [](const plat::TrunkPortRecord &r) { return r.trunkIfIndex; });
+    return TrunkPort::GetField<&TrunkPortRecord::trunkIfIndex>(__func__, obj, trunkIfIndex);
 }
 
 // ---- Port-VLAN maps ----
 
 uint32_t db_create_port_vlan_map_obj(DB_OBJ_S **obj)
 {
-    return Create("db_create_port_vlan_map_obj", DB_TABLE_PORT_VLAN_MAP, obj);
+    return PortVlan::Create(__func__, obj);
 }
 
 uint32_t db_set_port_vlan_map_if_index(DB_OBJ_S *obj, uint32_t ifIndex)
 {
-    return SetKey<plat::PortVlanRecord>("db_set_port_vlan_map_if_index", DB_TABLE_PORT_VLAN_MAP, obj,
-                                        [ifIndex](const plat::PortVlanRecord &r) { return r.ifIndex == ifIndex; });
+    return PortVlan::SetKey<&PortVlanRecord::ifIndex>(__func__, obj, ifIndex);
 }
 
 uint32_t db_read_port_vlan_map_obj(DB_OBJ_S *obj)
 {
-    return ReadRecord<plat::PortVlanRecord>("db_read_port_vlan_map_obj", DB_TABLE_PORT_VLAN_MAP, obj, true);
+    return PortVlan::Read(__func__, obj);
 }
 
 uint32_t db_release_port_vlan_map_obj(DB_OBJ_S *obj)
 {
-    return Release("db_release_port_vlan_map_obj", DB_TABLE_PORT_VLAN_MAP, obj);
+    return PortVlan::Release(__func__, obj);
 }
 
 uint32_t db_get_port_vlan_map_bitmap(DB_OBJ_S *obj, uint8_t *bitmap, uint32_t size)
 {
-    return WithRow<TableObject<plat::PortVlanRecord>>(
-        "db_get_port_vlan_map_bitmap", DB_TABLE_PORT_VLAN_MAP, obj, bitmap == nullptr,
-        [bitmap, size](const plat::PortVlanRecord &r) {
-            if (size < r.bitmap.size()) {
-                return DB_ERR_BUF_SMALL;
-            }
-            std::memcpy(bitmap, r.bitmap.data(), r.bitmap.size());
-            return DB_OK;
-        });
+    return PortVlan::WithRow(__func__, obj, bitmap == nullptr, [bitmap, size](const PortVlanRecord &r) {
+        if (size < r.bitmap.size()) {
+            return DB_ERR_BUF_SMALL;
+        }
+        std::memcpy(bitmap, r.bitmap.data(), r.bitmap.size());
+        return DB_OK;
+    });
 }
 
 // ---- Access isolation ----
 
 uint32_t db_create_access_isolate_obj(DB_OBJ_S **obj)
 {
-    return Create("db_create_access_isolate_obj", DB_TABLE_ACCESS_ISOLATE, obj);
+    return AccessIsolate::Create(__func__, obj);
 }
 
 uint32_t db_set_access_isolate_key(DB_OBJ_S *obj, uint32_t srcIfIndex, uint32_t vlanId, uint32_t dstIfIndex)
 {
-    return SetKey<plat::AccessIsolateRecord>(
-        "db_set_access_isolate_key", DB_TABLE_ACCESS_ISOLATE, obj,
-        [srcIfIndex, vlanId, dstIfIndex](const plat::AccessIsolateRecord &r) {
-            return r.srcIfIndex == srcIfIndex && r.vlanId == vlanId && r.dstIfIndex == dstIfIndex;
-        });
+    return AccessIsolate::SetKey<&AccessIsolateRecord::srcIfIndex, &AccessIsolateRecord::vlanId,
+                                 &AccessIsolateRecord::dstIfIndex>(__func__, obj, srcIfIndex, vlanId, dstIfIndex);
 }
 
 uint32_t db_read_access_isolate_obj(DB_OBJ_S *obj)
 {
-    return ReadRecord<plat::AccessIsolateRecord>("db_read_access_isolate_obj", DB_TABLE_ACCESS_ISOLATE, obj, true);
+    return AccessIsolate::Read(__func__, obj);
 }
 
 uint32_t db_release_access_isolate_obj(DB_OBJ_S *obj)
 {
-    return Release("db_release_access_isolate_obj", DB_TABLE_ACCESS_ISOLATE, obj);
+    return AccessIsolate::Release(__func__, obj);
 }
 
 // ---- Port isolation ----
 
 uint32_t db_create_port_isolate_obj(DB_OBJ_S **obj)
 {
-    return Create("db_create_port_isolate_obj", DB_TABLE_PORT_ISOLATE, obj);
+    return PortIsolate::Create(__func__, obj);
 }
 
 uint32_t db_set_port_isolate_if_index(DB_OBJ_S *obj, uint32_t ifIndex)
 {
-    return SetKey<plat::PortIsolateRecord>("db_set_port_isolate_if_index", DB_TABLE_PORT_ISOLATE, obj,
-                                           [ifIndex](const plat::PortIsolateRecord &r) { return r.ifIndex == ifIndex; });
+    return PortIsolate::SetKey<&PortIsolateRecord::ifIndex>(__func__, obj, ifIndex);
 }
 
 uint32_t db_release_port_isolate_obj(DB_OBJ_S *obj)
 {
-    return Release("db_release_port_isolate_obj", DB_TABLE_PORT_ISOLATE, obj);
+    return PortIsolate::Release(__func__, obj);
 }
 
 uint32_t db_get_port_isolate_group_id(DB_OBJ_S *obj, uint32_t *groupId)
 {
-    return GetField<plat::PortIsolateRecord>("db_get_port_isolate_group_id", DB_TABLE_PORT_ISOLATE, obj, groupId,
-                                             [](const plat::PortIsolateRecord &r) { return r.groupId; });
+    return PortIsolate::GetField<&PortIsolateRecord::groupId>(__func__, obj, groupId);
 }
 
 // ---- System information ----
 
 uint32_t db_create_sys_info_obj(DB_OBJ_S **obj)
 {
-    return Create("db_create_sys_info_obj", DB_TABLE_SYS_INFO, obj);
+    return SysInfo::Create(__func__, obj);
 }
 
-uint32_t db_read_sys_info_obj(DB_OBJ_S *obj)
-{
-    return ReadRecord<SysInfoRecord>("db_read_sys_info_obj", DB_TABLE_SYS_INFO, obj, false);
-}
+// The one record needs no key.
+uint32_t db_read_sys_info_obj(DB_OBJ_S *obj) { return SysInfo::Read(__func__, obj, false); }
 
 uint32_t db_release_sys_info_obj(DB_OBJ_S *obj)
 {
-    return Release("db_release_sys_info_obj", DB_TABLE_SYS_INFO, obj);
+    return SysInfo::Release(__func__, obj);
 }
 
 uint32_t db_get_sys_info_sys_name(DB_OBJ_S *obj, char *name, uint32_t size, uint32_t *length)
 {
-    return WithRow<TableObject<SysInfoRecord>>("db_get_sys_info_sys_name", DB_TABLE_SYS_INFO, obj,
-                                               name == nullptr || length == nullptr,
-                                               [name, size, length](const SysInfoRecord &r) {
-                                                   *length = static_cast<uint32_t>(r.sysName.size());
-                                                   return CopyText(r.sysName, name, size);
-                                               });
+    return SysInfo::WithRow(__func__, obj, name == nullptr || length == nullptr,
+                            [name, size, length](const SysInfoRecord &r) {
+                                *length = static_cast<uint32_t>(r.sysName.size());
+                                return CopyText(r.sysName, name, size);
+                            });
 }
 
 // ---- Any object ----

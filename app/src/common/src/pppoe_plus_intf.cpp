@@ -10,12 +10,12 @@
 #include "pppoe_plus_intf.h"
 
 #include <cstring>
+#include <utility>
 
 #include "db.h"
 #include "devm.h"
 #include "plat_safe.h"
 #include "pppoe_plus_db.h"
-#include "pppoe_plus_guard.hpp"
 #include "pppoe_plus_log.h"
 #include "pppoe_plus_types.h"
 #include "zavk.h"
@@ -31,11 +31,97 @@ int Code(uint32_t ret)
     return static_cast<int>(ret);
 }
 
-// Releases an object with its kind's release call when the scope ends.
-template <uint32_t (*ReleaseFn)(DB_OBJ_S *)>
-auto ReleaseOnExit(DB_OBJ_S *obj)
+// Passes a step's code on; logs text (one %d, the code) when it failed,
+// unless there is no text.
+uint32_t Check(uint32_t ret, const char *text)
 {
-    return PppoePlusScopeExit([obj]() { (void)ReleaseFn(obj); });
+    if (ret != DB_OK && text != nullptr) {
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, text, Code(ret));
+    }
+    return ret;
+}
+
+// An object of one kind, released with its kind's call when it goes, once
+// created.
+template <uint32_t (*CreateFn)(DB_OBJ_S **), uint32_t (*ReleaseFn)(DB_OBJ_S *)>
+class DbObject {
+public:
+    DbObject() = default;
+    DbObject(DbObject &&other) noexcept : obj_(other.obj_), created_(std::exchange(other.created_, false)) {}
+    DbObject(const DbObject &) = delete;
+    DbObject &operator=(const DbObject &) = delete;
+    DbObject &operator=(DbObject &&) = delete;
+    ~DbObject()
+    {
+        if (created_) {
+            (void)ReleaseFn(obj_);
+        }
+    }
+
+    uint32_t Create()
+    {
+        const uint32_t ret = CreateFn(&obj_);
+        created_ = ret == DB_OK;
+        return ret;
+    }
+    DB_OBJ_S *get() const { return obj_; }
+
+private:
+    DB_OBJ_S *obj_ = nullptr;
+    bool created_ = false;
+};
+
+using IfObject = DbObject<db_create_if_object, db_release_if_object>;
+using TrunkObject = DbObject<db_create_trunk_obj, db_release_trunk_obj>;
+using TrunkPortObject = DbObject<db_create_trunk_port_obj, db_release_trunk_port_obj>;
+using PortVlanObject = DbObject<db_create_port_vlan_map_obj, db_release_port_vlan_map_obj>;
+using AccessIsolateObject = DbObject<db_create_access_isolate_obj, db_release_access_isolate_obj>;
+using PortIsolateObject = DbObject<db_create_port_isolate_obj, db_release_port_isolate_obj>;
+using SysInfoObject = DbObject<db_create_sys_info_obj, db_release_sys_info_obj>;
+
+// An object created, keyed and read, with the first failing step's code.
+template <typename Obj>
+struct Opened {
+    uint32_t ret = DB_OK;
+    Obj obj;
+};
+
+// Creates an object, sets its key with setKey and reads it with readFn.
+// Failures are logged with createFailed and readFailed (a failed key with
+// the read's text), silent where the text is null.
+template <typename Obj, typename SetKey>
+Opened<Obj> Open(SetKey setKey, uint32_t (*readFn)(DB_OBJ_S *), const char *createFailed = nullptr,
+                 const char *readFailed = nullptr)
+{
+    Opened<Obj> opened;
+    opened.ret = Check(opened.obj.Create(), createFailed);
+    if (opened.ret == DB_OK) {
+        opened.ret = setKey(opened.obj.get());
+        if (opened.ret == DB_OK) {
+            opened.ret = readFn(opened.obj.get());
+        }
+        opened.ret = Check(opened.ret, readFailed);
+    }
+    return opened;
+}
+
+// Creates an interface object and reads the record of ifIndex; reading (one
+// %u, the ifIndex) is logged once the object exists, when given.
+Opened<IfObject> OpenIf(uint32_t ifIndex, const char *createFailed, const char *reading, const char *readFailed)
+{
+    auto setKey = [ifIndex, reading](DB_OBJ_S *obj) {
+        if (reading != nullptr) {
+            PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, reading, ifIndex);
+        }
+        return db_set_if_ifindex(obj, ifIndex);
+    };
+    return Open<IfObject>(setKey, db_read_if_object, createFailed, readFailed);
+}
+
+// Opens the child node ("dev" or "l2") of the interface's record.
+uint32_t OpenNode(const IfObject &intf, const char *node, DB_OBJ_S **child)
+{
+    return Check(db_create_child_node(intf.get(), node, child), "db_create_child_node, ret = %d.");
 }
 
 }  // namespace
@@ -49,13 +135,15 @@ uint32_t PPPOE_PLUS_GetSysName(char *buf, uint32_t size)
         return PPPOE_PLUS_ERR;
     }
     uint32_t length = 0;
-    DB_OBJ_S *obj = nullptr;
-    uint32_t ret = db_create_sys_info_obj(&obj);
-    if (ret == DB_OK) {
-        const auto release = ReleaseOnExit<db_release_sys_info_obj>(obj);
-        ret = db_read_sys_info_obj(obj);
+    uint32_t ret = DB_OK;
+    {
+        SysInfoObject obj;  // released before a failure is logged
+        ret = obj.Create();
         if (ret == DB_OK) {
-            ret = db_get_sys_info_sys_name(obj, buf, size, &length);
+            ret = db_read_sys_info_obj(obj.get());
+        }
+        if (ret == DB_OK) {
+            ret = db_get_sys_info_sys_name(obj.get(), buf, size, &length);
         }
     }
     if (ret != DB_OK) {
@@ -71,79 +159,41 @@ uint32_t PPPOE_PLUS_GetIfSlotCardPort(uint32_t ifIndex, uint32_t *slot, uint32_t
         ZAVK_Assert(kIntfFile, __LINE__);
         return PPPOE_PLUS_ERR;
     }
-    DB_OBJ_S *obj = nullptr;
-    uint32_t ret = db_create_if_object(&obj);
-    if (ret != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "db_create_if_object failed, ret = %d.", Code(ret));
-        return ret;
-    }
-    const auto release = ReleaseOnExit<db_release_if_object>(obj);
-    PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "read if object, ifIndex = %u", ifIndex);
-    ret = db_set_if_ifindex(obj, ifIndex);
-    if (ret == DB_OK) {
-        ret = db_read_if_object(obj);
-    }
-    if (ret != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "read if object failed, ret = %d.", Code(ret));
-        return ret;
+    const auto intf = OpenIf(ifIndex, "db_create_if_object failed, ret = %d.", "read if object, ifIndex = %u",
+                             "read if object failed, ret = %d.");
+    if (intf.ret != DB_OK) {
+        return intf.ret;
     }
     DB_OBJ_S *dev = nullptr;
-    ret = db_create_child_node(obj, "dev", &dev);
-    if (ret != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "db_create_child_node, ret = %d.", Code(ret));
-        return ret;
+    uint32_t ret = OpenNode(intf.obj, "dev", &dev);
+    if (ret == DB_OK) {
+        ret = Check(db_get_if_dev_slot_id(dev, slot), "db get slot id failed, ret = %d.");
     }
-    ret = db_get_if_dev_slot_id(dev, slot);
-    if (ret != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "db get slot id failed, ret = %d.", Code(ret));
-        return ret;
+    if (ret == DB_OK) {
+        ret = Check(db_get_if_dev_card_id(dev, card), "db get card id failed, ret = %d.");
     }
-    ret = db_get_if_dev_card_id(dev, card);
     if (ret != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "db get card id failed, ret = %d.", Code(ret));
         return ret;
     }
     if (*card == kCardUnset) {
         *card = 0;
     }
     uint16_t portNum = 0;
-    ret = db_get_if_dev_port_num(dev, &portNum);
-    if (ret != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "db get port id failed, ret = %d.", Code(ret));
-        return ret;
+    ret = Check(db_get_if_dev_port_num(dev, &portNum), "db get port id failed, ret = %d.");
+    if (ret == DB_OK) {
+        *port = portNum;
     }
-    *port = portNum;
     return ret;
 }
 
 uint32_t PPPOE_PLUS_GetIfL2TrunkId(uint32_t ifIndex)
 {
-    DB_OBJ_S *obj = nullptr;
-    uint32_t ret = db_create_if_object(&obj);
-    if (ret != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "db_create_if_object failed, ret = %d.", Code(ret));
-        return PPPOE_PLUS_INVALID_IFINDEX;
-    }
-    const auto release = ReleaseOnExit<db_release_if_object>(obj);
-    PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "read trunk object, ifIndex = %u", ifIndex);
-    ret = db_set_if_ifindex(obj, ifIndex);
-    if (ret == DB_OK) {
-        ret = db_read_if_object(obj);
-    }
-    if (ret != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "read if object failed, ret = %d.", Code(ret));
-        return PPPOE_PLUS_INVALID_IFINDEX;
-    }
+    const auto intf = OpenIf(ifIndex, "db_create_if_object failed, ret = %d.", "read trunk object, ifIndex = %u",
+                             "read if object failed, ret = %d.");
     DB_OBJ_S *l2 = nullptr;
-    ret = db_create_child_node(obj, "l2", &l2);
-    if (ret != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "db_create_child_node, ret = %d.", Code(ret));
-        return PPPOE_PLUS_INVALID_IFINDEX;
-    }
     uint32_t trunkId = PPPOE_PLUS_INVALID_IFINDEX;
-    ret = db_get_if_l2_trunk_id(l2, &trunkId);
-    if (ret != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "db_get_if_l2_trunk_id failed, ret = %d.", Code(ret));
+    if (intf.ret != DB_OK || OpenNode(intf.obj, "l2", &l2) != DB_OK ||
+        Check(db_get_if_l2_trunk_id(l2, &trunkId), "db_get_if_l2_trunk_id failed, ret = %d.") != DB_OK) {
         return PPPOE_PLUS_INVALID_IFINDEX;
     }
     return trunkId;
@@ -151,25 +201,13 @@ uint32_t PPPOE_PLUS_GetIfL2TrunkId(uint32_t ifIndex)
 
 uint32_t PPPOE_PLUS_GetTrunkIfIndexByTrunkId(uint32_t trunkId)
 {
-    DB_OBJ_S *obj = nullptr;
-    uint32_t ret = db_create_trunk_obj(&obj);
-    if (ret != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "db_create_trunk_obj failed, ret = %d.", Code(ret));
-        return PPPOE_PLUS_INVALID_IFINDEX;
-    }
-    const auto release = ReleaseOnExit<db_release_trunk_obj>(obj);
-    ret = db_set_trunk_trunk_id(obj, trunkId);
-    if (ret == DB_OK) {
-        ret = db_read_trunk_obj(obj);
-    }
-    if (ret != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "read trunk object failed, ret = %d.", Code(ret));
-        return PPPOE_PLUS_INVALID_IFINDEX;
-    }
+    const auto trunk = Open<TrunkObject>([trunkId](DB_OBJ_S *obj) { return db_set_trunk_trunk_id(obj, trunkId); },
+                                         db_read_trunk_obj, "db_create_trunk_obj failed, ret = %d.",
+                                         "read trunk object failed, ret = %d.");
     uint32_t trunkIfIndex = PPPOE_PLUS_INVALID_IFINDEX;
-    ret = db_get_trunk_trunk_if_index(obj, &trunkIfIndex);
-    if (ret != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "db_get_trunk_trunk_if_index failed, ret = %d.", Code(ret));
+    if (trunk.ret != DB_OK ||
+        Check(db_get_trunk_trunk_if_index(trunk.obj.get(), &trunkIfIndex),
+              "db_get_trunk_trunk_if_index failed, ret = %d.") != DB_OK) {
         return PPPOE_PLUS_INVALID_IFINDEX;
     }
     return trunkIfIndex;
@@ -181,25 +219,14 @@ uint32_t PPPOE_PLUS_GetIfNameRaw(uint32_t ifIndex, char *buf, uint32_t size)
         ZAVK_Assert(kIntfFile, __LINE__);
         return PPPOE_PLUS_ERR;
     }
-    DB_OBJ_S *obj = nullptr;
-    uint32_t ret = db_create_if_object(&obj);
-    if (ret != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "db_create_if_object failed, ret = %d.", Code(ret));
-        return ret;
-    }
-    const auto release = ReleaseOnExit<db_release_if_object>(obj);
-    ret = db_set_if_ifindex(obj, ifIndex);
-    if (ret == DB_OK) {
-        ret = db_read_if_object(obj);
-    }
-    if (ret != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "read object failed, ret = %d.", Code(ret));
-        return ret;
+    const auto intf =
+        OpenIf(ifIndex, "db_create_if_object failed, ret = %d.", nullptr, "read object failed, ret = %d.");
+    if (intf.ret != DB_OK) {
+        return intf.ret;
     }
     char name[kIfNameLen] = {};
-    ret = db_get_if_name(obj, name, sizeof(name));
+    const uint32_t ret = Check(db_get_if_name(intf.obj.get(), name, sizeof(name)), "db_get_if_name failed, ret = %d.");
     if (ret != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "db_get_if_name failed, ret = %d.", Code(ret));
         return ret;
     }
     if (strcpy_s(buf, size, name) != EOK) {
@@ -215,13 +242,9 @@ uint32_t PPPOE_PLUS_GetPortVlanBitmap(uint32_t ifIndex, uint8_t *buf, uint32_t s
         ZAVK_Assert(kIntfFile, __LINE__);
         return PPPOE_PLUS_ERR;
     }
-    DB_OBJ_S *obj = nullptr;
-    if (db_create_port_vlan_map_obj(&obj) != DB_OK) {
-        return PPPOE_PLUS_ERR;
-    }
-    const auto release = ReleaseOnExit<db_release_port_vlan_map_obj>(obj);
-    if (db_set_port_vlan_map_if_index(obj, ifIndex) != DB_OK || db_read_port_vlan_map_obj(obj) != DB_OK ||
-        db_get_port_vlan_map_bitmap(obj, buf, size) != DB_OK) {
+    const auto map = Open<PortVlanObject>(
+        [ifIndex](DB_OBJ_S *obj) { return db_set_port_vlan_map_if_index(obj, ifIndex); }, db_read_port_vlan_map_obj);
+    if (map.ret != DB_OK || db_get_port_vlan_map_bitmap(map.obj.get(), buf, size) != DB_OK) {
         return PPPOE_PLUS_ERR;
     }
     return PPPOE_PLUS_OK;
@@ -233,26 +256,12 @@ uint32_t PPPOE_PLUS_GetIfLagId(uint32_t ifIndex, uint32_t *lagId)
         ZAVK_Assert(kIntfFile, __LINE__);
         return PPPOE_PLUS_ERR;
     }
-    DB_OBJ_S *obj = nullptr;
-    uint32_t ret = db_create_if_object(&obj);
-    if (ret != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "Get trunk id, failed to create object, ret = %d.", Code(ret));
-        return ret;
+    const auto intf = OpenIf(ifIndex, "Get trunk id, failed to create object, ret = %d.", nullptr,
+                             "Get trunk id, failed to read object, ret = %d.");
+    if (intf.ret != DB_OK) {
+        return intf.ret;
     }
-    const auto release = ReleaseOnExit<db_release_if_object>(obj);
-    ret = db_set_if_ifindex(obj, ifIndex);
-    if (ret == DB_OK) {
-        ret = db_read_if_object(obj);
-    }
-    if (ret != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "Get trunk id, failed to read object, ret = %d.", Code(ret));
-        return ret;
-    }
-    ret = db_get_if_lag_id(obj, lagId);
-    if (ret != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "Get trunk id, failed to get lag id, ret = %d.", Code(ret));
-    }
-    return ret;
+    return Check(db_get_if_lag_id(intf.obj.get(), lagId), "Get trunk id, failed to get lag id, ret = %d.");
 }
 
 uint32_t PPPOE_PLUS_GetTrunkIfIndexByMember(uint32_t memberIfIndex, uint32_t *trunkIfIndex)
@@ -261,35 +270,23 @@ uint32_t PPPOE_PLUS_GetTrunkIfIndexByMember(uint32_t memberIfIndex, uint32_t *tr
         ZAVK_Assert(kIntfFile, __LINE__);
         return PPPOE_PLUS_ERR;
     }
-    DB_OBJ_S *obj = nullptr;
-    uint32_t ret = db_create_trunk_port_obj(&obj);
-    if (ret != DB_OK) {
-        return ret;
+    const auto member = Open<TrunkPortObject>(
+        [memberIfIndex](DB_OBJ_S *obj) { return db_set_trunk_port_if_index(obj, memberIfIndex); },
+        db_read_trunk_port_obj);
+    if (member.ret != DB_OK) {
+        return member.ret;
     }
-    const auto release = ReleaseOnExit<db_release_trunk_port_obj>(obj);
-    ret = db_set_trunk_port_if_index(obj, memberIfIndex);
-    if (ret == DB_OK) {
-        ret = db_read_trunk_port_obj(obj);
-    }
-    if (ret == DB_OK) {
-        ret = db_get_trunk_port_trunk_if_index(obj, trunkIfIndex);
-    }
-    return ret;
+    return db_get_trunk_port_trunk_if_index(member.obj.get(), trunkIfIndex);
 }
 
 uint32_t PPPOE_PLUS_GetAccessIsolate(uint32_t srcIfIndex, uint32_t dstIfIndex)
 {
-    DB_OBJ_S *obj = nullptr;
-    uint32_t ret = db_create_access_isolate_obj(&obj);
-    if (ret != DB_OK) {
-        return ret;
-    }
-    const auto release = ReleaseOnExit<db_release_access_isolate_obj>(obj);
-    ret = db_set_access_isolate_key(obj, srcIfIndex, 0, dstIfIndex);
-    if (ret == DB_OK) {
-        ret = db_read_access_isolate_obj(obj);
-    }
-    return ret;
+    return Open<AccessIsolateObject>(
+               [srcIfIndex, dstIfIndex](DB_OBJ_S *obj) {
+                   return db_set_access_isolate_key(obj, srcIfIndex, 0, dstIfIndex);
+               },
+               db_read_access_isolate_obj)
+        .ret;
 }
 
 uint32_t PPPOE_PLUS_GetPortIsolateGroupIds(uint32_t ifIndex, uint32_t *groupIds, uint32_t capacity,
@@ -300,22 +297,17 @@ uint32_t PPPOE_PLUS_GetPortIsolateGroupIds(uint32_t ifIndex, uint32_t *groupIds,
         return PPPOE_PLUS_ERR;
     }
     *count = 0;
-    DB_OBJ_S *obj = nullptr;
-    uint32_t ret = db_create_port_isolate_obj(&obj);
-    if (ret != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "Get group id, create object failed, ret = %d.", Code(ret));
-        return ret;
-    }
-    const auto release = ReleaseOnExit<db_release_port_isolate_obj>(obj);
-    ret = db_set_port_isolate_if_index(obj, ifIndex);
-    if (ret != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "Get group id, create object failed, ret = %d.", Code(ret));
-        return ret;
-    }
+    // A failed key is reported with the text of a failed creation.
+    PortIsolateObject obj;
     DB_ITER_S *iter = nullptr;
-    ret = db_create_root_iter(obj, 0, 0, &iter);
+    uint32_t ret = Check(obj.Create(), "Get group id, create object failed, ret = %d.");
+    if (ret == DB_OK) {
+        ret = Check(db_set_port_isolate_if_index(obj.get(), ifIndex), "Get group id, create object failed, ret = %d.");
+    }
+    if (ret == DB_OK) {
+        ret = Check(db_create_root_iter(obj.get(), 0, 0, &iter), "Get group id, create root iter failed, ret = %d.");
+    }
     if (ret != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "Get group id, create root iter failed, ret = %d.", Code(ret));
         return ret;
     }
     const uint32_t limit = capacity < PPPOE_PLUS_ISOLATE_GROUP_MAX ? capacity : PPPOE_PLUS_ISOLATE_GROUP_MAX;
@@ -329,10 +321,10 @@ uint32_t PPPOE_PLUS_GetPortIsolateGroupIds(uint32_t ifIndex, uint32_t *groupIds,
                                  Code(ret));
             return PPPOE_PLUS_ERR;
         }
-        ret = db_get_port_isolate_group_id(obj, &groupIds[*count]);
+        // Reported with the text of the iterator failure, as the callers know it.
+        ret = Check(db_get_port_isolate_group_id(obj.get(), &groupIds[*count]),
+                    "Get group id, create root iter failed, ret = %d.");
         if (ret != DB_OK) {
-            // Reported with the text of the iterator failure, as the callers know it.
-            PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "Get group id, create root iter failed, ret = %d.", Code(ret));
             return ret;
         }
         (*count)++;
@@ -346,25 +338,23 @@ uint32_t PPPOE_PLUS_GetFirstSwitchPort(uint32_t *ifIndex)
         ZAVK_Assert(kIntfFile, __LINE__);
         return PPPOE_PLUS_ERR;
     }
-    DB_OBJ_S *obj = nullptr;
-    uint32_t ret = db_create_if_object(&obj);
+    IfObject obj;
+    uint32_t ret = obj.Create();
     if (ret != DB_OK) {
         return ret;
     }
-    const auto release = ReleaseOnExit<db_release_if_object>(obj);
     DB_ITER_S *iter = nullptr;
-    ret = db_create_root_iter(obj, 0, 0, &iter);
+    ret = Check(db_create_root_iter(obj.get(), 0, 0, &iter), "Failed to create rootIter. ret=%d");
     if (ret != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "Failed to create rootIter. ret=%d", Code(ret));
         return ret;
     }
     while ((ret = db_root_iterator_next(iter)) == DB_OK) {
         uint32_t portSwitch = 0;
-        if (db_get_if_port_switch(obj, &portSwitch) != DB_OK || portSwitch != PPPOE_PLUS_PORT_SWITCH_L2) {
+        if (db_get_if_port_switch(obj.get(), &portSwitch) != DB_OK || portSwitch != PPPOE_PLUS_PORT_SWITCH_L2) {
             continue;
         }
         uint32_t found = PPPOE_PLUS_INVALID_IFINDEX;
-        if (db_get_if_ifindex(obj, &found) == DB_OK) {
+        if (db_get_if_ifindex(obj.get(), &found) == DB_OK) {
             *ifIndex = found;
             return PPPOE_PLUS_OK;
         }
