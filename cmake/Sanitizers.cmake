@@ -7,3 +7,16 @@ elseif(PPPOE_PLUS_SANITIZE STREQUAL "thread")
 elseif(NOT PPPOE_PLUS_SANITIZE STREQUAL "")
   message(FATAL_ERROR "PPPOE_PLUS_SANITIZE must be empty, address or thread")
 endif()
+
+# Fuzzing builds: every target carries libFuzzer's coverage instrumentation
+# with ASan and UBSan; the fuzz targets themselves add -fsanitize=fuzzer.
+if(PPPOE_PLUS_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "PPPOE_PLUS_FUZZ needs clang")
+  endif()
+  if(NOT PPPOE_PLUS_SANITIZE STREQUAL "")
+    message(FATAL_ERROR "PPPOE_PLUS_FUZZ brings its own sanitizers: leave PPPOE_PLUS_SANITIZE empty")
+  endif()
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()

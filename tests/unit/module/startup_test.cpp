@@ -12,6 +12,7 @@
 #include "pppoe_plus_log.h"
 #include "pppoe_plus_main.h"
 #include "pppoe_plus_mem.h"
+#include "pppoe_plus_tlv.h"
 #include "wick.h"
 
 using pplus_test::LogHas;
@@ -68,6 +69,8 @@ TEST_F(StartupTest, MasterSeesTheMilestonesInOrderAndBothTasksServe)
     EXPECT_EQ(g_dpxToppplusChannel.load(), FPC_ChannelGetIdByName("channel/dpx2ppplus"));
     EXPECT_EQ(PLAT_PatchRestoreCount(), 1U);
     EXPECT_EQ(PLAT_AssertCount(), 0U);
+    ASSERT_NE(g_pppoePlusKeyWordDict, nullptr);  // built by the data initialisation
+    EXPECT_STREQ(g_pppoePlusKeyWordDict[PPPOE_PLUS_KW_PORTDESC].name, "portdescription");
 
     // The main queue serves messages posted from a foreign thread.
     const uint32_t base = PLAT_MemOutstanding();

@@ -17,6 +17,7 @@
 #include "pppoe_plus_mem.h"
 #include "pppoe_plus_patch.h"
 #include "pppoe_plus_tirn.h"
+#include "pppoe_plus_tlv.h"
 #include "ruk.h"
 
 namespace {
@@ -123,6 +124,7 @@ uint32_t PPPOE_PLUS_InitData(void)
     Info("[PPPOEPLUS_FRAME] InitData step2 end.");
     (void)PPPOE_PLUS_CreateMainTask();
     Info("[PPPOEPLUS_FRAME] InitData step3 end.");
+    (void)PPPOE_PLUS_InitKeyWordDict();
     PPPOE_PLUS_InitGlobalCfgData();
     Info("[PPPOEPLUS_FRAME] InitData finish.");
     return 0;

@@ -1,0 +1,868 @@
+// Keyword dictionary, field encoders and the user-defined format encoder.
+//
+// A user-defined format mixes hex stretches (numbers and keyword fields
+// written as raw bits) and quoted ASCII stretches (text and keyword fields
+// written as padded text). The field encoders write into an 8192-byte work
+// buffer at a bit position; the format encoder walks the format once, then
+// fills in the "length" field, if any, and hands back at most 255 bytes.
+#include "pppoe_plus_tlv.h"
+
+#include <cstring>
+
+#include "devm.h"
+#include "plat_safe.h"
+#include "pppoe_plus_intf.h"
+#include "pppoe_plus_log.h"
+#include "pppoe_plus_mem.h"
+#include "pppoe_plus_portdesc.h"
+#include "zavk.h"
+
+PppoePlusKeyWord *g_pppoePlusKeyWordDict = nullptr;
+uint8_t g_pppoePlusSystemMac[6] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+uint32_t g_pppoePlusLengthOffsetBit = 0;
+
+namespace {
+
+constexpr const char *kTlvFile = "app/src/common/src/pppoe_plus_tlv";
+constexpr uint32_t kScratchLen = 256U;
+constexpr uint32_t kDescScratchLen = 1024U;
+constexpr uint32_t kFieldFmtLen = 32U;
+constexpr uint32_t kWorkBits = PPPOE_PLUS_UDF_WORK_LEN * 8U;
+constexpr uint32_t kMaxWidthDigits = 4U;
+constexpr uint32_t kPortTypeEthernet = 15U;
+constexpr uint32_t kVlanMin = 1U;
+constexpr uint32_t kVlanMax = 4094U;
+constexpr uint32_t kMacLen = 6U;
+constexpr uint32_t kMacTextLen = 14U;
+
+constexpr uint32_t kAsciiDefaultLen[PPPOE_PLUS_KEYWORD_MAX] = {1, 1, 1, 1, 14, 1, 1, 1, 1, 1, 1, 1, 1, 1};
+
+bool IsDigit(char ch)
+{
+    return ch >= '0' && ch <= '9';
+}
+
+bool IsLetter(char ch)
+{
+    return (ch >= 'A' && ch <= 'Z') || (ch >= 'a' && ch <= 'z');
+}
+
+uint32_t Fail(uint32_t line)
+{
+    ZAVK_Assert(kTlvFile, line);
+    return PPPOE_PLUS_ERR;
+}
+
+bool CtxValid(const KeyWordEncodeCtx *ctx)
+{
+    return ctx != nullptr && ctx->userInfo != nullptr && ctx->fieldFmt != nullptr && ctx->bitPos != nullptr &&
+           ctx->outBuf != nullptr;
+}
+
+// Pads text with the field format ("%Ns", space-padded, or "%0Ns",
+// zero-padded) into out; an empty field format gives an empty text. The
+// length of the result, or -1 when it does not fit.
+int PadText(const char *fieldFmt, const char *text, char *out, uint32_t size)
+{
+    out[0] = '\0';
+    if (fieldFmt[0] == '\0') {
+        return 0;
+    }
+    if (fieldFmt[0] != '%' || fieldFmt[1] != '0') {
+        return sprintf_s(out, size, fieldFmt, text);
+    }
+    uint32_t width = 0;
+    uint32_t i = 2;
+    for (; IsDigit(fieldFmt[i]) && i < kFieldFmtLen; ++i) {
+        width = width * 10U + static_cast<uint32_t>(fieldFmt[i] - '0');
+    }
+    if (fieldFmt[i] != 's' || fieldFmt[i + 1U] != '\0') {
+        return sprintf_s(out, size, fieldFmt, text);
+    }
+    const uint32_t textLen = static_cast<uint32_t>(strnlen(text, size));
+    const uint32_t pad = width > textLen ? width - textLen : 0U;
+    if (pad + textLen >= size) {
+        return -1;
+    }
+    (void)memset_s(out, size, '0', pad);
+    if (strcpy_s(out + pad, size - pad, text) != EOK) {
+        return -1;
+    }
+    return static_cast<int>(pad + textLen);
+}
+
+// Copies length bytes of text, unterminated, to byte *bitPos/8 of the work
+// buffer and advances the position.
+uint32_t PutText(KeyWordEncodeCtx *ctx, const char *text, uint32_t length)
+{
+    const uint32_t byte = *ctx->bitPos / 8U;
+    if (length == 0U) {
+        return PPPOE_PLUS_OK;
+    }
+    if (byte >= PPPOE_PLUS_UDF_WORK_LEN ||
+        memcpy_s(ctx->outBuf + byte, PPPOE_PLUS_UDF_WORK_LEN - byte, text, length) != EOK) {
+        return PPPOE_PLUS_ERR;
+    }
+    *ctx->bitPos += 8U * length;
+    return PPPOE_PLUS_OK;
+}
+
+// Formats text with the field format and writes it.
+uint32_t WriteText(KeyWordEncodeCtx *ctx, const char *text, char *scratch, uint32_t scratchLen)
+{
+    const int n = PadText(ctx->fieldFmt, text, scratch, scratchLen);
+    if (n < 0) {
+        return PPPOE_PLUS_ERR;
+    }
+    return PutText(ctx, scratch, static_cast<uint32_t>(n));
+}
+
+uint32_t WriteSmallText(KeyWordEncodeCtx *ctx, const char *text)
+{
+    char scratch[kScratchLen] = {};
+    return WriteText(ctx, text, scratch, sizeof(scratch));
+}
+
+// Renders a number with "%u" and then with the field format.
+int RenderNumber(uint32_t value, const char *fieldFmt, char *out, uint32_t size)
+{
+    char digits[16] = {};
+    if (sprintf_s(digits, sizeof(digits), "%u", value) < 0) {
+        return -1;
+    }
+    return PadText(fieldFmt, digits, out, size);
+}
+
+// The field format of an ASCII keyword reference: "%0Ns" when the text after
+// the "%" starts with the digit 0, "%Ns" otherwise.
+bool BuildFieldFmt(const char *ref, uint32_t width, char *out, uint32_t size)
+{
+    const unsigned long w = width;
+    if (ref[0] == '0') {
+        return sprintf_s(out, size, "%s0%lus", "%", w) > 0;
+    }
+    return sprintf_s(out, size, "%s%lus", "%", w) > 0;
+}
+
+uint32_t EncodeNumberField(uint32_t value, KeyWordEncodeCtx *ctx, const char *failText)
+{
+    if (!CtxValid(ctx)) {
+        return PPPOE_PLUS_ERR;
+    }
+    if (PPPOE_PLUS_EncodeDigit(value, ctx) != PPPOE_PLUS_OK) {
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "%s", failText);
+        return PPPOE_PLUS_ERR;
+    }
+    return PPPOE_PLUS_OK;
+}
+
+uint32_t CheckedVlan(uint32_t vlan, const KeyWordEncodeCtx *ctx)
+{
+    if (vlan >= kVlanMin && vlan <= kVlanMax) {
+        return vlan;
+    }
+    return ctx->ascii == 1U ? 0U : 0xFFFFFFFFU;
+}
+
+}  // namespace
+
+extern "C" {
+
+uint32_t PPPOE_PLUS_KeyWordWriteDict(uint16_t id, uint16_t fieldSel, uint16_t keyWordType,
+                                     PppoePlusKeyWordEncodeFn encode, uintptr_t reserved, const char *name)
+{
+    if (g_pppoePlusKeyWordDict == nullptr || name == nullptr || id >= PPPOE_PLUS_KEYWORD_NUM) {
+        return PPPOE_PLUS_ERR;
+    }
+    PppoePlusKeyWord *entry = &g_pppoePlusKeyWordDict[id];
+    entry->keyWordId = id;
+    entry->fieldSel = fieldSel;
+    entry->keyWordType = keyWordType;
+    entry->nameLen = static_cast<uint8_t>(strnlen(name, PPPOE_PLUS_KEYWORD_NAME_LEN));
+    entry->encode = encode;
+    entry->reserved = reserved;
+    return static_cast<uint32_t>(strcpy_s(entry->name, sizeof(entry->name), name));
+}
+
+uint32_t PPPOE_PLUS_InitKeyWordDict(void)
+{
+    const size_t size = sizeof(PppoePlusKeyWord) * PPPOE_PLUS_KEYWORD_NUM;
+    auto *dict = static_cast<PppoePlusKeyWord *>(PPPOE_PLUS_MemAlloc(size));
+    if (dict == nullptr) {
+        return Fail(__LINE__);
+    }
+    (void)memset_s(dict, size, 0, size);
+    g_pppoePlusKeyWordDict = dict;
+
+    struct Row {
+        const char *name;
+        PppoePlusKeyWordEncodeFn encode;
+    };
+    static const Row kRows[PPPOE_PLUS_KEYWORD_NUM] = {
+        {"sysname", PPPOE_PLUS_EncodeSysName},   {"portname", PPPOE_PLUS_EncodePortName},
+        {"porttype", PPPOE_PLUS_EncodePortType}, {"iftype", PPPOE_PLUS_EncodeIfType},
+        {"mac", PPPOE_PLUS_EncodeSysMac},        {"slot", PPPOE_PLUS_EncodeSlot},
+        {"subslot", PPPOE_PLUS_EncodeSubSlot},   {"port", PPPOE_PLUS_EncodePort},
+        {"svlan", PPPOE_PLUS_EncodeXpi},         {"cvlan", PPPOE_PLUS_EncodeXci},
+        {"nsvlan", PPPOE_PLUS_EncodeNXpi},       {"ncvlan", PPPOE_PLUS_EncodeNXci},
+        {"length", PPPOE_PLUS_EncodeLength},     {"portdescription", PPPOE_PLUS_EncodePortDesc},
+        {"?", nullptr},
+    };
+    uint32_t ret = PPPOE_PLUS_OK;
+    for (uint16_t id = 0; id < PPPOE_PLUS_KEYWORD_NUM; ++id) {
+        const uint16_t type = id < PPPOE_PLUS_KEYWORD_MAX ? id : 0U;
+        ret |= PPPOE_PLUS_KeyWordWriteDict(id, id, type, kRows[id].encode, 0U, kRows[id].name);
+    }
+    return ret == PPPOE_PLUS_OK ? PPPOE_PLUS_OK : PPPOE_PLUS_ERR;
+}
+
+uint32_t PPPOE_PLUS_UserFmtIfKeyWord(const char *text, uint32_t *outId, uint32_t *outConsumed)
+{
+    if (text == nullptr || outId == nullptr || outConsumed == nullptr || g_pppoePlusKeyWordDict == nullptr) {
+        return 0U;
+    }
+    uint32_t digits = 0;
+    while (IsDigit(text[digits])) {
+        ++digits;
+    }
+    const char *rest = text + digits;
+    uint32_t best = PPPOE_PLUS_KW_END;
+    uint32_t bestLen = 0;
+    for (uint32_t id = 0; id < PPPOE_PLUS_KEYWORD_MAX; ++id) {
+        const PppoePlusKeyWord &entry = g_pppoePlusKeyWordDict[id];
+        const uint32_t len = entry.nameLen;
+        if (len == 0U || strncmp(rest, entry.name, len) != 0 || IsLetter(rest[len])) {
+            continue;
+        }
+        if (digits == 0U && rest[len] == '\0') {
+            best = id;
+            bestLen = len;
+            break;
+        }
+        if (best == PPPOE_PLUS_KW_END || len > bestLen) {
+            best = id;
+            bestLen = len;
+        }
+    }
+    if (best == PPPOE_PLUS_KW_END) {
+        return 0U;
+    }
+    *outId = best;
+    *outConsumed = digits + bestLen;
+    return 1U;
+}
+
+uint32_t PPPOE_PLUS_UserFmtGetFieldDftLenAscii(uint32_t id, uint32_t *outLen)
+{
+    if (outLen == nullptr) {
+        return Fail(__LINE__);
+    }
+    if (id >= PPPOE_PLUS_KEYWORD_MAX) {
+        *outLen = 1U;
+        return Fail(__LINE__);
+    }
+    *outLen = kAsciiDefaultLen[id];
+    return PPPOE_PLUS_OK;
+}
+
+uint32_t PPPOE_PLUS_UserFmtGetFieldDftLenHex(uint32_t id, uint32_t *outLen)
+{
+    if (outLen == nullptr) {
+        return Fail(__LINE__);
+    }
+    switch (id) {
+        case PPPOE_PLUS_KW_PORTTYPE:
+        case PPPOE_PLUS_KW_LENGTH:
+            *outLen = 8U;
+            return PPPOE_PLUS_OK;
+        case PPPOE_PLUS_KW_MAC:
+            *outLen = 48U;
+            return PPPOE_PLUS_OK;
+        case PPPOE_PLUS_KW_SLOT:
+        case PPPOE_PLUS_KW_SUBSLOT:
+        case PPPOE_PLUS_KW_PORT:
+        case PPPOE_PLUS_KW_SVLAN:
+        case PPPOE_PLUS_KW_CVLAN:
+        case PPPOE_PLUS_KW_NSVLAN:
+        case PPPOE_PLUS_KW_NCVLAN:
+            *outLen = 16U;
+            return PPPOE_PLUS_OK;
+        default:
+            return Fail(__LINE__);
+    }
+}
+
+uint32_t PPPOE_PLUS_UserFmtGetFieldDftLen(uint32_t id, uint8_t ascii, uint32_t *outLen)
+{
+    return ascii == 1U ? PPPOE_PLUS_UserFmtGetFieldDftLenAscii(id, outLen)
+                       : PPPOE_PLUS_UserFmtGetFieldDftLenHex(id, outLen);
+}
+
+uint32_t PPPOE_PLUS_UserFmtGetFieldMinLen(const char *text, uint8_t ascii, uint32_t *outLen)
+{
+    if (text == nullptr || outLen == nullptr) {
+        return Fail(__LINE__);
+    }
+    uint32_t digits = 0;
+    uint32_t value = 0;
+    while (IsDigit(text[digits])) {
+        if (digits >= kMaxWidthDigits) {
+            PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "The number is invalid.");
+            return PPPOE_PLUS_ERR;
+        }
+        value = value * 10U + static_cast<uint32_t>(text[digits] - '0');
+        ++digits;
+    }
+    if (digits != 0U) {
+        *outLen = value;
+        return PPPOE_PLUS_OK;
+    }
+    uint32_t id = 0;
+    uint32_t consumed = 0;
+    if (PPPOE_PLUS_UserFmtIfKeyWord(text, &id, &consumed) == 0U) {
+        return PPPOE_PLUS_ERR;
+    }
+    return PPPOE_PLUS_UserFmtGetFieldDftLen(id, ascii, outLen);
+}
+
+void PPPOE_PLUS_EncodeDigitByBit(uint8_t *buf, uint32_t startBit, uint32_t value, uint32_t bits)
+{
+    if (buf == nullptr) {
+        return;
+    }
+    for (uint32_t i = 0; i < bits; ++i) {
+        const uint32_t shift = bits - 1U - i;  // significance of this bit within the field
+        if (shift >= 32U || ((value >> shift) & 1U) == 0U) {
+            continue;
+        }
+        const uint32_t pos = startBit + i;
+        buf[pos / 8U] = static_cast<uint8_t>(buf[pos / 8U] | (0x80U >> (pos % 8U)));
+    }
+}
+
+uint32_t PPPOE_PLUS_EncodeDigit(uint32_t value, KeyWordEncodeCtx *ctx)
+{
+    if (!CtxValid(ctx)) {
+        return PPPOE_PLUS_ERR;
+    }
+    if (ctx->ascii == 1U) {
+        char text[kScratchLen] = {};
+        const int n = RenderNumber(value, ctx->fieldFmt, text, sizeof(text));
+        if (n < 0) {
+            return PPPOE_PLUS_ERR;
+        }
+        return PutText(ctx, text, static_cast<uint32_t>(n));
+    }
+    if (*ctx->bitPos > kWorkBits || ctx->fieldBits > kWorkBits - *ctx->bitPos) {
+        return PPPOE_PLUS_ERR;
+    }
+    PPPOE_PLUS_EncodeDigitByBit(ctx->outBuf, *ctx->bitPos, value, ctx->fieldBits);
+    *ctx->bitPos += ctx->fieldBits;
+    return PPPOE_PLUS_OK;
+}
+
+uint32_t PPPOE_PLUS_GetDevSysMac(uint8_t *mac)
+{
+    if (mac == nullptr) {
+        return Fail(__LINE__);
+    }
+    static const uint8_t kUnread[kMacLen] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+    if (std::memcmp(g_pppoePlusSystemMac, kUnread, kMacLen) == 0) {
+        uint8_t read[kMacLen] = {};
+        const uint32_t ret = DEVM_DB_GetSysMac(read);
+        if (ret != 0U) {
+            PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "fail to get SysMac, ret %d.", static_cast<int>(ret));
+            return PPPOE_PLUS_ERR;
+        }
+        (void)memcpy_s(g_pppoePlusSystemMac, sizeof(g_pppoePlusSystemMac), read, kMacLen);
+    }
+    (void)memcpy_s(mac, kMacLen, g_pppoePlusSystemMac, kMacLen);
+    return PPPOE_PLUS_OK;
+}
+
+void PPPOE_PLUS_MacAddrToStr(const uint8_t mac[6], char *out, uint32_t size)
+{
+    if (mac == nullptr || out == nullptr || size == 0U) {
+        return;
+    }
+    (void)memset_s(out, size, 0, size);
+    static const uint8_t kZero[kMacLen] = {};
+    if (std::memcmp(mac, kZero, kMacLen) == 0) {
+        (void)snprintf_truncated_s(out, size, "%-*s", static_cast<int>(kMacTextLen), "-");
+        return;
+    }
+    (void)snprintf_truncated_s(out, size, "%02x%02x-%02x%02x-%02x%02x", mac[0], mac[1], mac[2], mac[3], mac[4],
+                               mac[5]);
+}
+
+uint32_t PPPOE_PLUS_GetPortDescByIfIndex(uint32_t ifIndex, char *buf, uint32_t size)
+{
+    if (buf == nullptr || size == 0U) {
+        return PPPOE_PLUS_ERR;
+    }
+    const PppoePlusPortDescEntry *entry = PPPOE_PLUS_PortDescHashFind(ifIndex);
+    if (entry == nullptr) {
+        return PPPOE_PLUS_ERR;
+    }
+    return strcpy_s(buf, size, entry->description) == EOK ? PPPOE_PLUS_OK : PPPOE_PLUS_ERR;
+}
+
+uint32_t PPPOE_PLUS_EncodeSysName(KeyWordEncodeCtx *ctx)
+{
+    if (!CtxValid(ctx)) {
+        return PPPOE_PLUS_ERR;
+    }
+    char name[PPPOE_PLUS_SYSNAME_LEN] = {};
+    if (PPPOE_PLUS_GetSysName(name, sizeof(name)) != 0U) {
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "encode sysname failed.");
+        return PPPOE_PLUS_ERR;
+    }
+    name[sizeof(name) - 1U] = '\0';
+    return WriteSmallText(ctx, name);
+}
+
+uint32_t PPPOE_PLUS_EncodePortName(KeyWordEncodeCtx *ctx)
+{
+    if (!CtxValid(ctx)) {
+        return PPPOE_PLUS_ERR;
+    }
+    uint32_t ifIndex = ctx->userInfo->IfIndex;
+    const uint32_t trunkId = PPPOE_PLUS_GetIfL2TrunkId(ifIndex);
+    if (trunkId != PPPOE_PLUS_INVALID_IFINDEX) {
+        const uint32_t trunkIfIndex = PPPOE_PLUS_GetTrunkIfIndexByTrunkId(trunkId);
+        if (trunkIfIndex == PPPOE_PLUS_INVALID_IFINDEX) {
+            PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "Get trunk ifindex failed. (trunkId=%u).", trunkId);
+        } else {
+            ifIndex = trunkIfIndex;
+        }
+    }
+    char name[64] = {};
+    if (PPPOE_PLUS_GetIfNameRaw(ifIndex, name, sizeof(name)) != 0U) {
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "encode port name failed.");
+        return PPPOE_PLUS_ERR;
+    }
+    return WriteSmallText(ctx, name);
+}
+
+uint32_t PPPOE_PLUS_EncodePortType(KeyWordEncodeCtx *ctx)
+{
+    if (!CtxValid(ctx)) {
+        return PPPOE_PLUS_ERR;
+    }
+    if (ctx->ascii == 1U) {
+        return WriteSmallText(ctx, "ethernet");
+    }
+    return PPPOE_PLUS_EncodeDigit(kPortTypeEthernet, ctx);
+}
+
+uint32_t PPPOE_PLUS_EncodeIfType(KeyWordEncodeCtx *ctx)
+{
+    if (!CtxValid(ctx)) {
+        return PPPOE_PLUS_ERR;
+    }
+    return WriteSmallText(ctx, PPPOE_PLUS_IsTrunkIf(ctx->userInfo->IfIndex) == 1U ? "trunk" : "eth");
+}
+
+uint32_t PPPOE_PLUS_EncodeSysMac(KeyWordEncodeCtx *ctx)
+{
+    if (!CtxValid(ctx)) {
+        return Fail(__LINE__);
+    }
+    uint8_t mac[kMacLen] = {};
+    if (PPPOE_PLUS_GetDevSysMac(mac) != PPPOE_PLUS_OK) {
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "fail to get SysMac, ret %u.", PPPOE_PLUS_ERR);
+        return PPPOE_PLUS_ERR;
+    }
+    if (ctx->ascii == 1U) {
+        char text[kScratchLen] = {};
+        PPPOE_PLUS_MacAddrToStr(mac, text, sizeof(text));
+        return WriteSmallText(ctx, text);
+    }
+    if (*ctx->bitPos > kWorkBits - 8U * kMacLen) {
+        return PPPOE_PLUS_ERR;
+    }
+    for (uint32_t i = 0; i < kMacLen; ++i) {
+        PPPOE_PLUS_EncodeDigitByBit(ctx->outBuf, *ctx->bitPos + 8U * i, mac[i], 8U);
+    }
+    *ctx->bitPos += 8U * kMacLen;
+    return PPPOE_PLUS_OK;
+}
+
+uint32_t PPPOE_PLUS_EncodeSlot(KeyWordEncodeCtx *ctx)
+{
+    return CtxValid(ctx) ? EncodeNumberField(ctx->userInfo->ulNas_Slot, ctx, "encode slot id failed.")
+                         : PPPOE_PLUS_ERR;
+}
+
+uint32_t PPPOE_PLUS_EncodeSubSlot(KeyWordEncodeCtx *ctx)
+{
+    return CtxValid(ctx) ? EncodeNumberField(ctx->userInfo->ulNas_SubSlot, ctx, "encode card id failed.")
+                         : PPPOE_PLUS_ERR;
+}
+
+uint32_t PPPOE_PLUS_EncodePort(KeyWordEncodeCtx *ctx)
+{
+    return CtxValid(ctx) ? EncodeNumberField(ctx->userInfo->ulNas_Port, ctx, "encode port id failed.")
+                         : PPPOE_PLUS_ERR;
+}
+
+uint32_t PPPOE_PLUS_EncodeXpi(KeyWordEncodeCtx *ctx)
+{
+    return CtxValid(ctx) ? EncodeNumberField(CheckedVlan(ctx->userInfo->ulXpi, ctx), ctx, "encode xpi failed.")
+                         : PPPOE_PLUS_ERR;
+}
+
+uint32_t PPPOE_PLUS_EncodeXci(KeyWordEncodeCtx *ctx)
+{
+    return CtxValid(ctx) ? EncodeNumberField(CheckedVlan(ctx->userInfo->ulXci, ctx), ctx, "encode xci failed.")
+                         : PPPOE_PLUS_ERR;
+}
+
+uint32_t PPPOE_PLUS_EncodeNXpi(KeyWordEncodeCtx *ctx)
+{
+    return CtxValid(ctx) ? EncodeNumberField(ctx->userInfo->ulXpi, ctx, "encode nxpi failed.") : PPPOE_PLUS_ERR;
+}
+
+uint32_t PPPOE_PLUS_EncodeNXci(KeyWordEncodeCtx *ctx)
+{
+    return CtxValid(ctx) ? EncodeNumberField(ctx->userInfo->ulXci, ctx, "encode nxci failed.") : PPPOE_PLUS_ERR;
+}
+
+uint32_t PPPOE_PLUS_EncodeLength(KeyWordEncodeCtx *ctx)
+{
+    if (!CtxValid(ctx)) {
+        return PPPOE_PLUS_ERR;
+    }
+    g_pppoePlusLengthOffsetBit = *ctx->bitPos;
+    return EncodeNumberField(0U, ctx, "encode length failed.");
+}
+
+uint32_t PPPOE_PLUS_EncodePortDesc(KeyWordEncodeCtx *ctx)
+{
+    if (!CtxValid(ctx)) {
+        return PPPOE_PLUS_ERR;
+    }
+    const char *text = nullptr;
+    const PppoePlusPortDescEntry *entry = PPPOE_PLUS_PortDescHashFind(ctx->userInfo->IfIndex);
+    if (entry != nullptr && entry->description[0] != '\0') {
+        text = entry->description;
+    } else if (ctx->userInfo->portDescrValid == 1U) {
+        text = ctx->userInfo->portDescr;
+    } else {
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "PPPOE PLUS encode port description: no configuration.");
+        return PPPOE_PLUS_OK;
+    }
+    char desc[kDescScratchLen] = {};
+    if (strncpy_s(desc, sizeof(desc), text, strnlen(text, PPPOE_PLUS_PORTDESC_LEN)) != EOK) {
+        return PPPOE_PLUS_ERR;
+    }
+    PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "PPPOE PLUS encode port description: %s.", desc);
+    char scratch[kDescScratchLen] = {};
+    return WriteText(ctx, desc, scratch, sizeof(scratch));
+}
+
+uint32_t PPPOE_PLUS_UserFmtAtoul(const char *s, uint32_t *outChars, uint32_t *outValue)
+{
+    if (s == nullptr || outChars == nullptr || outValue == nullptr) {
+        return Fail(__LINE__);
+    }
+    if (s[0] == '\0') {
+        return PPPOE_PLUS_ERR;  // nothing left to read
+    }
+    uint32_t base = 10U;
+    uint32_t value = 0;
+    uint32_t i = 0;
+    for (; s[i] != '\0' && s[i] != ' ' && s[i] != '%'; ++i) {
+        if (s[i] == 'x' || s[i] == 'X') {
+            base = 16U;
+            continue;
+        }
+        value = value * base + static_cast<uint32_t>(static_cast<unsigned char>(s[i])) - 48U;
+    }
+    *outChars = i;
+    *outValue = value;
+    return PPPOE_PLUS_OK;
+}
+
+uint32_t PPPOE_PLUS_UserFmtGetBytes(uint32_t value, uint8_t *outBytes)
+{
+    if (outBytes == nullptr) {
+        return Fail(__LINE__);
+    }
+    if (value < 0x100U) {
+        *outBytes = 1U;
+    } else if ((value & 0xFFFF0000U) == 0U) {
+        *outBytes = 2U;
+    } else {
+        *outBytes = 4U;
+    }
+    return PPPOE_PLUS_OK;
+}
+
+uint32_t PPPOE_PLUS_ReplumeFmtStr(const UserInfo *info, const char *fmt, char *out)
+{
+    if (info == nullptr || fmt == nullptr || out == nullptr) {
+        return Fail(__LINE__);
+    }
+    const uint32_t cap = PPPOE_PLUS_UDF_FMT_LEN - 1U;
+    uint32_t pos = 0;
+    uint32_t optStart = 0;
+    bool inOpt = false;
+    bool drop = false;
+    for (uint32_t i = 0; fmt[i] != '\0' && pos < cap; ++i) {
+        const char ch = fmt[i];
+        if (ch == '[') {
+            inOpt = true;
+            drop = false;
+            optStart = pos;
+            continue;
+        }
+        if (ch == ']') {
+            inOpt = false;
+            drop = false;
+            continue;
+        }
+        if (ch == '\\') {
+            out[pos++] = ch;
+            if (fmt[i + 1U] != '\0' && pos < cap) {
+                out[pos++] = fmt[++i];
+            }
+            continue;
+        }
+        if (drop) {
+            continue;
+        }
+        out[pos++] = ch;
+        if (ch != '%' || !inOpt) {
+            continue;
+        }
+        uint32_t id = 0;
+        uint32_t consumed = 0;
+        if (PPPOE_PLUS_UserFmtIfKeyWord(fmt + i + 1U, &id, &consumed) == 0U) {
+            return Fail(__LINE__);
+        }
+        if ((id == PPPOE_PLUS_KW_SVLAN && info->ulXpi == 0U) || (id == PPPOE_PLUS_KW_CVLAN && info->ulXci == 0U)) {
+            (void)memset_s(out + optStart, PPPOE_PLUS_UDF_FMT_LEN - optStart, 0, pos - optStart);
+            pos = optStart;
+            drop = true;
+        }
+    }
+    out[pos] = '\0';
+    return PPPOE_PLUS_OK;
+}
+
+uint32_t PPPOE_PLUS_EncodeLengthData(uint8_t ascii, uint8_t *buf, uint32_t *len, const char *fieldFmt, uint32_t width)
+{
+    if (buf == nullptr || len == nullptr || fieldFmt == nullptr) {
+        return Fail(__LINE__);
+    }
+    const uint32_t offset = g_pppoePlusLengthOffsetBit;
+    if (ascii != 1U) {
+        if (offset > kWorkBits || width > kWorkBits - offset || (offset + width) / 8U > *len) {
+            return Fail(__LINE__);
+        }
+        PPPOE_PLUS_EncodeDigitByBit(buf, offset, *len - (offset + width) / 8U, width);
+        return PPPOE_PLUS_OK;
+    }
+    char text[kScratchLen] = {};
+    const int l0 = RenderNumber(0U, fieldFmt, text, sizeof(text));
+    if (l0 < 0) {
+        return PPPOE_PLUS_ERR;
+    }
+    const uint32_t start = offset / 8U;
+    const uint32_t len0 = static_cast<uint32_t>(l0);
+    if (start + len0 + 1U > *len) {
+        return Fail(__LINE__);
+    }
+    const int l1 = RenderNumber(*len - (start + len0), fieldFmt, text, sizeof(text));
+    if (l1 < 0) {
+        return PPPOE_PLUS_ERR;
+    }
+    const uint32_t len1 = static_cast<uint32_t>(l1);
+    if (len1 > len0) {
+        const uint32_t grow = len1 - len0;
+        const uint32_t tail = *len - (start + len0);
+        if (*len + grow > PPPOE_PLUS_UDF_WORK_LEN ||
+            memmove_s(buf + start + len1, PPPOE_PLUS_UDF_WORK_LEN - (start + len1), buf + start + len0, tail) != EOK) {
+            return PPPOE_PLUS_ERR;
+        }
+        *len += grow;
+    }
+    return memcpy_s(buf + start, PPPOE_PLUS_UDF_WORK_LEN - start, text, len1) == EOK ? PPPOE_PLUS_OK
+                                                                                    : PPPOE_PLUS_ERR;
+}
+
+uint32_t PPPOE_PLUS_ReBuildLength(const char *fmt, uint8_t *buf, uint32_t *len)
+{
+    if (fmt == nullptr || buf == nullptr || len == nullptr) {
+        return Fail(__LINE__);
+    }
+    bool quoted = false;
+    const char *ref = nullptr;
+    for (uint32_t i = 0; fmt[i] != '\0'; ++i) {
+        if (fmt[i] == '"') {
+            quoted = !quoted;
+        } else if (fmt[i] == '\\') {
+            if (fmt[i + 1U] == '\0') {
+                break;
+            }
+            ++i;
+        } else if (fmt[i] == '%') {
+            uint32_t id = 0;
+            uint32_t consumed = 0;
+            if (PPPOE_PLUS_UserFmtIfKeyWord(fmt + i + 1U, &id, &consumed) == 0U) {
+                return Fail(__LINE__);
+            }
+            if (id == PPPOE_PLUS_KW_LENGTH) {
+                ref = fmt + i + 1U;
+                break;
+            }
+            i += consumed;
+        }
+    }
+    if (ref == nullptr) {
+        return PPPOE_PLUS_OK;
+    }
+    const uint8_t ascii = quoted ? 1U : 0U;
+    uint32_t width = 0;
+    if (PPPOE_PLUS_UserFmtGetFieldMinLen(ref, ascii, &width) != PPPOE_PLUS_OK) {
+        return Fail(__LINE__);
+    }
+    char fieldFmt[kFieldFmtLen] = {};
+    if (ascii == 1U && !BuildFieldFmt(ref, width, fieldFmt, sizeof(fieldFmt))) {
+        return PPPOE_PLUS_ERR;
+    }
+    if (PPPOE_PLUS_EncodeLengthData(ascii, buf, len, fieldFmt, width) != PPPOE_PLUS_OK) {
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "Encode Length Data:build num error.");
+        return PPPOE_PLUS_ERR;
+    }
+    return PPPOE_PLUS_OK;
+}
+
+}  // extern "C"
+
+namespace {
+
+// Walks the working string w into the zeroed work buffer; *byteIdx ends as
+// the built length.
+uint32_t WalkFormat(const UserInfo *info, const char *fmt, const char *w, uint8_t *work, uint32_t *byteIdx)
+{
+    bool quoted = false;
+    uint32_t bitPos = 0;
+    uint32_t idx = 0;
+    const size_t fmtLen = strnlen(fmt, PPPOE_PLUS_UDF_FMT_LEN);
+    uint32_t i = 0;
+    while (w[i] != '\0') {
+        const char ch = w[i];
+        if (idx >= PPPOE_PLUS_UDF_WORK_LEN) {
+            return PPPOE_PLUS_ERR;
+        }
+        if (ch == ' ' && !quoted) {
+            ++i;
+        } else if (ch == '"') {
+            quoted = !quoted;
+            ++i;
+        } else if (ch == '\\' || ch == ' ' || (quoted && ch != '%' && ch != '[' && ch != ']')) {
+            if (ch == '\\') {
+                ++i;
+                if (w[i] == '\0') {
+                    return Fail(__LINE__);
+                }
+            }
+            work[idx++] = static_cast<uint8_t>(w[i++]);
+            bitPos = 8U * idx;
+        } else if (ch == '%') {
+            const char *ref = w + i + 1U;
+            uint32_t id = 0;
+            uint32_t consumed = 0;
+            if (PPPOE_PLUS_UserFmtIfKeyWord(ref, &id, &consumed) == 0U || id >= PPPOE_PLUS_KEYWORD_MAX) {
+                return Fail(__LINE__);
+            }
+            const uint8_t ascii = quoted ? 1U : 0U;
+            uint32_t width = 0;
+            if (PPPOE_PLUS_UserFmtGetFieldMinLen(ref, ascii, &width) != PPPOE_PLUS_OK) {
+                return Fail(__LINE__);
+            }
+            const PppoePlusKeyWordEncodeFn encode = g_pppoePlusKeyWordDict[id].encode;
+            if (encode == nullptr) {
+                return PPPOE_PLUS_ERR;
+            }
+            char fieldFmt[kFieldFmtLen] = {};
+            if (ascii == 1U && !BuildFieldFmt(ref, width, fieldFmt, sizeof(fieldFmt))) {
+                return PPPOE_PLUS_ERR;
+            }
+            KeyWordEncodeCtx ctx = {const_cast<UserInfo *>(info), fieldFmt, width, &bitPos, work, ascii};
+            if (encode(&ctx) != PPPOE_PLUS_OK) {
+                PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "Encode function return error.(KeyWordID=%u)", id);
+                return PPPOE_PLUS_ERR;
+            }
+            idx = bitPos / 8U;
+            i += 1U + consumed;
+        } else if (ch == '[' || ch == ']') {
+            return Fail(__LINE__);
+        } else {
+            // A literal number, read from the caller's format at the same index.
+            if (i >= fmtLen) {
+                return Fail(__LINE__);
+            }
+            uint32_t chars = 0;
+            uint32_t value = 0;
+            uint8_t bytes = 0;
+            if (PPPOE_PLUS_UserFmtAtoul(fmt + i, &chars, &value) != PPPOE_PLUS_OK ||
+                PPPOE_PLUS_UserFmtGetBytes(value, &bytes) != PPPOE_PLUS_OK) {
+                return Fail(__LINE__);
+            }
+            if (bitPos + 8U * bytes > kWorkBits) {
+                return PPPOE_PLUS_ERR;
+            }
+            PPPOE_PLUS_EncodeDigitByBit(work, bitPos, value, 8U * bytes);
+            quoted = false;
+            idx += bytes;
+            bitPos += 8U * bytes;
+            const bool atEnd = fmt[i + chars] == '\0';
+            i += chars + 1U;
+            if (atEnd || i > strnlen(w, PPPOE_PLUS_UDF_FMT_LEN)) {
+                break;
+            }
+        }
+    }
+    *byteIdx = idx;
+    return PPPOE_PLUS_OK;
+}
+
+}  // namespace
+
+extern "C" uint32_t PPPOE_PLUS_EncodeUdfData(const UserInfo *info, const char *fmt, uint8_t *out, uint32_t *outLen)
+{
+    if (info == nullptr || fmt == nullptr || out == nullptr || outLen == nullptr) {
+        return Fail(__LINE__);
+    }
+    auto *work = static_cast<uint8_t *>(PPPOE_PLUS_MemAlloc(PPPOE_PLUS_UDF_WORK_LEN));
+    if (work == nullptr) {
+        return Fail(__LINE__);
+    }
+    char w[PPPOE_PLUS_UDF_FMT_LEN] = {};
+    if (PPPOE_PLUS_ReplumeFmtStr(info, fmt, w) != PPPOE_PLUS_OK) {
+        PPPOE_PLUS_MemFree(work);
+        return Fail(__LINE__);
+    }
+    (void)memset_s(work, PPPOE_PLUS_UDF_WORK_LEN, 0, PPPOE_PLUS_UDF_WORK_LEN);
+    uint32_t len = 0;
+    uint32_t ret = WalkFormat(info, fmt, w, work, &len);
+    if (ret == PPPOE_PLUS_OK) {
+        ret = PPPOE_PLUS_ReBuildLength(fmt, work, &len);
+    }
+    if (ret == PPPOE_PLUS_OK && len > PPPOE_PLUS_UDF_OUT_MAX) {
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "Length of the String built by userdefined format is error.(Len=%u)",
+                             len);
+        ret = PPPOE_PLUS_ERR;
+    }
+    if (ret == PPPOE_PLUS_OK) {
+        if (len != 0U) {
+            (void)memcpy_s(out, PPPOE_PLUS_UDF_OUT_MAX, work, len);
+        }
+        *outLen = len;
+    }
+    PPPOE_PLUS_MemFree(work);
+    return ret;
+}

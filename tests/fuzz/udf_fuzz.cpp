@@ -1,0 +1,109 @@
+// libFuzzer target: arbitrary strings through the user-defined format
+// validator, its single-rule checks and part extractors, and (within the
+// stored format length) through the format encoder with a filled UserInfo.
+// A finding is a sanitizer report or a broken invariant (trap).
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "plat_control.h"
+#include "plat_world.hpp"
+#include "pppoe_plus_log.h"
+#include "pppoe_plus_mem.h"
+#include "pppoe_plus_tlv.h"
+#include "pppoe_plus_udfchk.h"
+
+namespace {
+
+UserInfo g_info = {};
+
+void Require(bool holds)
+{
+    if (!holds) {
+        __builtin_trap();
+    }
+}
+
+void ReadyModule()
+{
+    plat::world::reset();
+    plat::SystemIdentity id;
+    id.sysName = "FuzzSwitch";
+    id.sysMac = {0x00, 0xe0, 0xfc, 0x01, 0x02, 0x03};
+    id.chassisId = 1;
+    id.selfBoardId = 1;
+    id.mainBoardId = 1;
+    plat::world::set_identity(id);
+    plat::world::set_devm_ready(true);
+    Require(PPPOE_PLUS_InitMemHandle() == 0U);
+    Require(PPPOE_PLUS_InitIMAgent() == 0U);
+    Require(PPPOE_PLUS_InitKeyWordDict() == 0U);
+    (void)PPPOE_PLUS_UpdateDebugSwitch(PPPOE_PLUS_DBG_ALL, 1);
+    g_info.IfIndex = 3;
+    g_info.ulNas_Slot = 1;
+    g_info.ulNas_SubSlot = 2;
+    g_info.ulNas_Port = 3;
+    g_info.ulXpi = 100;
+    g_info.ulXci = 200;
+    (void)std::snprintf(g_info.ifType, sizeof(g_info.ifType), "eth");
+    (void)std::snprintf(g_info.portName, sizeof(g_info.portName), "GE1/2/3");
+    (void)std::snprintf(g_info.portDescr, sizeof(g_info.portDescr), "subscriber line");
+    g_info.portDescrValid = 1;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    ReadyModule();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    const std::string fmt(reinterpret_cast<const char *>(data), size);
+    const char *s = fmt.c_str();  // cut at the first NUL, like any C caller
+    const uint32_t assertsBefore = PLAT_AssertCount();
+    const uint32_t memBefore = PLAT_MemOutstanding();
+
+    const uint32_t code = PPPOE_PLUS_UserDfdFmtCheck(s);
+    Require(code < PPPOE_PLUS_UDF_CHK_CODES);
+    Require(PPPOE_PLUS_UserDfdFmtCheck(s) == code);
+
+    using Rule = uint32_t (*)(const char *);
+    constexpr Rule kRules[] = {
+        PPPOE_PLUS_UserFmtChkKeyWord,           PPPOE_PLUS_UserFmtChkQuotationMarks,
+        PPPOE_PLUS_UserFmtChkKeyWordsNum,       PPPOE_PLUS_UserFmtCheckFirstKeyWord,
+        PPPOE_PLUS_UserFmtChkNullInQuotationMarks, PPPOE_PLUS_UserFmtChkChAfterBlackslash,
+        PPPOE_PLUS_UserFmtChkDelimiter,         PPPOE_PLUS_UserFmtChkSquareparenthesis,
+        PPPOE_PLUS_UserFmtChkKeyWordsNumInOptional, PPPOE_PLUS_UserFmtChkKeyWordInOptional,
+        PPPOE_PLUS_UserFmtChkDiffMeanings,      PPPOE_PLUS_UserFmtChkChInHex,
+        PPPOE_PLUS_UserFmtChkNumInHex,          PPPOE_PLUS_UserFmtChkKeyWordInHex,
+        PPPOE_PLUS_UserDfdHexFmtCheck,
+    };
+    for (Rule rule : kRules) {
+        Require(rule(s) < PPPOE_PLUS_UDF_CHK_CODES);
+    }
+    Require(PPPOE_PLUS_UserDfdAsciiFmtCheck(s, s) < PPPOE_PLUS_UDF_CHK_CODES);
+    uint32_t len = 0;
+    (void)PPPOE_PLUS_UserFmtGetAsciiMinLen(s, &len);
+    char part[PPPOE_PLUS_UDF_PART_LEN] = {};
+    (void)PPPOE_PLUS_UserFmtGetHexFmtStr(s, part, sizeof(part));
+    if (PPPOE_PLUS_UserDfdHexFmtCheck(s) == 0U) {
+        (void)PPPOE_PLUS_UserFmtGetHexMinLen(s, &len);  // a valid hex part: no assertion
+    }
+    // The validator itself never asserts on a string.
+    Require(PLAT_AssertCount() == assertsBefore);
+
+    if (std::char_traits<char>::length(s) <= PPPOE_PLUS_UDF_FMT_MAX) {
+        (void)PPPOE_PLUS_UserFmtGetAsciiFmtStr(s, part);
+        uint8_t out[PPPOE_PLUS_UDF_OUT_MAX] = {};
+        uint32_t outLen = 0;
+        if (PPPOE_PLUS_EncodeUdfData(&g_info, s, out, &outLen) == 0U) {
+            Require(outLen <= PPPOE_PLUS_UDF_OUT_MAX);
+        }
+    }
+    Require(PLAT_MemOutstanding() == memBefore);
+    return 0;
+}

@@ -1,0 +1,503 @@
+// Keyword dictionary, field encoders and the user-defined format encoder.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "module_fixture.hpp"
+#include "plat_control.h"
+#include "plat_world.hpp"
+#include "pplus_test.hpp"
+#include "pppoe_plus_log.h"
+#include "pppoe_plus_portdesc.h"
+#include "pppoe_plus_tlv.h"
+
+using pplus_test::LogHas;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes Text(const std::string &s)
+{
+    return Bytes(s.begin(), s.end());
+}
+
+// Gi1 (5) on slot 1 card 2 port 3; member Gi9 (9) of trunk 3 = Eth-Trunk3
+// (100); Gi10 (10) claims trunk 4, which has no interface.
+class TlvTest : public pplus_test::ModuleTest {
+protected:
+    void SetUp() override
+    {
+        ModuleTest::SetUp();
+        plat::SystemIdentity id = plat::world::identity();
+        id.sysName = "AB";
+        id.sysMac = {0x00, 0x12, 0x34, 0x56, 0x78, 0x9a};
+        plat::world::set_identity(id);
+        plat::world::set_sys_name("AB");
+        Put("GigabitEthernet0/0/1", 5, plat::kNoId, plat::kNoId);
+        Put("GigabitEthernet0/0/9", 9, 3, plat::kNoId);
+        Put("GigabitEthernet0/0/10", 10, 4, plat::kNoId);
+        Put("Eth-Trunk3", 100, plat::kNoId, 3);
+        plat::world::trunk_put({3, 100});
+        ASSERT_EQ(PPPOE_PLUS_InitKeyWordDict(), 0U);
+        std::memset(g_pppoePlusSystemMac, 0xFF, sizeof(g_pppoePlusSystemMac));  // not read yet
+        ASSERT_EQ(PPPOE_PLUS_UpdateDebugSwitch(PPPOE_PLUS_DBG_ALL, 1), 0U);
+        info_.IfIndex = 5;
+        info_.ulNas_Slot = 1;
+        info_.ulNas_SubSlot = 2;
+        info_.ulNas_Port = 3;
+        PLAT_LogClear();
+        PLAT_AssertReset();
+        PLAT_CallCountReset();
+    }
+
+    static void Put(const std::string &name, uint32_t ifIndex, uint32_t trunkId, uint32_t lagId)
+    {
+        plat::IfRecord r;
+        r.name = name;
+        r.ifIndex = ifIndex;
+        r.l2TrunkId = trunkId;
+        r.lagId = lagId;
+        plat::world::if_put(r);
+    }
+
+    std::optional<Bytes> Encode(const std::string &fmt)
+    {
+        uint8_t out[PPPOE_PLUS_UDF_OUT_MAX] = {};
+        uint32_t len = 0xDEAD;
+        if (PPPOE_PLUS_EncodeUdfData(&info_, fmt.c_str(), out, &len) != 0U) {
+            EXPECT_EQ(len, 0xDEADU) << "length touched on failure: " << fmt;
+            return std::nullopt;
+        }
+        return Bytes(out, out + len);
+    }
+
+    static bool DebugHas(const std::string &text) { return LogHas(PLAT_LOG_DEBUG, text); }
+
+    UserInfo info_{};
+};
+
+// ---- Dictionary and recognition ----
+
+TEST_F(TlvTest, DictionaryHoldsFifteenEntriesInIdOrder)
+{
+    const char *names[] = {"sysname", "portname", "porttype", "iftype",  "mac",    "slot",   "subslot", "port",
+                           "svlan",   "cvlan",    "nsvlan",   "ncvlan",  "length", "portdescription", "?"};
+    ASSERT_NE(g_pppoePlusKeyWordDict, nullptr);
+    for (uint16_t id = 0; id < PPPOE_PLUS_KEYWORD_NUM; ++id) {
+        const PppoePlusKeyWord &e = g_pppoePlusKeyWordDict[id];
+        EXPECT_EQ(e.keyWordId, id);
+        EXPECT_EQ(e.fieldSel, id);
+        EXPECT_EQ(e.keyWordType, id < 14 ? id : 0);
+        EXPECT_STREQ(e.name, names[id]);
+        EXPECT_EQ(e.nameLen, std::strlen(names[id]));
+        EXPECT_EQ(e.reserved, 0U);
+        EXPECT_EQ(e.encode == nullptr, id == 14) << id;
+    }
+    EXPECT_EQ(g_pppoePlusKeyWordDict[8].encode, &PPPOE_PLUS_EncodeXpi);
+    EXPECT_EQ(g_pppoePlusKeyWordDict[13].encode, &PPPOE_PLUS_EncodePortDesc);
+}
+
+TEST_F(TlvTest, DictionaryAllocationFailureAsserts)
+{
+    PLAT_FailSet("RUK_MemAlloc_F", 0, 1, 1);
+    EXPECT_NE(PPPOE_PLUS_InitKeyWordDict(), 0U);
+    EXPECT_EQ(PLAT_AssertCount(), 2U);  // the memory service's and the dictionary's
+}
+
+TEST_F(TlvTest, KeywordsAreRecognisedByLongestMatch)
+{
+    struct Case {
+        const char *text;
+        uint32_t found;
+        uint32_t id;
+        uint32_t consumed;
+    };
+    const Case cases[] = {
+        {"portname", 1, 1, 8},       {"port", 1, 7, 4},           {"port5", 1, 7, 4},
+        {"portnamex", 0, 0, 0},      {"portx", 0, 0, 0},          {"portname/%slot", 1, 1, 8},
+        {"5slot", 1, 5, 5},          {"05slot\"", 1, 5, 6},       {"12svlan/", 1, 8, 7},
+        {"portdescription", 1, 13, 15}, {"nsvlan", 1, 10, 6},     {"subslot-", 1, 6, 7},
+        {"mac", 1, 4, 3},            {"length ", 1, 12, 6},       {"?", 0, 0, 0},
+        {"", 0, 0, 0},               {"123", 0, 0, 0},            {"SLOT", 0, 0, 0},
+        {"slotA", 0, 0, 0},
+    };
+    for (const Case &c : cases) {
+        uint32_t id = 99;
+        uint32_t consumed = 99;
+        EXPECT_EQ(PPPOE_PLUS_UserFmtIfKeyWord(c.text, &id, &consumed), c.found) << c.text;
+        if (c.found == 1U) {
+            EXPECT_EQ(id, c.id) << c.text;
+            EXPECT_EQ(consumed, c.consumed) << c.text;
+        } else {
+            EXPECT_EQ(id, 99U) << c.text;
+        }
+    }
+}
+
+TEST_F(TlvTest, DefaultLengthsByStretch)
+{
+    const uint32_t ascii[14] = {1, 1, 1, 1, 14, 1, 1, 1, 1, 1, 1, 1, 1, 1};
+    const int hex[14] = {-1, -1, 8, -1, 48, 16, 16, 16, 16, 16, 16, 16, 8, -1};
+    for (uint32_t id = 0; id < 14; ++id) {
+        uint32_t len = 0;
+        EXPECT_EQ(PPPOE_PLUS_UserFmtGetFieldDftLenAscii(id, &len), 0U);
+        EXPECT_EQ(len, ascii[id]) << id;
+        len = 0;
+        EXPECT_EQ(PPPOE_PLUS_UserFmtGetFieldDftLen(id, 1, &len), 0U);
+        EXPECT_EQ(len, ascii[id]) << id;
+        PLAT_AssertReset();
+        const uint32_t ret = PPPOE_PLUS_UserFmtGetFieldDftLen(id, 0, &len);
+        if (hex[id] < 0) {
+            EXPECT_EQ(ret, 1U) << id;
+            EXPECT_EQ(PLAT_AssertCount(), 1U) << id;
+        } else {
+            EXPECT_EQ(ret, 0U) << id;
+            EXPECT_EQ(len, static_cast<uint32_t>(hex[id])) << id;
+            EXPECT_EQ(PLAT_AssertCount(), 0U) << id;
+        }
+    }
+    PLAT_AssertReset();
+    uint32_t len = 7;
+    EXPECT_EQ(PPPOE_PLUS_UserFmtGetFieldDftLenAscii(14, &len), 1U);
+    EXPECT_EQ(len, 1U);
+    EXPECT_EQ(PPPOE_PLUS_UserFmtGetFieldDftLenHex(14, &len), 1U);
+    EXPECT_EQ(PLAT_AssertCount(), 2U);
+}
+
+TEST_F(TlvTest, FieldWidthFromDigitsOrDefault)
+{
+    struct Case {
+        const char *text;
+        uint8_t ascii;
+        uint32_t ret;
+        uint32_t width;
+    };
+    const Case cases[] = {
+        {"5slot", 1, 0, 5},   {"5slot", 0, 0, 5},  {"05slot", 1, 0, 5},     {"9999port", 1, 0, 9999},
+        {"slot", 1, 0, 1},    {"slot", 0, 0, 16},  {"mac", 1, 0, 14},       {"mac", 0, 0, 48},
+        {"length", 0, 0, 8},  {"3sysname", 0, 0, 3}, {"bogus", 1, 1, 0},   {"12345slot", 1, 1, 0},
+        {"123456slot", 0, 1, 0},
+    };
+    for (const Case &c : cases) {
+        uint32_t width = 0;
+        EXPECT_EQ(PPPOE_PLUS_UserFmtGetFieldMinLen(c.text, c.ascii, &width), c.ret) << c.text;
+        if (c.ret == 0U) {
+            EXPECT_EQ(width, c.width) << c.text;
+        }
+    }
+    EXPECT_TRUE(DebugHas("The number is invalid."));
+    PLAT_AssertReset();
+    uint32_t width = 0;
+    EXPECT_EQ(PPPOE_PLUS_UserFmtGetFieldMinLen("sysname", 0, &width), 1U);
+    EXPECT_EQ(PLAT_AssertCount(), 1U);
+}
+
+// ---- Bit writer and number helpers ----
+
+TEST_F(TlvTest, BitWriterIsBigEndianAtBitGranularity)
+{
+    struct Case {
+        uint32_t start;
+        uint32_t value;
+        uint32_t bits;
+        Bytes expect;
+    };
+    const Case cases[] = {
+        {0, 3, 5, {0x18, 0x00}},
+        {4, 0xABC, 12, {0x0A, 0xBC}},
+        {3, 1, 1, {0x10, 0x00}},
+        {0, 0xFFFF, 0, {0x00, 0x00}},
+        {0, 0x1FF, 8, {0xFF, 0x00}},
+        {0, 0xFFFFFFFF, 40, {0x00, 0xFF, 0xFF, 0xFF, 0xFF}},
+        {7, 0xFFFF, 16, {0x01, 0xFF, 0xFE}},
+    };
+    for (const Case &c : cases) {
+        Bytes buf(c.expect.size(), 0);
+        PPPOE_PLUS_EncodeDigitByBit(buf.data(), c.start, c.value, c.bits);
+        EXPECT_EQ(buf, c.expect) << c.start << "/" << c.value << "/" << c.bits;
+    }
+}
+
+TEST_F(TlvTest, NumberReadingAndByteWidths)
+{
+    struct Case {
+        const char *text;
+        uint32_t chars;
+        uint32_t value;
+    };
+    const Case cases[] = {{"515 x", 3, 515}, {"0x01", 4, 1}, {"0x1F%slot", 4, 16 + 22}, {"a", 1, 49}, {"70000", 5, 70000}};
+    for (const Case &c : cases) {
+        uint32_t chars = 0;
+        uint32_t value = 0;
+        EXPECT_EQ(PPPOE_PLUS_UserFmtAtoul(c.text, &chars, &value), 0U) << c.text;
+        EXPECT_EQ(chars, c.chars) << c.text;
+        EXPECT_EQ(value, c.value) << c.text;
+    }
+    const std::pair<uint32_t, uint8_t> widths[] = {{0, 1}, {255, 1}, {256, 2}, {65535, 2}, {65536, 4}, {70000, 4}};
+    for (const auto &[value, bytes] : widths) {
+        uint8_t got = 0;
+        EXPECT_EQ(PPPOE_PLUS_UserFmtGetBytes(value, &got), 0U);
+        EXPECT_EQ(got, bytes) << value;
+    }
+    uint32_t chars = 0;
+    EXPECT_EQ(PPPOE_PLUS_UserFmtAtoul(nullptr, &chars, &chars), 1U);
+    EXPECT_EQ(PPPOE_PLUS_UserFmtGetBytes(1, nullptr), 1U);
+    EXPECT_EQ(PLAT_AssertCount(), 2U);
+}
+
+TEST_F(TlvTest, OptionalPartsAreRemovedWhenTheirVlanIsAbsent)
+{
+    struct Case {
+        uint32_t xpi;
+        uint32_t xci;
+        const char *fmt;
+        const char *expect;
+    };
+    const Case cases[] = {
+        {0, 20, "\"[%svlan/]%cvlan\"", "\"%cvlan\""},
+        {10, 20, "\"[%svlan/]%cvlan\"", "\"%svlan/%cvlan\""},
+        {10, 0, "\"%svlan[.%cvlan]\"", "\"%svlan\""},
+        {0, 0, "\"[a%slot]b\"", "\"a%slotb\""},
+        {0, 0, "\"[a\\]%svlan]b\"", "\"b\""},
+    };
+    for (const Case &c : cases) {
+        info_.ulXpi = c.xpi;
+        info_.ulXci = c.xci;
+        char out[PPPOE_PLUS_UDF_FMT_LEN] = {};
+        EXPECT_EQ(PPPOE_PLUS_ReplumeFmtStr(&info_, c.fmt, out), 0U) << c.fmt;
+        EXPECT_STREQ(out, c.expect) << c.fmt;
+    }
+    char out[PPPOE_PLUS_UDF_FMT_LEN] = {};
+    EXPECT_EQ(PPPOE_PLUS_ReplumeFmtStr(&info_, "\"[%bogus]\"", out), 1U);
+    EXPECT_EQ(PLAT_AssertCount(), 1U);
+
+    info_.ulXpi = 0;
+    info_.ulXci = 20;
+    EXPECT_EQ(Encode("\"[%svlan/]%cvlan\""), Text("20"));
+    info_.ulXpi = 10;
+    EXPECT_EQ(Encode("\"[%svlan/]%cvlan\""), Text("10/20"));
+}
+
+// ---- Whole formats ----
+
+struct UdfCase {
+    const char *fmt;
+    Bytes expect;
+};
+
+TEST_F(TlvTest, WidthsAndPaddingInBothStretches)
+{
+    info_.ulNas_Slot = 3;
+    const UdfCase cases[] = {
+        {"\"%5slot\"", Text("    3")},
+        {"\"%05slot\"", Text("00003")},
+        {"\"%slot\"", Text("3")},
+        {"%5slot %3port", {0x1B}},
+        {"%slot", {0x00, 0x03}},
+        {"%24subslot", {0x00, 0x00, 0x02}},
+        {"1 %4slot", {0x01}},  // the trailing partial byte is lost
+        {"%porttype", {0x0F}},
+        {"\"%porttype\"", Text("ethernet")},
+        {"\"%12porttype\"", Text("    ethernet")},
+        {"\"%iftype\"", Text("eth")},
+        {"\"%slot/%subslot/%port\"", Text("3/2/3")},
+        {"\"a b\\\"c\"", Text("a b\"c")},
+        {"\"%sysname\"", Text("AB")},
+        {"\"%4sysname\"", Text("  AB")},
+        {"\"%portname\"", Text("GigabitEthernet0/0/1")},
+    };
+    for (const UdfCase &c : cases) {
+        EXPECT_EQ(Encode(c.fmt), c.expect) << c.fmt;
+    }
+    info_.ulNas_Slot = 7;
+    EXPECT_EQ(Encode("\"%2slot\""), Text(" 7"));
+    EXPECT_EQ(Encode("\"%02slot\""), Text("07"));
+    EXPECT_EQ(PLAT_AssertCount(), 0U);
+}
+
+TEST_F(TlvTest, VlanRangeRuleInBothStretches)
+{
+    struct Case {
+        uint32_t xpi;
+        uint32_t xci;
+        const char *fmt;
+        Bytes expect;
+    };
+    const Case cases[] = {
+        {0, 0, "%svlan", {0xFF, 0xFF}},
+        {0, 0, "\"%svlan\"", Text("0")},
+        {4095, 0, "%svlan", {0xFF, 0xFF}},
+        {4095, 0, "\"%svlan\"", Text("0")},
+        {4094, 0, "%svlan", {0x0F, 0xFE}},
+        {1, 0, "\"%svlan\"", Text("1")},
+        {0, 0, "%12svlan %4slot", {0xFF, 0xF1}},
+        {0, 5000, "%cvlan", {0xFF, 0xFF}},
+        {0, 5000, "\"%cvlan\"", Text("0")},
+        {0, 20, "\"%cvlan\"", Text("20")},
+        {0, 20, "%cvlan", {0x00, 0x14}},
+        {4095, 0, "\"%nsvlan\"", Text("4095")},
+        {0, 0, "%nsvlan", {0x00, 0x00}},
+        {0, 5000, "\"%ncvlan\"", Text("5000")},
+        {0, 5000, "%ncvlan", {0x13, 0x88}},
+    };
+    for (const Case &c : cases) {
+        info_.ulXpi = c.xpi;
+        info_.ulXci = c.xci;
+        EXPECT_EQ(Encode(c.fmt), c.expect) << c.fmt << " svlan " << c.xpi << " cvlan " << c.xci;
+    }
+}
+
+TEST_F(TlvTest, NumbersAndTextInOneFormat)
+{
+    const UdfCase cases[] = {
+        {"1 515 \"ab\"", {0x01, 0x02, 0x03, 0x61, 0x62}},
+        {"0x01", {0x01}},
+        {"70000", {0x00, 0x01, 0x11, 0x70}},
+        {"255 256", {0xFF, 0x01, 0x00}},
+        // The "%" that ends a number is swallowed, so "slot" is read as a number.
+        {"7%slot", {0x07, 0x00, 0x01, 0x1F, 0xE2}},
+    };
+    for (const UdfCase &c : cases) {
+        EXPECT_EQ(Encode(c.fmt), c.expect) << c.fmt;
+    }
+}
+
+TEST_F(TlvTest, SystemMacInBothStretches)
+{
+    EXPECT_EQ(Encode("\"%mac\""), Text("0012-3456-789a"));
+    EXPECT_EQ(Encode("%mac"), (Bytes{0x00, 0x12, 0x34, 0x56, 0x78, 0x9a}));
+    EXPECT_EQ(Encode("%8mac"), (Bytes{0x00, 0x12, 0x34, 0x56, 0x78, 0x9a}));
+    EXPECT_EQ(PLAT_CallCount("DEVM_DB_GetSysMac"), 1U);  // read once, then cached
+}
+
+TEST_F(TlvTest, AllZeroMacIsADashAndBlanks)
+{
+    plat::SystemIdentity id = plat::world::identity();
+    id.sysMac = {};
+    plat::world::set_identity(id);
+    EXPECT_EQ(Encode("\"%mac\""), Text("-             "));
+    char text[32] = {};
+    const uint8_t zero[6] = {};
+    PPPOE_PLUS_MacAddrToStr(zero, text, sizeof(text));
+    EXPECT_EQ(std::string(text), std::string("-") + std::string(13, ' '));
+}
+
+TEST_F(TlvTest, LengthFieldsInBothStretches)
+{
+    const UdfCase cases[] = {
+        {"\"%2length:%sysname\"", Text(" 3:AB")},
+        {"1 %length \"abc\"", {0x01, 0x03, 0x61, 0x62, 0x63}},
+        {"%16length %slot", {0x00, 0x02, 0x00, 0x01}},
+        {"\"%length:%9slot\"", Text("10:        1")},  // grows by one, counted without its growth
+        {"\"%03length-ab\"", Text("003-ab")},
+    };
+    for (const UdfCase &c : cases) {
+        EXPECT_EQ(Encode(c.fmt), c.expect) << c.fmt;
+    }
+    EXPECT_EQ(PLAT_AssertCount(), 0U);
+    EXPECT_EQ(Encode("\"ab%length\""), std::nullopt);  // nothing after the field
+    EXPECT_EQ(PLAT_AssertCount(), 1U);
+    EXPECT_TRUE(DebugHas("Encode Length Data:build num error."));
+}
+
+TEST_F(TlvTest, ResultOf255BytesIsTheLimit)
+{
+    const std::optional<Bytes> ok = Encode("\"%255slot\"");
+    ASSERT_TRUE(ok.has_value());
+    EXPECT_EQ(ok->size(), 255U);
+    EXPECT_EQ(ok->back(), '1');
+    EXPECT_EQ(Encode("\"%256slot\""), std::nullopt);
+    EXPECT_TRUE(DebugHas("Length of the String built by userdefined format is error.(Len=256)"));
+    EXPECT_EQ(Encode("\"%200slot%100port\""), std::nullopt);
+    EXPECT_EQ(Encode("\"%9999slot\""), std::nullopt);  // wider than any scratch buffer
+}
+
+TEST_F(TlvTest, PortNameComesFromTheTrunk)
+{
+    info_.IfIndex = 9;
+    EXPECT_EQ(Encode("\"%portname\""), Text("Eth-Trunk3"));
+    EXPECT_EQ(Encode("\"%iftype\""), Text("eth"));
+    info_.IfIndex = 100;
+    EXPECT_EQ(Encode("\"%iftype\""), Text("trunk"));
+    info_.IfIndex = 10;  // trunk 4 has no interface: the port's own name
+    EXPECT_EQ(Encode("\"%portname\""), Text("GigabitEthernet0/0/10"));
+    EXPECT_TRUE(DebugHas("Get trunk ifindex failed. (trunkId=4)."));
+}
+
+TEST_F(TlvTest, PortDescriptionFromTableThenPacket)
+{
+    std::strcpy(info_.portDescr, "from packet");
+    EXPECT_EQ(Encode("\"<%portdescription>\""), Text("<>"));
+    EXPECT_TRUE(DebugHas("PPPOE PLUS encode port description: no configuration."));
+    info_.portDescrValid = 1;
+    EXPECT_EQ(Encode("\"%portdescription\""), Text("from packet"));
+    char desc[256] = "uplink to olt";
+    ASSERT_EQ(PPPOE_PLUS_PortDescAdd(5, desc, 242), 0U);
+    EXPECT_EQ(Encode("\"%portdescription\""), Text("uplink to olt"));
+    EXPECT_EQ(Encode("\"%15portdescription\""), Text("  uplink to olt"));
+    EXPECT_TRUE(DebugHas("PPPOE PLUS encode port description: uplink to olt."));
+    char copy[64] = {};
+    EXPECT_EQ(PPPOE_PLUS_GetPortDescByIfIndex(5, copy, sizeof(copy)), 0U);
+    EXPECT_STREQ(copy, "uplink to olt");
+    EXPECT_EQ(PPPOE_PLUS_GetPortDescByIfIndex(6, copy, sizeof(copy)), 1U);
+}
+
+// ---- Failure paths ----
+
+TEST_F(TlvTest, PlatformFailuresFailTheFormat)
+{
+    PLAT_FailSet("DEVM_DB_GetSysMac", 0, 1, 9);
+    EXPECT_EQ(Encode("\"%mac\""), std::nullopt);
+    EXPECT_TRUE(DebugHas("fail to get SysMac, ret 9."));
+    EXPECT_TRUE(DebugHas("fail to get SysMac, ret 1."));
+    EXPECT_TRUE(DebugHas("Encode function return error.(KeyWordID=4)"));
+    EXPECT_EQ(Encode("\"%mac\""), Text("0012-3456-789a"));  // read again after a failure
+
+    PLAT_FailSet("db_read_sys_info_obj", 0, 1, 82);
+    EXPECT_EQ(Encode("\"%sysname\""), std::nullopt);
+    EXPECT_TRUE(DebugHas("Encode function return error.(KeyWordID=0)"));
+
+    PLAT_FailSet("db_get_if_name", 0, 1, 77);
+    EXPECT_EQ(Encode("\"%portname\""), std::nullopt);
+    EXPECT_TRUE(DebugHas("Encode function return error.(KeyWordID=1)"));
+
+    PLAT_AssertReset();
+    PLAT_FailSet("RUK_MemAlloc_F", 0, 1, 1);
+    EXPECT_EQ(Encode("\"%slot\""), std::nullopt);
+    EXPECT_EQ(PLAT_AssertCount(), 2U);  // the memory service's and the encoder's
+    EXPECT_EQ(Encode("\"%slot\""), Text("1"));
+}
+
+TEST_F(TlvTest, MalformedFormatsAssertAndLeaveTheOutputAlone)
+{
+    const uint32_t outstanding = PLAT_MemOutstanding();
+    const char *bad[] = {"%bogus", "\"%portx\"", "\"[%bogus]\"", "\"ab%length\""};
+    for (const char *fmt : bad) {
+        PLAT_AssertReset();
+        uint8_t out[PPPOE_PLUS_UDF_OUT_MAX];
+        std::memset(out, 0xA5, sizeof(out));
+        uint32_t len = 0xDEAD;
+        EXPECT_NE(PPPOE_PLUS_EncodeUdfData(&info_, fmt, out, &len), 0U) << fmt;
+        EXPECT_EQ(len, 0xDEADU) << fmt;
+        EXPECT_EQ(out[0], 0xA5) << fmt;
+        EXPECT_GE(PLAT_AssertCount(), 1U) << fmt;
+    }
+    PLAT_AssertReset();
+    uint8_t out[PPPOE_PLUS_UDF_OUT_MAX] = {};
+    uint32_t len = 0;
+    EXPECT_EQ(PPPOE_PLUS_EncodeUdfData(nullptr, "1", out, &len), 1U);
+    EXPECT_EQ(PPPOE_PLUS_EncodeUdfData(&info_, nullptr, out, &len), 1U);
+    EXPECT_EQ(PPPOE_PLUS_EncodeUdfData(&info_, "1", nullptr, &len), 1U);
+    EXPECT_EQ(PLAT_AssertCount(), 3U);
+    EXPECT_EQ(PPPOE_PLUS_EncodeSlot(nullptr), 1U);
+    KeyWordEncodeCtx ctx{};
+    EXPECT_EQ(PPPOE_PLUS_EncodeSysMac(&ctx), 1U);
+    EXPECT_EQ(PLAT_AssertCount(), 4U);
+    EXPECT_EQ(PLAT_MemOutstanding(), outstanding);  // the work buffer is freed on every path
+}
+
+}  // namespace

@@ -1,0 +1,404 @@
+// The user-defined format validator: every check result, the order of the
+// checks, the part extractors, the length estimates and a long randomised run
+// against the validator and the format encoder.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <iterator>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "module_fixture.hpp"
+#include "plat_control.h"
+#include "pplus_test.hpp"
+#include "pppoe_plus_log.h"
+#include "pppoe_plus_tlv.h"
+#include "pppoe_plus_udfchk.h"
+
+using pplus_test::LogHas;
+
+namespace {
+
+class UdfChkTest : public pplus_test::ModuleTest {
+protected:
+    void SetUp() override
+    {
+        ModuleTest::SetUp();
+        ASSERT_EQ(PPPOE_PLUS_InitKeyWordDict(), 0U);
+        ASSERT_EQ(PPPOE_PLUS_UpdateDebugSwitch(PPPOE_PLUS_DBG_ALL, 1), 0U);
+        PLAT_LogClear();
+        PLAT_AssertReset();
+    }
+};
+
+struct Row {
+    const char *fmt;
+    uint32_t code;
+    const char *why;
+};
+
+void ExpectRows(const std::vector<Row> &rows)
+{
+    for (const Row &r : rows) {
+        EXPECT_EQ(PPPOE_PLUS_UserDfdFmtCheck(r.fmt), r.code) << "format <" << r.fmt << ">: " << r.why;
+    }
+}
+
+}  // namespace
+
+// One or more strings per result code, each reaching that code.
+TEST_F(UdfChkTest, EveryCheckResultIsReached)
+{
+    ExpectRows({
+        {"", 0, "an empty string passes every step"},
+        {"\"%slot/%port\"", 0, "keywords separated by a slash"},
+        {"1 2 3", 0, "three one-byte numbers"},
+        {"%slot", 0, "slot in hex takes 16 bits"},
+        {"\"[%svlan/]%cvlan\"", 0, "optional svlan followed by a different text"},
+        {"\"a\\%b\"", 0, "an escaped percent sign"},
+        {"1 %length \"abc\"", 0, "a hex length field with text after it"},
+        {"\"%12345slot\"", 1, "a five-digit width cannot be read (ASCII)"},
+        {"%12345slot", 1, "a five-digit width cannot be read (hex)"},
+        {"\"%foo\"", 2, "no keyword after the percent sign"},
+        {"%portx", 2, "a letter after the name"},
+        {"\"100%\"", 2, "percent sign before the closing quote"},
+        {"\"a\\b\"", 3, "backslash before a non-reserved letter"},
+        {"\"[%svlan-%cvlan]\"", 4, "two keywords in one optional part"},
+        {"\"[%slot]\"", 5, "slot is no VLAN"},
+        {"\"[[%svlan]]\"", 6, "optional part opened inside another"},
+        {"\"[abc]\"", 7, "optional part without a keyword"},
+        {"\"abc", 8, "quote never closed"},
+        {"12\"", 8, "a lone opening quote as the last character"},
+        {"\"a]\"", 8, "a closing bracket without an opening one"},
+        {"\"[%svlan\"", 8, "an optional part left open"},
+        {"\"%slot%port\"", 9, "two keywords back to back"},
+        {"\"%slot1%port\"", 9, "a digit is no delimiter"},
+        {"\"[%svlan]%cvlan\"", 9, "a bracket is no delimiter"},
+        {"\"[%svlan:]%svlan:\"", 10, "the optional content repeated right after it"},
+        {"\"%0257slot\"", 11, "257 characters at least"},
+        {"\"ab\"cd\"", 12, "a second ASCII part"},
+        {"1 \"ab\"c", 12, "text after the closing quote"},
+        {"\"\"", 13, "empty quotes"},
+        {"1 \"\"", 13, "empty quotes after a hex part"},
+        {"0x01", 14, "hex numbers are written in decimal"},
+        {"1 a", 14, "a letter in the hex part"},
+        {"4294967296", 15, "one above 32 bits"},
+        {"%sysname", 16, "sysname has no hex form"},
+        {"%8portdescription", 16, "a width does not make an ASCII-only keyword hex"},
+        {"%3slot", 17, "three bits"},
+        {"1 %4slot", 17, "twelve bits"},
+        {"\"%length:%length-\"", 18, "two length keywords"},
+        {"\"a%length\"", 19, "ASCII part ends with length"},
+        {"1 %length", 19, "hex part ends with length"},
+    });
+}
+
+// A failing string that breaks several rules reports the earliest one.
+TEST_F(UdfChkTest, FirstFailingRuleWins)
+{
+    ExpectRows({
+        {"\"%foo", 2, "keywords (2) before quotes (8)"},
+        {"\"a\"%length", 12, "quotes (12) before the last keyword (19)"},
+        {"\"%length%length\"", 18, "length count (18) before the last keyword (19)"},
+        {"%length\"\"", 19, "the last keyword (19) before empty quotes (13)"},
+        {"0x1 \"\\a\"", 3, "the ASCII part (3) before the hex part (14)"},
+        {"\"\\a%slot%port\"", 3, "escapes (3) before delimiters (9)"},
+        {"\"%slot%port]\"", 9, "delimiters (9) before brackets (8)"},
+        {"\"[[]]\"", 6, "nesting (6) before an empty optional part (7)"},
+        {"\"[%svlan-%cvlan\"", 8, "brackets (8) before the keyword count (4)"},
+        {"\"[%slot-%port]\"", 4, "keyword count (4) before the optional keyword (5)"},
+        {"\"[%slot:]%slot:\"", 5, "the optional keyword (5) before different meanings (10)"},
+        {"99999999999 x", 14, "characters (14) before numbers (15)"},
+        {"99999999999 %sysname", 15, "numbers (15) before ASCII-only keywords (16)"},
+        {"%sysname %3slot", 16, "ASCII-only keywords (16) before the bit count (17)"},
+        {"%3slot \"%9999slot\"", 17, "the bit count (17) before the total length (11)"},
+        {"%3slot \"%12345slot\"", 1, "the ASCII width (1) before the hex bit count (17)"},
+    });
+}
+
+// Widths have at most four digits; the total estimate may reach 256 bytes.
+TEST_F(UdfChkTest, WidthsAndTheLengthLimit)
+{
+    ExpectRows({
+        {"\"%9999slot\"", 11, "four digits are read"},
+        {"\"%99999slot\"", 1, "five digits are not"},
+        {"%00099slot", 1, "five digits even with leading zeros"},
+        {"\"%0256slot\"", 0, "exactly 256 characters"},
+        {"\"%250slot/%5port\"", 0, "250 + 1 + 5 = 256"},
+        {"\"%250slot/%6port\"", 11, "257"},
+        {"%2048slot", 0, "256 bytes of hex"},
+        {"%2056slot", 11, "257 bytes of hex"},
+        {"%2040slot \"a\"", 0, "255 hex bytes and one character"},
+        {"%2040slot \"ab\"", 11, "255 hex bytes and two characters"},
+        {"\"%mac\"", 0, "mac counts 14 characters by default"},
+        {"\"[%svlan]\"", 0, "brackets count nothing"},
+    });
+    // Longer than a stored format: its parts cannot be held.
+    std::string pairs;
+    for (int k = 0; k < 64; k++) {
+        pairs += "1 ";
+    }
+    EXPECT_EQ(PPPOE_PLUS_UserDfdFmtCheck(pairs.substr(0, 127).c_str()), 0U);
+    EXPECT_EQ(PPPOE_PLUS_UserDfdFmtCheck(pairs.c_str()), 1U);
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] formatString is too long. (length=128)"));
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "The number is invalid."));
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] UserFmtGetFieldMinLen check failed. (index: 0)."));
+}
+
+// Where the validator accepts what the encoder refuses or reads differently,
+// the validator's answer is the one shown here.
+TEST_F(UdfChkTest, ValidatorSideOfDeliberateDisagreements)
+{
+    ExpectRows({
+        {"\"a%5length\"", 0, "a final length with a width is not a final length here"},
+        {"\"%length\"", 19, "the closing quote does not count"},
+        {"0x01 \"a\"", 14, "the letter x is refused in hex numbers"},
+        {"0X01", 14, "also upper case"},
+        {"%0256slot \"\"", 13, "empty quotes"},
+    });
+    // The bare text after the last percent sign is compared, in any case.
+    EXPECT_EQ(PPPOE_PLUS_UserFmtCheckFirstKeyWord("%LENGTH"), 19U);
+    EXPECT_EQ(PPPOE_PLUS_UserFmtCheckFirstKeyWord("%5length"), 0U);
+    EXPECT_EQ(PPPOE_PLUS_UserFmtCheckFirstKeyWord("%lengthy"), 0U);
+    EXPECT_EQ(PPPOE_PLUS_UserFmtCheckFirstKeyWord("no keyword"), 0U);
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] UserFmtCheckFirstKeyWord start. (keyword=L)"));
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] UserFmtCheckFirstKeyWord end. (keyword=5length)"));
+}
+
+TEST_F(UdfChkTest, NullStringIsAnInternalFailure)
+{
+    EXPECT_EQ(PPPOE_PLUS_UserDfdFmtCheck(nullptr), 1U);
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] formatString para is null."));
+    char out[PPPOE_PLUS_UDF_PART_LEN] = {};
+    EXPECT_EQ(PPPOE_PLUS_UserFmtGetAsciiFmtStr(nullptr, out), 1U);
+    EXPECT_EQ(PPPOE_PLUS_UserFmtGetAsciiFmtStr("\"a\"", nullptr), 1U);
+    EXPECT_EQ(PPPOE_PLUS_UserFmtGetHexFmtStr(nullptr, out, sizeof(out)), 1U);
+    EXPECT_EQ(PLAT_AssertCount(), 3U);
+}
+
+TEST_F(UdfChkTest, ReservedCharactersAndAllAsciiFormats)
+{
+    std::string reserved;
+    for (uint32_t ch = 0; ch < 256U; ch++) {
+        if (PPPOE_PLUS_UserFmtIfResvChar(static_cast<uint8_t>(ch)) != 0U) {
+            reserved.push_back(static_cast<char>(ch));
+        }
+    }
+    EXPECT_EQ(reserved, "\"%[\\]");
+    EXPECT_EQ(PPPOE_PLUS_UdfIsAllAssic("\"%slot\""), 1U);
+    EXPECT_EQ(PPPOE_PLUS_UdfIsAllAssic("1 \"a\""), 0U);
+    EXPECT_EQ(PPPOE_PLUS_UdfIsAllAssic(""), 0U);
+}
+
+TEST_F(UdfChkTest, PartExtractorsStepOverEscapes)
+{
+    struct {
+        const char *fmt;
+        const char *ascii;
+        const char *hex;
+    } rows[] = {
+        {"1 2 \"a\\\"b\"", "a\\\"b", "1 2 "},   // an escaped quote is no boundary
+        {"\"%slot\"", "%slot", ""},
+        {"1 %slot", "", "1 %slot"},               // no quote: all hex
+        {"7 \"open", "", "7 "},                   // no second quote: no ASCII part
+        {"a\\\"b\"c\"", "c", "a\\\"b"},
+    };
+    for (const auto &r : rows) {
+        char ascii[PPPOE_PLUS_UDF_PART_LEN] = {'x'};
+        char hex[PPPOE_PLUS_UDF_PART_LEN] = {'x'};
+        EXPECT_EQ(PPPOE_PLUS_UserFmtGetAsciiFmtStr(r.fmt, ascii), 0U) << r.fmt;
+        EXPECT_EQ(PPPOE_PLUS_UserFmtGetHexFmtStr(r.fmt, hex, sizeof(hex)), 0U) << r.fmt;
+        EXPECT_STREQ(ascii, r.ascii) << r.fmt;
+        EXPECT_STREQ(hex, r.hex) << r.fmt;
+    }
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "Find the word. (FmtStr=1 %slot, HexFmtStr=1 %slot)"));
+    char small[4] = {};
+    EXPECT_EQ(PPPOE_PLUS_UserFmtGetHexFmtStr("12345", small, sizeof(small)), 1U);  // does not fit
+}
+
+// The single-rule checks on their own, including inputs the whole check
+// never hands them.
+TEST_F(UdfChkTest, SingleRulesStandAlone)
+{
+    using Rule = uint32_t (*)(const char *);
+    struct {
+        Rule rule;
+        const char *name;
+        const char *s;
+        uint32_t code;
+    } rows[] = {
+        {PPPOE_PLUS_UserFmtChkKeyWord, "KeyWord", "\\%x %port5", 0},
+        {PPPOE_PLUS_UserFmtChkKeyWord, "KeyWord", "%", 2},
+        {PPPOE_PLUS_UserFmtChkQuotationMarks, "Quotes", "\"a\\\"", 8},
+        {PPPOE_PLUS_UserFmtChkQuotationMarks, "Quotes", "\\\"", 0},
+        {PPPOE_PLUS_UserFmtChkKeyWordsNum, "KeyWordsNum", "%length \\%length", 0},
+        {PPPOE_PLUS_UserFmtChkNullInQuotationMarks, "NullInQuotes", "\\\"\"", 0},
+        {PPPOE_PLUS_UserFmtChkChAfterBlackslash, "Backslash", "a\\", 3},
+        {PPPOE_PLUS_UserFmtChkChAfterBlackslash, "Backslash", "\\[\\]\\\\\\\"\\%", 0},
+        {PPPOE_PLUS_UserFmtChkDelimiter, "Delimiter", "%slot\\%%port", 0},
+        {PPPOE_PLUS_UserFmtChkDelimiter, "Delimiter", "%slot[]12%port", 9},
+        {PPPOE_PLUS_UserFmtChkDelimiter, "Delimiter", "a%zz", 1},
+        {PPPOE_PLUS_UserFmtChkSquareparenthesis, "Brackets", "\\[%svlan]", 8},
+        {PPPOE_PLUS_UserFmtChkKeyWordsNumInOptional, "NumInOptional", "[\\%%svlan]", 0},
+        {PPPOE_PLUS_UserFmtChkKeyWordInOptional, "KeyWordInOptional", "[%cvlan]%slot", 0},
+        {PPPOE_PLUS_UserFmtChkKeyWordInOptional, "KeyWordInOptional", "[%zz]", 1},
+        {PPPOE_PLUS_UserFmtChkDiffMeanings, "DiffMeanings", "[]x", 10},
+        {PPPOE_PLUS_UserFmtChkDiffMeanings, "DiffMeanings", "[%svlan]%cvlan", 10},
+        {PPPOE_PLUS_UserFmtChkDiffMeanings, "DiffMeanings", "[%svlan:][%svlan:", 10},
+        {PPPOE_PLUS_UserFmtChkDiffMeanings, "DiffMeanings", "[%svlan:]%svlan", 0},
+        {PPPOE_PLUS_UserFmtChkDiffMeanings, "DiffMeanings", "[%svlan:]", 0},
+        {PPPOE_PLUS_UserFmtChkDiffMeanings, "DiffMeanings", "x]", 1},
+        // the skip after a part lands on the next part's "]"
+        {PPPOE_PLUS_UserFmtChkDiffMeanings, "DiffMeanings", "[%svlan]-[%cvlan]", 1},
+        {PPPOE_PLUS_UserFmtChkChInHex, "ChInHex", "1 %zz", 1},
+        {PPPOE_PLUS_UserFmtChkChInHex, "ChInHex", "1\t2", 14},
+        {PPPOE_PLUS_UserFmtChkNumInHex, "NumInHex", "4294967295 4294967295", 0},
+        {PPPOE_PLUS_UserFmtChkNumInHex, "NumInHex", "4294967%slot295", 0},
+        {PPPOE_PLUS_UserFmtChkNumInHex, "NumInHex", "99999999999999999999999", 15},
+        {PPPOE_PLUS_UserFmtChkNumInHex, "NumInHex", "%zz", 1},
+        {PPPOE_PLUS_UserFmtChkKeyWordInHex, "KeyWordInHex", "%iftype", 16},
+        {PPPOE_PLUS_UserFmtChkKeyWordInHex, "KeyWordInHex", "%porttype %mac %length", 0},
+        {PPPOE_PLUS_UserFmtChkKeyWordInHex, "KeyWordInHex", "%zz", 1},
+    };
+    for (const auto &r : rows) {
+        EXPECT_EQ(r.rule(r.s), r.code) << r.name << " <" << r.s << ">";
+        EXPECT_EQ(r.rule(nullptr), 1U) << r.name;
+    }
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] UserFmtChkDelimiter check failed. (index: 1)."));
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] UserFmtChkKeyWordInOptional check failed. (index: 1)."));
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] UserFmtChkDiffMeanings check failed. (index: 1)."));
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] UserFmtChkDiffMeanings check failed. (index: 16)."));
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] UserFmtChkChInHex check failed. (index: 2)"));
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] UserFmtChkNumInHex check failed. (index: 0)."));
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] UserFmtChkKeyWordInHex check failed. (index: 0)."));
+    EXPECT_EQ(PPPOE_PLUS_UserDfdAsciiFmtCheck(nullptr, "a"), 1U);
+    EXPECT_EQ(PPPOE_PLUS_UserDfdHexFmtCheck(nullptr), 1U);
+}
+
+TEST_F(UdfChkTest, MinimumLengths)
+{
+    struct {
+        const char *s;
+        uint32_t ascii;  // ASCII estimate in characters
+    } asciiRows[] = {
+        {"", 0}, {"abc", 3}, {"\\%x", 2}, {"[%svlan]", 1}, {"%5slot", 5}, {"%0slot", 0}, {"%mac-%portname", 16},
+    };
+    for (const auto &r : asciiRows) {
+        uint32_t len = 77;
+        EXPECT_EQ(PPPOE_PLUS_UserFmtGetAsciiMinLen(r.s, &len), 0U) << r.s;
+        EXPECT_EQ(len, r.ascii) << r.s;
+    }
+    struct {
+        const char *s;
+        uint32_t code;
+        uint32_t bytes;
+    } hexRows[] = {
+        {"1 2 3", 0, 3},        {"255 256", 0, 3},     {"70000", 0, 4},
+        {"%mac %porttype", 0, 7}, {"%4slot %4port", 0, 1}, {"12%3slot", 0, 2},  // "%" after a number is swallowed
+        {"%3slot", 17, 77},
+    };
+    for (const auto &r : hexRows) {
+        uint32_t len = 77;
+        EXPECT_EQ(PPPOE_PLUS_UserFmtGetHexMinLen(r.s, &len), r.code) << r.s;
+        EXPECT_EQ(len, r.bytes) << r.s;
+    }
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] GetHexMinLen. (FmtStr=%3slot, TotalBits=3)"));
+    uint32_t len = 0;
+    EXPECT_EQ(PPPOE_PLUS_UserFmtGetAsciiMinLen("a%zz", &len), 1U);
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] UserFmtIfKeyWord check failed. (index: 1)."));
+    EXPECT_EQ(PLAT_AssertCount(), 0U);
+    EXPECT_EQ(PPPOE_PLUS_UserFmtGetHexMinLen("1 %zz", &len), 1U);
+    EXPECT_EQ(PLAT_AssertCount(), 1U);
+}
+
+// Random format-like strings: the validator answers within its codes,
+// never asserts, answers the same twice, agrees with its own rules, and a
+// valid format that loses its closing quote is unbalanced. Every string also
+// goes through the encoder, which must stay within its buffer and free what
+// it takes.
+TEST_F(UdfChkTest, RandomisedFormatsKeepTheInvariants)
+{
+    // A hex part of hex-like pieces, then usually a quoted part of ASCII-like
+    // pieces; now and then a piece of the other kind.
+    static const char *const kHex[] = {
+        "%slot", "%port", "%svlan", "%8length", "%mac", "%4slot", "%3slot", "%sysname", "%12345slot", "%2048slot",
+        "%", "%portx", "1", "255", "70000", "4294967296", " ", " ", " ", "x", "\\%",
+    };
+    static const char *const kAscii[] = {
+        "%slot", "%port", "%svlan", "%cvlan", "%length", "%5length", "%mac", "%sysname", "%portdescription",
+        "%0300slot", "%12345slot", "%portx", "/", "-", ":", "1", "abc", " ", "[", "]", "[%svlan/]", "[%cvlan:]",
+        "[%svlan:]%svlan:", "[%slot]", "[%svlan-%cvlan]", "[abc]", "\\%", "\\a", "\\\"", "\"", "%LENGTH",
+    };
+    std::mt19937 rng(20261123U);
+    std::uniform_int_distribution<size_t> pickHex(0, std::size(kHex) - 1U);
+    std::uniform_int_distribution<size_t> pickAscii(0, std::size(kAscii) - 1U);
+    std::uniform_int_distribution<int> count(0, 6);
+    std::uniform_int_distribution<int> percent(0, 99);
+    UserInfo info = {};
+    info.IfIndex = 3;
+    info.ulNas_Slot = 1;
+    info.ulNas_SubSlot = 2;
+    info.ulNas_Port = 3;
+    info.ulXpi = 100;
+    info.ulXci = 0;
+    (void)std::snprintf(info.portDescr, sizeof(info.portDescr), "uplink");
+    info.portDescrValid = 1;
+    const uint32_t memBefore = PLAT_MemOutstanding();
+    uint32_t histogram[PPPOE_PLUS_UDF_CHK_CODES] = {};
+    // 20000 strings at least, then more until 100000 or three seconds.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    for (int iter = 0; iter < 100000 && (iter < 20000 || iter % 1024 != 0 || std::chrono::steady_clock::now() < deadline);
+         iter++) {
+        std::string fmt;
+        for (int k = count(rng); k > 0; k--) {
+            fmt += percent(rng) < 95 ? kHex[pickHex(rng)] : kAscii[pickAscii(rng)];
+        }
+        if (percent(rng) < 70) {
+            fmt += '"';
+            for (int k = count(rng); k > 0; k--) {
+                fmt += percent(rng) < 95 ? kAscii[pickAscii(rng)] : kHex[pickHex(rng)];
+            }
+            if (percent(rng) < 95) {
+                fmt += '"';
+            }
+        }
+        if (fmt.size() > PPPOE_PLUS_UDF_FMT_MAX) {
+            fmt.resize(PPPOE_PLUS_UDF_FMT_MAX);
+        }
+        PLAT_AssertReset();
+        const uint32_t code = PPPOE_PLUS_UserDfdFmtCheck(fmt.c_str());
+        ASSERT_LT(code, PPPOE_PLUS_UDF_CHK_CODES) << fmt;
+        ASSERT_EQ(PLAT_AssertCount(), 0U) << fmt;
+        ASSERT_EQ(PPPOE_PLUS_UserDfdFmtCheck(fmt.c_str()), code) << fmt;
+        histogram[code]++;
+        if (code == 0U) {
+            EXPECT_EQ(PPPOE_PLUS_UserFmtChkKeyWord(fmt.c_str()), 0U) << fmt;
+            EXPECT_EQ(PPPOE_PLUS_UserFmtChkQuotationMarks(fmt.c_str()), 0U) << fmt;
+            EXPECT_EQ(PPPOE_PLUS_UserFmtChkKeyWordsNum(fmt.c_str()), 0U) << fmt;
+            if (!fmt.empty() && fmt.back() == '"') {
+                const std::string open = fmt.substr(0, fmt.size() - 1U);
+                EXPECT_EQ(PPPOE_PLUS_UserDfdFmtCheck(open.c_str()), 8U) << fmt;
+            }
+        }
+        uint8_t out[PPPOE_PLUS_UDF_OUT_MAX + 1U] = {};
+        out[PPPOE_PLUS_UDF_OUT_MAX] = 0xA5;
+        uint32_t outLen = 0xFFFFFFFFU;
+        if (PPPOE_PLUS_EncodeUdfData(&info, fmt.c_str(), out, &outLen) == 0U) {
+            ASSERT_LE(outLen, PPPOE_PLUS_UDF_OUT_MAX) << fmt;
+        } else {
+            ASSERT_EQ(outLen, 0xFFFFFFFFU) << fmt;
+        }
+        ASSERT_EQ(out[PPPOE_PLUS_UDF_OUT_MAX], 0xA5) << fmt;
+        ASSERT_EQ(PLAT_MemOutstanding(), memBefore) << fmt;
+    }
+    // The generator reaches every check result.
+    EXPECT_GT(histogram[0], 100U);
+    uint32_t reached = 0;
+    for (uint32_t h : histogram) {
+        reached += h != 0U ? 1U : 0U;
+    }
+    EXPECT_EQ(reached, PPPOE_PLUS_UDF_CHK_CODES) << testing::PrintToString(std::vector<uint32_t>(std::begin(histogram), std::end(histogram)));
+}
