@@ -10,6 +10,7 @@
 #include <climits>
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <thread>
 
@@ -165,6 +166,11 @@ int main(int argc, char **argv)
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
     PLAT_LogSetPrinter(PrintLine, &opts.verbose);
+    // Paths on the command line are relative to where the host was started.
+    if (!opts.topologyFile.empty()) {
+        std::error_code ec;
+        opts.topologyFile = std::filesystem::absolute(opts.topologyFile, ec).string();
+    }
     if (!ChangeToOwnFolder()) {
         Say("cannot change to the host's own folder");
         return 1;

@@ -15,7 +15,7 @@ namespace {
 // A running pppoe-plus-switch whose standard output is read through a pipe.
 class Host {
 public:
-    explicit Host(std::vector<std::string> args)
+    explicit Host(std::vector<std::string> args, const char *cwd = nullptr)
     {
         int fds[2];
         if (pipe(fds) != 0) {
@@ -23,6 +23,9 @@ public:
         }
         pid_ = fork();
         if (pid_ == 0) {
+            if (cwd != nullptr && chdir(cwd) != 0) {
+                _exit(126);
+            }
             dup2(fds[1], STDOUT_FILENO);
             dup2(fds[1], STDERR_FILENO);
             close(fds[0]);
@@ -119,6 +122,15 @@ TEST(Host, StartsTheAgentReportsReadyAndStopsOnSigterm)
     EXPECT_NE(host.Output().find("[syslog] <6> [PPPoE_PLUS] Main exit"), std::string::npos);
     EXPECT_NE(host.Output().find("frame buffer(s) outstanding"), std::string::npos);
     EXPECT_NE(host.Output().find("0 frame buffer(s) outstanding"), std::string::npos);
+}
+
+TEST(Host, TopologyPathIsRelativeToWhereTheHostStarted)
+{
+    // The host moves to its own bin folder; a relative path given on the
+    // command line still names the file the user meant.
+    Host host({"--topology", "examples/topology.yaml", "--run-for", "1"}, PPLUS_SOURCE_DIR);
+    ASSERT_TRUE(host.WaitForOutput("agent ready", 20000)) << host.Output();
+    EXPECT_EQ(host.Wait(), 0) << host.Output();
 }
 
 TEST(Host, ReadinessWaitsForTheDeviceDatabase)
