@@ -127,6 +127,14 @@ uint32_t PPPOE_PLUS_SetPortFormat(const InfoFormatNode *cfg, uint32_t ifIndex, u
 void PPPOE_PLUS_GetAllMatchTrustPort(uint32_t *outIfIndexes, uint32_t maxCount, uint32_t *outCount, uint16_t vlan,
                                      uint32_t ingressIfIndex);
 
+/* Format display: the current global formats and a worked example for a
+ * sample subscriber on the first layer-2 port. */
+uint32_t PPPOE_PLUS_GetFormatInfo(char *buf, uint32_t size);
+uint32_t PPPOE_PLUS_GetCidFormatExample(char *buf, uint32_t *outLen, uint32_t size);
+uint32_t PPPOE_PLUS_GetRidFormatExample(char *buf, uint32_t *outLen, uint32_t size);
+uint32_t PPPOE_PLUS_GetExampleFormatStr(uint32_t infoType, uint8_t *out, uint32_t *outLen);
+uint32_t PPPOE_PLUS_UdfIsAllAssic(const char *fmt);
+
 }  // extern "C"
 
 /* The lock around the port list, the format lists and the user-defined

@@ -1,0 +1,104 @@
+/* The packet relay: intake and parsing of the discovery frames the
+ * forwarding plane punts, Circuit-ID and Remote-ID construction, the
+ * Vendor-Specific tag policy, the forwarding decision and the per-port
+ * counters. Everything here runs on the main task, one frame at a time. */
+#ifndef PPPOE_PLUS_PKT_H
+#define PPPOE_PLUS_PKT_H
+
+#include <stdint.h>
+
+#include "pppoe_plus_types.h"
+#include "wick.h"
+
+/* PPPoE discovery codes. */
+#define PPPOE_PLUS_CODE_PADI 0x09U
+#define PPPOE_PLUS_CODE_PADO 0x07U
+#define PPPOE_PLUS_CODE_PADR 0x19U
+#define PPPOE_PLUS_CODE_PADS 0x65U
+#define PPPOE_PLUS_CODE_PADT 0xA7U
+#define PPPOE_PLUS_VER_TYPE 0x11U
+
+/* PPPoE tags. */
+#define PPPOE_PLUS_TAG_END_OF_LIST 0x0000U
+#define PPPOE_PLUS_TAG_VENDOR_SPEC 0x0105U
+#define PPPOE_PLUS_TAG_HEAD_LEN 4U
+#define PPPOE_PLUS_VENDOR_SPEC_MAX 522U     /* whole own tag, head included */
+#define PPPOE_PLUS_SUBOPT_BUF_LEN 259U      /* one built sub-option: type, length, value */
+#define PPPOE_PLUS_VENDOR_SPEC_BUF_LEN 576U
+
+/* Message and frame limits. */
+#define PPPOE_PLUS_DPX_HEAD_LEN 12U
+#define PPPOE_PLUS_MSG_LEN_MIN 27U          /* DpxPktHead included */
+#define PPPOE_PLUS_MSG_LEN_MAX 2000U
+#define PPPOE_PLUS_PPPOE_HDR_LEN 6U
+#define PPPOE_PLUS_FRAME_LEN_LIMIT 1500U    /* a tagged frame must stay below this */
+#define PPPOE_PLUS_SEND_MSG_TYPE 133U
+#define PPPOE_PLUS_MAX_TRUST_PORTS 8U
+
+/* Counter kinds. */
+#define PPPOE_PLUS_STAT_RECV 0U
+#define PPPOE_PLUS_STAT_SEND 1U
+#define PPPOE_PLUS_STAT_DISCARD 2U
+
+/* Sub-option types. */
+#define PPPOE_PLUS_SUBOPT_CID 1U
+#define PPPOE_PLUS_SUBOPT_RID 2U
+
+/* The PPPoE discovery header as it sits in the frame: multi-byte fields are
+ * big-endian byte pairs, so the record can overlay any offset. */
+typedef struct PppoeDiscHdr {
+    uint8_t verAndType;
+    uint8_t code;
+    uint8_t sessionId[2];
+    uint8_t length[2];
+} PppoeDiscHdr;
+
+#ifdef __cplusplus
+static_assert(sizeof(PppoeDiscHdr) == 6, "the PPPoE discovery header is 6 bytes");
+extern "C" {
+#endif
+
+typedef struct PortCB PortCB;
+
+/* Intake and parsing. */
+void PPPOE_PLUS_RxPktFromDpx(void);
+uint32_t PPPOE_PLUS_CheckPktMsg(FpcMbuf *mbuf, DpxPktHead *head);
+void PPPOE_PLUS_PktProc(FpcMbuf *mbuf, DpxPktHead *head);
+void PPPOE_PLUS_PktDispatch(FpcMbuf *mbuf, PppoeDiscHdr *hdr, PortCB *portCb, DpxPktHead *head);
+uint32_t PPPOE_PLUS_GetPktHeadLen(const FpcMbuf *mbuf, uint32_t *headLen);
+uint32_t PPPOE_PLUS_GetPktVlan(const FpcMbuf *mbuf, uint32_t *outerVlan, uint32_t *innerVlan);
+uint32_t PPPOE_PLUS_GetUserInfo(const FpcMbuf *mbuf, const PortCB *portCb, UserInfo *info);
+uint32_t PPPOE_PLUS_GetDownlinkUserInfo(const FpcMbuf *mbuf, UserInfo *info, uint32_t ifIndex);
+
+/* Circuit-ID and Remote-ID sub-options: each buffer holds 259 bytes; the
+ * lengths written are whole sub-option lengths (value + 2). */
+uint32_t PPPOE_PLUS_EncodeCidRid(UserInfo *info, uint8_t *cid, uint32_t *cidLen, uint8_t *rid, uint32_t *ridLen);
+uint32_t PPPOE_PLUS_EncodeCid(UserInfo *info, uint8_t *cid, uint32_t *cidLen);
+uint32_t PPPOE_PLUS_EncodeRid(UserInfo *info, uint8_t *rid, uint32_t *ridLen);
+uint32_t PPPOE_PLUS_EncapCommonCid(const UserInfo *info, uint8_t *value, uint32_t *valueLen);
+
+/* The Vendor-Specific tag. Tag offsets are relative to the first tag. */
+uint8_t PPPOE_PLUS_GetPortPolicy(const PortCB *portCb);
+uint32_t PPPOE_PLUS_EncodeVendorSpec(UserInfo *info, uint8_t *out, uint32_t *outLen);
+uint32_t PPPOE_PLUS_FindVendorSpecTag(const FpcMbuf *mbuf, const PppoeDiscHdr *hdr, uint32_t *offset);
+void PPPOE_PLUS_GetTagsEndOffset(const PppoeDiscHdr *hdr, uint32_t *offset);
+uint32_t PPPOE_PLUS_AddAgentInfo(FpcMbuf *mbuf, PppoeDiscHdr *hdr, PortCB *portCb, uint32_t offset);
+uint32_t PPPOE_PLUS_DelAgentInfo(FpcMbuf *mbuf, PppoeDiscHdr *hdr, uint32_t offset);
+uint32_t PPPOE_PLUS_IsOwnVendorSpec(FpcMbuf *mbuf, const PppoeDiscHdr *hdr, PortCB *portCb, uint32_t offset,
+                                    uint32_t egrIfIndex);
+uint32_t PPPOE_PLUS_ProcUserSidePkt(FpcMbuf *mbuf, PppoeDiscHdr *hdr, PortCB *portCb, DpxPktHead *head);
+uint32_t PPPOE_PLUS_ProcNetSidePkt(FpcMbuf *mbuf, PppoeDiscHdr *hdr, PortCB *portCb, DpxPktHead *head);
+
+/* Forwarding: both take ownership of the buffer. */
+uint32_t PPPOE_PLUS_SendToTrustPorts(FpcMbuf *mbuf, const PppoeDiscHdr *hdr, DpxPktHead *head);
+uint32_t PPPOE_PLUS_SendPktToIf(FpcMbuf *mbuf, const PppoeDiscHdr *hdr, const DpxPktHead *head);
+
+/* Counters. */
+void PPPOE_PLUS_PktStatistic(uint32_t kind, const PppoeDiscHdr *hdr, uint32_t ifIndex);
+uint32_t PPPOE_PLUS_GetPktStatisticNum(const PortCB *portCb, uint8_t code, uint32_t kind);
+uint32_t PPPOE_PLUS_ResetStatistics(void);
+
+#ifdef __cplusplus
+}
+#endif
+#endif
