@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages the build and the tests need (as root, or
-# through sudo). Packages already present are left alone.
+# through sudo). Packages already present are left alone. tshark decodes the
+# captures the interop tests write.
 set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config g++ clang-14 libclang-rt-14-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libsafec-dev libyaml-cpp-dev libcli11-dev libpcap-dev libxml2-dev
+  tshark
 )
 missing=()
 for p in "${packages[@]}"; do
@@ -18,4 +20,4 @@ sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
 echo "Installing: ${missing[*]}"
 $sudo apt-get update -qq
-DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+$sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
