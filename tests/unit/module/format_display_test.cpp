@@ -74,14 +74,16 @@ TEST_F(FormatDisplayTest, BothCommonShowTwoTextValues)
                              "\r\n  Circuit ID:eth 0/0/1:200.100 SW1/0/0/0/0/0"
                              "\r\n  Remote  ID:0a1b-2c3d-4e5f");
 
-    // The example shows the device-wide formats even where the port has its own.
+    // The example is built the way the packet path builds it, so a format of
+    // the sample port for its VLANs shows: an extend value (its first byte
+    // is 0) printed as text under the device-wide common type is empty.
     InfoFormatNode node = {};
     node.vlanId = 200;
     node.ceVlanId = 100;
     node.infoType = PPPOE_PLUS_INFO_CID;
     node.infoFormatType = PPPOE_PLUS_FORMAT_EXTEND;
     ASSERT_EQ(PPPOE_PLUS_SetPortFormat(&node, 5, 1), 0U);
-    EXPECT_NE(Display().find("Circuit ID:eth 0/0/1:200.100 SW1"), std::string::npos);
+    EXPECT_NE(Display().find("\r\n  Circuit ID:\r\n  Remote  ID:0a1b-2c3d-4e5f"), std::string::npos);
 
     // A small buffer keeps a terminated prefix.
     EXPECT_EQ(Display(0, 20), std::string(kFormatsCommon).substr(0, 19));

@@ -534,8 +534,10 @@ uint32_t PPPOE_PLUS_GetExampleFormatStr(uint32_t infoType, uint8_t *out, uint32_
     if (SampleUserInfo(&sample) != 0U) {
         return 1;
     }
-    return infoType == PPPOE_PLUS_INFO_CID ? PPPOE_PLUS_EncodeGlobalCid(&sample, out, outLen)
-                                           : PPPOE_PLUS_EncodeGlobalRid(&sample, out, outLen);
+    // The packet path's own builders: a format configured on the sample
+    // port for its VLANs shows in the example as it would on the wire.
+    return infoType == PPPOE_PLUS_INFO_CID ? PPPOE_PLUS_EncodeCid(&sample, out, outLen)
+                                           : PPPOE_PLUS_EncodeRid(&sample, out, outLen);
 }
 
 uint32_t PPPOE_PLUS_GetCidFormatExample(char *buf, uint32_t *outLen, uint32_t size)

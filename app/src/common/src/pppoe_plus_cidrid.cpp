@@ -338,18 +338,6 @@ uint32_t EncodeInfo(const InfoKind &kind, const UserInfo *info, uint8_t *out, ui
     return PPPOE_PLUS_OK;
 }
 
-// Renders the device-wide format, whatever the port has.
-uint32_t EncodeGlobal(const InfoKind &kind, const UserInfo *info, uint8_t *out, uint32_t *outLen)
-{
-    if (info == nullptr || out == nullptr || outLen == nullptr) {
-        ZAVK_Assert(kCidRidFile, __LINE__);
-        return PPPOE_PLUS_ERR;
-    }
-    FormatChoice choice;
-    GlobalFormat(kind.infoType, &choice);
-    return Render(kind, info, choice, out, outLen);
-}
-
 // "eth " and the port name from the first digit that follows a non-digit:
 // "GigabitEthernet0/0/1" gives "eth 0/0/1", "10GE1/0/3" gives "eth 1/0/3".
 void ShortPortName(const char *portName, char (&out)[kShortNameLen])
@@ -420,16 +408,6 @@ uint32_t PPPOE_PLUS_EncodeCid(UserInfo *info, uint8_t *cid, uint32_t *cidLen)
 uint32_t PPPOE_PLUS_EncodeRid(UserInfo *info, uint8_t *rid, uint32_t *ridLen)
 {
     return EncodeInfo(kRidKind, info, rid, ridLen);
-}
-
-uint32_t PPPOE_PLUS_EncodeGlobalCid(const UserInfo *info, uint8_t *cid, uint32_t *cidLen)
-{
-    return EncodeGlobal(kCidKind, info, cid, cidLen);
-}
-
-uint32_t PPPOE_PLUS_EncodeGlobalRid(const UserInfo *info, uint8_t *rid, uint32_t *ridLen)
-{
-    return EncodeGlobal(kRidKind, info, rid, ridLen);
 }
 
 uint32_t PPPOE_PLUS_EncodeCidRid(UserInfo *info, uint8_t *cid, uint32_t *cidLen, uint8_t *rid, uint32_t *ridLen)
