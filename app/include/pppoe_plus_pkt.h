@@ -76,6 +76,10 @@ uint32_t PPPOE_PLUS_EncodeCidRid(UserInfo *info, uint8_t *cid, uint32_t *cidLen,
 uint32_t PPPOE_PLUS_EncodeCid(UserInfo *info, uint8_t *cid, uint32_t *cidLen);
 uint32_t PPPOE_PLUS_EncodeRid(UserInfo *info, uint8_t *rid, uint32_t *ridLen);
 uint32_t PPPOE_PLUS_EncapCommonCid(const UserInfo *info, uint8_t *value, uint32_t *valueLen);
+/* The same sub-options from the device-wide formats, whatever the port has
+ * configured (the format display's worked example). */
+uint32_t PPPOE_PLUS_EncodeGlobalCid(const UserInfo *info, uint8_t *cid, uint32_t *cidLen);
+uint32_t PPPOE_PLUS_EncodeGlobalRid(const UserInfo *info, uint8_t *rid, uint32_t *ridLen);
 
 /* The Vendor-Specific tag. Tag offsets are relative to the first tag. */
 uint8_t PPPOE_PLUS_GetPortPolicy(const PortCB *portCb);

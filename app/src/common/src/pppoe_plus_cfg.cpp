@@ -6,6 +6,7 @@
 // and the user-defined strings are guarded by one reader-writer lock.
 #include "pppoe_plus_cfg.h"
 
+#include <cstdarg>
 #include <cstring>
 
 #include "plat_safe.h"
@@ -13,6 +14,8 @@
 #include "pppoe_plus_intf.h"
 #include "pppoe_plus_log.h"
 #include "pppoe_plus_mem.h"
+#include "pppoe_plus_pkt.h"
+#include "pppoe_plus_types.h"
 #include "zavk.h"
 
 namespace {
@@ -158,6 +161,96 @@ uint32_t FormatCount(const PortCB *cb)
 {
     return cb->qinqFormatList.count + cb->vlanFormatList.count + cb->ceVlanFormatList.count +
            cb->noVlanFormatList.count;
+}
+
+// ---- Format display ----
+
+constexpr uint32_t kSampleOuterVlan = 200U;
+constexpr uint32_t kSampleInnerVlan = 100U;
+constexpr uint32_t kDumpBytesPerLine = 16U;
+constexpr uint32_t kIfNameReadLen = 256U;
+
+// Appends formatted text at *used, cutting it to the room left; the text
+// stays terminated.
+__attribute__((format(printf, 4, 5))) void ShowAppend(char *buf, uint32_t size, uint32_t *used, const char *fmt, ...)
+{
+    if (*used + 1U >= size) {
+        return;
+    }
+    va_list ap;
+    va_start(ap, fmt);
+    const int n = vsnprintf_truncated_s(buf + *used, size - *used, fmt, ap);
+    va_end(ap);
+    if (n > 0) {
+        *used += static_cast<uint32_t>(n);
+    }
+}
+
+// The sample subscriber of the worked example: the first layer-2 port, with
+// fixed VLANs and a fixed description.
+uint32_t SampleUserInfo(UserInfo *info)
+{
+    (void)memset_s(info, sizeof(*info), 0, sizeof(*info));
+    uint32_t ifIndex = PPPOE_PLUS_INVALID_IFINDEX;
+    if (PPPOE_PLUS_GetFirstSwitchPort(&ifIndex) != 0U || ifIndex == PPPOE_PLUS_INVALID_IFINDEX) {
+        return 1;
+    }
+    char name[kIfNameReadLen] = {};
+    if (PPPOE_PLUS_GetIfNameRaw(ifIndex, name, sizeof(name)) != 0U) {
+        return 1;
+    }
+    (void)strncpy_s(info->portName, sizeof(info->portName), name, strnlen(name, sizeof(info->portName) - 1U));
+    (void)strcpy_s(info->ifType, sizeof(info->ifType), PPPOE_PLUS_IsTrunkIf(ifIndex) == 1U ? "trunk" : "eth");
+    if (PPPOE_PLUS_GetIfSlotCardPort(ifIndex, &info->ulNas_Slot, &info->ulNas_SubSlot, &info->ulNas_Port) != 0U) {
+        return 1;
+    }
+    info->IfIndex = ifIndex;
+    info->ulXpi = kSampleOuterVlan;
+    info->ulXci = kSampleInnerVlan;
+    (void)strcpy_s(info->portDescr, sizeof(info->portDescr), "portdescription");
+    info->portDescrValid = 1;
+    return 0;
+}
+
+// Whether a built value reads as text: a common format, or a user-defined
+// one that starts with a quoted stretch.
+bool ExampleIsText(uint8_t formatType, const char *udfStr)
+{
+    if (formatType == PPPOE_PLUS_FORMAT_COMMON) {
+        return true;
+    }
+    PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
+    return formatType == PPPOE_PLUS_FORMAT_USER_DEFINE && PPPOE_PLUS_UdfIsAllAssic(udfStr) == 1U;
+}
+
+// Builds the sample sub-option of one info type and writes its value behind
+// label, as text or as a hex dump whose continuation lines start with
+// indent blanks.
+uint32_t ShowExampleValue(uint32_t infoType, bool asText, const char *label, uint32_t indent, char *buf,
+                          uint32_t size, uint32_t *used)
+{
+    uint8_t subOpt[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
+    uint32_t subOptLen = 0;
+    if (PPPOE_PLUS_GetExampleFormatStr(infoType, subOpt, &subOptLen) != 0U) {
+        return 1;
+    }
+    const uint32_t valueLen = subOptLen > 2U ? subOptLen - 2U : 0U;
+    if (asText) {
+        char text[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
+        if (valueLen != 0U) {
+            (void)memcpy_s(text, sizeof(text) - 1U, subOpt + 2, valueLen);
+        }
+        ShowAppend(buf, size, used, "%s%s", label, text);
+        return 0;
+    }
+    ShowAppend(buf, size, used, "%s", label);
+    for (uint32_t i = 0; i < valueLen; ++i) {
+        if (i != 0U && i % kDumpBytesPerLine == 0U) {
+            ShowAppend(buf, size, used, "\r\n%*s", static_cast<int>(indent), "");
+        }
+        ShowAppend(buf, size, used, "%02x ", subOpt[2U + i]);
+    }
+    return 0;
 }
 
 }  // namespace
@@ -430,6 +523,102 @@ void PPPOE_PLUS_GetAllMatchTrustPort(uint32_t *outIfIndexes, uint32_t maxCount, 
     }
     *outCount = found;
     PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPLUS-CFG] Find matched trusted port cnt %u.", found);
+}
+
+uint32_t PPPOE_PLUS_GetExampleFormatStr(uint32_t infoType, uint8_t *out, uint32_t *outLen)
+{
+    if (out == nullptr || outLen == nullptr) {
+        return 1;
+    }
+    UserInfo sample;
+    if (SampleUserInfo(&sample) != 0U) {
+        return 1;
+    }
+    return infoType == PPPOE_PLUS_INFO_CID ? PPPOE_PLUS_EncodeGlobalCid(&sample, out, outLen)
+                                           : PPPOE_PLUS_EncodeGlobalRid(&sample, out, outLen);
+}
+
+uint32_t PPPOE_PLUS_GetCidFormatExample(char *buf, uint32_t *outLen, uint32_t size)
+{
+    if (buf == nullptr || outLen == nullptr) {
+        return 1;
+    }
+    *outLen = 0;
+    UserInfo sample;
+    if (SampleUserInfo(&sample) != 0U) {
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "[PPLUS_SHOW] Failed to get a layer 2 port");
+        return 1;
+    }
+    ShowAppend(buf, size, outLen,
+               "\r\n For example: \r\n  interface %s SVLAN:%d CVLAN:%d\r\n  The PPPOE Intermediate Agent "
+               "information is as follows:",
+               sample.portName, static_cast<int>(sample.ulXpi), static_cast<int>(sample.ulXci));
+    const bool asText = ExampleIsText(g_pppoePlusGlobalInfo.cidFormatType, g_pppoePlusGlobalInfo.cidUserDefineStr);
+    if (ShowExampleValue(PPPOE_PLUS_INFO_CID, asText, "\r\n  Circuit ID:", 12U, buf, size, outLen) != 0U) {
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "[PPLUS_SHOW] Failed to get circuit id data");
+        return 1;
+    }
+    return 0;
+}
+
+uint32_t PPPOE_PLUS_GetRidFormatExample(char *buf, uint32_t *outLen, uint32_t size)
+{
+    if (buf == nullptr || outLen == nullptr) {
+        return 1;
+    }
+    *outLen = 0;
+    const bool asText = ExampleIsText(g_pppoePlusGlobalInfo.ridFormatType, g_pppoePlusGlobalInfo.ridUserDefineStr);
+    if (ShowExampleValue(PPPOE_PLUS_INFO_RID, asText, "\r\n  Remote  ID:", 13U, buf, size, outLen) != 0U) {
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "[PPLUS_SHOW] Failed to get remote id data");
+        return 1;
+    }
+    return 0;
+}
+
+uint32_t PPPOE_PLUS_GetFormatInfo(char *buf, uint32_t size)
+{
+    if (buf == nullptr || size == 0U) {
+        return 1;
+    }
+    (void)memset_s(buf, size, 0, size);
+    uint32_t used = 0;
+    ShowAppend(buf, size, &used, " The current information format :");
+    {
+        PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
+        const PppoePlusGlobalInfo &g = g_pppoePlusGlobalInfo;
+        switch (g.cidFormatType.load()) {
+            case PPPOE_PLUS_FORMAT_COMMON:
+                ShowAppend(buf, size, &used, "\r\n   Circuit ID : COMMON");
+                break;
+            case PPPOE_PLUS_FORMAT_EXTEND:
+                ShowAppend(buf, size, &used, "\r\n   Circuit ID : EXTEND");
+                break;
+            default:
+                ShowAppend(buf, size, &used, "\r\n   Circuit ID : USER DEFINE.  %s", g.cidUserDefineStr);
+                break;
+        }
+        switch (g.ridFormatType.load()) {
+            case PPPOE_PLUS_FORMAT_COMMON:
+                ShowAppend(buf, size, &used, "\r\n   Remote  ID : COMMON");
+                break;
+            case PPPOE_PLUS_FORMAT_EXTEND:
+                ShowAppend(buf, size, &used, "\r\n   Remote  ID : EXTEND");
+                break;
+            default:
+                ShowAppend(buf, size, &used, "\r\n   Remote  ID : USER DEFINE.  %s", g.ridUserDefineStr);
+                break;
+        }
+    }
+    uint32_t written = 0;
+    if (PPPOE_PLUS_GetCidFormatExample(buf + used, &written, size - used) != 0U) {
+        return 1;
+    }
+    used += written;
+    written = 0;
+    if (PPPOE_PLUS_GetRidFormatExample(buf + used, &written, size - used) != 0U) {
+        return 1;
+    }
+    return 0;
 }
 
 }  // extern "C"

@@ -1,0 +1,352 @@
+// Circuit-ID and Remote-ID sub-options: format lookup on the port, the
+// common, extend and user-defined renderings, the encapsulation setting.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "module_fixture.hpp"
+#include "plat_control.h"
+#include "plat_safe.h"
+#include "plat_world.hpp"
+#include "pplus_test.hpp"
+#include "pppoe_plus_cfg.h"
+#include "pppoe_plus_log.h"
+#include "pppoe_plus_pkt.h"
+#include "pppoe_plus_tlv.h"
+
+using pplus_test::LogHas;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes Text(const std::string &s)
+{
+    return Bytes(s.begin(), s.end());
+}
+
+// System SW1 with MAC 0a1b-2c3d-4e5f; GE0/0/1 (5) and 10GE1/0/3 (6).
+class CidRidTest : public pplus_test::ModuleTest {
+protected:
+    void SetUp() override
+    {
+        ModuleTest::SetUp();
+        plat::SystemIdentity id = plat::world::identity();
+        id.sysName = "SW1";
+        id.sysMac = {0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f};
+        plat::world::set_identity(id);
+        plat::world::set_sys_name("SW1");
+        PutIf("GE0/0/1", 5);
+        PutIf("10GE1/0/3", 6);
+        PPPOE_PLUS_InitGlobalCfgData();
+        ASSERT_EQ(PPPOE_PLUS_InitKeyWordDict(), 0U);
+        std::memset(g_pppoePlusSystemMac, 0xFF, sizeof(g_pppoePlusSystemMac));
+        ASSERT_EQ(PPPOE_PLUS_UpdateDebugSwitch(PPPOE_PLUS_DBG_ALL, 1), 0U);
+        PLAT_LogClear();
+        PLAT_AssertReset();
+    }
+
+    static void PutIf(const std::string &name, uint32_t ifIndex)
+    {
+        plat::IfRecord r;
+        r.name = name;
+        r.ifIndex = ifIndex;
+        plat::world::if_put(r);
+    }
+
+    static UserInfo Info(uint32_t xpi, uint32_t xci, const char *portName = "GE0/0/1", uint32_t ifIndex = 5)
+    {
+        UserInfo info = {};
+        info.IfIndex = ifIndex;
+        info.ulXpi = xpi;
+        info.ulXci = xci;
+        (void)strcpy_s(info.ifType, sizeof(info.ifType), "eth");
+        (void)strcpy_s(info.portName, sizeof(info.portName), portName);
+        return info;
+    }
+
+    static void SetFormat(uint16_t vlan, uint16_t ceVlan, uint8_t infoType, uint8_t type, const char *udf = "",
+                          uint32_t ifIndex = 5)
+    {
+        InfoFormatNode node = {};
+        node.vlanId = vlan;
+        node.ceVlanId = ceVlan;
+        node.infoType = infoType;
+        node.infoFormatType = type;
+        (void)strcpy_s(node.userDefineStr, sizeof(node.userDefineStr), udf);
+        ASSERT_EQ(PPPOE_PLUS_SetPortFormat(&node, ifIndex, 1), 0U);
+    }
+
+    // The built sub-option (head included), or nothing when the build failed.
+    static std::optional<Bytes> Build(uint32_t infoType, UserInfo info)
+    {
+        uint8_t buf[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
+        uint32_t len = 0;
+        const uint32_t ret = infoType == PPPOE_PLUS_INFO_CID ? PPPOE_PLUS_EncodeCid(&info, buf, &len)
+                                                             : PPPOE_PLUS_EncodeRid(&info, buf, &len);
+        if (ret != 0U) {
+            return std::nullopt;
+        }
+        return Bytes(buf, buf + len);
+    }
+
+    // The value of a built sub-option after checking its head.
+    static std::optional<Bytes> Value(uint32_t infoType, const UserInfo &info)
+    {
+        const auto sub = Build(infoType, info);
+        if (!sub) {
+            return std::nullopt;
+        }
+        EXPECT_GE(sub->size(), 2U);
+        EXPECT_EQ((*sub)[0], infoType);
+        EXPECT_EQ((*sub)[1], sub->size() - 2U);
+        return Bytes(sub->begin() + 2, sub->end());
+    }
+
+    static bool DebugHas(const std::string &text) { return LogHas(PLAT_LOG_DEBUG, text); }
+};
+
+const Bytes kMacText = Text("0a1b-2c3d-4e5f");
+const Bytes kGlobalCid100 = Text("eth 0/0/1:100.0 SW1/0/0/0/0/0");
+
+}  // namespace
+
+TEST_F(CidRidTest, MostSpecificPortListWinsAndOuterVlanZeroGoesGlobal)
+{
+    SetFormat(100, 200, PPPOE_PLUS_INFO_CID, PPPOE_PLUS_FORMAT_USER_DEFINE, "\"qinq\"");
+    SetFormat(0, 300, PPPOE_PLUS_INFO_CID, PPPOE_PLUS_FORMAT_USER_DEFINE, "\"ce\"");
+    SetFormat(100, 0, PPPOE_PLUS_INFO_CID, PPPOE_PLUS_FORMAT_USER_DEFINE, "\"vlan\"");
+    SetFormat(0, 0, PPPOE_PLUS_INFO_CID, PPPOE_PLUS_FORMAT_USER_DEFINE, "\"port\"");
+    struct Case {
+        uint32_t xpi;
+        uint32_t xci;
+        Bytes cid;
+        const char *why;
+    };
+    const Case cases[] = {
+        {100, 200, Text("qinq"), "QinQ pair beats CE, VLAN and port-wide"},
+        {100, 300, Text("ce"), "inner VLAN beats the outer VLAN's node; the CE node's outer VLAN is not compared"},
+        {100, 0, Text("vlan"), "single tag: QinQ and CE lists are never consulted"},
+        {100, 201, Text("vlan"), "no node for the inner VLAN: the outer VLAN's"},
+        {101, 200, Text("port"), "no VLAN match at all: the port-wide node"},
+        {0, 200, Text("eth 0/0/1:0.200 SW1/0/0/0/0/0"), "outer VLAN 0: global, even with a port-wide node"},
+    };
+    for (const Case &c : cases) {
+        EXPECT_EQ(Value(PPPOE_PLUS_INFO_CID, Info(c.xpi, c.xci)), c.cid) << c.why;
+    }
+    EXPECT_TRUE(DebugHas("PPPOE PLUS Find Port QinQ Vlan Info Format By User Info:ifindex = 5,vlanId = 100,"
+                         "ceVlanId = 200,infoType = 1,infoFormatType = 2, userDefineStr = \"qinq\"."));
+    EXPECT_TRUE(DebugHas("PPPOE PLUS Find Port Ce Vlan Info Format By User Info:ifindex = 5,vlanId = 0,"
+                         "ceVlanId = 300,infoType = 1,infoFormatType = 2, userDefineStr = \"ce\"."));
+    EXPECT_TRUE(DebugHas("PPPOE PLUS Find Port vlan Info Format By User Info:ifindex = 5,vlanId = 100,"
+                         "ceVlanId = 0,infoType = 1,infoFormatType = 2, userDefineStr = \"vlan\"."));
+    EXPECT_TRUE(DebugHas("PPPOE PLUS Find Port Info Format By User Info:ifindex = 5,vlanId = 0,"
+                         "ceVlanId = 0,infoType = 1,infoFormatType = 2, userDefineStr = \"port\"."));
+    EXPECT_TRUE(DebugHas("PPPOE PLUS Encap Port Info Format Circuit userdefined information.(portname=GE0/0/1,"
+                         "Vlan=100,Circuit Id=qinq)"));
+
+    // Circuit-ID nodes never answer for the Remote-ID.
+    EXPECT_EQ(Value(PPPOE_PLUS_INFO_RID, Info(100, 200)), kMacText);
+    EXPECT_TRUE(DebugHas("Global Rid common format.(PortName=GE0/0/1,Vlan=100,RId=0a1b-2c3d-4e5f)"));
+    SetFormat(100, 0, PPPOE_PLUS_INFO_RID, PPPOE_PLUS_FORMAT_USER_DEFINE, "\"rid\"");
+    EXPECT_EQ(Value(PPPOE_PLUS_INFO_RID, Info(100, 200)), Text("rid"));
+    EXPECT_TRUE(DebugHas("Port RID udf format.(portname=GE0/0/1,Vlan=100,RId=rid)"));
+}
+
+TEST_F(CidRidTest, MatchedNodeThatCannotRenderFailsWithoutFallingBack)
+{
+    // The port-wide node and the global format would both render.
+    const char *kTooLong = "\"%300sysname\"";
+    struct Case {
+        uint16_t vlan;
+        uint16_t ceVlan;
+        uint8_t infoType;
+        const char *error;
+    };
+    const Case cases[] = {
+        {100, 200, PPPOE_PLUS_INFO_CID, "PPPOE PLUS Encap Port CID QinQ vlan Info Format By User Info error."},
+        {0, 200, PPPOE_PLUS_INFO_CID, "PPPOE PLUS Encap Port CID CE vlan Info Format By User Info error."},
+        {100, 0, PPPOE_PLUS_INFO_CID, "PPPOE PLUS Encap Port CID vlan Info Format By User Info error."},
+        {100, 200, PPPOE_PLUS_INFO_RID, "PPPOE PLUS Encap Port QinQ vlan Info Format By User Info error."},
+        {0, 200, PPPOE_PLUS_INFO_RID, "PPPOE PLUS Encap Port RID CE vlan Info Format By User Info error."},
+        {100, 0, PPPOE_PLUS_INFO_RID, "PPPOE PLUS Encap Port RID vlan Info Format By User Info error."},
+    };
+    uint32_t port = 10;
+    for (const Case &c : cases) {
+        PutIf("GE0/0/" + std::to_string(port), port);
+        SetFormat(0, 0, c.infoType, PPPOE_PLUS_FORMAT_USER_DEFINE, "\"fine\"", port);
+        SetFormat(c.vlan, c.ceVlan, c.infoType, PPPOE_PLUS_FORMAT_USER_DEFINE, kTooLong, port);
+        PLAT_LogClear();
+        EXPECT_EQ(Build(c.infoType, Info(100, 200, "GE0/0/1", port)), std::nullopt) << c.error;
+        EXPECT_TRUE(DebugHas("PPPOE PLUS Build Port UserDefine error.")) << c.error;
+        EXPECT_TRUE(DebugHas(c.error));
+        EXPECT_FALSE(DebugHas("circuit-id by userinfo")) << c.error;
+        EXPECT_FALSE(DebugHas("common format")) << c.error;
+        ++port;
+    }
+    // The port-wide list's own failure.
+    SetFormat(0, 0, PPPOE_PLUS_INFO_CID, PPPOE_PLUS_FORMAT_USER_DEFINE, kTooLong);
+    SetFormat(0, 0, PPPOE_PLUS_INFO_RID, PPPOE_PLUS_FORMAT_USER_DEFINE, kTooLong);
+    PLAT_LogClear();
+    uint8_t cid[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
+    uint8_t rid[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
+    uint32_t cidLen = 0;
+    uint32_t ridLen = 0;
+    UserInfo info = Info(100, 0);
+    EXPECT_EQ(PPPOE_PLUS_EncodeCidRid(&info, cid, &cidLen, rid, &ridLen), 1U);
+    EXPECT_TRUE(DebugHas("PPPOE PLUS Encap Port CID no vlan Info Format By User Info error."));
+    EXPECT_TRUE(DebugHas("PPPOE PLUS Encap Port RID no vlan Info Format By User Info error."));
+    EXPECT_TRUE(DebugHas("Failed to build circuit ID string or remote ID string."));
+}
+
+TEST_F(CidRidTest, CommonCircuitIdNamesTheShortPortOrTheTrunk)
+{
+    struct Case {
+        const char *portName;
+        const char *ifType;
+        std::string expected;
+    };
+    const std::string longName = "X" + std::string(62, '7');
+    const Case cases[] = {
+        {"GE0/0/1", "eth", "eth 0/0/1:100.0 SW1/0/0/0/0/0"},
+        {"10GE1/0/3", "eth", "eth 1/0/3:100.0 SW1/0/0/0/0/0"},   // leading digits skipped
+        {"1234", "eth", "eth :100.0 SW1/0/0/0/0/0"},              // no digit after a non-digit
+        {longName.c_str(), "eth", "eth " + std::string(59, '7') + ":100.0 SW1/0/0/0/0/0"},  // cut to 63
+        {"Eth-Trunk3", "trunk", "trunk 0/0/3:100.0 SW1/0/0/0/0/0"},
+    };
+    for (const Case &c : cases) {
+        UserInfo info = Info(100, 0, c.portName);
+        (void)strcpy_s(info.ifType, sizeof(info.ifType), c.ifType);
+        info.ulNas_Port = 3;
+        EXPECT_EQ(Value(PPPOE_PLUS_INFO_CID, info), Text(c.expected)) << c.portName;
+    }
+    EXPECT_TRUE(DebugHas("Encap common circuit-id by userinfo.(portname=GE0/0/1, vlan=100, infoLen=29, "
+                         "circuit-id=eth 0/0/1:100.0 SW1/0/0/0/0/0)"));
+
+    // A system name that cannot be read leaves it out.
+    PLAT_FailSet("db_read_sys_info_obj", 0, 1, 7);
+    EXPECT_EQ(Value(PPPOE_PLUS_INFO_CID, Info(100, 0)), Text("eth 0/0/1:100.0 /0/0/0/0/0"));
+}
+
+TEST_F(CidRidTest, CommonCircuitIdOf255CharactersPassesAnd256Fails)
+{
+    // "eth 0/0/1:100.0 " and "/0/0/0/0/0" around the system name: 26 characters.
+    const std::string name255(229, 'n');
+    plat::world::set_sys_name(name255);
+    const std::string expected = "eth 0/0/1:100.0 " + name255 + "/0/0/0/0/0";
+    ASSERT_EQ(expected.size(), 255U);
+    EXPECT_EQ(Value(PPPOE_PLUS_INFO_CID, Info(100, 0)), Text(expected));
+
+    plat::world::set_sys_name(name255 + "n");
+    UserInfo info = Info(100, 0);
+    uint8_t value[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
+    uint32_t len = 0xABCD;
+    EXPECT_EQ(PPPOE_PLUS_EncapCommonCid(&info, value, &len), 1U);
+    EXPECT_EQ(len, 0xABCDU);
+    EXPECT_TRUE(DebugHas("Encap info format circuit-id length error."));
+    EXPECT_EQ(Build(PPPOE_PLUS_INFO_CID, info), std::nullopt);
+}
+
+TEST_F(CidRidTest, ExtendFormatsPackVlanSlotPortAndMac)
+{
+    PPPOE_PLUS_SetGlobalCidFormat(PPPOE_PLUS_FORMAT_EXTEND, nullptr);
+    PPPOE_PLUS_SetGlobalRidFormat(PPPOE_PLUS_FORMAT_EXTEND, nullptr);
+    UserInfo info = Info(0x123, 0);
+    info.ulNas_Slot = 40;
+    info.ulNas_SubSlot = 1;
+    info.ulNas_Port = 300;
+    // 40 * 8 + 1 = 321 keeps its low byte 0x41; port 300 keeps 0x2C.
+    EXPECT_EQ(Build(PPPOE_PLUS_INFO_CID, info), (Bytes{0x01, 0x06, 0x00, 0x04, 0x01, 0x23, 0x41, 0x2C}));
+    EXPECT_TRUE(DebugHas("extendCid.type : 0 extendCid.len : 4 extendCid.slot : 40 extendCid.subSlot : 1 "
+                         "extendCid.portId : 44 extendCid.vlanId : 291"));
+    EXPECT_EQ(Build(PPPOE_PLUS_INFO_RID, info),
+              (Bytes{0x02, 0x08, 0x00, 0x06, 0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f}));
+
+    // A format code outside the table is an impossible state.
+    g_pppoePlusGlobalInfo.cidFormatType = 7;
+    EXPECT_EQ(Build(PPPOE_PLUS_INFO_CID, info), std::nullopt);
+    EXPECT_EQ(PLAT_AssertCount(), 1U);
+}
+
+TEST_F(CidRidTest, EncapsulationSettingChoosesWhichSubOptionsAreBuilt)
+{
+    struct Case {
+        uint8_t encap;
+        const char *debug;
+        bool cid;
+        bool rid;
+    };
+    const Case cases[] = {
+        {PPPOE_PLUS_ENCAP_CID, "Encode Cid information", true, false},
+        {PPPOE_PLUS_ENCAP_RID, "Encode Rid information", false, true},
+        {PPPOE_PLUS_ENCAP_BOTH, "Encode Cid and Rid information", true, true},
+    };
+    for (const Case &c : cases) {
+        PPPOE_PLUS_SetInfoEncap(1, c.encap);
+        PLAT_LogClear();
+        UserInfo info = Info(100, 0);
+        uint8_t cid[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
+        uint8_t rid[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
+        uint32_t cidLen = 0;
+        uint32_t ridLen = 0;
+        ASSERT_EQ(PPPOE_PLUS_EncodeCidRid(&info, cid, &cidLen, rid, &ridLen), 0U) << c.debug;
+        EXPECT_TRUE(DebugHas(c.debug));
+        EXPECT_EQ(cidLen, c.cid ? kGlobalCid100.size() + 2U : 0U) << c.debug;
+        EXPECT_EQ(ridLen, c.rid ? kMacText.size() + 2U : 0U) << c.debug;
+        if (c.cid) {
+            EXPECT_EQ(Bytes(cid + 2, cid + cidLen), kGlobalCid100);
+        }
+        if (c.rid) {
+            EXPECT_EQ(Bytes(rid, rid + 2), (Bytes{0x02, 0x0e}));
+        }
+    }
+}
+
+TEST_F(CidRidTest, RemoteIdNeedsTheSystemMacWhateverItsFormat)
+{
+    PLAT_FailSet("DEVM_DB_GetSysMac", 0, PLAT_FAIL_FOREVER, 5);
+    for (uint8_t type : {PPPOE_PLUS_FORMAT_COMMON, PPPOE_PLUS_FORMAT_EXTEND, PPPOE_PLUS_FORMAT_USER_DEFINE}) {
+        PPPOE_PLUS_SetGlobalRidFormat(type, "\"text only\"");
+        EXPECT_EQ(Build(PPPOE_PLUS_INFO_RID, Info(100, 0)), std::nullopt) << int{type};
+    }
+    EXPECT_TRUE(DebugHas("fail to get SysMac, ret 5."));
+
+    // Both are attempted: the Circuit-ID is still built, the result fails.
+    PLAT_LogClear();
+    UserInfo info = Info(100, 0);
+    uint8_t cid[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
+    uint8_t rid[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
+    uint32_t cidLen = 0;
+    uint32_t ridLen = 0;
+    EXPECT_EQ(PPPOE_PLUS_EncodeCidRid(&info, cid, &cidLen, rid, &ridLen), 1U);
+    EXPECT_EQ(cidLen, kGlobalCid100.size() + 2U);
+    EXPECT_EQ(ridLen, 0U);
+    EXPECT_TRUE(DebugHas("Failed to build circuit ID string or remote ID string."));
+
+    // Once the device manager answers, the MAC is read and kept.
+    PLAT_FailClear("DEVM_DB_GetSysMac");
+    PPPOE_PLUS_SetGlobalRidFormat(PPPOE_PLUS_FORMAT_COMMON, nullptr);
+    EXPECT_EQ(Value(PPPOE_PLUS_INFO_RID, Info(100, 0)), kMacText);
+    PLAT_FailSet("DEVM_DB_GetSysMac", 0, PLAT_FAIL_FOREVER, 5);
+    EXPECT_EQ(Value(PPPOE_PLUS_INFO_RID, Info(100, 0)), kMacText);
+}
+
+TEST_F(CidRidTest, MissingArgumentsOrPortBlockFail)
+{
+    UserInfo info = Info(100, 0);
+    uint8_t buf[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
+    uint32_t len = 0;
+    EXPECT_EQ(PPPOE_PLUS_EncodeCid(nullptr, buf, &len), 1U);
+    EXPECT_EQ(PPPOE_PLUS_EncodeRid(&info, nullptr, &len), 1U);
+    EXPECT_EQ(PPPOE_PLUS_EncapCommonCid(&info, buf, nullptr), 1U);
+    EXPECT_EQ(PLAT_AssertCount(), 3U);
+
+    PLAT_FailSet("RUK_MemAlloc_F", 0, PLAT_FAIL_FOREVER, 1);
+    EXPECT_EQ(PPPOE_PLUS_EncodeCid(&info, buf, &len), 1U);
+    EXPECT_TRUE(DebugHas("PPPOE PLUS CID getPortCBByIndex fail. (ifIndex: 5)"));
+    EXPECT_EQ(PPPOE_PLUS_EncodeRid(&info, buf, &len), 1U);
+    EXPECT_TRUE(DebugHas("PPPOE PLUS RID getPortCBByIndex fail. (ifIndex: 5)"));
+}
