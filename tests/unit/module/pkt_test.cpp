@@ -288,6 +288,31 @@ TEST_F(PktTest, OwnTagGoesBeforeEndOfListOrGetsOneOfItsOwn)
     EXPECT_EQ(out[0].frame.size(), 18 + 6 + 7 + 4 + OwnTag(kSubCid).size() + 4);
 }
 
+TEST_F(PktTest, OwnTagCarriesTheConfiguredVendorAndSubOptions)
+{
+    Port(kUpA, 1);
+    struct Row {
+        uint8_t encap;
+        uint32_t vendor;
+        Bytes value;
+    };
+    const Row rows[] = {
+        {PPPOE_PLUS_ENCAP_CID, 9, Frame::VendorValue(9, kSubCid, "")},
+        {PPPOE_PLUS_ENCAP_RID, 0x01020304, Frame::VendorValue(0x01020304, "", kRid)},
+        {PPPOE_PLUS_ENCAP_BOTH, PPPOE_PLUS_DEFAULT_VENDOR_ID, OwnTag(kSubCid)},
+    };
+    for (const Row &row : rows) {
+        g_pppoePlusGlobalInfo.infoEncap = row.encap;
+        g_pppoePlusGlobalInfo.vendorId = row.vendor;
+        Relay(Frame().vlan(100).padi().eol().bytes(), kSub);
+        const auto out = TakeAll();
+        ASSERT_EQ(out.size(), 1U);
+        const auto f = pplus_test::Parse(out[0].frame);
+        ASSERT_NE(f->find(0x0105), nullptr);
+        EXPECT_EQ(f->find(0x0105)->value, row.value) << "encap " << int{row.encap};
+    }
+}
+
 TEST_F(PktTest, SubscriberTagIsReplacedKeptOrDroppedByPolicy)
 {
     struct Row {
@@ -507,7 +532,8 @@ TEST(RelayThroughTheModule, MainTaskRelaysWhatTheForwardingPlanePunts)
     ASSERT_NE(FPC_ChannelCreate(kTx, 1024), FPC_INVALID_ID);
     EXPECT_EQ(PPPOE_PLUS_PreFrameInit(), 0U);
     ASSERT_EQ(PPPOE_PLUS_FrameInit(), 0U);
-    ASSERT_NE(PLAT_TaskWaitUntilWaiting("PPPoE_Plus_Init", "MESH_EpollWait", 5000), 0U);
+    // The defaults are set last: configure only after them.
+    ASSERT_TRUE(pplus_test::WaitFor([]() { return LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_FRAME] InitData finish."); }));
     ASSERT_NE(PLAT_TaskWaitUntilWaiting("PPPoE_Plus_Main", "FPC_EventRead", 5000), 0U);
     g_pppoePlusGlobalInfo.enable = 1;
     PortCB *up = nullptr;
