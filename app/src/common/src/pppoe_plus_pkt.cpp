@@ -492,11 +492,11 @@ uint32_t PPPOE_PLUS_FindVendorSpecTag(const FpcMbuf *mbuf, const PppoeDiscHdr *h
     // Any Vendor-Specific tag counts as agent information, whatever its
     // enterprise number; an empty one is skipped.
     bool found = false;
-    const uint32_t at = WalkTags(TagArea(hdr), WalkableTagLen(mbuf, hdr), [&found](uint32_t type, uint32_t len,
-                                                                                   uint32_t) {
+    auto isVendorSpec = [&found](uint32_t type, uint32_t len, uint32_t) {
         found = type == PPPOE_PLUS_TAG_VENDOR_SPEC && len != 0;
         return found;
-    });
+    };
+    const uint32_t at = WalkTags(TagArea(hdr), WalkableTagLen(mbuf, hdr), isVendorSpec);
     if (found) {
         *offset = at;
     }
