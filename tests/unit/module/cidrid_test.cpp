@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <atomic>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "module_fixture.hpp"
@@ -334,19 +336,45 @@ TEST_F(CidRidTest, RemoteIdNeedsTheSystemMacWhateverItsFormat)
     EXPECT_EQ(Value(PPPOE_PLUS_INFO_RID, Info(100, 0)), kMacText);
 }
 
-TEST_F(CidRidTest, MissingArgumentsOrPortBlockFail)
+TEST_F(CidRidTest, PortBlockThatCannotBeMadeFailsTheBuild)
 {
-    UserInfo info = Info(100, 0);
-    uint8_t buf[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
-    uint32_t len = 0;
-    EXPECT_EQ(PPPOE_PLUS_EncodeCid(nullptr, buf, &len), 1U);
-    EXPECT_EQ(PPPOE_PLUS_EncodeRid(&info, nullptr, &len), 1U);
-    EXPECT_EQ(PPPOE_PLUS_EncapCommonCid(&info, buf, nullptr), 1U);
-    EXPECT_EQ(PLAT_AssertCount(), 3U);
-
     PLAT_FailSet("RUK_MemAlloc_F", 0, PLAT_FAIL_FOREVER, 1);
-    EXPECT_EQ(PPPOE_PLUS_EncodeCid(&info, buf, &len), 1U);
+    EXPECT_EQ(Build(PPPOE_PLUS_INFO_CID, Info(100, 0)), std::nullopt);
     EXPECT_TRUE(DebugHas("PPPOE PLUS CID getPortCBByIndex fail. (ifIndex: 5)"));
-    EXPECT_EQ(PPPOE_PLUS_EncodeRid(&info, buf, &len), 1U);
+    EXPECT_EQ(Build(PPPOE_PLUS_INFO_RID, Info(100, 0)), std::nullopt);
     EXPECT_TRUE(DebugHas("PPPOE PLUS RID getPortCBByIndex fail. (ifIndex: 5)"));
+}
+
+TEST_F(CidRidTest, BuildsStayWholeWhileFormatsChangeUnderThem)
+{
+    // The configuration task replaces the port's node and the global string
+    // while the packet task builds: every build sees one whole format.
+    PPPOE_PLUS_SetGlobalCidFormat(PPPOE_PLUS_FORMAT_USER_DEFINE, "\"global-a\"");
+    ASSERT_TRUE(Value(PPPOE_PLUS_INFO_CID, Info(100, 0)).has_value());   // the block exists
+    std::atomic<bool> stop{false};
+    std::thread config([&] {
+        for (uint32_t i = 0; i < 2000 && !stop.load(); ++i) {
+            const bool odd = (i % 2U) != 0U;
+            SetFormat(100, 0, PPPOE_PLUS_INFO_CID, PPPOE_PLUS_FORMAT_USER_DEFINE, odd ? "\"port-b\"" : "\"port-a\"");
+            PPPOE_PLUS_SetGlobalCidFormat(PPPOE_PLUS_FORMAT_USER_DEFINE, odd ? "\"global-b\"" : "\"global-a\"");
+            InfoFormatNode node = {};
+            node.vlanId = 100;
+            node.infoType = PPPOE_PLUS_INFO_CID;
+            (void)PPPOE_PLUS_SetPortFormat(&node, 5, 0);
+        }
+    });
+    const Bytes allowed[] = {Text("port-a"), Text("port-b"), Text("global-a"), Text("global-b")};
+    uint32_t odd = 0;
+    for (uint32_t i = 0; i < 2000; ++i) {
+        const auto cid = Value(PPPOE_PLUS_INFO_CID, Info(100, 0));
+        ASSERT_TRUE(cid.has_value());
+        bool known = false;
+        for (const Bytes &a : allowed) {
+            known = known || *cid == a;
+        }
+        odd += known ? 0U : 1U;
+    }
+    stop = true;
+    config.join();
+    EXPECT_EQ(odd, 0U);
 }
