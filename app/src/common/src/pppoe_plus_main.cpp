@@ -12,6 +12,7 @@
 #include "pppoe_plus_log.h"
 #include "pppoe_plus_mem.h"
 #include "pppoe_plus_patch.h"
+#include "pppoe_plus_pkt.h"
 #include "ruk.h"
 #include "zavk.h"
 
@@ -240,7 +241,9 @@ uint32_t PPPOE_PLUS_MainTaskEntry(uintptr_t, uintptr_t, uintptr_t, uintptr_t)
         while (PPPOE_PLUS_FpcEventRead(&eventFlags) != 0) {
         }
         ZAVK_DmOpers(ZAVK_DM_BEGIN);
-        // Frames pending (bit 0) are drained here by the packet path.
+        if ((eventFlags & FPC_EVENT_RX) != 0) {
+            PPPOE_PLUS_RxPktFromDpx();  // drains the receive channel
+        }
         ZAVK_DmOpers(ZAVK_DM_END);
         RUK_T_RunDelay(200, 10);
     }

@@ -1,0 +1,564 @@
+// The packet relay: intake checks, the tag policy on the way up and down,
+// the forwarding decision and the counters, with the real channel library
+// standing in for the forwarding plane on both channels.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "module_fixture.hpp"
+#include "plat_control.h"
+#include "pplus_test.hpp"
+#include "pppoe_frame.hpp"
+#include "pppoe_plus_cfg.h"
+#include "pppoe_plus_fpc.h"
+#include "pppoe_plus_init.h"
+#include "pppoe_plus_log.h"
+#include "pppoe_plus_mem.h"
+#include "pppoe_plus_pkt.h"
+#include "wick.h"
+
+using pplus_test::Bytes;
+using pplus_test::Frame;
+using pplus_test::LogHas;
+
+namespace {
+
+constexpr uint32_t kSub = 1;      // GE0/0/1, a subscriber port
+constexpr uint32_t kMember = 2;   // GE0/0/2, member of trunk 5
+constexpr uint32_t kTrunk = 50;   // Eth-Trunk5
+constexpr uint32_t kUpA = 10;     // uplinks in VLAN 100
+constexpr uint32_t kUpB = 11;
+constexpr uint32_t kUpC = 12;
+constexpr uint32_t kNone = 0xFFFFFFFFU;
+constexpr const char *kRx = "channel/dpx2ppplus";
+constexpr const char *kTx = "channel/ppplus2dpx";
+
+// What this node builds for GE0/0/1 in VLAN 100 with the default formats.
+const std::string kSubCid = "eth 0/0/1:100.0 TestSwitch/0/0/0/0/0";
+const std::string kRid = "00e0-fc01-0203";
+
+void BuildWorld()
+{
+    using namespace plat::world;
+    auto port = [](const char *name, uint32_t ifIndex, uint16_t num, uint32_t trunkId = plat::kNoId) {
+        plat::IfRecord rec;
+        rec.name = name;
+        rec.ifIndex = ifIndex;
+        rec.port = num;
+        rec.l2TrunkId = trunkId;
+        if_put(rec);
+    };
+    port("GE0/0/1", kSub, 1);
+    port("GE0/0/2", kMember, 2, 5);
+    port("GE0/0/10", kUpA, 10);
+    port("GE0/0/11", kUpB, 11);
+    port("GE0/0/12", kUpC, 12);
+    plat::IfRecord trunk;
+    trunk.name = "Eth-Trunk5";
+    trunk.ifIndex = kTrunk;
+    trunk.lagId = 5;
+    if_put(trunk);
+    trunk_put({5, kTrunk});
+    trunk_port_put({kMember, kTrunk});
+    for (uint32_t up : {kUpA, kUpB, kUpC}) {
+        port_vlan_set(up, 100, true);
+    }
+}
+
+struct Sent {
+    DpxPktHead head;
+    Bytes frame;
+};
+
+// Everything the module has written to the send channel so far.
+std::vector<Sent> TakeAll()
+{
+    std::vector<Sent> out;
+    Bytes buf(4096);
+    uint32_t len = 0;
+    while (WICK_ChannelTake(kTx, buf.data(), static_cast<uint32_t>(buf.size()), &len, 0) == 0) {
+        Sent s{};
+        std::memcpy(&s.head, buf.data(), sizeof(s.head));
+        s.frame.assign(buf.begin() + 12, buf.begin() + len);
+        out.push_back(std::move(s));
+    }
+    return out;
+}
+
+Bytes OwnTag(const std::string &cid)
+{
+    return Frame::VendorValue(PPPOE_PLUS_DEFAULT_VENDOR_ID, cid, kRid);
+}
+
+class PktTest : public pplus_test::ModuleTest {
+protected:
+    void SetUp() override
+    {
+        ModuleTest::SetUp();
+        BuildWorld();
+        PPPOE_PLUS_InitGlobalCfgData();
+        g_pppoePlusGlobalInfo.enable = 1;
+        ASSERT_EQ(PPPOE_PLUS_InitFpcIntf(), 0U);
+        g_dpxToppplusChannel = FPC_ChannelCreate(kRx, 1024);
+        ASSERT_NE(FPC_ChannelCreate(kTx, 1024), FPC_INVALID_ID);
+        (void)PPPOE_PLUS_UpdateDebugSwitch(PPPOE_PLUS_DBG_ALL, 1);
+        Port(kSub);
+    }
+    void TearDown() override { EXPECT_EQ(WICK_MbufOutstanding(), 0U); }
+
+    static PortCB *Port(uint32_t ifIndex, uint8_t trust = 0, uint8_t policy = 0)
+    {
+        PortCB *cb = nullptr;
+        EXPECT_EQ(PPPOE_PLUS_GetPortCBByIndex(ifIndex, &cb), 0U);
+        cb->trust = trust;
+        cb->infoPolicy = policy;
+        return cb;
+    }
+    static void Relay(const Bytes &frame, uint32_t igr, uint32_t egr = kNone)
+    {
+        const Bytes msg = pplus_test::WithDpxHead(frame, egr, igr);
+        ASSERT_EQ(WICK_ChannelPut(kRx, msg.data(), static_cast<uint32_t>(msg.size())), 0U);
+        PPPOE_PLUS_RxPktFromDpx();
+    }
+    static uint32_t Count(uint32_t ifIndex, uint8_t code, uint32_t kind)
+    {
+        return PPPOE_PLUS_GetPktStatisticNum(PPPOE_PLUS_FindPortCBByindex(ifIndex), code, kind);
+    }
+    // A frame buffer of the library holding frame.
+    static FpcMbuf *Mbuf(const Bytes &frame)
+    {
+        return PPPOE_PLUS_FpcMbufPktNewFromData(frame.data(), static_cast<uint32_t>(frame.size()));
+    }
+};
+
+// Parses bytes in place, without a library buffer.
+struct View {
+    Bytes bytes;
+    FpcMbuf mbuf{};
+    explicit View(Bytes b) : bytes(std::move(b))
+    {
+        mbuf.pData = bytes.data();
+        mbuf.dataLen = static_cast<uint32_t>(bytes.size());
+        mbuf.bufLen = mbuf.dataLen;
+    }
+};
+
+}  // namespace
+
+TEST_F(PktTest, MessageLengthMustLieBetween27And2000WithTheHead)
+{
+    // A PADT padded to the message length; lengths that pass reach the frame checks.
+    for (const uint32_t msgLen : {26U, 27U, 2000U, 2001U}) {
+        PLAT_LogClear();
+        Bytes frame = Frame().vlan(100).padt().bytes();
+        frame.resize(msgLen - 12, 0);
+        Relay(frame, kSub, kUpA);
+        const bool passes = msgLen >= 27 && msgLen <= 2000;
+        EXPECT_EQ(LogHas(PLAT_LOG_DEBUG, "[PPPOE_PKT] Check pkt msg len failed."), !passes) << msgLen;
+        EXPECT_EQ(LogHas(PLAT_LOG_DEBUG, "[PPPOE_PKT] First cut head len 12"), passes) << msgLen;
+        EXPECT_EQ(TakeAll().size(), msgLen == 2000 ? 1U : 0U) << msgLen;
+    }
+}
+
+TEST_F(PktTest, TrunkMemberIsCountedOnItsTrunkAndOnItselfWhenTheLookupFails)
+{
+    Port(kTrunk);
+    Port(kMember);
+    Relay(Frame().vlan(100).padt().bytes(), kMember, kUpA);
+    EXPECT_EQ(Count(kTrunk, PPPOE_PLUS_CODE_PADT, PPPOE_PLUS_STAT_RECV), 1U);
+    EXPECT_EQ(Count(kMember, PPPOE_PLUS_CODE_PADT, PPPOE_PLUS_STAT_RECV), 0U);
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPPoE-Plus] Pkt receive on trunk port,  igrIfindex=50"));
+
+    PLAT_FailSet("db_read_trunk_port_obj", 0, 1, 5);
+    Relay(Frame().vlan(100).padt().bytes(), kMember, kUpA);
+    EXPECT_EQ(Count(kMember, PPPOE_PLUS_CODE_PADT, PPPOE_PLUS_STAT_RECV), 1U);
+    EXPECT_EQ(TakeAll().size(), 2U);
+
+    // A subscriber on the trunk is described by the trunk in its Circuit-ID.
+    Port(kUpA, 1);
+    Relay(Frame().vlan(100).padi().bytes(), kMember);
+    const auto out = TakeAll();
+    ASSERT_EQ(out.size(), 1U);
+    EXPECT_EQ(pplus_test::Parse(out[0].frame)->subOption(1), "trunk 0/0/5:100.0 TestSwitch/0/0/0/0/0");
+}
+
+TEST_F(PktTest, HeaderLengthAndVlansFollowTheTpids)
+{
+    struct Row {
+        const char *why;
+        Bytes frame;
+        uint32_t headRet, headLen, vlanRet, outer, inner;
+    };
+    Bytes snap = Frame().serviceName().bytes();
+    snap[12] = 0x00;  // an 802.3 length field, then LLC/SNAP
+    snap[13] = 0x30;
+    snap[14] = 0xAA;
+    snap[15] = 0xAA;
+    snap[16] = 0x03;
+    snap[17] = snap[18] = snap[19] = 0;
+    Bytes badOui = snap;
+    badOui[18] = 1;
+    Bytes cutShort = Frame().vlan(100).qinq(200).bytes();
+    cutShort.resize(20);
+    const Row rows[] = {
+        {"untagged", Frame().bytes(), 0, 14, 1, 0, 0},
+        {"one 0x8100 tag", Frame().vlan(100).bytes(), 0, 18, 0, 100, 0},
+        {"one 0x9100 tag", Frame().vlan(300, 0x9100).bytes(), 0, 18, 0, 300, 0},
+        {"0x9100 outer, 0x8100 inner", Frame().vlan(100, 0x9100).qinq(200).bytes(), 0, 22, 0, 100, 200},
+        {"0x9100 is no inner TPID", Frame().vlan(100).vlan(200, 0x9100).bytes(), 0, 18, 0, 100, 0},
+        {"priority bits are masked", Frame().vlan(0xE064).bytes(), 0, 18, 0, 100, 0},
+        {"LLC/SNAP", snap, 0, 22, 1, 0, 0},
+        {"SNAP with a non-zero OUI", badOui, 1, 0, 1, 0, 0},
+        {"second tag cut short", cutShort, 1, 0, 1, 0, 0},
+    };
+    for (const Row &row : rows) {
+        View v(row.frame);
+        uint32_t headLen = 0;
+        uint32_t outer = 0;
+        uint32_t inner = 0;
+        EXPECT_EQ(PPPOE_PLUS_GetPktHeadLen(&v.mbuf, &headLen), row.headRet) << row.why;
+        EXPECT_EQ(headLen, row.headLen) << row.why;
+        EXPECT_EQ(PPPOE_PLUS_GetPktVlan(&v.mbuf, &outer, &inner), row.vlanRet) << row.why;
+        EXPECT_EQ(outer, row.outer) << row.why;
+        EXPECT_EQ(inner, row.inner) << row.why;
+    }
+}
+
+TEST_F(PktTest, FramesDroppedAtIntakeCountOnlyWhatTheirStageAllows)
+{
+    struct Row {
+        const char *why;
+        uint8_t enable;
+        Bytes frame;
+        uint8_t code;
+        uint32_t recv, discard;
+    };
+    const Row rows[] = {
+        {"feature off", 0, Frame().vlan(100).padi().bytes(), PPPOE_PLUS_CODE_PADI, 0, 0},
+        {"version and type 0x12", 1, Frame().vlan(100).padr().verType(0x12).bytes(), PPPOE_PLUS_CODE_PADR, 0, 1},
+        {"tag area shorter than announced", 1, Frame().vlan(100).padi().serviceName().length(40).bytes(),
+         PPPOE_PLUS_CODE_PADI, 1, 0},
+        {"PADT without egress", 1, Frame().vlan(100).padt().bytes(), PPPOE_PLUS_CODE_PADT, 1, 1},
+        {"untagged PADI", 1, Frame().padi().bytes(), PPPOE_PLUS_CODE_PADI, 1, 1},
+        {"PADI without a trusted uplink", 1, Frame().vlan(100).padi().bytes(), PPPOE_PLUS_CODE_PADI, 1, 1},
+    };
+    for (const Row &row : rows) {
+        (void)PPPOE_PLUS_ResetStatistics();
+        g_pppoePlusGlobalInfo.enable = row.enable;
+        Relay(row.frame, kSub);
+        EXPECT_EQ(Count(kSub, row.code, PPPOE_PLUS_STAT_RECV), row.recv) << row.why;
+        EXPECT_EQ(Count(kSub, row.code, PPPOE_PLUS_STAT_DISCARD), row.discard) << row.why;
+        EXPECT_TRUE(TakeAll().empty()) << row.why;
+        EXPECT_EQ(WICK_MbufOutstanding(), 0U) << row.why;
+    }
+    // An unknown code is freed and leaves every counter alone.
+    (void)PPPOE_PLUS_ResetStatistics();
+    Relay(Frame().vlan(100).code(0x00).bytes(), kSub);
+    EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPoE-Plus] invalid pkt."));
+    for (uint8_t code : {0x09, 0x07, 0x19, 0x65, 0xA7}) {
+        for (uint32_t kind = 0; kind < 3; kind++) {
+            EXPECT_EQ(Count(kSub, code, kind), 0U);
+        }
+    }
+}
+
+TEST_F(PktTest, OwnTagGoesBeforeEndOfListOrGetsOneOfItsOwn)
+{
+    Port(kUpA, 1);
+    Relay(Frame().vlan(100).padi().bytes(), kSub);
+    auto out = TakeAll();
+    ASSERT_EQ(out.size(), 1U);
+    auto f = pplus_test::Parse(out[0].frame);
+    ASSERT_EQ(f->tags.size(), 2U);
+    EXPECT_EQ(f->tags[0].value, OwnTag(kSubCid));
+    EXPECT_EQ(f->tags[1].type, 0x0000);
+    EXPECT_EQ(size_t{f->pppoeLength}, 4 + OwnTag(kSubCid).size() + 4);
+
+    Relay(Frame().vlan(100).padi().serviceName("isp").eol().bytes(), kSub);
+    out = TakeAll();
+    ASSERT_EQ(out.size(), 1U);
+    f = pplus_test::Parse(out[0].frame);
+    ASSERT_EQ(f->tags.size(), 3U);
+    EXPECT_EQ(f->tags[0].type, 0x0101);
+    EXPECT_EQ(f->tags[1].value, OwnTag(kSubCid));
+    EXPECT_EQ(f->tags[2].type, 0x0000);
+    EXPECT_EQ(out[0].frame.size(), 18 + 6 + 7 + 4 + OwnTag(kSubCid).size() + 4);
+}
+
+TEST_F(PktTest, OwnTagCarriesTheConfiguredVendorAndSubOptions)
+{
+    Port(kUpA, 1);
+    struct Row {
+        uint8_t encap;
+        uint32_t vendor;
+        Bytes value;
+    };
+    const Row rows[] = {
+        {PPPOE_PLUS_ENCAP_CID, 9, Frame::VendorValue(9, kSubCid, "")},
+        {PPPOE_PLUS_ENCAP_RID, 0x01020304, Frame::VendorValue(0x01020304, "", kRid)},
+        {PPPOE_PLUS_ENCAP_BOTH, PPPOE_PLUS_DEFAULT_VENDOR_ID, OwnTag(kSubCid)},
+    };
+    for (const Row &row : rows) {
+        g_pppoePlusGlobalInfo.infoEncap = row.encap;
+        g_pppoePlusGlobalInfo.vendorId = row.vendor;
+        Relay(Frame().vlan(100).padi().eol().bytes(), kSub);
+        const auto out = TakeAll();
+        ASSERT_EQ(out.size(), 1U);
+        const auto f = pplus_test::Parse(out[0].frame);
+        ASSERT_NE(f->find(0x0105), nullptr);
+        EXPECT_EQ(f->find(0x0105)->value, row.value) << "encap " << int{row.encap};
+    }
+}
+
+TEST_F(PktTest, SubscriberTagIsReplacedKeptOrDroppedByPolicy)
+{
+    struct Row {
+        uint8_t globalPolicy, portPolicy;
+        bool received;
+        const char *expectCid;  // Circuit-ID leaving the node; null: no Vendor-Specific tag
+    };
+    const Row rows[] = {
+        {1, 0, false, kSubCid.c_str()}, {1, 0, true, kSubCid.c_str()}, {3, 0, false, kSubCid.c_str()},
+        {3, 0, true, "subscriber"},     {2, 0, false, nullptr},        {2, 0, true, nullptr},
+        {2, 1, true, kSubCid.c_str()},  {1, 2, true, nullptr},         {1, 3, true, "subscriber"},
+    };
+    Port(kUpA, 1);
+    for (const Row &row : rows) {
+        g_pppoePlusGlobalInfo.infoPolicy = row.globalPolicy;
+        Port(kSub, 0, row.portPolicy);
+        Frame frame = Frame().vlan(100).padr().hostUniq();
+        if (row.received) {
+            frame.vendor(9, "subscriber");
+        }
+        Relay(frame.eol().bytes(), kSub);
+        const auto out = TakeAll();
+        const std::string why = "global " + std::to_string(row.globalPolicy) + " port " +
+                                std::to_string(row.portPolicy) + (row.received ? " with tag" : "");
+        ASSERT_EQ(out.size(), 1U) << why;
+        const auto f = pplus_test::Parse(out[0].frame);
+        if (row.expectCid == nullptr) {
+            EXPECT_EQ(f->find(0x0105), nullptr) << why;
+        } else {
+            EXPECT_EQ(f->subOption(1), row.expectCid) << why;
+        }
+        EXPECT_EQ(f->tags.front().type, 0x0103) << why;
+        EXPECT_EQ(f->tags.back().type, 0x0000) << why;
+    }
+}
+
+TEST_F(PktTest, TagIsLeftOutWhenTheFrameWouldReach1500Bytes)
+{
+    Port(kUpA, 1);
+    const uint32_t added = static_cast<uint32_t>(4 + OwnTag(kSubCid).size() + 4);  // tag and End-Of-List
+    for (const uint32_t total : {1499U, 1500U}) {
+        const Bytes frame = Frame().vlan(100).padi().hostUniq(std::string(total - added - 28, 'u')).bytes();
+        ASSERT_EQ(frame.size() + added, total);
+        Relay(frame, kSub);
+        const auto out = TakeAll();
+        ASSERT_EQ(out.size(), 1U);
+        EXPECT_EQ(out[0].frame.size(), total == 1499 ? total : frame.size());
+    }
+}
+
+TEST_F(PktTest, InsertionWithoutRoomBehindTheDataChangesNothing)
+{
+    PortCB *sub = Port(kSub);
+    View v(Frame().vlan(100).padi().bytes());
+    const Bytes before = v.bytes;
+    auto *hdr = reinterpret_cast<PppoeDiscHdr *>(v.bytes.data() + 18);
+    const uint32_t mem = PLAT_MemOutstanding();
+    EXPECT_EQ(PPPOE_PLUS_AddAgentInfo(&v.mbuf, hdr, sub, 0), 0U);
+    EXPECT_EQ(v.bytes, before);
+    EXPECT_EQ(v.mbuf.dataLen, before.size());
+    EXPECT_EQ(PLAT_MemOutstanding(), mem);
+}
+
+TEST_F(PktTest, ServerRepliesNeedATrustedPortAndLoseOnlyOurExactTag)
+{
+    Port(kUpA, 0);
+    Relay(Frame().vlan(100).pado().bytes(), kUpA, kSub);
+    EXPECT_EQ(Count(kUpA, PPPOE_PLUS_CODE_PADO, PPPOE_PLUS_STAT_DISCARD), 1U);
+    EXPECT_TRUE(TakeAll().empty());
+
+    Port(kUpA, 1);
+    Relay(Frame().vlan(100).pads().bytes(), kUpA, kNone);  // no egress
+    Relay(Frame().vlan(100).pads().bytes(), kUpA, 77);     // egress without a control block
+    EXPECT_EQ(Count(kUpA, PPPOE_PLUS_CODE_PADS, PPPOE_PLUS_STAT_DISCARD), 2U);
+    EXPECT_TRUE(TakeAll().empty());
+
+    std::string offByOne = kRid;
+    offByOne.back() = '4';
+    struct Row {
+        uint8_t egressPolicy;
+        Bytes tag;
+        bool stripped;
+    };
+    const Row rows[] = {
+        {1, OwnTag(kSubCid), true},
+        {3, OwnTag(kSubCid), true},
+        {2, OwnTag(kSubCid), false},
+        {1, Frame::VendorValue(PPPOE_PLUS_DEFAULT_VENDOR_ID, kSubCid, offByOne), false},
+        {1, OwnTag("eth 0/0/1:101.0 TestSwitch/0/0/0/0/0"), false},
+    };
+    for (const Row &row : rows) {
+        Port(kSub, 0, row.egressPolicy);
+        Relay(Frame().vlan(100).pado().tag(0x0105, row.tag).eol().bytes(), kUpA, kSub);
+        const auto out = TakeAll();
+        ASSERT_EQ(out.size(), 1U);
+        EXPECT_EQ(out[0].head.egrIfindex, kSub);
+        const auto f = pplus_test::Parse(out[0].frame);
+        EXPECT_EQ(f->find(0x0105) == nullptr, row.stripped);
+        EXPECT_EQ(size_t{f->pppoeLength}, row.stripped ? 4U : 8U + row.tag.size());
+    }
+}
+
+TEST_F(PktTest, PadiFloodsEveryTrustedUplinkWhilePadrFollowsTheNamedOne)
+{
+    for (uint32_t up : {kUpA, kUpB, kUpC}) {
+        Port(up, 1);
+    }
+    struct Row {
+        uint8_t code;
+        uint32_t egr;
+        std::vector<uint32_t> to;
+    };
+    const Row rows[] = {
+        {PPPOE_PLUS_CODE_PADI, kUpB, {kUpA, kUpB, kUpC}},
+        {PPPOE_PLUS_CODE_PADR, kUpB, {kUpB}},
+        {PPPOE_PLUS_CODE_PADR, kNone, {kUpA, kUpB, kUpC}},
+        {PPPOE_PLUS_CODE_PADR, kSub, {}},  // named egress is no trusted uplink: dropped uncounted
+    };
+    for (const Row &row : rows) {
+        (void)PPPOE_PLUS_ResetStatistics();
+        Relay(Frame().vlan(100).code(row.code).bytes(), kSub, row.egr);
+        std::vector<uint32_t> to;
+        for (const Sent &s : TakeAll()) {
+            to.push_back(s.head.egrIfindex);
+            EXPECT_EQ(s.head.msgType, 133U);
+            EXPECT_EQ(s.head.igrIfindex, 0U);
+        }
+        EXPECT_EQ(to, row.to) << "code " << int{row.code} << " egress " << row.egr;
+        for (uint32_t up : {kUpA, kUpB, kUpC}) {
+            const bool sent = std::find(row.to.begin(), row.to.end(), up) != row.to.end();
+            EXPECT_EQ(Count(up, row.code, PPPOE_PLUS_STAT_SEND), sent ? 1U : 0U);
+        }
+        EXPECT_EQ(Count(kSub, row.code, PPPOE_PLUS_STAT_RECV), 1U);
+        EXPECT_EQ(Count(kSub, row.code, PPPOE_PLUS_STAT_DISCARD), 0U);
+    }
+    // A single trusted uplink takes a PADR whatever egress was named.
+    Port(kUpB, 0);
+    Port(kUpC, 0);
+    Relay(Frame().vlan(100).padr().bytes(), kSub, kUpB);
+    const auto out = TakeAll();
+    ASSERT_EQ(out.size(), 1U);
+    EXPECT_EQ(out[0].head.egrIfindex, kUpA);
+}
+
+TEST_F(PktTest, SharedIsolationGroupDropsBelowId65Only)
+{
+    Port(kUpA, 1);
+    for (const uint32_t group : {7U, 70U}) {
+        plat::world::port_isolate_put({kSub, group});
+        plat::world::port_isolate_put({kUpA, group});
+        (void)PPPOE_PLUS_ResetStatistics();
+        const Bytes frame = Frame().vlan(100).padt().bytes();
+        FpcMbuf *mbuf = Mbuf(frame);
+        const DpxPktHead head = {0, kUpA, kSub};
+        const auto *hdr = reinterpret_cast<const PppoeDiscHdr *>(mbuf->pData + mbuf->dataOff + 18);
+        EXPECT_EQ(PPPOE_PLUS_SendPktToIf(mbuf, hdr, &head), 0U) << group;
+        EXPECT_EQ(TakeAll().size(), group == 7 ? 0U : 1U) << group;
+        EXPECT_EQ(Count(kSub, PPPOE_PLUS_CODE_PADT, PPPOE_PLUS_STAT_DISCARD), group == 7 ? 1U : 0U) << group;
+        EXPECT_EQ(Count(kUpA, PPPOE_PLUS_CODE_PADT, PPPOE_PLUS_STAT_SEND), group == 7 ? 0U : 1U) << group;
+        plat::world::port_isolate_remove({kSub, group});
+        plat::world::port_isolate_remove({kUpA, group});
+    }
+}
+
+TEST_F(PktTest, SendChannelIsLookedUpOnceAndRetriedAfterAFailure)
+{
+    Port(kUpA);
+    const Bytes padt = Frame().vlan(100).padt().bytes();
+    PLAT_CallCountReset();
+    PLAT_FailSet("FPC_ChannelGetIdByName", 0, 1, 1);
+    Relay(padt, kSub, kUpA);
+    EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOE_PKT] Send pkt get pppoeplus2dpx channel failed."));
+    EXPECT_EQ(g_ppplus2DpxChnId.load(), FPC_INVALID_ID);
+    for (int i = 0; i < 3; i++) {
+        Relay(padt, kSub, kUpA);
+    }
+    EXPECT_EQ(PLAT_CallCount("FPC_ChannelGetIdByName"), 2U);
+    EXPECT_EQ(g_ppplus2DpxChnId.load(), FPC_ChannelGetIdByName(kTx));
+    EXPECT_EQ(TakeAll().size(), 3U);
+    EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOE_PKT]  Send pkt to dpx sucesss."));
+
+    // A failed send or head stays counted as sent; a failed head also as a discard.
+    PLAT_FailSet("FPC_ChannelDcSendByIdNoSem", 0, 1, 1);
+    Relay(padt, kSub, kUpA);
+    EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOE_PKT]  Send pkt to dpx failed."));
+    PLAT_FailSet("MbufPktAddHead", 0, 1, 1);
+    Relay(padt, kSub, kUpA);
+    EXPECT_TRUE(TakeAll().empty());
+    EXPECT_EQ(Count(kUpA, PPPOE_PLUS_CODE_PADT, PPPOE_PLUS_STAT_SEND), 6U);
+    EXPECT_EQ(Count(kSub, PPPOE_PLUS_CODE_PADT, PPPOE_PLUS_STAT_DISCARD), 1U);
+}
+
+TEST_F(PktTest, ResetClearsEveryCounterOfEveryPort)
+{
+    Port(kUpA, 1);
+    Relay(Frame().vlan(100).padi().bytes(), kSub);
+    Relay(Frame().vlan(100).pado().bytes(), kUpA, kSub);
+    Relay(Frame().vlan(100).padt().verType(0x21).bytes(), kSub);
+    (void)TakeAll();
+    EXPECT_EQ(Count(kUpA, PPPOE_PLUS_CODE_PADI, PPPOE_PLUS_STAT_SEND), 1U);
+    EXPECT_EQ(Count(kSub, PPPOE_PLUS_CODE_PADT, PPPOE_PLUS_STAT_DISCARD), 1U);
+    EXPECT_EQ(PPPOE_PLUS_ResetStatistics(), 0U);
+    for (uint32_t port : {kSub, kUpA}) {
+        for (const auto &counter : PPPOE_PLUS_FindPortCBByindex(port)->stats) {
+            EXPECT_EQ(counter.load(), 0U) << port;
+        }
+    }
+}
+
+// The whole module through its entry points: frames written by the
+// forwarding plane are relayed by the main task.
+TEST(RelayThroughTheModule, MainTaskRelaysWhatTheForwardingPlanePunts)
+{
+    pplus_test::UseReadyWorld();
+    g_pplusHaRole = PPPOE_PLUS_HA_ROLE_MASTER;
+    BuildWorld();
+    ASSERT_NE(FPC_ChannelCreate(kTx, 1024), FPC_INVALID_ID);
+    EXPECT_EQ(PPPOE_PLUS_PreFrameInit(), 0U);
+    ASSERT_EQ(PPPOE_PLUS_FrameInit(), 0U);
+    // The defaults are set last: configure only after them.
+    ASSERT_TRUE(pplus_test::WaitFor([]() { return LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_FRAME] InitData finish."); }));
+    ASSERT_NE(PLAT_TaskWaitUntilWaiting("PPPoE_Plus_Main", "FPC_EventRead", 5000), 0U);
+    g_pppoePlusGlobalInfo.enable = 1;
+    PortCB *up = nullptr;
+    ASSERT_EQ(PPPOE_PLUS_GetPortCBByIndex(kUpA, &up), 0U);
+    up->trust = 1;
+
+    for (const Bytes &frame : {Frame().vlan(100).padi().serviceName().bytes(), Frame().vlan(100).padt().bytes()}) {
+        const Bytes msg = pplus_test::WithDpxHead(frame, kUpA, kSub);
+        ASSERT_EQ(WICK_ChannelPut(kRx, msg.data(), static_cast<uint32_t>(msg.size())), 0U);
+    }
+    Bytes buf(2048);
+    uint32_t len = 0;
+    ASSERT_EQ(WICK_ChannelTake(kTx, buf.data(), static_cast<uint32_t>(buf.size()), &len, 5000), 0U);
+    DpxPktHead head = {};
+    std::memcpy(&head, buf.data(), sizeof(head));
+    EXPECT_EQ(head.msgType, 133U);
+    EXPECT_EQ(head.egrIfindex, kUpA);
+    EXPECT_EQ(head.igrIfindex, 0U);
+    const auto padi = pplus_test::Parse(Bytes(buf.begin() + 12, buf.begin() + len));
+    ASSERT_TRUE(padi.has_value());
+    EXPECT_EQ(padi->subOption(1), kSubCid);
+    EXPECT_EQ(padi->subOption(2), kRid);
+    ASSERT_EQ(WICK_ChannelTake(kTx, buf.data(), static_cast<uint32_t>(buf.size()), &len, 5000), 0U);
+    EXPECT_EQ(pplus_test::Parse(Bytes(buf.begin() + 12, buf.begin() + len))->code, PPPOE_PLUS_CODE_PADT);
+    EXPECT_TRUE(pplus_test::WaitFor([]() { return WICK_MbufOutstanding() == 0; }));
+    EXPECT_EQ(PPPOE_PLUS_GetPktStatisticNum(up, PPPOE_PLUS_CODE_PADI, PPPOE_PLUS_STAT_SEND), 1U);
+    EXPECT_EQ(PPPOE_PLUS_MainExit(), 0U);
+}
