@@ -63,7 +63,7 @@ public:
     // Resolves the ports, reads every input, opens the captures and starts
     // the plane; false and a message when anything is wrong.
     bool Open(const PortOptions &opts, std::string *error);
-    bool HasInputs() const { return replay_.Size() != 0 || hasInputs_; }
+    bool HasInputs() const { return hasInputs_; }
     // Replays the inputs into their ports, each frame once the previous one
     // has been handled, then waits until the plane and the agent are idle.
     // false when they did not become idle in time.
