@@ -24,6 +24,7 @@
 #include "plat_control.h"
 #include "plat_fwm.hpp"
 #include "plat_world.hpp"
+#include "ports.hpp"
 #include "wick.h"
 
 namespace {
@@ -154,6 +155,8 @@ int main(int argc, char **argv)
     app.add_option("--time-scale", opts.timeScale,
                    "Platform delays run at this many thousandths of real time (1000: real time)")
         ->check(CLI::Range(1U, 1000000U));
+    host::PortOptions portOpts;
+    host::AddPortOptions(app, portOpts);
     CLI11_PARSE(app, argc, argv);
     PLAT_SetTimeScale(opts.timeScale);
 
@@ -171,11 +174,22 @@ int main(int argc, char **argv)
         std::error_code ec;
         opts.topologyFile = std::filesystem::absolute(opts.topologyFile, ec).string();
     }
+    host::MakePathsAbsolute(portOpts);
     if (!ChangeToOwnFolder()) {
         Say("cannot change to the host's own folder");
         return 1;
     }
     if (!SetUpWorld(opts)) {
+        return 1;
+    }
+    // Ports and agent settings are checked before the agent starts.
+    host::HostPorts ports;
+    host::AgentConfig agentConfig;
+    std::string portError;
+    const bool haveConfig = !portOpts.configFile.empty() || !portOpts.inputs.empty();
+    if (!ports.Open(portOpts, &portError) ||
+        (haveConfig && !host::LoadAgentConfig(portOpts.configFile, &agentConfig, &portError))) {
+        std::fprintf(stderr, "pppoe-plus-switch: %s\n", portError.c_str());
         return 1;
     }
     std::thread devmBoot;
@@ -232,8 +246,24 @@ int main(int argc, char **argv)
         _exit(1);
     }
     Say("agent ready: task PPPoE_Plus_Init serves its event loop, task PPPoE_Plus_Main waits on channel/dpx2ppplus");
+    if (haveConfig) {
+        if (!host::ApplyAgentConfig(module, agentConfig, &portError)) {
+            std::fprintf(stderr, "pppoe-plus-switch: %s\n", portError.c_str());
+            std::fflush(stderr);
+            _exit(1);
+        }
+        Say("agent settings applied");
+    }
+    if (ports.HasInputs()) {
+        if (!ports.Replay()) {
+            Say("the forwarding plane did not become idle after the replay");
+        }
+        ports.PrintSummary();
+    }
 
-    if (opts.runForSec == 0) {
+    if (ports.HasInputs() && opts.runForSec == 0) {
+        // Replayed: done.
+    } else if (opts.runForSec == 0) {
         int sig = 0;
         sigwait(&stopSignals, &sig);
         std::printf("pppoe-plus-switch: %s received, stopping\n", sig == SIGINT ? "SIGINT" : "SIGTERM");
@@ -242,6 +272,7 @@ int main(int argc, char **argv)
         const int sig = sigtimedwait(&stopSignals, nullptr, &wait);
         std::printf("pppoe-plus-switch: %s, stopping\n", sig > 0 ? "signal received" : "run time over");
     }
+    ports.Close();
     const uint32_t exitRet = mainExit();
     std::printf("pppoe-plus-switch: agent exit returned %u\n", exitRet);
     PLAT_LogWrite(PLAT_LOG_PLATFORM, "[fwm] state: %s", plat::fwm::describe(plat::fwm::state()).c_str());

@@ -38,6 +38,12 @@ void stop();
 bool running();
 
 State state();
+// Whether the feature's punt ACLs are installed: a lock-free read for the
+// forwarding plane's per-frame decision.
+bool feature_enabled();
+// Applies a request as if a client had sent it over the session: the same
+// state change, counting and observer call (tests, host controls).
+void apply(const Request &request);
 uint32_t request_count(RequestKind kind);
 // The most recent requests, oldest first (at most 64).
 std::vector<Request> last_requests();

@@ -4,6 +4,7 @@
 // punt ACLs on or off, ignore-reply, the set of trusted ports. Requests are
 // counted per kind and the last 64 are kept.
 #include <array>
+#include <atomic>
 #include <cstring>
 #include <deque>
 #include <mutex>
@@ -26,6 +27,7 @@ struct Fwm {
     std::array<uint32_t, kRequestKinds> counts{};
     std::deque<Request> last;
     Observer observer;
+    std::atomic<bool> enabled{false};   // mirrors state.enabled for readers per frame
 };
 
 Fwm &TheFwm()
@@ -46,15 +48,10 @@ void Notify(const Request *request, const std::string &client)
     }
 }
 
-uint32_t Handle(tirn::Method method, const void *bytes, uint32_t len)
+void Apply(Request request)
 {
-    Request request;
-    request.kind = static_cast<RequestKind>(method);
-    std::array<uint32_t, 2> fields{0, 0xFFFFFFFFU};
-    std::memcpy(fields.data(), bytes, len < sizeof(fields) ? len : sizeof(fields));
-    request.enable = fields[0];
-    if (request.kind == RequestKind::TrustPortCfg) {
-        request.ifIndex = fields[1];
+    if (request.kind != RequestKind::TrustPortCfg) {
+        request.ifIndex = 0xFFFFFFFFU;
     }
     {
         Fwm &fwm = TheFwm();
@@ -62,6 +59,7 @@ uint32_t Handle(tirn::Method method, const void *bytes, uint32_t len)
         switch (request.kind) {
             case RequestKind::GlobalCfg:
                 fwm.state.enabled = request.enable != 0;
+                fwm.enabled.store(fwm.state.enabled, std::memory_order_relaxed);
                 break;
             case RequestKind::IgnoreReplyCfg:
                 fwm.state.ignoreReply = request.enable != 0;
@@ -81,6 +79,17 @@ uint32_t Handle(tirn::Method method, const void *bytes, uint32_t len)
         }
     }
     Notify(&request, "");
+}
+
+uint32_t Handle(tirn::Method method, const void *bytes, uint32_t len)
+{
+    Request request;
+    request.kind = static_cast<RequestKind>(method);
+    std::array<uint32_t, 2> fields{0, 0xFFFFFFFFU};
+    std::memcpy(fields.data(), bytes, len < sizeof(fields) ? len : sizeof(fields));
+    request.enable = fields[0];
+    request.ifIndex = fields[1];
+    Apply(request);
     return 0;
 }
 
@@ -105,6 +114,7 @@ bool start()
             return false;
         }
         fwm.state = State{};
+        fwm.enabled.store(false, std::memory_order_relaxed);
         fwm.counts = {};
         fwm.last.clear();
     }
@@ -142,6 +152,16 @@ State state()
     Fwm &fwm = TheFwm();
     std::lock_guard lock(fwm.mu);
     return fwm.state;
+}
+
+bool feature_enabled()
+{
+    return TheFwm().enabled.load(std::memory_order_relaxed);
+}
+
+void apply(const Request &request)
+{
+    Apply(request);
 }
 
 uint32_t request_count(RequestKind kind)

@@ -1,0 +1,216 @@
+// The forwarding plane of the software switch (libfplane.so): ports of the
+// world model carry Ethernet frames; frames are classified into VLANs,
+// source MACs are learnt, PPPoE discovery frames are punted to the agent
+// over "channel/dpx2ppplus" while the forwarding manager has the feature on,
+// and what the agent writes to "channel/ppplus2dpx" leaves through the port
+// its head names. Everything else is switched within its VLAN.
+//
+// Port model (read from plat::world on every frame, so on-board changes and
+// VLAN edits take effect at once):
+//  - Physical ports carry frames. A trunk's own interface (lagId set) is
+//    reached through its on-board members: the member with the lowest
+//    ifIndex sends. A member port takes its VLAN mode, PVID and membership
+//    from its trunk's interface.
+//  - Access port: an untagged frame enters in the PVID; a tagged frame only
+//    with VID == PVID (anything else is dropped); frames leave untagged.
+//  - Trunk port: tagged frames of member VLANs enter, untagged frames are
+//    dropped; frames leave tagged, as they are.
+//  - Inside the plane every frame carries its VLAN as the outer tag; this is
+//    also the form the agent receives.
+//
+// Frames reach the world through a PortBackend: in memory (tests) or pcap
+// files (the host's replay and capture).
+#pragma once
+
+#include <pcap/pcap.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace plat::fplane {
+
+inline constexpr const char *kPuntChannel = "channel/dpx2ppplus";
+inline constexpr const char *kSendChannel = "channel/ppplus2dpx";
+inline constexpr uint32_t kPuntMsgType = 0;
+inline constexpr uint32_t kSendMsgType = 133;
+inline constexpr uint32_t kNoPort = 0xFFFFFFFFU;
+
+// The head in front of every frame exchanged with the agent; three 32-bit
+// words in host byte order.
+struct DpxPktHead {
+    uint32_t msgType = 0;
+    uint32_t egrIfindex = kNoPort;
+    uint32_t igrIfindex = 0;
+};
+static_assert(sizeof(DpxPktHead) == 12);
+
+using Frame = std::vector<uint8_t>;
+using Mac = std::array<uint8_t, 6>;
+
+struct PortCounters {
+    uint64_t rx = 0;       // frames that entered the port
+    uint64_t tx = 0;       // frames that left it
+    uint64_t punted = 0;   // entered and went to the agent
+    uint64_t dropped = 0;  // entered and went nowhere, or could not leave through it
+};
+
+struct MacEntry {
+    uint16_t vlan = 0;
+    Mac mac{};
+    uint32_t ifIndex = kNoPort;   // the physical port the MAC was seen on
+};
+
+// Where frames leave the plane. Transmit is called from the injecting thread
+// and from the plane's transmit thread, so implementations lock.
+class PortBackend {
+public:
+    virtual ~PortBackend() = default;
+    virtual void Transmit(uint32_t ifIndex, std::span<const uint8_t> frame) = 0;
+};
+
+// The ifIndex of a port given by interface name or by ifIndex in decimal;
+// nullopt when the world has no such interface.
+std::optional<uint32_t> ResolvePort(const std::string &nameOrIndex);
+// The interface name of an ifIndex ("" when unknown).
+std::string PortName(uint32_t ifIndex);
+
+class ForwardingPlane {
+public:
+    // Starts the transmit thread, which serves "channel/ppplus2dpx" until
+    // the plane is destroyed.
+    explicit ForwardingPlane(PortBackend &backend);
+    ~ForwardingPlane();
+    ForwardingPlane(const ForwardingPlane &) = delete;
+    ForwardingPlane &operator=(const ForwardingPlane &) = delete;
+
+    // A frame enters port ifIndex.
+    void Receive(uint32_t ifIndex, std::span<const uint8_t> frame);
+
+    PortCounters Counters(uint32_t ifIndex) const;
+    std::map<uint32_t, PortCounters> AllCounters() const;
+    std::vector<MacEntry> MacTable() const;
+    // The learnt port of mac in vlan.
+    std::optional<uint32_t> Lookup(uint16_t vlan, const Mac &mac) const;
+
+    // Waits until both channels are empty and neither the plane nor the
+    // transmit thread has handled a frame for quiet; false when that did not
+    // happen within timeout.
+    bool WaitIdle(std::chrono::milliseconds quiet, std::chrono::milliseconds timeout) const;
+
+private:
+    struct PortView;
+    void Egress(uint32_t ifIndex, const Frame &tagged, const PortView &view);
+    void TransmitLoop();
+    void Count(uint32_t ifIndex, uint64_t PortCounters::*field);
+
+    PortBackend &backend_;
+    mutable std::mutex mu_;
+    std::map<uint32_t, PortCounters> counters_;
+    std::map<std::pair<uint16_t, Mac>, uint32_t> macs_;
+    std::atomic<uint64_t> activity_{0};
+    std::atomic<uint32_t> busy_{0};
+    std::atomic<bool> stop_{false};
+    std::thread transmitter_;
+};
+
+// ---- In-memory ports (tests) ----
+class MemoryPorts : public PortBackend {
+public:
+    void Transmit(uint32_t ifIndex, std::span<const uint8_t> frame) override;
+    // The oldest frame that left port ifIndex, waiting up to timeout.
+    std::optional<Frame> Take(uint32_t ifIndex, std::chrono::milliseconds timeout);
+    // Frames that left port ifIndex and were not taken yet.
+    size_t Pending(uint32_t ifIndex) const;
+
+private:
+    mutable std::mutex mu_;
+    std::condition_variable cv_;
+    std::map<uint32_t, std::deque<Frame>> out_;
+};
+
+// ---- pcap files ----
+
+// One frame read from a file bound to a port.
+struct ReplayFrame {
+    uint32_t ifIndex = kNoPort;
+    timeval ts{};
+    Frame bytes;
+};
+
+// Reads several pcap files (DLT_EN10MB), each bound to a port, and hands
+// their frames on merged in timestamp order; frames of equal time keep the
+// order of the files as added, then their order in the file.
+class PcapReplay {
+public:
+    // Reads the whole file; false and a message naming the file in *error
+    // when it cannot be read or is not Ethernet.
+    bool Add(uint32_t ifIndex, const std::string &path, std::string *error);
+    size_t Size() const { return frames_.size(); }
+    // The merged frames, in the order Run delivers them.
+    std::vector<ReplayFrame> Merged() const;
+    // Calls deliver with each frame in merged order.
+    void Run(const std::function<void(const ReplayFrame &)> &deliver) const;
+
+private:
+    struct Entry {
+        ReplayFrame frame;
+        size_t file = 0;
+        size_t index = 0;
+    };
+    std::vector<Entry> frames_;
+    size_t files_ = 0;
+};
+
+// Writes what leaves ports into pcap files (DLT_EN10MB): a file bound to a
+// port, and, with a capture folder, "<port-name>.pcap" for every other port
+// that transmits anything (opened at its first frame).
+class PcapCapture : public PortBackend {
+public:
+    PcapCapture() = default;
+    ~PcapCapture() override;
+    PcapCapture(const PcapCapture &) = delete;
+    PcapCapture &operator=(const PcapCapture &) = delete;
+
+    // Opens path for port ifIndex now; false and a message in *error when it
+    // cannot be created.
+    bool Bind(uint32_t ifIndex, const std::string &path, std::string *error);
+    // Captures every port without a bound file into folder (which must exist).
+    bool SetFolder(const std::string &folder, std::string *error);
+    void Transmit(uint32_t ifIndex, std::span<const uint8_t> frame) override;
+    // Flushes and closes every file; later frames are not written.
+    void Close();
+    // Files written so far, per port, and the frames written to each.
+    std::map<uint32_t, std::pair<std::string, uint64_t>> Files() const;
+    // Errors met while opening a folder file at a port's first frame.
+    std::vector<std::string> Errors() const;
+
+private:
+    struct Sink {
+        std::string path;
+        pcap_t *dead = nullptr;
+        pcap_dumper_t *dumper = nullptr;
+        uint64_t frames = 0;
+    };
+    bool Open(uint32_t ifIndex, const std::string &path, std::string *error);
+
+    mutable std::mutex mu_;
+    std::map<uint32_t, Sink> sinks_;
+    std::string folder_;
+    std::vector<std::string> errors_;
+    bool closed_ = false;
+};
+
+}  // namespace plat::fplane

@@ -1,0 +1,185 @@
+// The host replaying the sample captures into its ports: it applies the
+// agent's settings, replays, prints a per-port summary, writes what left
+// the ports and exits 0; bad ports, files and settings are refused by name.
+#include <gtest/gtest.h>
+#include <pcap/pcap.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kExamples = PPLUS_SOURCE_DIR "/examples";
+
+struct HostRun {
+    int status = -1;
+    std::string output;
+};
+
+// Runs the host to its end (at most timeoutMs) and collects its output.
+HostRun RunHost(std::vector<std::string> args, int timeoutMs = 60000)
+{
+    HostRun run;
+    int fds[2];
+    if (pipe(fds) != 0) {
+        return run;
+    }
+    const pid_t pid = fork();
+    if (pid == 0) {
+        dup2(fds[1], STDOUT_FILENO);
+        dup2(fds[1], STDERR_FILENO);
+        close(fds[0]);
+        close(fds[1]);
+        static std::string exe = PPLUS_BUILD_DIR "/bin/pppoe-plus-switch";
+        std::vector<char *> argv{exe.data()};
+        for (auto &a : args) {
+            argv.push_back(a.data());
+        }
+        argv.push_back(nullptr);
+        execv(exe.c_str(), argv.data());
+        _exit(127);
+    }
+    close(fds[1]);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd p{fds[0], POLLIN, 0};
+        if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) {
+            kill(pid, SIGKILL);
+            break;
+        }
+        char buf[4096];
+        const ssize_t n = read(fds[0], buf, sizeof(buf));
+        if (n <= 0) {
+            break;
+        }
+        run.output.append(buf, static_cast<size_t>(n));
+    }
+    close(fds[0]);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return run;
+}
+
+// Frames in a capture file; -1 when it cannot be read as Ethernet.
+int FramesIn(const std::string &path)
+{
+    char err[PCAP_ERRBUF_SIZE];
+    pcap_t *p = pcap_open_offline(path.c_str(), err);
+    if (p == nullptr) {
+        return -1;
+    }
+    int n = pcap_datalink(p) == DLT_EN10MB ? 0 : -1;
+    pcap_pkthdr *h = nullptr;
+    const u_char *d = nullptr;
+    while (n >= 0 && pcap_next_ex(p, &h, &d) == 1) {
+        n++;
+    }
+    pcap_close(p);
+    return n;
+}
+
+class Replay : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        dir_ = fs::temp_directory_path() / ("pplus-replay-" + std::to_string(getpid()));
+        fs::remove_all(dir_);
+        fs::create_directories(dir_ / "captures");
+    }
+    void TearDown() override { fs::remove_all(dir_); }
+
+    std::vector<std::string> Args(const std::vector<std::string> &more) const
+    {
+        std::vector<std::string> args{"--topology",
+                                      kExamples + "/topology.yaml",
+                                      "--in",
+                                      "GigabitEthernet0/0/1=" + kExamples + "/captures/subscribers.pcap",
+                                      "--in",
+                                      "7=" + kExamples + "/captures/subscribers-port3.pcap",
+                                      "--in",
+                                      "XGigabitEthernet0/0/1=" + kExamples + "/captures/servers.pcap",
+                                      "--out",
+                                      "XGigabitEthernet0/0/1=" + (dir_ / "uplink.pcap").string(),
+                                      "--capture-dir",
+                                      (dir_ / "captures").string()};
+        args.insert(args.end(), more.begin(), more.end());
+        return args;
+    }
+
+    std::string WriteConfig(const std::string &text, const std::string &name = "settings.yaml") const
+    {
+        const std::string path = (dir_ / name).string();
+        std::ofstream(path) << text;
+        return path;
+    }
+
+    fs::path dir_;
+};
+
+TEST_F(Replay, FeatureOffSwitchesTheSampleCapturesAndWritesWhatLeftEachPort)
+{
+    const HostRun run = RunHost(Args({"--config", WriteConfig("enable: false\ntrusted-ports: [XGigabitEthernet0/0/1]\n")}));
+    ASSERT_EQ(run.status, 0) << run.output;
+    EXPECT_NE(run.output.find("agent settings applied"), std::string::npos) << run.output;
+    EXPECT_NE(run.output.find("port GigabitEthernet0/0/1 (5): rx 2 tx 2 punted 0 dropped 0"), std::string::npos)
+        << run.output;
+    EXPECT_NE(run.output.find("port XGigabitEthernet0/0/1 (49): rx 3 tx 3 punted 0 dropped 0"), std::string::npos)
+        << run.output;
+    EXPECT_NE(run.output.find("fwm: feature off"), std::string::npos) << run.output;
+    // Both PADIs flood to the uplink, the PADR goes to the learnt server.
+    EXPECT_EQ(FramesIn((dir_ / "uplink.pcap").string()), 3);
+    // PADO and PADS reach the first subscriber, a PADO the second.
+    EXPECT_EQ(FramesIn((dir_ / "captures" / "GigabitEthernet0_0_1.pcap").string()), 2);
+    EXPECT_EQ(FramesIn((dir_ / "captures" / "GigabitEthernet0_0_3.pcap").string()), 1);
+}
+
+TEST_F(Replay, BundledSettingsPuntDiscoveryToTheAgentAndTheHostStillExits)
+{
+    const HostRun run = RunHost(Args({}));
+    ASSERT_EQ(run.status, 0) << run.output;
+    EXPECT_NE(run.output.find("[fwm] global-cfg enable 1"), std::string::npos) << run.output;
+    EXPECT_NE(run.output.find("[fwm] trust-port-cfg enable 1 ifIndex 49"), std::string::npos) << run.output;
+    EXPECT_NE(run.output.find("port GigabitEthernet0/0/1 (5): rx 2 tx "), std::string::npos) << run.output;
+    EXPECT_NE(run.output.find("punted 2 dropped 0"), std::string::npos) << run.output;
+    EXPECT_NE(run.output.find("fwm: feature on"), std::string::npos) << run.output;
+    EXPECT_GE(FramesIn((dir_ / "uplink.pcap").string()), 0) << "the bound capture exists";
+}
+
+TEST_F(Replay, BadPortsFilesAndSettingsAreRefusedByName)
+{
+    struct Row {
+        std::vector<std::string> args;
+        std::string message;
+    };
+    const std::string missing = (dir_ / "missing.pcap").string();
+    const std::vector<Row> rows{
+        {{"--in", "GigabitEthernet9/9/9=" + missing}, "--in GigabitEthernet9/9/9=" + missing + ": unknown port"},
+        {{"--in", "GigabitEthernet0/0/1"}, "--in GigabitEthernet0/0/1: expected PORT=FILE.pcap"},
+        {{"--in", "5=" + missing}, missing + ": cannot read"},
+        {{"--out", "5=" + (dir_ / "nowhere" / "x.pcap").string()}, "x.pcap: cannot create"},
+        {{"--capture-dir", missing}, missing + ": not a folder"},
+        {{"--config", WriteConfig("enable: true\nturbo: yes\n", "a.yaml")}, "a.yaml:2: turbo: unknown key"},
+        {{"--config", WriteConfig("trusted-ports: [Eth-Trunk9]\n", "b.yaml")}, "unknown port Eth-Trunk9"},
+        {{"--config", WriteConfig("policy: sometimes\n", "c.yaml")}, "policy: expected replace, drop or keep"},
+    };
+    for (const Row &row : rows) {
+        std::vector<std::string> args{"--topology", kExamples + "/topology.yaml"};
+        args.insert(args.end(), row.args.begin(), row.args.end());
+        const HostRun run = RunHost(args, 20000);
+        EXPECT_EQ(run.status, 1) << row.message << "\n" << run.output;
+        EXPECT_NE(run.output.find(row.message), std::string::npos) << row.message << "\n" << run.output;
+        EXPECT_EQ(run.output.find("agent ready"), std::string::npos) << "refused before the agent starts";
+    }
+}
+
+}  // namespace

@@ -1,0 +1,331 @@
+// The forwarding plane: VLAN classification and tagging, MAC learning and
+// flooding, punting of discovery frames to the agent only while the feature
+// is on, and transmission of what the agent sends back. A thread taking from
+// "channel/dpx2ppplus" and putting to "channel/ppplus2dpx" stands in for
+// the agent.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "plat_control.h"
+#include "plat_fplane.hpp"
+#include "plat_fwm.hpp"
+#include "plat_world.hpp"
+#include "pplus_test.hpp"
+#include "pppoe_frame.hpp"
+#include "wick.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using plat::fplane::DpxPktHead;
+using plat::fplane::ForwardingPlane;
+using plat::fplane::MemoryPorts;
+using pplus_test::Bytes;
+using pplus_test::Frame;
+
+// Access ports 5, 6 (VLAN 100), 7 (VLAN 101), 10 (VLAN 100, off board);
+// uplink trunk port 49 (VLANs 100, 101); trunk 100 of members 27, 28
+// (VLAN 100).
+constexpr const char *kTopology = R"(
+system: {name: Lab}
+interfaces:
+  - {name: Sub1, ifindex: 5, pvid: 100}
+  - {name: Sub2, ifindex: 6, pvid: 100}
+  - {name: Sub3, ifindex: 7, pvid: 101}
+  - {name: Sub4, ifindex: 10, pvid: 100, on-board: false}
+  - {name: Up1, ifindex: 49, mode: trunk, vlans: ["100-101"]}
+  - {name: Ring1, ifindex: 27, mode: trunk, vlans: [100]}
+  - {name: Ring2, ifindex: 28, mode: trunk, vlans: [100]}
+trunks:
+  - {name: Trunk1, id: 1, ifindex: 100, members: [Ring1, Ring2], mode: trunk, vlans: [100]}
+)";
+
+constexpr pplus_test::Mac kHostA{0x02, 0, 0, 0, 0, 0x0a};
+constexpr pplus_test::Mac kHostB{0x02, 0, 0, 0, 0, 0x0b};
+
+// A plain IPv4-typed frame between two hosts, optionally tagged.
+Bytes Plain(const pplus_test::Mac &dst, const pplus_test::Mac &src, int vlan = -1)
+{
+    Bytes b(dst.begin(), dst.end());
+    b.insert(b.end(), src.begin(), src.end());
+    if (vlan >= 0) {
+        pplus_test::PutU16(b, 0x8100);
+        pplus_test::PutU16(b, static_cast<uint16_t>(vlan));
+    }
+    pplus_test::PutU16(b, 0x0800);
+    b.resize(b.size() + 46, 0x5a);
+    return b;
+}
+
+std::vector<uint16_t> Vlans(const Bytes &frame)
+{
+    std::vector<uint16_t> v;
+    for (size_t off = 12; off + 4 <= frame.size() && pplus_test::GetU16(frame, off) == 0x8100; off += 4) {
+        v.push_back(pplus_test::GetU16(frame, off + 2));
+    }
+    return v;
+}
+
+struct Punt {
+    DpxPktHead head;
+    Bytes frame;
+};
+
+class PlaneTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        WICK_Reset();
+        std::string error;
+        const auto topology = plat::load_topology_text(kTopology, &error);
+        ASSERT_TRUE(topology) << error;
+        plat::world::apply_topology(*topology);
+        SetFeature(false);
+        plane_ = std::make_unique<ForwardingPlane>(ports_);
+    }
+    void TearDown() override
+    {
+        plane_.reset();
+        WICK_Reset();
+    }
+
+    static void SetFeature(bool on) { plat::fwm::apply({plat::fwm::RequestKind::GlobalCfg, on ? 1U : 0U, 0}); }
+
+    static std::optional<Punt> TakePunt(uint32_t waitMs = 1000)
+    {
+        std::vector<uint8_t> buf(4096);
+        uint32_t len = 0;
+        if (WICK_ChannelTake(plat::fplane::kPuntChannel, buf.data(), static_cast<uint32_t>(buf.size()), &len,
+                             waitMs) != 0 ||
+            len < sizeof(DpxPktHead)) {
+            return std::nullopt;
+        }
+        Punt p;
+        std::memcpy(&p.head, buf.data(), sizeof(p.head));
+        p.frame.assign(buf.begin() + sizeof(DpxPktHead), buf.begin() + len);
+        return p;
+    }
+
+    // What the agent writes back: {133, egress, 0} and the frame.
+    static void SendFromAgent(uint32_t egress, const Bytes &frame, uint32_t msgType = 133)
+    {
+        const Bytes msg = pplus_test::WithDpxHead(frame, egress, 0, msgType);
+        ASSERT_EQ(WICK_ChannelPut(plat::fplane::kSendChannel, msg.data(), static_cast<uint32_t>(msg.size())), 0U);
+    }
+
+    bool Idle() { return plane_->WaitIdle(20ms, 2000ms); }
+
+    MemoryPorts ports_;
+    std::unique_ptr<ForwardingPlane> plane_;
+};
+
+TEST_F(PlaneTest, IngressClassifiesByPortModeAndVlanMembership)
+{
+    struct Row {
+        const char *why;
+        uint32_t port;
+        int vlan;            // -1: untagged
+        bool accepted;
+        uint16_t learntVlan;
+    };
+    const Row rows[] = {
+        {"untagged on an access port enters in its PVID", 5, -1, true, 100},
+        {"tagged with the PVID on an access port enters", 6, 100, true, 100},
+        {"tagged with another VID on an access port is dropped", 5, 101, false, 0},
+        {"tagged in a member VLAN on a trunk port enters", 49, 101, true, 101},
+        {"tagged in a foreign VLAN on a trunk port is dropped", 49, 200, false, 0},
+        {"untagged on a trunk port is dropped", 49, -1, false, 0},
+        {"a trunk member takes the trunk's VLANs", 28, 100, true, 100},
+        {"an off-board port carries nothing", 10, -1, false, 0},
+        {"a trunk's own interface is not a wire", 100, 100, false, 0},
+        {"an unknown port carries nothing", 77, -1, false, 0},
+    };
+    uint8_t host = 0x20;
+    for (const Row &row : rows) {
+        const pplus_test::Mac src{0x02, 0, 0, 0, 0, host++};
+        const auto before = plane_->Counters(row.port);
+        plane_->Receive(row.port, Plain(pplus_test::kBroadcast, src, row.vlan));
+        const auto after = plane_->Counters(row.port);
+        EXPECT_EQ(after.rx, before.rx + 1) << row.why;
+        EXPECT_EQ(after.dropped, before.dropped + (row.accepted ? 0U : 1U)) << row.why;
+        const auto learnt = plane_->Lookup(row.learntVlan, src);
+        EXPECT_EQ(learnt.has_value(), row.accepted) << row.why;
+        if (learnt) {
+            EXPECT_EQ(*learnt, row.port) << row.why;
+        }
+    }
+}
+
+TEST_F(PlaneTest, FloodsWithinTheVlanTaggedOnTrunksUntaggedOnAccessThenSendsToTheLearntPort)
+{
+    // Unknown destination from access port 5 (VLAN 100): every other on-board
+    // member of VLAN 100, once per trunk, never back to 5, never to VLAN 101.
+    plane_->Receive(5, Plain(kHostB, kHostA));
+    ASSERT_TRUE(Idle());
+    const auto toSub2 = ports_.Take(6, 0ms);
+    const auto toUp = ports_.Take(49, 0ms);
+    const auto toRing = ports_.Take(27, 0ms);
+    ASSERT_TRUE(toSub2 && toUp && toRing);
+    EXPECT_TRUE(Vlans(*toSub2).empty()) << "access ports send untagged";
+    EXPECT_EQ(*toSub2, Plain(kHostB, kHostA));
+    EXPECT_EQ(Vlans(*toUp), std::vector<uint16_t>{100}) << "trunk ports send tagged";
+    EXPECT_EQ(*toUp, Plain(kHostB, kHostA, 100));
+    EXPECT_EQ(Vlans(*toRing), std::vector<uint16_t>{100});
+    EXPECT_EQ(ports_.Pending(28), 0U) << "a trunk is flooded through one member only";
+    EXPECT_EQ(ports_.Pending(5), 0U) << "never back out of the ingress port";
+    EXPECT_EQ(ports_.Pending(7), 0U) << "VLAN 101 does not see VLAN 100";
+    EXPECT_EQ(ports_.Pending(10), 0U) << "off-board ports send nothing";
+    EXPECT_EQ(plane_->Counters(6).tx, 1U);
+    EXPECT_EQ(plane_->Counters(27).tx, 1U);
+
+    // B answers from the uplink; A is known by now: only port 5 gets it.
+    plane_->Receive(49, Plain(kHostA, kHostB, 100));
+    ASSERT_TRUE(Idle());
+    const auto reply = ports_.Take(5, 0ms);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(*reply, Plain(kHostA, kHostB));
+    EXPECT_EQ(ports_.Pending(6) + ports_.Pending(27) + ports_.Pending(28), 0U);
+
+    // Same MAC in another VLAN is another entry; a move relearns.
+    plane_->Receive(49, Plain(kHostA, kHostB, 101));
+    plane_->Receive(6, Plain(kHostA, kHostB));
+    EXPECT_EQ(plane_->Lookup(101, kHostB), 49U);
+    EXPECT_EQ(plane_->Lookup(100, kHostB), 6U);
+    EXPECT_EQ(plane_->MacTable().size(), 3U);
+}
+
+TEST_F(PlaneTest, DiscoveryFramesArePuntedOnlyWhileTheFeatureIsOn)
+{
+    const Bytes padi = Frame().src(pplus_test::kSubscriberMac).padi().serviceName().eol().bytes();
+
+    // Off: switched like any frame, nothing reaches the agent.
+    plane_->Receive(5, padi);
+    ASSERT_TRUE(Idle());
+    EXPECT_FALSE(TakePunt(0));
+    EXPECT_TRUE(ports_.Take(49, 0ms));
+    EXPECT_EQ(plane_->Counters(5).punted, 0U);
+
+    // On: punted with the frame tagged in the port's PVID, ingress the
+    // physical port, egress unknown for a broadcast.
+    SetFeature(true);
+    plane_->Receive(5, padi);
+    auto punt = TakePunt();
+    ASSERT_TRUE(punt);
+    EXPECT_EQ(punt->head.msgType, 0U);
+    EXPECT_EQ(punt->head.igrIfindex, 5U);
+    EXPECT_EQ(punt->head.egrIfindex, 0xFFFFFFFFU);
+    EXPECT_EQ(punt->frame, Frame().src(pplus_test::kSubscriberMac).vlan(100).padi().serviceName().eol().bytes());
+    EXPECT_EQ(ports_.Pending(49), 0U) << "a punted frame is not also switched";
+    EXPECT_EQ(plane_->Counters(5).punted, 1U);
+
+    // A reply from the server on trunk member 28 (double tagged, outer TPID
+    // 0x88a8): egress is the learnt subscriber port, ingress the member.
+    const Bytes pado = Frame()
+                           .src(pplus_test::kServerMac)
+                           .dst(pplus_test::kSubscriberMac)
+                           .vlan(100, 0x88a8)
+                           .qinq(7)
+                           .pado()
+                           .eol()
+                           .bytes();
+    plane_->Receive(28, pado);
+    punt = TakePunt();
+    ASSERT_TRUE(punt);
+    EXPECT_EQ(punt->head.igrIfindex, 28U);
+    EXPECT_EQ(punt->head.egrIfindex, 5U);
+    EXPECT_EQ(punt->frame, pado) << "tagged frames are punted as they came";
+
+    // Session frames (0x8864) and other types are never punted.
+    Bytes session = padi;
+    session[13] = 0x64;
+    plane_->Receive(5, session);
+    ASSERT_TRUE(Idle());
+    EXPECT_FALSE(TakePunt(0));
+    EXPECT_TRUE(ports_.Take(49, 0ms));
+
+    // A full channel drops the frame and counts it.
+    PLAT_FailSet("WICK_ChannelPut", 0, 1, 1);
+    plane_->Receive(6, padi);
+    PLAT_FailClearAll();
+    EXPECT_EQ(plane_->Counters(6).dropped, 1U);
+    EXPECT_EQ(plane_->Counters(6).punted, 0U);
+}
+
+TEST_F(PlaneTest, AgentFramesLeaveThroughTheNamedPort)
+{
+    const Bytes tagged = Frame().src(pplus_test::kServerMac).dst(pplus_test::kSubscriberMac).vlan(100).pado().eol().bytes();
+    const Bytes untagged = Frame().src(pplus_test::kServerMac).dst(pplus_test::kSubscriberMac).pado().eol().bytes();
+
+    SendFromAgent(5, tagged);
+    auto out = ports_.Take(5, 2000ms);
+    ASSERT_TRUE(out);
+    EXPECT_EQ(*out, untagged) << "the outer tag is stripped on an access port";
+
+    SendFromAgent(49, tagged);
+    out = ports_.Take(49, 2000ms);
+    ASSERT_TRUE(out);
+    EXPECT_EQ(*out, tagged) << "a trunk port sends the frame as it is";
+
+    SendFromAgent(100, tagged);
+    out = ports_.Take(27, 2000ms);
+    ASSERT_TRUE(out) << "a trunk's interface sends through its first on-board member";
+    EXPECT_EQ(*out, tagged);
+    EXPECT_EQ(plane_->Counters(27).tx, 1U);
+
+    // Member 27 leaves the board: member 28 takes over.
+    auto ring1 = plat::world::if_records();
+    for (auto &r : ring1) {
+        if (r.ifIndex == 27) {
+            r.onBoard = false;
+            plat::world::if_put(r);
+        }
+    }
+    SendFromAgent(100, tagged);
+    EXPECT_TRUE(ports_.Take(28, 2000ms));
+
+    // Nowhere to go: off-board, unknown port, a head that is not a send.
+    SendFromAgent(10, tagged);
+    SendFromAgent(77, tagged);
+    SendFromAgent(6, tagged, 0);
+    ASSERT_TRUE(Idle());
+    EXPECT_EQ(plane_->Counters(10).dropped, 1U);
+    EXPECT_EQ(plane_->Counters(77).dropped, 1U);
+    EXPECT_EQ(plane_->Counters(6).dropped, 1U);
+    EXPECT_EQ(ports_.Pending(10) + ports_.Pending(6), 0U);
+}
+
+TEST_F(PlaneTest, RoundTripThroughAStandInAgentAndPromptStop)
+{
+    // The stand-in relays every punted frame to the uplink, as the agent
+    // does for a PADI.
+    SetFeature(true);
+    std::atomic<bool> stop{false};
+    std::thread agent([&stop]() {
+        while (!stop.load()) {
+            const auto punt = TakePunt(20);
+            if (punt) {
+                SendFromAgent(49, punt->frame);
+            }
+        }
+    });
+    for (int i = 0; i < 50; i++) {
+        plane_->Receive(i % 2 == 0 ? 5 : 7, Frame().padi().eol().bytes());
+    }
+    ASSERT_TRUE(plane_->WaitIdle(50ms, 5000ms));
+    stop.store(true);
+    agent.join();
+    EXPECT_EQ(ports_.Pending(49), 50U);
+    EXPECT_EQ(plane_->Counters(5).punted + plane_->Counters(7).punted, 50U);
+    EXPECT_EQ(plane_->Counters(49).tx, 50U);
+    const auto first = ports_.Take(49, 0ms);
+    ASSERT_TRUE(first);
+    EXPECT_EQ(Vlans(*first), std::vector<uint16_t>{100});
+
+    const auto t0 = std::chrono::steady_clock::now();
+    plane_.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, 500ms) << "the transmit thread stops promptly";
+    EXPECT_EQ(WICK_MbufOutstanding(), 0U);
+}
+
+}  // namespace

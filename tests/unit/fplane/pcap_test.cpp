@@ -1,0 +1,153 @@
+// pcap port backends: what the capture writes the replay reads back, several
+// inputs merge in timestamp order, and bad inputs are refused by name.
+#include <gtest/gtest.h>
+#include <pcap/pcap.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "plat_fplane.hpp"
+#include "plat_world.hpp"
+#include "pppoe_frame.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+using plat::fplane::PcapCapture;
+using plat::fplane::PcapReplay;
+using plat::fplane::ReplayFrame;
+using pplus_test::Bytes;
+using pplus_test::Frame;
+
+class PcapTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        dir_ = fs::temp_directory_path() / ("fplane-pcap-" + std::to_string(getpid()));
+        fs::remove_all(dir_);
+        fs::create_directories(dir_);
+        std::string error;
+        const auto topology = plat::load_topology_text(
+            "system: {name: Lab}\n"
+            "interfaces:\n"
+            "  - {name: GigabitEthernet0/0/1, ifindex: 5, pvid: 100}\n"
+            "  - {name: XGigabitEthernet0/0/1, ifindex: 49, mode: trunk, vlans: [100]}\n",
+            &error);
+        ASSERT_TRUE(topology) << error;
+        plat::world::apply_topology(*topology);
+    }
+    void TearDown() override { fs::remove_all(dir_); }
+
+    // Writes frames with the given timestamps (seconds, microseconds).
+    std::string Write(const std::string &name, const std::vector<std::pair<timeval, Bytes>> &frames,
+                      int linkType = DLT_EN10MB)
+    {
+        const std::string path = (dir_ / name).string();
+        pcap_t *dead = pcap_open_dead(linkType, 65535);
+        pcap_dumper_t *d = pcap_dump_open(dead, path.c_str());
+        EXPECT_NE(d, nullptr);
+        for (const auto &[ts, bytes] : frames) {
+            pcap_pkthdr h{};
+            h.ts = ts;
+            h.caplen = static_cast<bpf_u_int32>(bytes.size());
+            h.len = h.caplen;
+            pcap_dump(reinterpret_cast<u_char *>(d), &h, bytes.data());
+        }
+        pcap_dump_close(d);
+        pcap_close(dead);
+        return path;
+    }
+
+    fs::path dir_;
+};
+
+TEST_F(PcapTest, CaptureWritesWhatReplayReadsBack)
+{
+    const Bytes padi = Frame().padi().hostUniq("a").eol().bytes();
+    const Bytes pado = Frame().vlan(100).pado().hostUniq("b").eol().bytes();
+    const std::string bound = (dir_ / "uplink.pcap").string();
+    {
+        PcapCapture capture;
+        std::string error;
+        ASSERT_TRUE(capture.Bind(49, bound, &error)) << error;
+        ASSERT_TRUE(capture.SetFolder(dir_.string(), &error)) << error;
+        capture.Transmit(49, pado);
+        capture.Transmit(49, pado);
+        capture.Transmit(5, padi);
+        const auto files = capture.Files();
+        EXPECT_EQ(files.at(49).second, 2U);
+        EXPECT_EQ(files.at(5).first, (dir_ / "GigabitEthernet0_0_1.pcap").string())
+            << "ports without a bound file go to <port-name>.pcap in the folder";
+        capture.Close();
+        capture.Transmit(49, pado);   // after closing: ignored
+    }
+
+    PcapReplay replay;
+    std::string error;
+    ASSERT_TRUE(replay.Add(49, bound, &error)) << error;
+    ASSERT_TRUE(replay.Add(5, (dir_ / "GigabitEthernet0_0_1.pcap").string(), &error)) << error;
+    std::vector<ReplayFrame> got;
+    replay.Run([&got](const ReplayFrame &f) { got.push_back(f); });
+    ASSERT_EQ(got.size(), 3U);
+    EXPECT_EQ(got[0].ifIndex, 49U);
+    EXPECT_EQ(got[0].bytes, pado);
+    EXPECT_EQ(got[1].bytes, pado);
+    EXPECT_EQ(got[2].ifIndex, 5U);
+    EXPECT_EQ(got[2].bytes, padi);
+}
+
+TEST_F(PcapTest, SeveralInputsMergeInTimestampOrder)
+{
+    const auto frameNo = [](uint8_t n) { return Frame().padi().tag(0x0103, Bytes{n}).eol().bytes(); };
+    const std::string subscribers =
+        Write("subscribers.pcap", {{{1, 0}, frameNo(1)}, {{2, 0}, frameNo(4)}, {{3, 5}, frameNo(6)}});
+    const std::string servers =
+        Write("servers.pcap", {{{1, 500000}, frameNo(2)}, {{2, 0}, frameNo(5)}, {{1, 999999}, frameNo(3)}});
+    PcapReplay replay;
+    std::string error;
+    ASSERT_TRUE(replay.Add(5, subscribers, &error)) << error;
+    ASSERT_TRUE(replay.Add(49, servers, &error)) << error;
+    const auto merged = replay.Merged();
+    ASSERT_EQ(merged.size(), 6U);
+    const std::vector<std::pair<uint8_t, uint32_t>> expected{{1, 5}, {2, 49}, {3, 49}, {4, 5}, {5, 49}, {6, 5}};
+    for (size_t i = 0; i < merged.size(); i++) {
+        const auto parsed = pplus_test::Parse(merged[i].bytes);
+        ASSERT_TRUE(parsed && parsed->find(0x0103));
+        EXPECT_EQ(parsed->find(0x0103)->value, Bytes{expected[i].first}) << "position " << i
+                                                                          << " (equal times keep file order)";
+        EXPECT_EQ(merged[i].ifIndex, expected[i].second) << "position " << i;
+    }
+}
+
+TEST_F(PcapTest, BadInputsAndPortsAreRefusedByName)
+{
+    PcapReplay replay;
+    std::string error;
+    EXPECT_FALSE(replay.Add(5, (dir_ / "absent.pcap").string(), &error));
+    EXPECT_NE(error.find("absent.pcap: cannot read"), std::string::npos) << error;
+
+    const std::string garbage = (dir_ / "garbage.pcap").string();
+    std::ofstream(garbage) << "not a capture at all, just text";
+    EXPECT_FALSE(replay.Add(5, garbage, &error));
+    EXPECT_NE(error.find("garbage.pcap: cannot read"), std::string::npos) << error;
+
+    const std::string raw = Write("raw.pcap", {{{1, 0}, Bytes(40, 0x45)}}, DLT_RAW);
+    EXPECT_FALSE(replay.Add(5, raw, &error));
+    EXPECT_NE(error.find("raw.pcap: link type RAW is not Ethernet"), std::string::npos) << error;
+    EXPECT_EQ(replay.Size(), 0U);
+
+    PcapCapture capture;
+    EXPECT_FALSE(capture.Bind(5, (dir_ / "no-such-folder" / "x.pcap").string(), &error));
+    EXPECT_NE(error.find("x.pcap: cannot create"), std::string::npos) << error;
+    EXPECT_FALSE(capture.SetFolder((dir_ / "no-such-folder").string(), &error));
+    EXPECT_NE(error.find("no-such-folder: not a folder"), std::string::npos) << error;
+
+    EXPECT_EQ(plat::fplane::ResolvePort("XGigabitEthernet0/0/1"), 49U);
+    EXPECT_EQ(plat::fplane::ResolvePort("5"), 5U);
+    EXPECT_FALSE(plat::fplane::ResolvePort("GigabitEthernet9/9/9"));
+    EXPECT_FALSE(plat::fplane::ResolvePort("6"));
+    EXPECT_FALSE(plat::fplane::ResolvePort("99999999999999"));
+}
+
+}  // namespace
