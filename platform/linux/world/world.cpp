@@ -108,6 +108,13 @@ plat::world::Change BoardChange(uint32_t type, std::optional<plat::BoardRecord> 
     return change;
 }
 
+// Caller holds World::mu.
+std::vector<plat::IfRecord>::iterator FindIf(World &w, uint32_t ifIndex)
+{
+    return std::find_if(w.ifs.begin(), w.ifs.end(),
+                        [ifIndex](const plat::IfRecord &r) { return r.ifIndex == ifIndex; });
+}
+
 bool SameBoard(const plat::BoardRecord &a, uint32_t chassisId, uint32_t slotId)
 {
     return a.chassisId == chassisId && a.slotId == slotId;
@@ -213,8 +220,7 @@ void if_put(const IfRecord &record)
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
-    const auto it = std::find_if(w.ifs.begin(), w.ifs.end(),
-                                 [&record](const IfRecord &r) { return r.ifIndex == record.ifIndex; });
+    const auto it = FindIf(w, record.ifIndex);
     if (it != w.ifs.end()) {
         const IfRecord before = *it;
         *it = record;
@@ -229,7 +235,7 @@ bool if_remove(uint32_t ifIndex)
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
-    const auto it = std::find_if(w.ifs.begin(), w.ifs.end(), [ifIndex](const IfRecord &r) { return r.ifIndex == ifIndex; });
+    const auto it = FindIf(w, ifIndex);
     if (it == w.ifs.end()) {
         return false;
     }
@@ -243,7 +249,7 @@ std::optional<IfRecord> if_find(uint32_t ifIndex)
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
-    const auto it = std::find_if(w.ifs.begin(), w.ifs.end(), [ifIndex](const IfRecord &r) { return r.ifIndex == ifIndex; });
+    const auto it = FindIf(w, ifIndex);
     if (it == w.ifs.end()) {
         return std::nullopt;
     }
@@ -254,7 +260,7 @@ bool if_set_on_board(uint32_t ifIndex, bool onBoard)
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
-    const auto it = std::find_if(w.ifs.begin(), w.ifs.end(), [ifIndex](const IfRecord &r) { return r.ifIndex == ifIndex; });
+    const auto it = FindIf(w, ifIndex);
     if (it == w.ifs.end()) {
         return false;
     }

@@ -170,7 +170,8 @@ void PPPOE_PLUS_CreateDBSubConn(void)
             break;
         }
         (void)sleep(PPPOE_PLUS_DB_CONNECT_WAIT_SEC);
-        PPPOE_PLUS_Log(PPPOE_PLUS_LOG_ID_DIAGWARN, "[PPPOE_PLUS_DB] Sub connection is not established, ret:%d, retryCnt:%d.",
+        PPPOE_PLUS_Log(PPPOE_PLUS_LOG_ID_DIAGWARN,
+                       "[PPPOE_PLUS_DB] Sub connection is not established, ret:%d, retryCnt:%d.",
                        static_cast<int32_t>(ret), static_cast<int32_t>(retryCnt));
     }
     if (ret != DB_OK) {
@@ -318,14 +319,16 @@ void PPPOE_PLUS_SubIfEvtCallback(DB_SUB_CONN_S * /*conn*/, const DB_SUB_CHANGE_S
     uint32_t oldOnBoard = 0;
     if (change->changeType == DB_CHANGE_UPDATE &&
         (ret = ReadOrZero(db_get_if_on_board, change->oldObj, &oldOnBoard)) != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "[PPPOE_PLUS_DB] Get old status of on_board failed. ifIndex:%u, ret:%d.",
-                             ifIndex, static_cast<int32_t>(ret));
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR,
+                             "[PPPOE_PLUS_DB] Get old status of on_board failed. ifIndex:%u, ret:%d.", ifIndex,
+                             static_cast<int32_t>(ret));
         return;
     }
     uint32_t newOnBoard = 0;
     if ((ret = ReadOrZero(db_get_if_on_board, change->newObj, &newOnBoard)) != DB_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "[PPPOE_PLUS_DB] Get new status of on_board failed. ifIndex:%u, ret:%d.",
-                             ifIndex, static_cast<int32_t>(ret));
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR,
+                             "[PPPOE_PLUS_DB] Get new status of on_board failed. ifIndex:%u, ret:%d.", ifIndex,
+                             static_cast<int32_t>(ret));
         return;
     }
     if (oldOnBoard == newOnBoard || userCallback == nullptr) {

@@ -95,6 +95,24 @@ uint32_t EventOf(const void *record)
     return static_cast<const uint32_t *>(record)[0];
 }
 
+// Calls, in list order, the handler of every subscription to the event.
+void Deliver(uint32_t event, const void *record)
+{
+    if (event > PPPOE_PLUS_EVT_MAX) {
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "[PPPOE_PLUS_EVT] Invalid subscribe event %u.", event);
+        return;
+    }
+    PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPPOE_PLUS_EVT] Publish event %s.", PPPOE_PLUS_EvtName(event));
+    if (g_pppoePlusEvtSubList.initialised == 0 || g_pppoePlusEvtSubList.count == 0) {
+        return;
+    }
+    for (const PppoePlusEvtSllNode *node = g_pppoePlusEvtSubList.head.next; node != Sentinel(); node = node->next) {
+        if (node->entry->event == event) {
+            (void)node->entry->handler(record);
+        }
+    }
+}
+
 }  // namespace
 
 extern "C" {
@@ -136,8 +154,8 @@ uint32_t PPPOE_PLUS_EvtSubscribe(uint32_t event, const char *subTopic, uint8_t p
     entry->handler = handler;
     entry->priority = priority;
     if (strcpy_s(entry->subTopic, sizeof(entry->subTopic), subTopic) != EOK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "[PPPOE_PLUS_EVT] Failed to strcpy in subscribe.(event:%u, subTopic:%s)",
-                             event, subTopic);
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR,
+                             "[PPPOE_PLUS_EVT] Failed to strcpy in subscribe.(event:%u, subTopic:%s)", event, subTopic);
         PPPOE_PLUS_MemFree(entry);
         PPPOE_PLUS_MemFree(node);
         return 1;
@@ -185,20 +203,7 @@ void PPPOE_PLUS_EvtDeliver(const void *record)
     if (record == nullptr) {
         return;
     }
-    const uint32_t event = EventOf(record);
-    if (event > PPPOE_PLUS_EVT_MAX) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "[PPPOE_PLUS_EVT] Invalid subscribe event %u.", event);
-        return;
-    }
-    PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPPOE_PLUS_EVT] Publish event %s.", PPPOE_PLUS_EvtName(event));
-    if (g_pppoePlusEvtSubList.initialised == 0 || g_pppoePlusEvtSubList.count == 0) {
-        return;
-    }
-    for (const PppoePlusEvtSllNode *node = g_pppoePlusEvtSubList.head.next; node != Sentinel(); node = node->next) {
-        if (node->entry->event == event) {
-            (void)node->entry->handler(record);
-        }
-    }
+    Deliver(EventOf(record), record);
 }
 
 void PPPOE_PLUS_EvtPublish(uint32_t event, const void *data)
@@ -206,12 +211,7 @@ void PPPOE_PLUS_EvtPublish(uint32_t event, const void *data)
     if (data == nullptr) {
         return;
     }
-    // The record's first word names the event; a mismatch is a caller's error.
-    if (EventOf(data) != event) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "[PPPOE_PLUS_EVT] Invalid subscribe event %u.", event);
-        return;
-    }
-    PPPOE_PLUS_EvtDeliver(data);
+    Deliver(event, data);
 }
 
 const char *PPPOE_PLUS_EvtName(uint32_t event)
