@@ -264,7 +264,7 @@ uint32_t CreateSubObject(uint32_t code, DB_OBJ_S **obj, uint32_t table)
     }
     Db &db = TheDb();
     std::lock_guard lock(db.mu);
-    (*obj)->sub = std::make_unique<plat::db::SubSpec>();
+    (*obj)->sub = std::make_unique<plat::db::SubDescription>();
     (*obj)->sub->table = table;
     return DB_OK;
 }
@@ -272,7 +272,7 @@ uint32_t CreateSubObject(uint32_t code, DB_OBJ_S **obj, uint32_t table)
 // Runs use on the description of a live subscription object, once the call
 // passed failure injection.
 template <typename Use>
-uint32_t WithSubSpec(const char *op, DB_OBJ *obj, Use use)
+uint32_t WithSubDescription(const char *op, DB_OBJ *obj, Use use)
 {
     uint32_t code = 0;
     if (plat::internal::Injected(op, &code)) {
@@ -312,7 +312,7 @@ uint32_t CopyText(const std::string &text, char *buf, uint32_t size)
 
 namespace plat::db {
 
-uint32_t CopySubSpec(DB_OBJ *obj, SubSpec *out)
+uint32_t CopySubDescription(DB_OBJ *obj, SubDescription *out)
 {
     Db &db = TheDb();
     std::lock_guard lock(db.mu);
@@ -734,12 +734,12 @@ uint32_t db_create_if_obj(uint32_t mode, uint32_t flags, DB_OBJ_S **obj)
 
 uint32_t db_sub_add_event(DB_OBJ_S *obj, uint32_t eventMask)
 {
-    return WithSubSpec(__func__, obj, [eventMask](plat::db::SubSpec &spec) {
+    return WithSubDescription(__func__, obj, [eventMask](plat::db::SubDescription &desc) {
         const uint32_t all = DB_CHANGE_CREATE | DB_CHANGE_UPDATE | DB_CHANGE_DELETE;
         if (eventMask == 0 || (eventMask & ~all) != 0) {
             return DB_ERR_PARAM;
         }
-        spec.eventMask |= eventMask;
+        desc.eventMask |= eventMask;
         return DB_OK;
     });
 }
@@ -749,34 +749,34 @@ uint32_t db_sub_add_field(DB_OBJ_S *obj, const char *table, const char *field, u
     (void)a;
     (void)b;
     (void)c;
-    return WithSubSpec(__func__, obj, [table, field](plat::db::SubSpec &spec) {
-        if (table == nullptr || field == nullptr || !KnownField(spec.table, table, field)) {
+    return WithSubDescription(__func__, obj, [table, field](plat::db::SubDescription &desc) {
+        if (table == nullptr || field == nullptr || !KnownField(desc.table, table, field)) {
             return DB_ERR_PARAM;
         }
-        spec.fields.emplace_back(field);
+        desc.fields.emplace_back(field);
         return DB_OK;
     });
 }
 
 uint32_t db_sub_add_push_op(DB_OBJ_S *obj, uint32_t pushOp)
 {
-    return WithSubSpec(__func__, obj, [pushOp](plat::db::SubSpec &spec) {
+    return WithSubDescription(__func__, obj, [pushOp](plat::db::SubDescription &desc) {
         if (pushOp != DB_SUB_PUSH_OBJECT) {
             return DB_ERR_PARAM;
         }
-        spec.pushOp = pushOp;
+        desc.pushOp = pushOp;
         return DB_OK;
     });
 }
 
 uint32_t db_sub_reg_callback(DB_OBJ_S *obj, DB_SUB_CALLBACK_FN callback, void *userCallback)
 {
-    return WithSubSpec(__func__, obj, [callback, userCallback](plat::db::SubSpec &spec) {
+    return WithSubDescription(__func__, obj, [callback, userCallback](plat::db::SubDescription &desc) {
         if (callback == nullptr) {
             return DB_ERR_PARAM;
         }
-        spec.callback = callback;
-        spec.userCallback = userCallback;
+        desc.callback = callback;
+        desc.userCallback = userCallback;
         return DB_OK;
     });
 }

@@ -25,7 +25,7 @@ namespace plat::db {
 
 // What an object created for a subscription describes: the table, the
 // change types, the fields, the push operation and the callback.
-struct SubSpec {
+struct SubDescription {
     uint32_t table = 0;
     uint32_t eventMask = 0;
     std::vector<std::string> fields;
@@ -78,7 +78,7 @@ struct DB_OBJ {
     const uint32_t table;
     DB_ITER iter;
     std::vector<DB_OBJ *> children;   // child nodes, released with this object
-    std::unique_ptr<plat::db::SubSpec> sub;   // objects describing a subscription only
+    std::unique_ptr<plat::db::SubDescription> sub;   // objects describing a subscription only
     bool started = false;     // Next was called since the last rewind
     bool hasCurrent = false;
     size_t current = 0;
@@ -159,7 +159,7 @@ namespace plat::db {
 // Between the object side (db.cpp) and the subscription side (db_sub.cpp).
 // A copy of the description of a live subscription object; DB_ERR_PARAM
 // for any other object.
-uint32_t CopySubSpec(DB_OBJ *obj, SubSpec *out);
+uint32_t CopySubDescription(DB_OBJ *obj, SubDescription *out);
 // Live objects holding one record of a change, for the length of a callback.
 DB_OBJ *MakeChangeObject(const plat::IfRecord &row);
 DB_OBJ *MakeChangeObject(const plat::BoardRecord &row);

@@ -29,7 +29,7 @@
 #include "world/world_internal.hpp"
 
 struct DB_SUB {
-    plat::db::SubSpec spec;
+    plat::db::SubDescription desc;
 };
 
 struct DB_SUB_CONN {
@@ -79,8 +79,8 @@ void OnWorldChange(const plat::world::Change &change)
         {
             std::lock_guard connLock(conn->mu);
             for (const auto &sub : conn->subs) {
-                if (sub->spec.table == TableOf(change.table) && (sub->spec.eventMask & change.type) != 0) {
-                    conn->pending.push_back({sub->spec.callback, sub->spec.userCallback, change});
+                if (sub->desc.table == TableOf(change.table) && (sub->desc.eventMask & change.type) != 0) {
+                    conn->pending.push_back({sub->desc.callback, sub->desc.userCallback, change});
                     queued = true;
                 }
             }
@@ -275,10 +275,10 @@ uint32_t db_sub_with_conn(DB_SUB_CONN_S *conn, DB_OBJ_S *obj, DB_SUB_S **sub)
         return DB_ERR_PARAM;
     }
     auto made = std::make_unique<DB_SUB>();
-    if (const uint32_t ret = plat::db::CopySubSpec(obj, &made->spec); ret != DB_OK) {
+    if (const uint32_t ret = plat::db::CopySubDescription(obj, &made->desc); ret != DB_OK) {
         return ret;
     }
-    if (made->spec.callback == nullptr || made->spec.eventMask == 0) {
+    if (made->desc.callback == nullptr || made->desc.eventMask == 0) {
         return DB_ERR_PARAM;
     }
     // Checked and filled under the registry's lock: a racing disconnect
