@@ -20,6 +20,7 @@
 #include <CLI/CLI.hpp>
 #pragma GCC diagnostic pop
 
+#include "control.hpp"
 #include "example_topology.hpp"
 #include "plat_control.h"
 #include "plat_fwm.hpp"
@@ -36,6 +37,7 @@ struct Options {
     unsigned readyTimeoutSec = 60;
     unsigned runForSec = 0;
     unsigned timeScale = 1000;
+    std::string controlPath = pplus_host::DefaultControlPath();
 };
 
 // Framework instance states the agent's readiness wait accepts.
@@ -108,6 +110,15 @@ Fn Symbol(void *module, const char *name)
     return reinterpret_cast<Fn>(dlsym(module, name));
 }
 
+pplus_host::AgentApi AgentApiOf(void *module)
+{
+    pplus_host::AgentApi api;
+    api.setEnable = Symbol<decltype(api.setEnable)>(module, "PPPOE_PLUS_SetEnable");
+    api.setIgnoreReply = Symbol<decltype(api.setIgnoreReply)>(module, "PPPOE_PLUS_SetIgnoreReply");
+    api.setPortTrust = Symbol<decltype(api.setPortTrust)>(module, "PPPOE_PLUS_SetPortTrust");
+    return api;
+}
+
 void ReportLeaks()
 {
     const uint32_t sites = PLAT_MemLeakReport(
@@ -157,6 +168,8 @@ int main(int argc, char **argv)
         ->check(CLI::Range(1U, 1000000U));
     host::PortOptions portOpts;
     host::AddPortOptions(app, portOpts);
+    app.add_option("--control", opts.controlPath, "Control socket for pppoe-plus-cli")
+        ->default_str(opts.controlPath);
     CLI11_PARSE(app, argc, argv);
     PLAT_SetTimeScale(opts.timeScale);
 
@@ -254,6 +267,13 @@ int main(int argc, char **argv)
         }
         Say("agent settings applied");
     }
+    pplus_host::ControlServer control;
+    if (std::string error; !control.Start(opts.controlPath, AgentApiOf(module), &error)) {
+        Say(("control socket not available: " + error).c_str());
+    } else {
+        std::printf("pppoe-plus-switch: control socket %s\n", opts.controlPath.c_str());
+        std::fflush(stdout);
+    }
     if (ports.HasInputs()) {
         if (!ports.Replay()) {
             Say("the forwarding plane did not become idle after the replay");
@@ -276,6 +296,7 @@ int main(int argc, char **argv)
     const uint32_t exitRet = mainExit();
     std::printf("pppoe-plus-switch: agent exit returned %u\n", exitRet);
     PLAT_LogWrite(PLAT_LOG_PLATFORM, "[fwm] state: %s", plat::fwm::describe(plat::fwm::state()).c_str());
+    control.Stop();
     ReportLeaks();
     std::fflush(stdout);
     // The agent's tasks run for the life of the process; leave without

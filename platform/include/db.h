@@ -27,6 +27,9 @@ extern "C" {
 #define DB_NO_VALUE 64006U             /* the field has no value */
 #define DB_ERR_BUF_SMALL 0x3004U       /* the caller's buffer cannot hold the value */
 #define DB_ERR_NO_KEY 0x3005U          /* read before a key was set */
+#define DB_ERR_NO_SERVER 0x3006U       /* no database server behind the locator */
+#define DB_ERR_EPOLL 0x3007U           /* the caller's epoll control refused the descriptor */
+#define DB_ERR_NO_CONN 0x3008U         /* descriptor or connection unknown */
 
 #define DB_TABLE_IF 1U                 /* interfaces, key ifIndex */
 #define DB_TABLE_TRUNK 2U              /* trunks, key trunk id */
@@ -35,6 +38,7 @@ extern "C" {
 #define DB_TABLE_ACCESS_ISOLATE 5U     /* access isolation, key (source, vlan, destination) */
 #define DB_TABLE_PORT_ISOLATE 6U       /* port-isolation groups, key ifIndex, one record per group */
 #define DB_TABLE_SYS_INFO 7U           /* system information, one record */
+#define DB_TABLE_DEVM 8U               /* board registry ("devm"), key (chassis, slot) */
 #define DB_TABLE_FRM_INST 9U           /* framework instances */
 #define DB_TABLE_IF_DEV 101U           /* child node "dev" of an interface */
 #define DB_TABLE_IF_L2 102U            /* child node "l2" of an interface */
@@ -123,6 +127,88 @@ uint32_t db_get_sys_info_sys_name(DB_OBJ_S *obj, char *name, uint32_t size, uint
 uint32_t db_get_table_record_count(DB_OBJ_S *obj, uint32_t *count);
 uint32_t db_create_root_iter(DB_OBJ_S *obj, uint32_t keyMask, uint32_t filter, DB_ITER_S **iter);
 uint32_t db_root_iterator_next(DB_ITER_S *iter);
+
+/* ---- Subscriptions ----
+ * A subscription connection to the database server delivers changes of
+ * subscribed objects. Its descriptor is handed to the caller's epoll
+ * control (op DB_EPOLL_CTRL_ADD at connect, DB_EPOLL_CTRL_DEL at
+ * disconnect); when it is readable the caller runs db_handle_event on its
+ * own thread, which calls the subscriptions' callbacks for every pending
+ * change, in the order the changes were made.
+ *
+ * A subscription is described on an object created for it (db_create_
+ * devm_obj, db_create_if_obj): event mask, fields, push operation and
+ * callback; db_sub_with_conn copies the description onto the connection,
+ * after which the object may be released. With push operation
+ * DB_SUB_PUSH_OBJECT every write of a subscribed record is pushed with the
+ * whole record as it was and as it is; the callback compares the fields it
+ * follows. The change's objects belong to the library and are valid during
+ * the callback only; their fields are read with the getters of their
+ * table (a field without a value gives DB_NO_VALUE). */
+#define DB_SUB_SERVER_LOCATOR "shm:unix_emserver"
+#define DB_CHANGE_CREATE 1U
+#define DB_CHANGE_UPDATE 2U
+#define DB_CHANGE_DELETE 4U
+#define DB_SUB_PUSH_OBJECT 0x5000U
+#define DB_EPOLL_CTRL_ADD 0U
+#define DB_EPOLL_CTRL_DEL 1U
+
+typedef struct DB_SUB_CONN DB_SUB_CONN_S;
+typedef struct DB_SUB DB_SUB_S;
+
+typedef struct DB_CONN_PARAM {
+    const char *serverLocator;
+    const char *userName;
+    uint32_t timeoutMs;      /* 0: the library's default */
+    uint32_t flags;
+    void *reserved;
+} DB_CONN_PARAM_S;
+
+/* Adds (op 0) or removes (op 1) the connection's descriptor from the
+ * caller's event loop; non-zero refuses. */
+typedef uint32_t (*DB_EPOLL_CTRL_FN)(uint32_t fd, uint32_t op);
+
+/* One change: the record after it (null for a delete), before it (null for
+ * a create) and its type (DB_CHANGE_*). */
+typedef struct DB_SUB_CHANGE {
+    DB_OBJ_S *newObj;
+    DB_OBJ_S *oldObj;
+    uint32_t changeType;
+} DB_SUB_CHANGE_S;
+
+/* Called by db_handle_event with the user argument (null) and the user
+ * callback given to db_sub_reg_callback. */
+typedef void (*DB_SUB_CALLBACK_FN)(DB_SUB_CONN_S *conn, const DB_SUB_CHANGE_S *change, void *userArg,
+                                   void *userCallback);
+
+uint32_t db_create_sub_connect(const DB_CONN_PARAM_S *params, DB_EPOLL_CTRL_FN epollCtrl, DB_SUB_CONN_S **conn);
+/* Runs the callbacks of every change pending on the connection of fd. */
+uint32_t db_handle_event(uint32_t fd);
+/* Removes the descriptor from the caller's loop, drops the connection's
+ * subscriptions and closes it. */
+uint32_t db_disconnect(DB_SUB_CONN_S *conn);
+/* Pool of synchronous connections: the locator and user name of the
+ * calling thread's next connection, and closing the pool of a server. */
+uint32_t db_set_current_server_locator(const char *locator);
+uint32_t db_set_current_user_name(const char *userName);
+uint32_t db_close_connection_pool(const char *locator, const char *userName, uint32_t flags);
+
+/* Objects describing a subscription; mode and flags are accepted as given. */
+uint32_t db_create_devm_obj(uint32_t mode, uint32_t flags, DB_OBJ_S **obj);
+uint32_t db_release_devm_object(DB_OBJ_S *obj);
+uint32_t db_create_if_obj(uint32_t mode, uint32_t flags, DB_OBJ_S **obj);
+/* Event mask: the DB_CHANGE_* bits to be told about. */
+uint32_t db_sub_add_event(DB_OBJ_S *obj, uint32_t eventMask);
+/* A field of the object's table ("devm"/"Register_status", "if"/"on_board", ...). */
+uint32_t db_sub_add_field(DB_OBJ_S *obj, const char *table, const char *field, uint32_t a, uint32_t b, uint32_t c);
+uint32_t db_sub_add_push_op(DB_OBJ_S *obj, uint32_t pushOp);
+uint32_t db_sub_reg_callback(DB_OBJ_S *obj, DB_SUB_CALLBACK_FN callback, void *userCallback);
+uint32_t db_sub_with_conn(DB_SUB_CONN_S *conn, DB_OBJ_S *obj, DB_SUB_S **sub);
+
+/* Board registry records. */
+uint32_t db_get_devm_Chassis_ID(DB_OBJ_S *obj, uint32_t *chassisId);
+uint32_t db_get_devm_Slot_ID(DB_OBJ_S *obj, uint32_t *slotId);
+uint32_t db_get_devm_Register_status(DB_OBJ_S *obj, uint32_t *status);
 
 #ifdef __cplusplus
 }

@@ -31,8 +31,9 @@ uint32_t PLAT_FailHits(const char *op);
 void PLAT_CallCountReset(void);
 
 /* ---- Time ----
- * Delays and watchdog thresholds are scaled by permille/1000 (1000 = real
- * time; tests use small values to make 10-second waits take milliseconds). */
+ * Delays, watchdog thresholds and sleep(3) (the platform library defines
+ * it) are scaled by permille/1000 (1000 = real time; tests use small values
+ * to make 10-second waits take milliseconds). */
 void PLAT_SetTimeScale(uint32_t permille);
 uint32_t PLAT_GetTimeScale(void);
 /* Sleeps ms scaled milliseconds (what RUK delays do). */

@@ -87,6 +87,16 @@ struct PortIsolateRecord {
     uint32_t groupId = 0;
 };
 
+// One board of the board registry (the database's "devm" object): the
+// registration state its board manager reported, none before the first report.
+struct BoardRecord {
+    uint32_t chassisId = 1;
+    uint32_t slotId = 0;
+    std::optional<uint32_t> registerStatus;
+};
+constexpr uint32_t kBoardRegistered = 1;     // registerStatus of a board that is up
+constexpr uint32_t kBoardUnregistered = 0;   // a board that left
+
 struct Topology {
     SystemIdentity system;
     uint32_t haRole = 1;             // role reported at start of work: 1 master, 2 standby, 3 slave
@@ -126,6 +136,22 @@ std::vector<FrmInstRecord> frm_inst_records();
 void if_put(const IfRecord &record);
 bool if_remove(uint32_t ifIndex);
 std::vector<IfRecord> if_records();
+
+// One interface; nullopt when there is none of this ifIndex.
+std::optional<IfRecord> if_find(uint32_t ifIndex);
+// Takes an interface on board or off; false when there is none of this ifIndex.
+bool if_set_on_board(uint32_t ifIndex, bool onBoard);
+
+// Board registry, keyed by (chassis, slot). apply_topology registers this
+// board (state kBoardRegistered).
+void board_put(const BoardRecord &record);
+bool board_remove(uint32_t chassisId, uint32_t slotId);
+std::vector<BoardRecord> board_records();
+
+// Interface and board-registry writes (if_put, if_remove, if_set_on_board,
+// board_put, board_remove) are pushed to the object database's subscription
+// connections as they happen; bulk loads (apply_topology, tables_clear,
+// reset) are not.
 
 // Trunk table, keyed by trunk id.
 void trunk_put(const TrunkRecord &record);

@@ -2,7 +2,7 @@
 //
 // The real platform sleeps in real time. Ours multiplies every delay and
 // every watchdog threshold by a scale in thousandths, so a test can make a
-// ten-second wait take ten milliseconds. eventfd_s and close_s are the
+// ten-second wait take ten milliseconds (sleep(3) included). eventfd_s and close_s are the
 // system calls behind failure injection ("eventfd_s", "close_s"): when told
 // to fail they return -1 with errno set to the injected code and do nothing.
 #include <sys/eventfd.h>
@@ -48,6 +48,15 @@ uint32_t PLAT_GetTimeScale(void)
 void PLAT_ScaledSleep(uint32_t ms)
 {
     std::this_thread::sleep_for(std::chrono::microseconds(plat::internal::ScaledMicros(ms)));
+}
+
+// sleep(3) follows the time scale too: modules wait between connection
+// attempts with it. The platform library comes before the C library in the
+// lookup order, so this definition is the one every caller binds to.
+unsigned int sleep(unsigned int seconds)
+{
+    PLAT_ScaledSleep(seconds * 1000U);
+    return 0;
 }
 
 int vsnprintf_truncated_s(char *dest, size_t dmax, const char *fmt, va_list ap)

@@ -6,11 +6,14 @@
 // release it. Ours serves the tables of the world model through the same
 // calls: framework instances, interfaces (with their "dev" and "l2" child
 // nodes), trunks, trunk ports, port-VLAN maps, access isolation, port
-// isolation and system information. Objects are snapshots taken when a read
+// isolation, system information and the board registry ("devm"). Objects
+// created for a subscription (db_create_devm_obj, db_create_if_obj) also
+// carry its description; the connections live in db_sub.cpp. Objects are snapshots taken when a read
 // or an iteration starts; every object and iterator handed out is tracked,
 // so a stale or foreign pointer, or an object of another kind, is refused
 // with DB_ERR_PARAM instead of being used. Every call passes failure
 // injection under its own name.
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -69,6 +72,8 @@ std::unique_ptr<DB_OBJ> MakeObject(uint32_t table)
             return std::make_unique<TableObject<plat::PortIsolateRecord>>(table, &plat::world::port_isolate_records);
         case DB_TABLE_SYS_INFO:
             return std::make_unique<TableObject<SysInfoRecord>>(table, &SysInfoRecords);
+        case DB_TABLE_DEVM:
+            return std::make_unique<TableObject<plat::BoardRecord>>(table, &plat::world::board_records);
         default:
             return nullptr;
     }
@@ -233,6 +238,65 @@ using PortVlan = Table<DB_TABLE_PORT_VLAN_MAP, PortVlanRecord>;
 using AccessIsolate = Table<DB_TABLE_ACCESS_ISOLATE, AccessIsolateRecord>;
 using PortIsolate = Table<DB_TABLE_PORT_ISOLATE, PortIsolateRecord>;
 using SysInfo = Table<DB_TABLE_SYS_INFO, SysInfoRecord>;
+using Devm = Table<DB_TABLE_DEVM, plat::BoardRecord>;
+
+// The fields a subscription may name, per table.
+bool KnownField(uint32_t table, const char *tableName, const char *field)
+{
+    static const std::vector<std::string> ifFields = {"ifindex", "name", "port_switch", "on_board", "lag_id"};
+    static const std::vector<std::string> devmFields = {"Chassis_ID", "Slot_ID", "Register_status"};
+    const std::vector<std::string> *known = nullptr;
+    if (table == DB_TABLE_IF && std::strcmp(tableName, "if") == 0) {
+        known = &ifFields;
+    } else if (table == DB_TABLE_DEVM && std::strcmp(tableName, "devm") == 0) {
+        known = &devmFields;
+    } else {
+        return false;
+    }
+    return std::find(known->begin(), known->end(), field) != known->end();
+}
+
+// Creates an object of a table that also describes a subscription.
+uint32_t CreateSubObject(uint32_t code, DB_OBJ_S **obj, uint32_t table)
+{
+    if (code != DB_OK) {
+        return code;
+    }
+    Db &db = TheDb();
+    std::lock_guard lock(db.mu);
+    (*obj)->sub = std::make_unique<plat::db::SubDescription>();
+    (*obj)->sub->table = table;
+    return DB_OK;
+}
+
+// Runs use on the description of a live subscription object, once the call
+// passed failure injection.
+template <typename Use>
+uint32_t WithSubDescription(const char *op, DB_OBJ *obj, Use use)
+{
+    uint32_t code = 0;
+    if (plat::internal::Injected(op, &code)) {
+        return code;
+    }
+    Db &db = TheDb();
+    std::lock_guard lock(db.mu);
+    if (!IsLive(db, obj) || !obj->sub) {
+        return DB_ERR_PARAM;
+    }
+    return use(*obj->sub);
+}
+
+template <typename Row>
+DB_OBJ *AdoptChange(uint32_t table, const Row &row)
+{
+    auto made = std::make_unique<TableObject<Row>>(table, nullptr);
+    made->Pin(row);
+    Db &db = TheDb();
+    std::lock_guard lock(db.mu);
+    DB_OBJ *obj = made.release();
+    db.liveObjs.insert(obj);
+    return obj;
+}
 
 // Copies a text with its terminator into a caller's buffer.
 uint32_t CopyText(const std::string &text, char *buf, uint32_t size)
@@ -245,6 +309,43 @@ uint32_t CopyText(const std::string &text, char *buf, uint32_t size)
 }
 
 }  // namespace
+
+namespace plat::db {
+
+uint32_t CopySubDescription(DB_OBJ *obj, SubDescription *out)
+{
+    Db &db = TheDb();
+    std::lock_guard lock(db.mu);
+    if (!IsLive(db, obj) || !obj->sub) {
+        return DB_ERR_PARAM;
+    }
+    *out = *obj->sub;
+    return DB_OK;
+}
+
+DB_OBJ *MakeChangeObject(const plat::IfRecord &row)
+{
+    return AdoptChange(DB_TABLE_IF, row);
+}
+
+DB_OBJ *MakeChangeObject(const plat::BoardRecord &row)
+{
+    return AdoptChange(DB_TABLE_DEVM, row);
+}
+
+void DropChangeObject(DB_OBJ *obj)
+{
+    if (obj == nullptr) {
+        return;
+    }
+    Db &db = TheDb();
+    std::lock_guard lock(db.mu);
+    db.liveObjs.erase(obj);
+    db.liveIters.erase(&obj->iter);
+    delete obj;
+}
+
+}  // namespace plat::db
 
 extern "C" {
 
@@ -608,6 +709,97 @@ uint32_t db_root_iterator_next(DB_ITER_S *iter)
         return DB_ERR_PARAM;
     }
     return iter->owner->Next() ? DB_OK : DB_ITER_END;
+}
+
+// ---- Subscription objects and the board registry ----
+
+uint32_t db_create_devm_obj(uint32_t mode, uint32_t flags, DB_OBJ_S **obj)
+{
+    (void)mode;
+    (void)flags;
+    return CreateSubObject(Devm::Create(__func__, obj), obj, DB_TABLE_DEVM);
+}
+
+uint32_t db_release_devm_object(DB_OBJ_S *obj)
+{
+    return Devm::Release(__func__, obj);
+}
+
+uint32_t db_create_if_obj(uint32_t mode, uint32_t flags, DB_OBJ_S **obj)
+{
+    (void)mode;
+    (void)flags;
+    return CreateSubObject(If::Create(__func__, obj), obj, DB_TABLE_IF);
+}
+
+uint32_t db_sub_add_event(DB_OBJ_S *obj, uint32_t eventMask)
+{
+    return WithSubDescription(__func__, obj, [eventMask](plat::db::SubDescription &desc) {
+        const uint32_t all = DB_CHANGE_CREATE | DB_CHANGE_UPDATE | DB_CHANGE_DELETE;
+        if (eventMask == 0 || (eventMask & ~all) != 0) {
+            return DB_ERR_PARAM;
+        }
+        desc.eventMask |= eventMask;
+        return DB_OK;
+    });
+}
+
+uint32_t db_sub_add_field(DB_OBJ_S *obj, const char *table, const char *field, uint32_t a, uint32_t b, uint32_t c)
+{
+    (void)a;
+    (void)b;
+    (void)c;
+    return WithSubDescription(__func__, obj, [table, field](plat::db::SubDescription &desc) {
+        if (table == nullptr || field == nullptr || !KnownField(desc.table, table, field)) {
+            return DB_ERR_PARAM;
+        }
+        desc.fields.emplace_back(field);
+        return DB_OK;
+    });
+}
+
+uint32_t db_sub_add_push_op(DB_OBJ_S *obj, uint32_t pushOp)
+{
+    return WithSubDescription(__func__, obj, [pushOp](plat::db::SubDescription &desc) {
+        if (pushOp != DB_SUB_PUSH_OBJECT) {
+            return DB_ERR_PARAM;
+        }
+        desc.pushOp = pushOp;
+        return DB_OK;
+    });
+}
+
+uint32_t db_sub_reg_callback(DB_OBJ_S *obj, DB_SUB_CALLBACK_FN callback, void *userCallback)
+{
+    return WithSubDescription(__func__, obj, [callback, userCallback](plat::db::SubDescription &desc) {
+        if (callback == nullptr) {
+            return DB_ERR_PARAM;
+        }
+        desc.callback = callback;
+        desc.userCallback = userCallback;
+        return DB_OK;
+    });
+}
+
+uint32_t db_get_devm_Chassis_ID(DB_OBJ_S *obj, uint32_t *chassisId)
+{
+    return Devm::GetField<&plat::BoardRecord::chassisId>(__func__, obj, chassisId);
+}
+
+uint32_t db_get_devm_Slot_ID(DB_OBJ_S *obj, uint32_t *slotId)
+{
+    return Devm::GetField<&plat::BoardRecord::slotId>(__func__, obj, slotId);
+}
+
+uint32_t db_get_devm_Register_status(DB_OBJ_S *obj, uint32_t *status)
+{
+    return Devm::WithRow(__func__, obj, status == nullptr, [status](const plat::BoardRecord &r) {
+        if (!r.registerStatus) {
+            return DB_NO_VALUE;
+        }
+        *status = *r.registerStatus;
+        return DB_OK;
+    });
 }
 
 }  // extern "C"

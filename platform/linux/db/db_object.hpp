@@ -15,9 +15,26 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "db.h"
+#include "plat_world.hpp"
+
+namespace plat::db {
+
+// What an object created for a subscription describes: the table, the
+// change types, the fields, the push operation and the callback.
+struct SubDescription {
+    uint32_t table = 0;
+    uint32_t eventMask = 0;
+    std::vector<std::string> fields;
+    uint32_t pushOp = 0;
+    DB_SUB_CALLBACK_FN callback = nullptr;
+    void *userCallback = nullptr;
+};
+
+}  // namespace plat::db
 
 struct DB_ITER {
     DB_OBJ *owner = nullptr;
@@ -61,6 +78,7 @@ struct DB_OBJ {
     const uint32_t table;
     DB_ITER iter;
     std::vector<DB_OBJ *> children;   // child nodes, released with this object
+    std::unique_ptr<plat::db::SubDescription> sub;   // objects describing a subscription only
     bool started = false;     // Next was called since the last rewind
     bool hasCurrent = false;
     size_t current = 0;
@@ -89,10 +107,20 @@ public:
 
     const Row *CurrentRow() const { return hasCurrent ? &rows_[current] : nullptr; }
 
+    // Holds exactly this row as the current one (the records of a change).
+    void Pin(const Row &row)
+    {
+        rows_.assign(1, row);
+        started = true;
+        hasCurrent = true;
+        current = 0;
+    }
+
 private:
     std::vector<Row> Rows() const
     {
-        std::vector<Row> rows = source_();
+        // A change's object has no source: its pinned row is all it holds.
+        std::vector<Row> rows = source_ != nullptr ? source_() : rows_;
         if (match_) {
             std::erase_if(rows, [this](const Row &r) { return !match_(r); });
         }
@@ -123,5 +151,18 @@ public:
 private:
     Row row_;
 };
+
+}  // namespace plat::db
+
+namespace plat::db {
+
+// Between the object side (db.cpp) and the subscription side (db_sub.cpp).
+// A copy of the description of a live subscription object; DB_ERR_PARAM
+// for any other object.
+uint32_t CopySubDescription(DB_OBJ *obj, SubDescription *out);
+// Live objects holding one record of a change, for the length of a callback.
+DB_OBJ *MakeChangeObject(const plat::IfRecord &row);
+DB_OBJ *MakeChangeObject(const plat::BoardRecord &row);
+void DropChangeObject(DB_OBJ *obj);
 
 }  // namespace plat::db

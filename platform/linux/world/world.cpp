@@ -5,12 +5,16 @@
 // model: an identity (name, MAC, chassis, boards, board type), whether the
 // device database answers yet (main board and self board separately), the
 // framework-instance table and the switching tables (interfaces, trunks,
-// trunk ports, port VLANs, access and port isolation). The host fills it from a topology file
-// (topology.cpp) and tests change it at any time; every access is locked.
+// trunk ports, port VLANs, access and port isolation) and the board registry.
+// The host fills it from a topology file (topology.cpp) and tests and the
+// host's control change it at any time; every access is locked. Writes of
+// interfaces and of the board registry are handed, under the same lock and
+// so in order, to the change listener of the database's subscription side.
 #include <algorithm>
 #include <mutex>
 
 #include "core/internal.hpp"
+#include "db.h"
 #include "plat_world.hpp"
 #include "world/world_internal.hpp"
 
@@ -29,6 +33,8 @@ struct World {
     std::vector<plat::PortVlanRecord> portVlans;
     std::vector<plat::AccessIsolateRecord> accessIsolation;
     std::vector<plat::PortIsolateRecord> portIsolation;
+    std::vector<plat::BoardRecord> boards;
+    plat::world::ChangeListener listener = nullptr;
 };
 
 World &TheWorld()
@@ -73,6 +79,47 @@ std::vector<Row> Rows(std::vector<Row> World::*table)
     return w.*table;
 }
 
+// Caller holds World::mu.
+void Notify(const World &w, const plat::world::Change &change)
+{
+    if (w.listener != nullptr) {
+        w.listener(change);
+    }
+}
+
+plat::world::Change IfChange(uint32_t type, std::optional<plat::IfRecord> before, std::optional<plat::IfRecord> after)
+{
+    plat::world::Change change;
+    change.table = plat::world::ChangedTable::If;
+    change.type = type;
+    change.oldIf = std::move(before);
+    change.newIf = std::move(after);
+    return change;
+}
+
+plat::world::Change BoardChange(uint32_t type, std::optional<plat::BoardRecord> before,
+                                std::optional<plat::BoardRecord> after)
+{
+    plat::world::Change change;
+    change.table = plat::world::ChangedTable::Board;
+    change.type = type;
+    change.oldBoard = std::move(before);
+    change.newBoard = std::move(after);
+    return change;
+}
+
+// Caller holds World::mu.
+std::vector<plat::IfRecord>::iterator FindIf(World &w, uint32_t ifIndex)
+{
+    return std::find_if(w.ifs.begin(), w.ifs.end(),
+                        [ifIndex](const plat::IfRecord &r) { return r.ifIndex == ifIndex; });
+}
+
+bool SameBoard(const plat::BoardRecord &a, uint32_t chassisId, uint32_t slotId)
+{
+    return a.chassisId == chassisId && a.slotId == slotId;
+}
+
 bool SameIsolation(const plat::AccessIsolateRecord &a, const plat::AccessIsolateRecord &b)
 {
     return a.srcIfIndex == b.srcIfIndex && a.vlanId == b.vlanId && a.dstIfIndex == b.dstIfIndex;
@@ -92,6 +139,7 @@ void ClearTables(World &w)
     w.portVlans.clear();
     w.accessIsolation.clear();
     w.portIsolation.clear();
+    w.boards.clear();
 }
 
 }  // namespace
@@ -170,12 +218,100 @@ std::vector<FrmInstRecord> frm_inst_records()
 
 void if_put(const IfRecord &record)
 {
-    Put(&World::ifs, record, [](const IfRecord &a, const IfRecord &b) { return a.ifIndex == b.ifIndex; });
+    World &w = TheWorld();
+    std::lock_guard lock(w.mu);
+    const auto it = FindIf(w, record.ifIndex);
+    if (it != w.ifs.end()) {
+        const IfRecord before = *it;
+        *it = record;
+        Notify(w, IfChange(DB_CHANGE_UPDATE, before, record));
+    } else {
+        w.ifs.push_back(record);
+        Notify(w, IfChange(DB_CHANGE_CREATE, std::nullopt, record));
+    }
 }
 
 bool if_remove(uint32_t ifIndex)
 {
-    return Remove(&World::ifs, [ifIndex](const IfRecord &r) { return r.ifIndex == ifIndex; });
+    World &w = TheWorld();
+    std::lock_guard lock(w.mu);
+    const auto it = FindIf(w, ifIndex);
+    if (it == w.ifs.end()) {
+        return false;
+    }
+    const IfRecord before = *it;
+    w.ifs.erase(it);
+    Notify(w, IfChange(DB_CHANGE_DELETE, before, std::nullopt));
+    return true;
+}
+
+std::optional<IfRecord> if_find(uint32_t ifIndex)
+{
+    World &w = TheWorld();
+    std::lock_guard lock(w.mu);
+    const auto it = FindIf(w, ifIndex);
+    if (it == w.ifs.end()) {
+        return std::nullopt;
+    }
+    return *it;
+}
+
+bool if_set_on_board(uint32_t ifIndex, bool onBoard)
+{
+    World &w = TheWorld();
+    std::lock_guard lock(w.mu);
+    const auto it = FindIf(w, ifIndex);
+    if (it == w.ifs.end()) {
+        return false;
+    }
+    const IfRecord before = *it;
+    it->onBoard = onBoard;
+    Notify(w, IfChange(DB_CHANGE_UPDATE, before, *it));
+    return true;
+}
+
+void board_put(const BoardRecord &record)
+{
+    World &w = TheWorld();
+    std::lock_guard lock(w.mu);
+    const auto it = std::find_if(w.boards.begin(), w.boards.end(), [&record](const BoardRecord &r) {
+        return SameBoard(r, record.chassisId, record.slotId);
+    });
+    if (it != w.boards.end()) {
+        const BoardRecord before = *it;
+        *it = record;
+        Notify(w, BoardChange(DB_CHANGE_UPDATE, before, record));
+    } else {
+        w.boards.push_back(record);
+        Notify(w, BoardChange(DB_CHANGE_CREATE, std::nullopt, record));
+    }
+}
+
+bool board_remove(uint32_t chassisId, uint32_t slotId)
+{
+    World &w = TheWorld();
+    std::lock_guard lock(w.mu);
+    const auto it = std::find_if(w.boards.begin(), w.boards.end(),
+                                 [chassisId, slotId](const BoardRecord &r) { return SameBoard(r, chassisId, slotId); });
+    if (it == w.boards.end()) {
+        return false;
+    }
+    const BoardRecord before = *it;
+    w.boards.erase(it);
+    Notify(w, BoardChange(DB_CHANGE_DELETE, before, std::nullopt));
+    return true;
+}
+
+std::vector<BoardRecord> board_records()
+{
+    return Rows(&World::boards);
+}
+
+void set_change_listener(ChangeListener listener)
+{
+    World &w = TheWorld();
+    std::lock_guard lock(w.mu);
+    w.listener = listener;
 }
 
 std::vector<IfRecord> if_records()
@@ -304,6 +440,7 @@ void apply_topology(const Topology &topology)
     w.portVlans = topology.portVlans;
     w.accessIsolation = topology.accessIsolation;
     w.portIsolation = topology.portIsolation;
+    w.boards = {BoardRecord{topology.system.chassisId, topology.system.selfBoardId, kBoardRegistered}};
 }
 
 void reset()

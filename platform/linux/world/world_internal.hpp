@@ -1,7 +1,11 @@
-// What the device manager reads from the world model beyond plat_world.hpp:
-// the identity together with which of its parts currently answer, taken in
-// one consistent snapshot.
+// What the platform's services read from the world model beyond
+// plat_world.hpp: the identity together with which of its parts currently
+// answer, taken in one consistent snapshot (the device manager), and the
+// feed of interface and board-registry writes (the database's
+// subscriptions).
 #pragma once
+
+#include <optional>
 
 #include "plat_world.hpp"
 
@@ -14,5 +18,23 @@ struct DeviceView {
 };
 
 DeviceView device_view();
+
+// One write of a table that subscriptions follow, with the record as it was
+// (none for a create) and as it is (none for a delete).
+enum class ChangedTable : uint32_t { If, Board };
+struct Change {
+    ChangedTable table = ChangedTable::If;
+    uint32_t type = 0;   // DB_CHANGE_CREATE, DB_CHANGE_UPDATE or DB_CHANGE_DELETE
+    std::optional<IfRecord> oldIf;
+    std::optional<IfRecord> newIf;
+    std::optional<BoardRecord> oldBoard;
+    std::optional<BoardRecord> newBoard;
+};
+
+// The one listener of the change feed (the database's subscription side).
+// It is called under the world's lock, in the order of the writes, and must
+// not call back into the world.
+using ChangeListener = void (*)(const Change &change);
+void set_change_listener(ChangeListener listener);
 
 }  // namespace plat::world

@@ -10,6 +10,8 @@
 #include "db.h"
 #include "devm.h"
 #include "pppoe_plus_cfg.h"
+#include "pppoe_plus_db.h"
+#include "pppoe_plus_evt.h"
 #include "pppoe_plus_fpc.h"
 #include "pppoe_plus_guard.hpp"
 #include "pppoe_plus_log.h"
@@ -124,6 +126,10 @@ uint32_t PPPOE_PLUS_InitData(void)
     Info("[PPPOEPLUS_FRAME] InitData step2 end.");
     (void)PPPOE_PLUS_CreateMainTask();
     Info("[PPPOEPLUS_FRAME] InitData step3 end.");
+    // The configuration callbacks are registered here once the configuration client exists.
+    PPPOE_PLUS_CreateDBSubConn();
+    (void)PPPOE_PLUS_DbSubFuncInit();
+    (void)PPPOE_PLUS_EvtSubscribeInit();
     (void)PPPOE_PLUS_InitKeyWordDict();
     PPPOE_PLUS_InitGlobalCfgData();
     Info("[PPPOEPLUS_FRAME] InitData finish.");
@@ -133,7 +139,7 @@ uint32_t PPPOE_PLUS_InitData(void)
 uint32_t PPPOE_PLUS_MainExit(void)
 {
     syslog(LOG_INFO, "[PPPoE_PLUS] Main exit");
-    return 0;
+    return PPPOE_PLUS_DestroyDbSubConn();
 }
 
 uint32_t PPPOE_PLUS_WaitDevmReady(void)

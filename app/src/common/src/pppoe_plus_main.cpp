@@ -8,6 +8,7 @@
 #include <sys/eventfd.h>
 
 #include "plat_safe.h"
+#include "pppoe_plus_evt.h"
 #include "pppoe_plus_fpc.h"
 #include "pppoe_plus_log.h"
 #include "pppoe_plus_mem.h"
@@ -222,9 +223,21 @@ uint32_t PPPOE_PLUS_MainQueueProc(uint32_t /*fd*/, uint32_t /*events*/, void *ha
     if (PPPOE_PLUS_QueueRead(static_cast<QueueHandle *>(handle), &msg, sizeof(msg)) == 0) {
         return 0;
     }
-    // HA events and event-bus publications are dispatched here by type;
-    // any other type is dropped. The payload is freed whatever the type.
-    PPPOE_PLUS_MemFree(reinterpret_cast<void *>(msg.data));
+    void *data = reinterpret_cast<void *>(msg.data);
+    switch (msg.msgType) {
+        case PPPOE_PLUS_MSG_EVENT:
+            if (data != nullptr) {
+                PPPOE_PLUS_EvtDeliver(data);
+            }
+            break;
+        case PPPOE_PLUS_MSG_HA:
+            // HA role changes and the start of work are handled here once the
+            // HA handler exists; until then the message is only freed.
+            break;
+        default:
+            break;  // unknown types are dropped
+    }
+    PPPOE_PLUS_MemFree(data);
     return 0;
 }
 

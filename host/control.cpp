@@ -1,0 +1,341 @@
+// The host's control socket: a unix stream socket taking one command line
+// per connection and answering with "ok" or "error: <why>" followed by the
+// command's output. World commands go through the world model's setters,
+// whose writes the object database pushes to the agent's subscriptions.
+//
+//   if list | if on <name|ifIndex> | if off <name|ifIndex>
+//   board list | board register <slot> | board unregister <slot>
+//   fwm
+//   agent set enable <0|1> | agent set ignore-reply <0|1> | agent trust <name|ifIndex> <0|1>
+//
+// The "agent" commands call the agent's exported setters directly; they
+// stand in for the configuration datastore until the host has one.
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <optional>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "control.hpp"
+#include "plat_fwm.hpp"
+#include "plat_world.hpp"
+
+namespace pplus_host {
+
+namespace {
+
+constexpr size_t kMaxLine = 512;
+constexpr int kLineTimeoutMs = 2000;
+
+std::vector<std::string> Words(const std::string &line)
+{
+    std::istringstream in(line);
+    std::vector<std::string> words;
+    for (std::string word; in >> word;) {
+        words.push_back(word);
+    }
+    return words;
+}
+
+std::optional<uint32_t> Number(const std::string &text)
+{
+    uint32_t value = 0;
+    const char *end = text.data() + text.size();
+    const auto [ptr, ec] = std::from_chars(text.data(), end, value);
+    if (ec != std::errc() || ptr != end) {
+        return std::nullopt;
+    }
+    return value;
+}
+
+std::string Ok(const std::string &output = "")
+{
+    return output.empty() ? "ok\n" : "ok\n" + output + "\n";
+}
+
+std::string Error(const std::string &why)
+{
+    return "error: " + why + "\n";
+}
+
+// An interface named by its name or its ifIndex.
+std::optional<plat::IfRecord> FindInterface(const std::string &port)
+{
+    if (const auto ifIndex = Number(port)) {
+        if (auto found = plat::world::if_find(*ifIndex)) {
+            return found;
+        }
+    }
+    for (const plat::IfRecord &rec : plat::world::if_records()) {
+        if (rec.name == port) {
+            return rec;
+        }
+    }
+    return std::nullopt;
+}
+
+std::string Describe(const plat::IfRecord &rec)
+{
+    return "interface " + rec.name + " (ifIndex " + std::to_string(rec.ifIndex) + ")";
+}
+
+std::string InterfaceCommand(const std::vector<std::string> &w)
+{
+    if (w.size() == 2 && w[1] == "list") {
+        std::ostringstream out;
+        out << "ifIndex  on-board  name";
+        for (const plat::IfRecord &rec : plat::world::if_records()) {
+            out << "\n" << rec.ifIndex << "  " << (rec.onBoard ? "yes" : "no") << "  " << rec.name;
+        }
+        return Ok(out.str());
+    }
+    if (w.size() != 3 || (w[1] != "on" && w[1] != "off")) {
+        return Error("usage: if list | if on <name|ifIndex> | if off <name|ifIndex>");
+    }
+    const auto rec = FindInterface(w[2]);
+    if (!rec) {
+        return Error("no interface named or numbered " + w[2]);
+    }
+    const bool onBoard = w[1] == "on";
+    if (!plat::world::if_set_on_board(rec->ifIndex, onBoard)) {
+        return Error(Describe(*rec) + " disappeared");
+    }
+    return Ok(Describe(*rec) + (onBoard ? " is on board" : " is off board"));
+}
+
+std::string BoardCommand(const std::vector<std::string> &w)
+{
+    const uint32_t chassisId = plat::world::identity().chassisId;
+    if (w.size() == 2 && w[1] == "list") {
+        std::ostringstream out;
+        out << "chassis  slot  state";
+        for (const plat::BoardRecord &rec : plat::world::board_records()) {
+            out << "\n" << rec.chassisId << "  " << rec.slotId << "  ";
+            if (!rec.registerStatus) {
+                out << "unknown";
+            } else {
+                out << (*rec.registerStatus == plat::kBoardRegistered ? "registered" : "unregistered");
+            }
+        }
+        return Ok(out.str());
+    }
+    if (w.size() != 3 || (w[1] != "register" && w[1] != "unregister")) {
+        return Error("usage: board list | board register <slot> | board unregister <slot>");
+    }
+    const auto slot = Number(w[2]);
+    if (!slot) {
+        return Error("not a slot number: " + w[2]);
+    }
+    const bool registered = w[1] == "register";
+    plat::BoardRecord rec;
+    rec.chassisId = chassisId;
+    rec.slotId = *slot;
+    rec.registerStatus = registered ? plat::kBoardRegistered : plat::kBoardUnregistered;
+    plat::world::board_put(rec);
+    return Ok("board " + std::to_string(*slot) + " of chassis " + std::to_string(chassisId) +
+              (registered ? " is registered" : " is unregistered"));
+}
+
+std::optional<uint8_t> Flag(const std::string &text)
+{
+    if (text == "0" || text == "1") {
+        return static_cast<uint8_t>(text == "1" ? 1 : 0);
+    }
+    return std::nullopt;
+}
+
+std::string AgentCommand(const std::vector<std::string> &w, const AgentApi &agent)
+{
+    if (w.size() == 4 && w[1] == "set" && (w[2] == "enable" || w[2] == "ignore-reply")) {
+        const auto flag = Flag(w[3]);
+        const auto setter = w[2] == "enable" ? agent.setEnable : agent.setIgnoreReply;
+        if (!flag) {
+            return Error("expected 0 or 1, got " + w[3]);
+        }
+        if (setter == nullptr) {
+            return Error("the agent module lacks the setter of " + w[2]);
+        }
+        const uint32_t ret = setter(*flag);
+        return Ok("agent " + w[2] + " set to " + w[3] + " (result " + std::to_string(ret) + ")");
+    }
+    if (w.size() == 4 && w[1] == "trust") {
+        const auto rec = FindInterface(w[2]);
+        const auto flag = Flag(w[3]);
+        if (!rec) {
+            return Error("no interface named or numbered " + w[2]);
+        }
+        if (!flag) {
+            return Error("expected 0 or 1, got " + w[3]);
+        }
+        if (agent.setPortTrust == nullptr) {
+            return Error("the agent module lacks the port trust setter");
+        }
+        const uint32_t ret = agent.setPortTrust(rec->ifIndex, *flag);
+        return Ok("agent trust of " + Describe(*rec) + " set to " + w[3] + " (result " + std::to_string(ret) + ")");
+    }
+    return Error("usage: agent set enable <0|1> | agent set ignore-reply <0|1> | agent trust <name|ifIndex> <0|1>");
+}
+
+// Reads one line (without its newline) from a connection; false when none came in time.
+bool ReadLine(int fd, std::string *line)
+{
+    line->clear();
+    for (;;) {
+        pollfd p = {fd, POLLIN, 0};
+        if (poll(&p, 1, kLineTimeoutMs) <= 0) {
+            return false;
+        }
+        char c = 0;
+        const ssize_t n = read(fd, &c, 1);
+        if (n <= 0) {
+            return !line->empty();
+        }
+        if (c == '\n') {
+            return true;
+        }
+        if (line->size() >= kMaxLine) {
+            return false;
+        }
+        line->push_back(c);
+    }
+}
+
+void WriteAll(int fd, const std::string &text)
+{
+    size_t sent = 0;
+    while (sent < text.size()) {
+        const ssize_t n = send(fd, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
+        if (n <= 0) {
+            return;
+        }
+        sent += static_cast<size_t>(n);
+    }
+}
+
+}  // namespace
+
+std::string RunControlCommand(const std::string &line, const AgentApi &agent)
+{
+    const std::vector<std::string> w = Words(line);
+    if (w.empty()) {
+        return Error("empty command");
+    }
+    if (w[0] == "if") {
+        return InterfaceCommand(w);
+    }
+    if (w[0] == "board") {
+        return BoardCommand(w);
+    }
+    if (w[0] == "fwm" && w.size() == 1) {
+        return Ok(plat::fwm::describe(plat::fwm::state()));
+    }
+    if (w[0] == "agent") {
+        return AgentCommand(w, agent);
+    }
+    return Error("unknown command \"" + line + "\" (commands: if, board, fwm, agent)");
+}
+
+struct ControlServer::State {
+    std::string path;
+    AgentApi agent;
+    int listenFd = -1;
+    int stopFd = -1;
+    std::thread thread;
+
+    void Serve()
+    {
+        for (;;) {
+            pollfd fds[2] = {{listenFd, POLLIN, 0}, {stopFd, POLLIN, 0}};
+            if (poll(fds, 2, -1) < 0) {
+                if (errno == EINTR) {
+                    continue;
+                }
+                return;
+            }
+            if ((fds[1].revents & POLLIN) != 0) {
+                return;
+            }
+            const int conn = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+            if (conn < 0) {
+                continue;
+            }
+            std::string line;
+            if (ReadLine(conn, &line)) {
+                WriteAll(conn, RunControlCommand(line, agent));
+            } else {
+                WriteAll(conn, Error("no command line received"));
+            }
+            close(conn);
+        }
+    }
+};
+
+ControlServer::ControlServer() : state_(std::make_unique<State>()) {}
+
+ControlServer::~ControlServer()
+{
+    Stop();
+}
+
+bool ControlServer::Start(const std::string &path, const AgentApi &agent, std::string *error)
+{
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof(addr.sun_path)) {
+        *error = "unusable control socket path: \"" + path + "\"";
+        return false;
+    }
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    // A socket file left by an earlier host that no one serves any more is replaced.
+    struct stat st = {};
+    if (lstat(path.c_str(), &st) == 0) {
+        std::string reply;
+        std::string ignored;
+        if (!S_ISSOCK(st.st_mode)) {
+            *error = path + " exists and is no socket";
+            return false;
+        }
+        if (ControlRequest(path, "fwm", &reply, &ignored)) {
+            *error = "another pppoe-plus-switch serves " + path;
+            return false;
+        }
+        unlink(path.c_str());
+    }
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof(addr)) != 0 || listen(fd, 8) != 0) {
+        *error = "cannot listen at " + path + ": " + std::strerror(errno);
+        if (fd >= 0) {
+            close(fd);
+        }
+        return false;
+    }
+    state_->path = path;
+    state_->agent = agent;
+    state_->listenFd = fd;
+    state_->stopFd = eventfd(0, EFD_CLOEXEC);
+    state_->thread = std::thread([state = state_.get()]() { state->Serve(); });
+    return true;
+}
+
+void ControlServer::Stop()
+{
+    if (!state_->thread.joinable()) {
+        return;
+    }
+    (void)eventfd_write(state_->stopFd, 1);
+    state_->thread.join();
+    close(state_->listenFd);
+    close(state_->stopFd);
+    unlink(state_->path.c_str());
+}
+
+}  // namespace pplus_host

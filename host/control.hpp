@@ -1,0 +1,53 @@
+// The host's control socket: one-line commands that change the world at run
+// time (interfaces on and off board, boards registering and leaving) and
+// show the forwarding manager's state, so an operator or a test can watch
+// the agent react. pppoe-plus-cli is its client.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace pplus_host {
+
+// Where the host listens and the tool connects unless told otherwise:
+// $XDG_RUNTIME_DIR/pppoe-plus-switch.sock, or under /tmp without it.
+std::string DefaultControlPath();
+
+// Sends one command line and reads the whole reply. The reply's first line
+// is "ok" or "error: <why>", further lines are the command's output. False,
+// with *error set, when the host cannot be reached.
+bool ControlRequest(const std::string &path, const std::string &line, std::string *reply, std::string *error);
+
+// The agent's exported setters the interim "agent" commands call (any may
+// be null when the module lacks it).
+struct AgentApi {
+    uint32_t (*setEnable)(uint8_t enable) = nullptr;
+    uint32_t (*setIgnoreReply)(uint8_t enable) = nullptr;
+    uint32_t (*setPortTrust)(uint32_t ifIndex, uint32_t enable) = nullptr;
+};
+
+// Runs one command line against the world model, the forwarding manager
+// and the agent; returns the reply as ControlRequest hands it back.
+std::string RunControlCommand(const std::string &line, const AgentApi &agent);
+
+// Serves the control socket on a thread of its own.
+class ControlServer {
+public:
+    ControlServer();
+    ~ControlServer();
+    ControlServer(const ControlServer &) = delete;
+    ControlServer &operator=(const ControlServer &) = delete;
+
+    // Listens at path (a stale socket file there is replaced); false with
+    // *error when the socket cannot be set up.
+    bool Start(const std::string &path, const AgentApi &agent, std::string *error);
+    // Stops serving and removes the socket file.
+    void Stop();
+
+private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
+
+}  // namespace pplus_host

@@ -1,0 +1,111 @@
+// A pppoe-plus-switch started by a test, its standard output and error
+// read through a pipe.
+#pragma once
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace pplus_e2e {
+
+class Host {
+public:
+    explicit Host(std::vector<std::string> args, const char *cwd = nullptr)
+    {
+        int fds[2];
+        if (pipe(fds) != 0) {
+            return;
+        }
+        pid_ = fork();
+        if (pid_ == 0) {
+            if (cwd != nullptr && chdir(cwd) != 0) {
+                _exit(126);
+            }
+            dup2(fds[1], STDOUT_FILENO);
+            dup2(fds[1], STDERR_FILENO);
+            close(fds[0]);
+            close(fds[1]);
+            std::vector<char *> argv;
+            static std::string exe = PPLUS_BUILD_DIR "/bin/pppoe-plus-switch";
+            argv.push_back(exe.data());
+            for (auto &a : args) {
+                argv.push_back(a.data());
+            }
+            argv.push_back(nullptr);
+            execv(exe.c_str(), argv.data());
+            _exit(127);
+        }
+        close(fds[1]);
+        out_ = fds[0];
+    }
+    ~Host()
+    {
+        if (pid_ > 0 && !exited_) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+        if (out_ >= 0) {
+            close(out_);
+        }
+    }
+
+    // Reads output until text appears (at or after offset from) or timeoutMs passes.
+    bool WaitForOutput(const std::string &text, int timeoutMs, size_t from = 0)
+    {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        while (output_.find(text, from) == std::string::npos) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            if (left.count() <= 0 || !ReadSome(static_cast<int>(left.count()))) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    int Stop(int sig)
+    {
+        kill(pid_, sig);
+        return Wait();
+    }
+
+    int Wait()
+    {
+        while (ReadSome(10000)) {
+        }
+        int status = 0;
+        waitpid(pid_, &status, 0);
+        exited_ = true;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+    const std::string &Output() const { return output_; }
+
+private:
+    bool ReadSome(int timeoutMs)
+    {
+        pollfd p = {out_, POLLIN, 0};
+        if (poll(&p, 1, timeoutMs) <= 0) {
+            return false;
+        }
+        char buf[4096];
+        const ssize_t n = read(out_, buf, sizeof(buf));
+        if (n <= 0) {
+            return false;
+        }
+        output_.append(buf, static_cast<size_t>(n));
+        return true;
+    }
+
+    pid_t pid_ = -1;
+    int out_ = -1;
+    bool exited_ = false;
+    std::string output_;
+};
+
+}  // namespace pplus_e2e

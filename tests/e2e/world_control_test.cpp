@@ -1,0 +1,118 @@
+// Run-time world control end to end: with the agent enabled and a trusted
+// uplink, pppoe-plus-cli takes the uplink off board and back through the
+// host's control socket, and fwm sees the trusted-port ACL withdrawn and
+// installed again.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+#include "control.hpp"
+#include "host_process.hpp"
+
+namespace {
+
+using pplus_e2e::Host;
+
+struct CliRun {
+    int exitCode = -1;
+    std::string output;  // standard output and error together
+};
+
+CliRun Cli(const std::string &args)
+{
+    CliRun run;
+    const std::string cmd = PPLUS_BUILD_DIR "/bin/pppoe-plus-cli " + args + " 2>&1";
+    FILE *pipe = popen(cmd.c_str(), "r");
+    if (pipe == nullptr) {
+        return run;
+    }
+    char buf[512];
+    while (fgets(buf, sizeof(buf), pipe) != nullptr) {
+        run.output += buf;
+    }
+    const int status = pclose(pipe);
+    run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return run;
+}
+
+std::string ControlPath(const char *name)
+{
+    return "/tmp/pplus-e2e-" + std::to_string(getpid()) + "-" + name + ".sock";
+}
+
+// Sends a line to the host's control socket; the reply, "" when unreachable.
+std::string Control(const std::string &path, const std::string &line)
+{
+    std::string reply;
+    std::string error;
+    return pplus_host::ControlRequest(path, line, &reply, &error) ? reply : "";
+}
+
+}  // namespace
+
+TEST(WorldControl, TrustedUplinkOffBoardAndBackReachesFwmWithEnableZeroThenOne)
+{
+    const std::string ctl = ControlPath("uplink");
+    Host host({"--control", ctl});
+    ASSERT_TRUE(host.WaitForOutput("pppoe-plus-switch: control socket " + ctl, 20000)) << host.Output();
+
+    // Interim: the agent's settings through the host's test-only commands.
+    EXPECT_EQ(Control(ctl, "agent set enable 1").substr(0, 3), "ok\n");
+    EXPECT_EQ(Control(ctl, "agent trust XGigabitEthernet0/0/1 1").substr(0, 3), "ok\n");
+    ASSERT_TRUE(host.WaitForOutput("[fwm] trust-port-cfg enable 1 ifIndex 49", 5000)) << host.Output();
+    const size_t installed = host.Output().find("[fwm] trust-port-cfg enable 1 ifIndex 49");
+
+    const CliRun off = Cli("--control " + ctl + " world if off XGigabitEthernet0/0/1");
+    EXPECT_EQ(off.exitCode, 0) << off.output;
+    EXPECT_EQ(off.output, "interface XGigabitEthernet0/0/1 (ifIndex 49) is off board\n");
+    ASSERT_TRUE(host.WaitForOutput("[fwm] trust-port-cfg enable 0 ifIndex 49", 5000)) << host.Output();
+    const size_t withdrawn = host.Output().find("[fwm] trust-port-cfg enable 0 ifIndex 49");
+    EXPECT_GT(withdrawn, installed);
+
+    const CliRun on = Cli("--control " + ctl + " world if on 49");
+    EXPECT_EQ(on.exitCode, 0) << on.output;
+    ASSERT_TRUE(host.WaitForOutput("[fwm] trust-port-cfg enable 1 ifIndex 49", 5000, withdrawn)) << host.Output();
+
+    const CliRun fwm = Cli("--control " + ctl + " world fwm");
+    EXPECT_EQ(fwm.exitCode, 0);
+    EXPECT_NE(fwm.output.find("feature on"), std::string::npos) << fwm.output;
+    EXPECT_NE(fwm.output.find("trusted ports 49"), std::string::npos) << fwm.output;
+
+    EXPECT_EQ(host.Stop(SIGTERM), 0) << host.Output();
+    EXPECT_EQ(access(ctl.c_str(), F_OK), -1);  // the socket file is gone with the host
+}
+
+TEST(WorldControl, CliReportsBoardsListsAndErrorsReadably)
+{
+    const std::string ctl = ControlPath("cli");
+    Host host({"--control", ctl});
+    ASSERT_TRUE(host.WaitForOutput("pppoe-plus-switch: control socket " + ctl, 20000)) << host.Output();
+
+    const CliRun reg = Cli("--control " + ctl + " world board register 3");
+    EXPECT_EQ(reg.exitCode, 0);
+    EXPECT_EQ(reg.output, "board 3 of chassis 1 is registered\n");
+    const CliRun boards = Cli("--control " + ctl + " world board list");
+    EXPECT_EQ(boards.output, "chassis  slot  state\n1  1  registered\n1  3  registered\n");
+    const CliRun ifs = Cli("--control " + ctl + " world if list");
+    EXPECT_NE(ifs.output.find("10  no  GigabitEthernet0/0/6"), std::string::npos) << ifs.output;
+
+    const CliRun unknown = Cli("--control " + ctl + " world if off Eth9");
+    EXPECT_EQ(unknown.exitCode, 1);
+    EXPECT_EQ(unknown.output, "pppoe-plus-cli: no interface named or numbered Eth9\n");
+    const CliRun badSlot = Cli("--control " + ctl + " world board register three");
+    EXPECT_EQ(badSlot.exitCode, 1);
+    EXPECT_EQ(badSlot.output, "pppoe-plus-cli: not a slot number: three\n");
+    EXPECT_NE(Control(ctl, "reboot").find("error: unknown command"), std::string::npos);
+
+    EXPECT_EQ(host.Stop(SIGTERM), 0) << host.Output();
+    const CliRun gone = Cli("--control " + ctl + " world fwm");
+    EXPECT_EQ(gone.exitCode, 2);
+    EXPECT_NE(gone.output.find("pppoe-plus-cli: cannot reach pppoe-plus-switch at " + ctl), std::string::npos)
+        << gone.output;
+    const CliRun usage = Cli("world");
+    EXPECT_NE(usage.exitCode, 0);
+}

@@ -1,0 +1,274 @@
+// The object database's subscription side: world writes pushed to the
+// connection in order, with the record as it was and as it is; the
+// connection's descriptor and its epoll control; refusals; sleep(3) on the
+// time scale.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "db.h"
+#include "plat_control.h"
+#include "plat_world.hpp"
+
+namespace {
+
+// What one callback saw, read through the table's getters.
+struct Seen {
+    uint32_t type = 0;
+    uint32_t newKey = 0xFFFFFFFFU;   // ifIndex or slot of the new record, when there is one
+    uint32_t oldKey = 0xFFFFFFFFU;
+    uint32_t newValue = 0xFFFFFFFFU; // on_board or Register_status
+    uint32_t oldValue = 0xFFFFFFFFU;
+    uint32_t newValueRet = 0;
+    uint32_t oldValueRet = 0;
+    void *userCallback = nullptr;
+};
+
+std::vector<Seen> g_seen;
+std::vector<DB_OBJ_S *> g_objectsSeen;
+std::vector<std::pair<uint32_t, uint32_t>> g_epollCalls;  // (fd, op)
+uint32_t g_epollAnswer = 0;
+
+uint32_t EpollCtrl(uint32_t fd, uint32_t op)
+{
+    g_epollCalls.emplace_back(fd, op);
+    return g_epollAnswer;
+}
+
+void OnIf(DB_SUB_CONN_S *, const DB_SUB_CHANGE_S *change, void *, void *userCallback)
+{
+    Seen s;
+    s.type = change->changeType;
+    s.userCallback = userCallback;
+    if (change->newObj != nullptr) {
+        EXPECT_EQ(db_get_if_ifindex(change->newObj, &s.newKey), DB_OK);
+        s.newValueRet = db_get_if_on_board(change->newObj, &s.newValue);
+        g_objectsSeen.push_back(change->newObj);
+    }
+    if (change->oldObj != nullptr) {
+        EXPECT_EQ(db_get_if_ifindex(change->oldObj, &s.oldKey), DB_OK);
+        s.oldValueRet = db_get_if_on_board(change->oldObj, &s.oldValue);
+        g_objectsSeen.push_back(change->oldObj);
+    }
+    g_seen.push_back(s);
+}
+
+void OnBoard(DB_SUB_CONN_S *, const DB_SUB_CHANGE_S *change, void *, void *userCallback)
+{
+    Seen s;
+    s.type = change->changeType;
+    s.userCallback = userCallback;
+    if (change->newObj != nullptr) {
+        EXPECT_EQ(db_get_devm_Slot_ID(change->newObj, &s.newKey), DB_OK);
+        s.newValueRet = db_get_devm_Register_status(change->newObj, &s.newValue);
+    }
+    if (change->oldObj != nullptr) {
+        EXPECT_EQ(db_get_devm_Slot_ID(change->oldObj, &s.oldKey), DB_OK);
+        s.oldValueRet = db_get_devm_Register_status(change->oldObj, &s.oldValue);
+    }
+    g_seen.push_back(s);
+}
+
+DB_CONN_PARAM_S Params(const char *locator = DB_SUB_SERVER_LOCATOR)
+{
+    DB_CONN_PARAM_S p = {};
+    p.serverLocator = locator;
+    p.userName = "test";
+    return p;
+}
+
+// Describes and makes one subscription on the connection.
+DB_SUB_S *Subscribe(DB_SUB_CONN_S *conn, bool devm, uint32_t events, DB_SUB_CALLBACK_FN callback, void *user)
+{
+    DB_OBJ_S *obj = nullptr;
+    EXPECT_EQ(devm ? db_create_devm_obj(7, 0, &obj) : db_create_if_obj(7, 0, &obj), DB_OK);
+    EXPECT_EQ(db_sub_add_event(obj, events), DB_OK);
+    EXPECT_EQ(db_sub_add_field(obj, devm ? "devm" : "if", devm ? "Register_status" : "on_board", 0, 0, 0), DB_OK);
+    EXPECT_EQ(db_sub_add_push_op(obj, DB_SUB_PUSH_OBJECT), DB_OK);
+    EXPECT_EQ(db_sub_reg_callback(obj, callback, user), DB_OK);
+    DB_SUB_S *sub = nullptr;
+    EXPECT_EQ(db_sub_with_conn(conn, obj, &sub), DB_OK);
+    EXPECT_EQ(devm ? db_release_devm_object(obj) : db_release_if_object(obj), DB_OK);
+    return sub;
+}
+
+bool Readable(uint32_t fd)
+{
+    pollfd p = {static_cast<int>(fd), POLLIN, 0};
+    return poll(&p, 1, 0) == 1;
+}
+
+plat::IfRecord Port(uint32_t ifIndex, bool onBoard)
+{
+    plat::IfRecord r;
+    r.name = "GE0/0/" + std::to_string(ifIndex);
+    r.ifIndex = ifIndex;
+    r.onBoard = onBoard;
+    return r;
+}
+
+class DbSub : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        plat::world::reset();
+        PLAT_FailClearAll();
+        g_seen.clear();
+        g_objectsSeen.clear();
+        g_epollCalls.clear();
+        g_epollAnswer = 0;
+    }
+};
+
+}  // namespace
+
+TEST_F(DbSub, WorldWritesArriveInOrderWithTheRecordBeforeAndAfter)
+{
+    plat::world::if_put(Port(5, true));  // before any connection: not pushed
+    DB_CONN_PARAM_S params = Params();
+    DB_SUB_CONN_S *conn = nullptr;
+    ASSERT_EQ(db_create_sub_connect(&params, EpollCtrl, &conn), DB_OK);
+    ASSERT_EQ(g_epollCalls.size(), 1U);
+    EXPECT_EQ(g_epollCalls[0].second, DB_EPOLL_CTRL_ADD);
+    const uint32_t fd = g_epollCalls[0].first;
+    int user = 0;
+    ASSERT_NE(Subscribe(conn, false, DB_CHANGE_CREATE | DB_CHANGE_UPDATE | DB_CHANGE_DELETE, OnIf, &user), nullptr);
+    // Board deletes are not asked for.
+    ASSERT_NE(Subscribe(conn, true, DB_CHANGE_CREATE | DB_CHANGE_UPDATE, OnBoard, nullptr), nullptr);
+    EXPECT_FALSE(Readable(fd));
+
+    ASSERT_TRUE(plat::world::if_set_on_board(5, false));
+    plat::world::if_put(Port(6, true));
+    ASSERT_TRUE(plat::world::if_remove(6));
+    plat::world::board_put({1, 3, std::nullopt});
+    plat::world::board_put({1, 3, plat::kBoardRegistered});
+    ASSERT_TRUE(plat::world::board_remove(1, 3));
+    EXPECT_FALSE(plat::world::if_set_on_board(99, true));  // no such interface, nothing pushed
+    EXPECT_TRUE(Readable(fd));
+    ASSERT_EQ(db_handle_event(fd), DB_OK);
+    EXPECT_FALSE(Readable(fd));
+
+    const uint32_t none = 0xFFFFFFFFU;
+    const std::vector<Seen> expected = {
+        // type, new key, old key, new value, old value, reads of the new and old value
+        {DB_CHANGE_UPDATE, 5, 5, 0, 1, DB_OK, DB_OK, &user},
+        {DB_CHANGE_CREATE, 6, none, 1, none, DB_OK, DB_OK, &user},
+        {DB_CHANGE_DELETE, none, 6, none, 1, DB_OK, DB_OK, &user},
+        // A board whose state was never reported has no value.
+        {DB_CHANGE_CREATE, 3, none, none, none, DB_NO_VALUE, DB_OK, nullptr},
+        {DB_CHANGE_UPDATE, 3, 3, 1, none, DB_OK, DB_NO_VALUE, nullptr},
+    };
+    ASSERT_EQ(g_seen.size(), expected.size());
+    for (size_t i = 0; i < expected.size(); i++) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(g_seen[i].type, expected[i].type);
+        EXPECT_EQ(g_seen[i].newKey, expected[i].newKey);
+        EXPECT_EQ(g_seen[i].oldKey, expected[i].oldKey);
+        EXPECT_EQ(g_seen[i].newValue, expected[i].newValue);
+        EXPECT_EQ(g_seen[i].oldValue, expected[i].oldValue);
+        EXPECT_EQ(g_seen[i].newValueRet, expected[i].newValueRet);
+        EXPECT_EQ(g_seen[i].oldValueRet, expected[i].oldValueRet);
+        EXPECT_EQ(g_seen[i].userCallback, expected[i].userCallback);
+    }
+    // The change's objects were the library's, gone after the callback.
+    uint32_t ifIndex = 0;
+    for (DB_OBJ_S *obj : g_objectsSeen) {
+        EXPECT_EQ(db_get_if_ifindex(obj, &ifIndex), DB_ERR_PARAM);
+    }
+
+    // Disconnecting takes the descriptor out of the caller's loop; later
+    // writes reach no one.
+    ASSERT_EQ(db_disconnect(conn), DB_OK);
+    ASSERT_EQ(g_epollCalls.size(), 2U);
+    EXPECT_EQ(g_epollCalls[1], std::make_pair(fd, DB_EPOLL_CTRL_DEL));
+    plat::world::if_set_on_board(5, true);
+    EXPECT_EQ(db_handle_event(fd), DB_ERR_NO_CONN);
+    EXPECT_EQ(db_disconnect(conn), DB_ERR_NO_CONN);
+}
+
+TEST_F(DbSub, RefusalsAndInjectedFailures)
+{
+    DB_SUB_CONN_S *conn = nullptr;
+    DB_CONN_PARAM_S wrong = Params("shm:elsewhere");
+    EXPECT_EQ(db_create_sub_connect(&wrong, EpollCtrl, &conn), DB_ERR_NO_SERVER);
+    EXPECT_EQ(db_create_sub_connect(nullptr, EpollCtrl, &conn), DB_ERR_PARAM);
+    DB_CONN_PARAM_S params = Params();
+    EXPECT_EQ(db_create_sub_connect(&params, nullptr, &conn), DB_ERR_PARAM);
+    g_epollAnswer = 1;
+    EXPECT_EQ(db_create_sub_connect(&params, EpollCtrl, &conn), DB_ERR_EPOLL);
+    g_epollAnswer = 0;
+    PLAT_FailSet("db_create_sub_connect", 0, 1, 0x77);
+    EXPECT_EQ(db_create_sub_connect(&params, EpollCtrl, &conn), 0x77U);
+    EXPECT_EQ(conn, nullptr);
+    ASSERT_EQ(db_create_sub_connect(&params, EpollCtrl, &conn), DB_OK);
+
+    // Describing a subscription: only known fields of the object's own
+    // table, change types and the whole-object push; a callback is needed.
+    DB_OBJ_S *obj = nullptr;
+    ASSERT_EQ(db_create_if_obj(7, 0, &obj), DB_OK);
+    EXPECT_EQ(db_sub_add_field(obj, "devm", "on_board", 0, 0, 0), DB_ERR_PARAM);
+    EXPECT_EQ(db_sub_add_field(obj, "if", "Register_status", 0, 0, 0), DB_ERR_PARAM);
+    EXPECT_EQ(db_sub_add_event(obj, 8), DB_ERR_PARAM);
+    EXPECT_EQ(db_sub_add_push_op(obj, 0x1234), DB_ERR_PARAM);
+    EXPECT_EQ(db_sub_reg_callback(obj, nullptr, nullptr), DB_ERR_PARAM);
+    DB_SUB_S *sub = nullptr;
+    EXPECT_EQ(db_sub_add_event(obj, DB_CHANGE_UPDATE), DB_OK);
+    EXPECT_EQ(db_sub_with_conn(conn, obj, &sub), DB_ERR_PARAM);  // no callback yet
+    EXPECT_EQ(db_sub_reg_callback(obj, OnIf, nullptr), DB_OK);
+    EXPECT_EQ(db_sub_with_conn(nullptr, obj, &sub), DB_ERR_PARAM);
+    // An injected success yields no subscription.
+    PLAT_FailSet("db_sub_with_conn", 0, 1, DB_OK);
+    EXPECT_EQ(db_sub_with_conn(conn, obj, &sub), DB_OK);
+    EXPECT_EQ(sub, nullptr);
+    EXPECT_EQ(db_release_if_object(obj), DB_OK);
+    // A plain read object describes no subscription.
+    ASSERT_EQ(db_create_if_object(&obj), DB_OK);
+    EXPECT_EQ(db_sub_add_event(obj, DB_CHANGE_UPDATE), DB_ERR_PARAM);
+    EXPECT_EQ(db_sub_with_conn(conn, obj, &sub), DB_ERR_PARAM);
+    EXPECT_EQ(db_release_if_object(obj), DB_OK);
+
+    // An injected handling failure leaves the changes for the next call.
+    ASSERT_NE(Subscribe(conn, true, DB_CHANGE_CREATE, OnBoard, nullptr), nullptr);
+    const uint32_t fd = g_epollCalls.back().first;
+    plat::world::board_put({1, 4, plat::kBoardRegistered});
+    PLAT_FailSet("db_handle_event", 0, 1, 9);
+    EXPECT_EQ(db_handle_event(fd), 9U);
+    EXPECT_TRUE(g_seen.empty());
+    EXPECT_EQ(db_handle_event(fd), DB_OK);
+    ASSERT_EQ(g_seen.size(), 1U);
+    EXPECT_EQ(g_seen[0].newKey, 4U);
+
+    EXPECT_EQ(db_close_connection_pool(DB_SUB_SERVER_LOCATOR, "test", 0), DB_OK);
+    EXPECT_EQ(db_close_connection_pool("shm:elsewhere", "test", 0), DB_ERR_NO_SERVER);
+    EXPECT_EQ(db_set_current_server_locator(nullptr), DB_ERR_PARAM);
+    EXPECT_EQ(db_set_current_user_name("test"), DB_OK);
+    EXPECT_EQ(db_disconnect(conn), DB_OK);
+}
+
+TEST_F(DbSub, TopologyRegistersThisBoard)
+{
+    plat::Topology topology;
+    topology.system.chassisId = 2;
+    topology.system.selfBoardId = 5;
+    plat::world::apply_topology(topology);
+    const auto boards = plat::world::board_records();
+    ASSERT_EQ(boards.size(), 1U);
+    EXPECT_EQ(boards[0].chassisId, 2U);
+    EXPECT_EQ(boards[0].slotId, 5U);
+    EXPECT_EQ(boards[0].registerStatus, std::optional<uint32_t>(plat::kBoardRegistered));
+}
+
+TEST(PlatTime, SleepFollowsTheTimeScale)
+{
+    PLAT_SetTimeScale(1);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(sleep(3), 0U);
+    const auto took = std::chrono::steady_clock::now() - start;
+    PLAT_SetTimeScale(1000);
+    EXPECT_GE(took, std::chrono::milliseconds(3));
+    EXPECT_LT(took, std::chrono::milliseconds(1000));
+}
