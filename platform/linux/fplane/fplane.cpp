@@ -288,6 +288,8 @@ void ForwardingPlane::Egress(uint32_t ifIndex, const Frame &frame, const PortVie
         Count(ifIndex, &PortCounters::dropped);
         return;
     }
+    // Counted before the port has it, so whoever takes the frame sees the count.
+    Count(*sender, &PortCounters::tx);
     const std::span<const uint8_t> bytes(frame);
     if (!logical->trunkMode && frame.size() >= kMacHeader + kTagLen + 2 && IsOuterTpid(U16(bytes, kMacHeader))) {
         Frame untagged(frame.begin(), frame.begin() + kMacHeader);
@@ -296,7 +298,6 @@ void ForwardingPlane::Egress(uint32_t ifIndex, const Frame &frame, const PortVie
     } else {
         backend_.Transmit(*sender, bytes);
     }
-    Count(*sender, &PortCounters::tx);
 }
 
 void ForwardingPlane::TransmitLoop()
