@@ -6,12 +6,14 @@
 // forever) with a chosen code, and counts every call of every operation.
 // Each operation calls PLAT_FailCheck with its own function name on entry.
 #include <atomic>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 
 #include "core/internal.hpp"
 #include "plat_control.h"
@@ -60,6 +62,29 @@ OpEntry &EntryFor(std::string_view op)
         it->second = std::make_unique<OpEntry>();
     }
     return *it->second;
+}
+
+// Every platform call checks in here, so the packet path pays for the
+// lookup on each frame: each thread remembers the entry of each name pointer
+// it has seen (names are nearly always literals), confirming the name in
+// case a pointer is reused for another text.
+OpEntry &CachedEntryFor(const char *op)
+{
+    struct Cached {
+        const char *name;  // the registry's own copy of the name
+        OpEntry *entry;
+    };
+    thread_local std::unordered_map<const char *, Cached> cache;
+    const auto it = cache.find(op);
+    if (it != cache.end() && std::strcmp(it->second.name, op) == 0) {
+        return *it->second.entry;
+    }
+    Registry &reg = Reg();
+    OpEntry &entry = EntryFor(op);
+    std::shared_lock lock(reg.mapMu);
+    const auto named = reg.ops.find(std::string_view(op));
+    cache[op] = Cached{named->first.c_str(), &entry};
+    return entry;
 }
 
 OpEntry *FindEntry(std::string_view op)
@@ -134,7 +159,7 @@ uint32_t PLAT_FailCheck(const char *op, uint32_t *code)
         return 0;
     }
     Registry &reg = Reg();
-    OpEntry &entry = EntryFor(op);
+    OpEntry &entry = CachedEntryFor(op);
     entry.calls.fetch_add(1, std::memory_order_relaxed);
     if (!reg.anyArmed.load(std::memory_order_acquire)) {
         return 0;

@@ -35,9 +35,13 @@ struct SysInfoRecord {
     std::string sysName;
 };
 
-std::vector<SysInfoRecord> SysInfoRecords()
+std::vector<SysInfoRecord> SysInfoRecords(const plat::world::RowFilter<SysInfoRecord> &keep)
 {
-    return {SysInfoRecord{plat::world::identity().sysName}};
+    SysInfoRecord only{plat::world::identity().sysName};
+    if (keep && !keep(only)) {
+        return {};
+    }
+    return {only};
 }
 
 struct Db {

@@ -89,21 +89,30 @@ namespace plat::db {
 template <typename Row>
 class TableObject final : public DB_OBJ {
 public:
-    using Source = std::vector<Row> (*)();
-    using Match = std::function<bool(const Row &)>;
+    using Match = plat::world::RowFilter<Row>;
+    using Source = std::vector<Row> (*)(const Match &);
 
     TableObject(uint32_t tableId, Source source) : DB_OBJ(tableId), source_(source) {}
 
     size_t LiveCount() const override { return Rows().size(); }
+    // The rows are fetched when the iteration first steps, so creating and
+    // keying an object before its read costs no copy of the table.
     void Snapshot() override
     {
-        rows_ = Rows();
+        stale_ = true;
         Rewind();
     }
     // Narrows every later snapshot to the rows matching the key.
     void SetKey(Match match) { match_ = std::move(match); }
     bool HasKey() const { return static_cast<bool>(match_); }
-    size_t SnapshotCount() const override { return rows_.size(); }
+    size_t SnapshotCount() const override
+    {
+        if (stale_) {
+            rows_ = Rows();
+            stale_ = false;
+        }
+        return rows_.size();
+    }
 
     const Row *CurrentRow() const { return hasCurrent ? &rows_[current] : nullptr; }
 
@@ -111,6 +120,7 @@ public:
     void Pin(const Row &row)
     {
         rows_.assign(1, row);
+        stale_ = false;
         started = true;
         hasCurrent = true;
         current = 0;
@@ -119,8 +129,11 @@ public:
 private:
     std::vector<Row> Rows() const
     {
+        if (source_ != nullptr) {
+            return source_(match_);  // the world copies only the matching rows
+        }
         // A change's object has no source: its pinned row is all it holds.
-        std::vector<Row> rows = source_ != nullptr ? source_() : rows_;
+        std::vector<Row> rows = rows_;
         if (match_) {
             std::erase_if(rows, [this](const Row &r) { return !match_(r); });
         }
@@ -129,7 +142,8 @@ private:
 
     Source source_;
     Match match_;
-    std::vector<Row> rows_;
+    mutable std::vector<Row> rows_;
+    mutable bool stale_ = true;
 };
 
 // A child node: one row, always current, never iterated.

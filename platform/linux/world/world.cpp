@@ -71,12 +71,23 @@ bool Remove(std::vector<Row> World::*table, Match match)
     return true;
 }
 
+// Copies only the rows kept: a keyed read of a large table stays cheap.
 template <typename Row>
-std::vector<Row> Rows(std::vector<Row> World::*table)
+std::vector<Row> Rows(std::vector<Row> World::*table, const plat::world::RowFilter<Row> &keep)
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
-    return w.*table;
+    const std::vector<Row> &rows = w.*table;
+    if (!keep) {
+        return rows;
+    }
+    std::vector<Row> kept;
+    for (const Row &r : rows) {
+        if (keep(r)) {
+            kept.push_back(r);
+        }
+    }
+    return kept;
 }
 
 // Caller holds World::mu.
@@ -209,11 +220,9 @@ void frm_inst_put(const FrmInstRecord &record)
     }
 }
 
-std::vector<FrmInstRecord> frm_inst_records()
+std::vector<FrmInstRecord> frm_inst_records(const RowFilter<FrmInstRecord> &keep)
 {
-    World &w = TheWorld();
-    std::lock_guard lock(w.mu);
-    return w.frmInst;
+    return Rows(&World::frmInst, keep);
 }
 
 void if_put(const IfRecord &record)
@@ -302,9 +311,9 @@ bool board_remove(uint32_t chassisId, uint32_t slotId)
     return true;
 }
 
-std::vector<BoardRecord> board_records()
+std::vector<BoardRecord> board_records(const RowFilter<BoardRecord> &keep)
 {
-    return Rows(&World::boards);
+    return Rows(&World::boards, keep);
 }
 
 void set_change_listener(ChangeListener listener)
@@ -314,9 +323,9 @@ void set_change_listener(ChangeListener listener)
     w.listener = listener;
 }
 
-std::vector<IfRecord> if_records()
+std::vector<IfRecord> if_records(const RowFilter<IfRecord> &keep)
 {
-    return Rows(&World::ifs);
+    return Rows(&World::ifs, keep);
 }
 
 void trunk_put(const TrunkRecord &record)
@@ -329,9 +338,9 @@ bool trunk_remove(uint32_t trunkId)
     return Remove(&World::trunks, [trunkId](const TrunkRecord &r) { return r.trunkId == trunkId; });
 }
 
-std::vector<TrunkRecord> trunk_records()
+std::vector<TrunkRecord> trunk_records(const RowFilter<TrunkRecord> &keep)
 {
-    return Rows(&World::trunks);
+    return Rows(&World::trunks, keep);
 }
 
 void trunk_port_put(const TrunkPortRecord &record)
@@ -346,9 +355,9 @@ bool trunk_port_remove(uint32_t memberIfIndex)
                   [memberIfIndex](const TrunkPortRecord &r) { return r.memberIfIndex == memberIfIndex; });
 }
 
-std::vector<TrunkPortRecord> trunk_port_records()
+std::vector<TrunkPortRecord> trunk_port_records(const RowFilter<TrunkPortRecord> &keep)
 {
-    return Rows(&World::trunkPorts);
+    return Rows(&World::trunkPorts, keep);
 }
 
 void port_vlan_put(const PortVlanRecord &record)
@@ -380,9 +389,9 @@ bool port_vlan_remove(uint32_t ifIndex)
     return Remove(&World::portVlans, [ifIndex](const PortVlanRecord &r) { return r.ifIndex == ifIndex; });
 }
 
-std::vector<PortVlanRecord> port_vlan_records()
+std::vector<PortVlanRecord> port_vlan_records(const RowFilter<PortVlanRecord> &keep)
 {
-    return Rows(&World::portVlans);
+    return Rows(&World::portVlans, keep);
 }
 
 void access_isolate_put(const AccessIsolateRecord &record)
@@ -395,9 +404,9 @@ bool access_isolate_remove(const AccessIsolateRecord &record)
     return Remove(&World::accessIsolation, [&record](const AccessIsolateRecord &r) { return SameIsolation(r, record); });
 }
 
-std::vector<AccessIsolateRecord> access_isolate_records()
+std::vector<AccessIsolateRecord> access_isolate_records(const RowFilter<AccessIsolateRecord> &keep)
 {
-    return Rows(&World::accessIsolation);
+    return Rows(&World::accessIsolation, keep);
 }
 
 void port_isolate_put(const PortIsolateRecord &record)
@@ -410,9 +419,9 @@ bool port_isolate_remove(const PortIsolateRecord &record)
     return Remove(&World::portIsolation, [&record](const PortIsolateRecord &r) { return SameGroup(r, record); });
 }
 
-std::vector<PortIsolateRecord> port_isolate_records()
+std::vector<PortIsolateRecord> port_isolate_records(const RowFilter<PortIsolateRecord> &keep)
 {
-    return Rows(&World::portIsolation);
+    return Rows(&World::portIsolation, keep);
 }
 
 void set_sys_name(const std::string &name)
