@@ -22,13 +22,18 @@ void PLAT_FailSet(const char *op, uint32_t skip, uint32_t times, uint32_t code);
 void PLAT_FailClear(const char *op);
 void PLAT_FailClearAll(void);
 /* Called by every platform operation on entry: counts the call; returns 1
- * and sets *code when this call must fail. */
+ * and sets *code when this call must fail. op must have static storage (a
+ * literal or __func__): its address identifies the operation. */
 uint32_t PLAT_FailCheck(const char *op, uint32_t *code);
 /* Calls of op since start or the last PLAT_CallCountReset, and how many of
  * them were made to fail. */
 uint32_t PLAT_CallCount(const char *op);
 uint32_t PLAT_FailHits(const char *op);
 void PLAT_CallCountReset(void);
+/* Call counting is on from start; a program that does not read the counts
+ * (the host, a benchmark) turns it off, so operations that nothing is armed
+ * for cost a single load. */
+void PLAT_CallCountEnable(uint32_t on);
 
 /* ---- Time ----
  * Delays, watchdog thresholds and sleep(3) (the platform library defines
@@ -82,6 +87,16 @@ typedef void (*PLAT_LOG_PRINTER_FN)(uint32_t kind, const char *line, void *arg);
 void PLAT_LogSetPrinter(PLAT_LOG_PRINTER_FN printer, void *arg);
 /* Also copy syslog(3) lines to the real system log (off by default). */
 void PLAT_LogForwardSyslog(uint32_t on);
+/* Also appends every line, as "<kind> <text>", to the file at path
+ * (created or truncated). A thread of the sink writes the file, so the
+ * writers of lines never wait on the disk; lines the thread cannot keep up
+ * with beyond PLAT_LOG_FILE_BACKLOG bytes are dropped and a line counting
+ * them follows. NULL closes the file after writing what is pending.
+ * 0 on success, 1 when the file cannot be opened (errno set). */
+#define PLAT_LOG_FILE_BACKLOG (32U * 1024U * 1024U)
+uint32_t PLAT_LogSetFile(const char *path);
+/* Lines dropped from the file so far. */
+uint64_t PLAT_LogFileDropped(void);
 
 /* ---- Tasks ---- */
 typedef struct PLAT_TASK_INFO {

@@ -6,7 +6,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -116,11 +115,6 @@ std::optional<Topology> load_topology_text(const std::string &yaml, std::string 
 
 namespace world {
 
-// Narrows a table read to the rows it keeps; evaluated under the world's
-// lock, so it must not call back into the world. Empty: every row.
-template <typename Row>
-using RowFilter = std::function<bool(const Row &)>;
-
 // Replaces the identity; the device database answers with it once ready.
 void set_identity(const SystemIdentity &identity);
 SystemIdentity identity();
@@ -135,13 +129,13 @@ void set_self_board_readable(bool readable);
 // Framework-instance table.
 void frm_inst_clear();
 void frm_inst_put(const FrmInstRecord &record);   // replaces the record of the same localSlot
-std::vector<FrmInstRecord> frm_inst_records(const RowFilter<FrmInstRecord> &keep = {});
+std::vector<FrmInstRecord> frm_inst_records();
 
 // Interface table, keyed by ifIndex: put replaces the record of the same
 // ifIndex in place, remove returns whether there was one.
 void if_put(const IfRecord &record);
 bool if_remove(uint32_t ifIndex);
-std::vector<IfRecord> if_records(const RowFilter<IfRecord> &keep = {});
+std::vector<IfRecord> if_records();
 
 // One interface; nullopt when there is none of this ifIndex.
 std::optional<IfRecord> if_find(uint32_t ifIndex);
@@ -152,7 +146,7 @@ bool if_set_on_board(uint32_t ifIndex, bool onBoard);
 // board (state kBoardRegistered).
 void board_put(const BoardRecord &record);
 bool board_remove(uint32_t chassisId, uint32_t slotId);
-std::vector<BoardRecord> board_records(const RowFilter<BoardRecord> &keep = {});
+std::vector<BoardRecord> board_records();
 
 // Interface and board-registry writes (if_put, if_remove, if_set_on_board,
 // board_put, board_remove) are pushed to the object database's subscription
@@ -162,29 +156,29 @@ std::vector<BoardRecord> board_records(const RowFilter<BoardRecord> &keep = {});
 // Trunk table, keyed by trunk id.
 void trunk_put(const TrunkRecord &record);
 bool trunk_remove(uint32_t trunkId);
-std::vector<TrunkRecord> trunk_records(const RowFilter<TrunkRecord> &keep = {});
+std::vector<TrunkRecord> trunk_records();
 
 // Trunk-port configuration, keyed by member ifIndex.
 void trunk_port_put(const TrunkPortRecord &record);
 bool trunk_port_remove(uint32_t memberIfIndex);
-std::vector<TrunkPortRecord> trunk_port_records(const RowFilter<TrunkPortRecord> &keep = {});
+std::vector<TrunkPortRecord> trunk_port_records();
 
 // Port-VLAN maps, keyed by ifIndex; port_vlan_set adds or drops one VLAN of
 // a port (creating its map when absent).
 void port_vlan_put(const PortVlanRecord &record);
 void port_vlan_set(uint32_t ifIndex, uint16_t vlan, bool member);
 bool port_vlan_remove(uint32_t ifIndex);
-std::vector<PortVlanRecord> port_vlan_records(const RowFilter<PortVlanRecord> &keep = {});
+std::vector<PortVlanRecord> port_vlan_records();
 
 // Access-isolation entries, keyed by (source, vlan, destination).
 void access_isolate_put(const AccessIsolateRecord &record);
 bool access_isolate_remove(const AccessIsolateRecord &record);
-std::vector<AccessIsolateRecord> access_isolate_records(const RowFilter<AccessIsolateRecord> &keep = {});
+std::vector<AccessIsolateRecord> access_isolate_records();
 
 // Port-isolation memberships, keyed by (ifIndex, group).
 void port_isolate_put(const PortIsolateRecord &record);
 bool port_isolate_remove(const PortIsolateRecord &record);
-std::vector<PortIsolateRecord> port_isolate_records(const RowFilter<PortIsolateRecord> &keep = {});
+std::vector<PortIsolateRecord> port_isolate_records();
 
 // The system name (also part of the identity).
 void set_sys_name(const std::string &name);

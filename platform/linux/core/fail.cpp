@@ -5,15 +5,17 @@
 // operation fail on chosen calls (after `skip` calls, the next `times`, or
 // forever) with a chosen code, and counts every call of every operation.
 // Each operation calls PLAT_FailCheck with its own function name on entry.
+#include <algorithm>
+#include <array>
 #include <atomic>
-#include <cstring>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
 #include <string>
 #include <string_view>
-#include <unordered_map>
+#include <vector>
 
 #include "core/internal.hpp"
 #include "plat_control.h"
@@ -30,15 +32,27 @@ struct OpEntry {
     uint32_t code = 0;
 };
 
+// A name's address and its entry, for the lookup cache below.
+struct Known {
+    const char *address;  // the caller's pointer
+    OpEntry *entry;
+};
+constexpr unsigned kKnownSlotBits = 10;
+constexpr size_t kKnownSlots = size_t{1} << kKnownSlotBits;
+
 struct Registry {
     // Entries are never removed, so references stay valid once found.
     std::shared_mutex mapMu;
     std::map<std::string, std::unique_ptr<OpEntry>, std::less<>> ops;
+    // Lookup cache: slots hold records owned by knownRecords (under mapMu).
+    std::array<std::atomic<const Known *>, kKnownSlots> known{};
+    std::map<const char *, std::vector<std::unique_ptr<Known>>> knownRecords;
     // Arming state of every entry; armedCount mirrors into anyArmed so the
     // common (nothing armed) path never takes this lock.
     std::mutex armMu;
     uint32_t armedCount = 0;
     std::atomic<bool> anyArmed{false};
+    std::atomic<bool> counting{true};
 };
 
 Registry &Reg()
@@ -65,25 +79,31 @@ OpEntry &EntryFor(std::string_view op)
 }
 
 // Every platform call checks in here, so the packet path pays for the
-// lookup on each frame: each thread remembers the entry of each name pointer
-// it has seen (names are nearly always literals), confirming the name in
-// case a pointer is reused for another text.
+// lookup on each frame. Operation names have static storage, so a
+// direct-mapped table keyed by the name's address answers without the
+// registry's lock or a string comparison.
 OpEntry &CachedEntryFor(const char *op)
 {
-    struct Cached {
-        const char *name;  // the registry's own copy of the name
-        OpEntry *entry;
-    };
-    thread_local std::unordered_map<const char *, Cached> cache;
-    const auto it = cache.find(op);
-    if (it != cache.end() && std::strcmp(it->second.name, op) == 0) {
-        return *it->second.entry;
-    }
     Registry &reg = Reg();
+    // Fibonacci hashing spreads neighbouring literals over the slots.
+    const uint64_t hash = reinterpret_cast<uintptr_t>(op) * 0x9E3779B97F4A7C15ULL;
+    std::atomic<const Known *> &slot = reg.known[hash >> (64U - kKnownSlotBits)];
+    const Known *known = slot.load(std::memory_order_acquire);
+    if (known != nullptr && known->address == op) {
+        return *known->entry;
+    }
     OpEntry &entry = EntryFor(op);
-    std::shared_lock lock(reg.mapMu);
-    const auto named = reg.ops.find(std::string_view(op));
-    cache[op] = Cached{named->first.c_str(), &entry};
+    std::unique_lock lock(reg.mapMu);
+    // One record per address and name, kept for good: a reader may still
+    // hold the one a colliding name displaces from the slot.
+    auto &records = reg.knownRecords[op];
+    auto it = std::find_if(records.begin(), records.end(),
+                           [&](const std::unique_ptr<Known> &k) { return k->entry == &entry; });
+    if (it == records.end()) {
+        records.push_back(std::make_unique<Known>(Known{op, &entry}));
+        it = std::prev(records.end());
+    }
+    slot.store(it->get(), std::memory_order_release);
     return entry;
 }
 
@@ -159,9 +179,13 @@ uint32_t PLAT_FailCheck(const char *op, uint32_t *code)
         return 0;
     }
     Registry &reg = Reg();
+    const bool armed = reg.anyArmed.load(std::memory_order_acquire);
+    if (!armed && !reg.counting.load(std::memory_order_relaxed)) {
+        return 0;
+    }
     OpEntry &entry = CachedEntryFor(op);
     entry.calls.fetch_add(1, std::memory_order_relaxed);
-    if (!reg.anyArmed.load(std::memory_order_acquire)) {
+    if (!armed) {
         return 0;
     }
     uint32_t injected = 0;
@@ -196,6 +220,11 @@ uint32_t PLAT_FailHits(const char *op)
 {
     const OpEntry *entry = op == nullptr ? nullptr : FindEntry(op);
     return entry == nullptr ? 0 : entry->hits.load(std::memory_order_relaxed);
+}
+
+void PLAT_CallCountEnable(uint32_t on)
+{
+    Reg().counting.store(on != 0, std::memory_order_relaxed);
 }
 
 void PLAT_CallCountReset(void)

@@ -5,7 +5,8 @@
 // every line (syslog(3), diagnostic records, debug lines, the platform's own
 // reports) in a ring of the last PLAT_LOG_RING lines with a kind and a
 // sequence number, hands each to an optional printer (the host's output),
-// and lets tests count, find and visit them. libplatform defines syslog and
+// and lets tests count, find and visit them. PLAT_LogSetFile adds a file
+// that a thread of its own writes, off the path of whoever logs. libplatform defines syslog and
 // vsyslog (and the fortified __syslog_chk/__vsyslog_chk), so programs linked
 // with it log here; PLAT_LogForwardSyslog(1) also passes lines to libc.
 // This file defines syslog itself: the fortified inline wrappers of
@@ -16,12 +17,20 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <fcntl.h>
+
 #include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -36,6 +45,106 @@ struct Line {
     std::string text;
 };
 
+const char *KindTag(uint32_t kind)
+{
+    switch (kind) {
+        case PLAT_LOG_SYSLOG: return "syslog ";
+        case PLAT_LOG_DIAG: return "diag ";
+        case PLAT_LOG_DEBUG: return "debug ";
+        default: return "platform ";
+    }
+}
+
+// The log file: lines are appended to a pending buffer under a short lock
+// and a thread of its own swaps it out and writes it, so a burst of lines
+// costs their writers a copy, never a system call.
+class FileWriter {
+public:
+    explicit FileWriter(int fd) : fd_(fd), thread_([this]() { Run(); }) {}
+    FileWriter(const FileWriter &) = delete;
+    FileWriter &operator=(const FileWriter &) = delete;
+
+    // Writes what is pending, then closes the file.
+    ~FileWriter()
+    {
+        {
+            std::lock_guard lock(mu_);
+            stop_ = true;
+        }
+        wake_.notify_one();
+        thread_.join();
+        (void)close(fd_);
+    }
+
+    void Append(uint32_t kind, std::string_view text)
+    {
+        std::lock_guard lock(mu_);
+        if (pending_.size() + text.size() > PLAT_LOG_FILE_BACKLOG) {
+            dropped_.fetch_add(1, std::memory_order_relaxed);
+            droppedSinceNote_++;
+            return;
+        }
+        pending_.append(KindTag(kind)).append(text).push_back('\n');
+        if (pending_.size() >= kWakeAt && !woken_) {
+            woken_ = true;
+            wake_.notify_one();
+        }
+    }
+
+    static uint64_t Dropped() { return dropped_.load(std::memory_order_relaxed); }
+
+private:
+    static constexpr size_t kWakeAt = 64 * 1024;
+    static constexpr auto kPeriod = std::chrono::milliseconds(20);
+
+    void Run()
+    {
+        std::string writing;
+        std::unique_lock lock(mu_);
+        for (;;) {
+            wake_.wait_for(lock, kPeriod, [this]() { return stop_ || pending_.size() >= kWakeAt; });
+            woken_ = false;
+            writing.swap(pending_);
+            const uint64_t dropped = std::exchange(droppedSinceNote_, 0);
+            const bool stopping = stop_;
+            lock.unlock();
+            if (dropped != 0) {
+                writing += "platform log file: " + std::to_string(dropped) + " line(s) dropped\n";
+            }
+            WriteAll(writing);
+            writing.clear();
+            if (stopping) {
+                return;
+            }
+            lock.lock();
+        }
+    }
+
+    void WriteAll(std::string_view data) const
+    {
+        while (!data.empty()) {
+            const ssize_t n = write(fd_, data.data(), data.size());
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            if (n <= 0) {
+                return;  // a full or broken disk loses the rest of this batch
+            }
+            data.remove_prefix(static_cast<size_t>(n));
+        }
+    }
+
+    const int fd_;
+    std::mutex mu_;
+    std::condition_variable wake_;
+    std::string pending_;
+    bool woken_ = false;
+    bool stop_ = false;
+    uint64_t droppedSinceNote_ = 0;
+    static inline std::atomic<uint64_t> dropped_{0};
+    std::thread thread_;  // last: starts once the members above exist
+};
+
 struct Sink {
     std::mutex mu;
     std::vector<Line> ring = std::vector<Line>(PLAT_LOG_RING);
@@ -46,6 +155,8 @@ struct Sink {
     std::recursive_mutex printMu;
     PLAT_LOG_PRINTER_FN printer = nullptr;
     void *printerArg = nullptr;
+    std::atomic<bool> hasPrinter{false};
+    std::unique_ptr<FileWriter> file;  // guarded by mu
 };
 
 std::atomic<bool> g_forwardSyslog{false};
@@ -128,28 +239,35 @@ pid_t CurrentTid()
     return static_cast<pid_t>(syscall(SYS_gettid));
 }
 
-void LogLine(uint32_t kind, std::string line)
+void LogLine(uint32_t kind, std::string_view line)
 {
     Sink &sink = TheSink();
-    // Held from numbering to printing: the printer sees lines in sequence
-    // order, and once PLAT_LogSetPrinter returns the old printer is done.
-    std::lock_guard printLock(sink.printMu);
-    std::string printed;
+    // With a printer, printMu is held from numbering to printing: the
+    // printer sees lines in sequence order, and once PLAT_LogSetPrinter
+    // returns the old printer is done. Without one (a benchmark, most
+    // tests) the ring's lock is all a line takes.
+    std::unique_lock<std::recursive_mutex> printLock;
+    if (sink.hasPrinter.load(std::memory_order_acquire)) {
+        printLock = std::unique_lock(sink.printMu);
+    }
     {
         std::lock_guard lock(sink.mu);
         const uint64_t seq = ++sink.lastSeq;
         if (seq - sink.firstSeq >= PLAT_LOG_RING) {
             sink.firstSeq = seq - PLAT_LOG_RING + 1;
         }
-        if (sink.printer != nullptr) {
-            printed = line;
-        }
         Line &slot = Slot(sink, seq);
         slot.kind = kind;
         slot.seq = seq;
-        slot.text = std::move(line);
+        slot.text.assign(line);  // reuses the slot's storage
+        // Under the ring's lock, so the file has the lines in ring order.
+        if (sink.file) {
+            sink.file->Append(kind, line);
+        }
     }
-    if (sink.printer != nullptr) {
+    if (printLock.owns_lock() && sink.printer != nullptr) {
+        // The printer wants a terminated string; line may be a view.
+        const std::string printed(line);
         sink.printer(kind, printed.c_str(), sink.printerArg);
     }
 }
@@ -243,11 +361,36 @@ void PLAT_LogSetPrinter(PLAT_LOG_PRINTER_FN printer, void *arg)
     std::lock_guard lock(sink.printMu);
     sink.printer = printer;
     sink.printerArg = arg;
+    sink.hasPrinter.store(printer != nullptr, std::memory_order_release);
 }
 
 void PLAT_LogForwardSyslog(uint32_t on)
 {
     g_forwardSyslog.store(on != 0, std::memory_order_relaxed);
+}
+
+uint32_t PLAT_LogSetFile(const char *path)
+{
+    std::unique_ptr<FileWriter> opened;
+    if (path != nullptr) {
+        const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        if (fd < 0) {
+            return 1;
+        }
+        opened = std::make_unique<FileWriter>(fd);
+    }
+    std::unique_ptr<FileWriter> old;
+    {
+        Sink &sink = TheSink();
+        std::lock_guard lock(sink.mu);
+        old = std::exchange(sink.file, std::move(opened));
+    }
+    return 0;  // old, if any, writes what it holds and closes here
+}
+
+uint64_t PLAT_LogFileDropped(void)
+{
+    return FileWriter::Dropped();
 }
 
 // ---- The system-log interposer (same signatures as <syslog.h>) ----

@@ -14,6 +14,7 @@
 // with DB_ERR_PARAM instead of being used. Every call passes failure
 // injection under its own name.
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -35,19 +36,25 @@ struct SysInfoRecord {
     std::string sysName;
 };
 
-std::vector<SysInfoRecord> SysInfoRecords(const plat::world::RowFilter<SysInfoRecord> &keep)
+void SysInfoRecords(const plat::world::RowFilter<SysInfoRecord> &keep, std::vector<SysInfoRecord> &out)
 {
     SysInfoRecord only{plat::world::identity().sysName};
-    if (keep && !keep(only)) {
-        return {};
+    out.clear();
+    if (!keep || keep(only)) {
+        out.push_back(std::move(only));
     }
-    return {only};
 }
 
+// Released table objects wait here for the next create of their table, so
+// the lookups a frame makes cost no allocation; at most this many per table.
+constexpr size_t kPooledPerTable = 64;
+
 struct Db {
-    std::mutex mu;  // guards every object's state and the sets below
-    std::unordered_set<DB_OBJ *> liveObjs;
+    std::mutex mu;  // guards every object's state and the members below
+    // Every object that exists, handed out (DB_OBJ::live) or pooled.
+    std::unordered_set<DB_OBJ *> objs;
     std::unordered_set<DB_ITER *> liveIters;
+    std::array<std::vector<std::unique_ptr<DB_OBJ>>, DB_TABLE_FRM_INST + 1> pool;  // by table id
 };
 
 Db &TheDb()
@@ -60,24 +67,24 @@ std::unique_ptr<DB_OBJ> MakeObject(uint32_t table)
 {
     switch (table) {
         case DB_TABLE_FRM_INST:
-            return std::make_unique<TableObject<plat::FrmInstRecord>>(table, &plat::world::frm_inst_records);
+            return std::make_unique<TableObject<plat::FrmInstRecord>>(table, &plat::world::select_rows<plat::FrmInstRecord>);
         case DB_TABLE_IF:
-            return std::make_unique<TableObject<plat::IfRecord>>(table, &plat::world::if_records);
+            return std::make_unique<TableObject<plat::IfRecord>>(table, &plat::world::select_rows<plat::IfRecord>);
         case DB_TABLE_TRUNK:
-            return std::make_unique<TableObject<plat::TrunkRecord>>(table, &plat::world::trunk_records);
+            return std::make_unique<TableObject<plat::TrunkRecord>>(table, &plat::world::select_rows<plat::TrunkRecord>);
         case DB_TABLE_TRUNK_PORT:
-            return std::make_unique<TableObject<plat::TrunkPortRecord>>(table, &plat::world::trunk_port_records);
+            return std::make_unique<TableObject<plat::TrunkPortRecord>>(table, &plat::world::select_rows<plat::TrunkPortRecord>);
         case DB_TABLE_PORT_VLAN_MAP:
-            return std::make_unique<TableObject<plat::PortVlanRecord>>(table, &plat::world::port_vlan_records);
+            return std::make_unique<TableObject<plat::PortVlanRecord>>(table, &plat::world::select_rows<plat::PortVlanRecord>);
         case DB_TABLE_ACCESS_ISOLATE:
             return std::make_unique<TableObject<plat::AccessIsolateRecord>>(table,
-                                                                            &plat::world::access_isolate_records);
+                                                                            &plat::world::select_rows<plat::AccessIsolateRecord>);
         case DB_TABLE_PORT_ISOLATE:
-            return std::make_unique<TableObject<plat::PortIsolateRecord>>(table, &plat::world::port_isolate_records);
+            return std::make_unique<TableObject<plat::PortIsolateRecord>>(table, &plat::world::select_rows<plat::PortIsolateRecord>);
         case DB_TABLE_SYS_INFO:
             return std::make_unique<TableObject<SysInfoRecord>>(table, &SysInfoRecords);
         case DB_TABLE_DEVM:
-            return std::make_unique<TableObject<plat::BoardRecord>>(table, &plat::world::board_records);
+            return std::make_unique<TableObject<plat::BoardRecord>>(table, &plat::world::select_rows<plat::BoardRecord>);
         default:
             return nullptr;
     }
@@ -91,7 +98,7 @@ bool IsNode(const DB_OBJ *obj)
 // Caller holds Db::mu.
 bool IsLive(const Db &db, DB_OBJ *obj)
 {
-    return obj != nullptr && db.liveObjs.count(obj) != 0;
+    return obj != nullptr && db.objs.count(obj) != 0 && obj->live;
 }
 
 // Caller holds Db::mu. The object if it is live and of the table, else null.
@@ -122,15 +129,23 @@ struct Table {
         if (asked != Id) {
             return DB_ERR_NO_TABLE;
         }
-        std::unique_ptr<DB_OBJ> made = MakeObject(Id);
-        if (!made) {
-            return DB_ERR_NO_TABLE;
-        }
-        made->Snapshot();
+        static_assert(Id < std::tuple_size_v<decltype(Db::pool)>, "objects of a table are pooled by its id");
         Db &db = TheDb();
         std::lock_guard lock(db.mu);
-        *obj = made.get();
-        db.liveObjs.insert(made.release());
+        std::unique_ptr<DB_OBJ> made;
+        if (auto &pooled = db.pool[Id]; !pooled.empty()) {
+            made = std::move(pooled.back());
+            pooled.pop_back();
+        } else {
+            made = MakeObject(Id);
+            if (!made) {
+                return DB_ERR_NO_TABLE;
+            }
+            db.objs.insert(made.get());
+        }
+        made->Snapshot();
+        made->live = true;
+        *obj = made.release();
         return DB_OK;
     }
 
@@ -149,13 +164,21 @@ struct Table {
                 return DB_ERR_PARAM;
             }
             for (DB_OBJ *child : obj->children) {
-                db.liveObjs.erase(child);
+                db.objs.erase(child);
                 db.liveIters.erase(&child->iter);
                 children.emplace_back(child);
             }
-            db.liveObjs.erase(obj);
+            obj->children.clear();
             db.liveIters.erase(&obj->iter);
-            owned.reset(obj);
+            obj->live = false;
+            auto &pooled = db.pool[Id];
+            if (obj->sub == nullptr && pooled.size() < kPooledPerTable) {
+                obj->Recycle();
+                pooled.emplace_back(obj);
+            } else {
+                db.objs.erase(obj);
+                owned.reset(obj);
+            }
         }
         return DB_OK;
     }
@@ -298,7 +321,8 @@ DB_OBJ *AdoptChange(uint32_t table, const Row &row)
     Db &db = TheDb();
     std::lock_guard lock(db.mu);
     DB_OBJ *obj = made.release();
-    db.liveObjs.insert(obj);
+    obj->live = true;
+    db.objs.insert(obj);
     return obj;
 }
 
@@ -344,7 +368,7 @@ void DropChangeObject(DB_OBJ *obj)
     }
     Db &db = TheDb();
     std::lock_guard lock(db.mu);
-    db.liveObjs.erase(obj);
+    db.objs.erase(obj);
     db.liveIters.erase(&obj->iter);
     delete obj;
 }
@@ -477,8 +501,9 @@ uint32_t db_create_child_node(DB_OBJ_S *obj, const char *node, DB_OBJ_S **child)
     }
     auto made = std::make_unique<NodeObject<plat::IfRecord>>(table, *row);
     *child = made.get();
+    made->live = true;
     parent->children.push_back(made.get());
-    db.liveObjs.insert(made.release());
+    db.objs.insert(made.release());
     return DB_OK;
 }
 

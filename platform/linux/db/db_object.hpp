@@ -20,6 +20,7 @@
 
 #include "db.h"
 #include "plat_world.hpp"
+#include "world/world_internal.hpp"
 
 namespace plat::db {
 
@@ -75,10 +76,14 @@ struct DB_OBJ {
         current = 0;
     }
 
+    // Back to the state of a new object, keeping storage, for reuse.
+    virtual void Recycle() { Rewind(); }
+
     const uint32_t table;
     DB_ITER iter;
     std::vector<DB_OBJ *> children;   // child nodes, released with this object
     std::unique_ptr<plat::db::SubDescription> sub;   // objects describing a subscription only
+    bool live = false;        // handed out and not released (pooled objects are not)
     bool started = false;     // Next was called since the last rewind
     bool hasCurrent = false;
     size_t current = 0;
@@ -90,15 +95,26 @@ template <typename Row>
 class TableObject final : public DB_OBJ {
 public:
     using Match = plat::world::RowFilter<Row>;
-    using Source = std::vector<Row> (*)(const Match &);
+    using Source = void (*)(const Match &, std::vector<Row> &);
 
     TableObject(uint32_t tableId, Source source) : DB_OBJ(tableId), source_(source) {}
 
-    size_t LiveCount() const override { return Rows().size(); }
+    size_t LiveCount() const override
+    {
+        std::vector<Row> rows;
+        Fill(rows);
+        return rows.size();
+    }
     // The rows are fetched when the iteration first steps, so creating and
     // keying an object before its read costs no copy of the table.
     void Snapshot() override
     {
+        stale_ = true;
+        Rewind();
+    }
+    void Recycle() override
+    {
+        match_ = nullptr;
         stale_ = true;
         Rewind();
     }
@@ -108,7 +124,7 @@ public:
     size_t SnapshotCount() const override
     {
         if (stale_) {
-            rows_ = Rows();
+            Fill(rows_);
             stale_ = false;
         }
         return rows_.size();
@@ -127,17 +143,20 @@ public:
     }
 
 private:
-    std::vector<Row> Rows() const
+    // The rows this object sees now into out (over what it held).
+    void Fill(std::vector<Row> &out) const
     {
         if (source_ != nullptr) {
-            return source_(match_);  // the world copies only the matching rows
+            source_(match_, out);  // the world copies only the matching rows
+            return;
         }
         // A change's object has no source: its pinned row is all it holds.
-        std::vector<Row> rows = rows_;
-        if (match_) {
-            std::erase_if(rows, [this](const Row &r) { return !match_(r); });
+        if (&out != &rows_) {
+            out = rows_;
         }
-        return rows;
+        if (match_) {
+            std::erase_if(out, [this](const Row &r) { return !match_(r); });
+        }
     }
 
     Source source_;

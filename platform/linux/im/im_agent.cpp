@@ -33,19 +33,24 @@ struct LogId {
 
 struct Param {
     uint32_t type = 0;
-    std::vector<uint8_t> bytes;
+    std::string bytes;  // a number or a MAC fits the string's own storage
 };
 
 }  // namespace plat::im
 
 struct IM_AGENT_HANDLE {
     std::string module;
-    std::map<uint32_t, plat::im::LogId> ids;  // guarded by Agent::mu
+    // Shared with the records made against them: registering the table
+    // again leaves records in flight their own id.
+    std::map<uint32_t, std::shared_ptr<const plat::im::LogId>> ids;  // guarded by Agent::mu
 };
 
+// Records are recycled (the diagnostic path makes one per frame): a freed
+// record goes back to the agent's pool with its storage, not to the heap.
 struct IM_AGENT_OBJ {
-    plat::im::LogId logId;
+    std::shared_ptr<const plat::im::LogId> logId;
     std::vector<plat::im::Param> params;  // guarded by Agent::mu
+    bool live = false;                    // guarded by Agent::mu
 };
 
 namespace {
@@ -61,29 +66,39 @@ struct Agent {
     // Handles live as long as the process: modules keep them in globals.
     std::map<std::string, std::unique_ptr<IM_AGENT_HANDLE>, std::less<>> handles;
     std::unordered_set<const IM_AGENT_HANDLE *> knownHandles;
-    std::unordered_set<IM_AGENT_OBJ *> liveObjs;
+    // Every record ever made, live or pooled; a pointer not in it is none.
+    std::unordered_set<IM_AGENT_OBJ *> knownObjs;
+    std::vector<IM_AGENT_OBJ *> pool;  // freed records, ready for reuse
 };
+
+// Caller holds Agent::mu.
+bool IsLive(const Agent &agent, IM_AGENT_OBJ *obj)
+{
+    return obj != nullptr && agent.knownObjs.count(obj) != 0 && obj->live;
+}
 
 Agent &TheAgent()
 {
     return plat::internal::Leaky<Agent>();
 }
 
-std::string Render(const IM_AGENT_OBJ &obj)
+// "<NAME> <description>" into line, whose storage is reused from call to call.
+void Render(const IM_AGENT_OBJ &obj, std::string &line)
 {
-    std::string text = obj.logId.description;
+    const LogId &id = *obj.logId;
+    line.assign(id.name).push_back(' ');
+    const size_t start = line.size();
+    line.append(id.description);
     for (const Param &param : obj.params) {
         if (param.type != IM_AGENT_PARA_STRING) {
             continue;
         }
-        const std::string info(param.bytes.begin(), param.bytes.end());
-        const size_t at = text.find("[Info]");
+        const size_t at = line.find("[Info]", start);
         if (at != std::string::npos) {
-            text.replace(at, 6, info);
+            line.replace(at, 6, param.bytes);
         }
         break;
     }
-    return obj.logId.name + " " + text;
 }
 
 // fmt without the platform's "%_VSID" directive.
@@ -110,18 +125,19 @@ IM_AGENT_HANDLE_S *IM_Agent_GetHandle(const char *module, const IM_AGENT_LOG_ID_
     if (module == nullptr || module[0] == '\0' || (ids == nullptr && count != 0)) {
         return nullptr;
     }
-    std::map<uint32_t, LogId> table;
+    std::map<uint32_t, std::shared_ptr<const LogId>> table;
     for (uint32_t i = 0; i < count; i++) {
         const IM_AGENT_LOG_ID_S &src = ids[i];
         if (src.name == nullptr) {
             return nullptr;
         }
-        LogId &dst = table[src.id];
-        dst.id = src.id;
-        dst.logClass = src.logClass;
-        dst.name = src.name;
-        dst.description = src.description == nullptr ? "" : src.description;
-        dst.paraFormat = src.paraFormat == nullptr ? "" : src.paraFormat;
+        auto dst = std::make_shared<LogId>();
+        dst->id = src.id;
+        dst->logClass = src.logClass;
+        dst->name = src.name;
+        dst->description = src.description == nullptr ? "" : src.description;
+        dst->paraFormat = src.paraFormat == nullptr ? "" : src.paraFormat;
+        table[src.id] = std::move(dst);
     }
     Agent &agent = TheAgent();
     std::lock_guard lock(agent.mu);
@@ -151,10 +167,18 @@ IM_AGENT_OBJ_S *IM_Agent_ObjCreate(IM_AGENT_HANDLE_S *handle, uint32_t logId)
     if (it == handle->ids.end()) {
         return nullptr;
     }
-    auto obj = std::make_unique<IM_AGENT_OBJ>();
+    IM_AGENT_OBJ *obj = nullptr;
+    if (!agent.pool.empty()) {
+        obj = agent.pool.back();
+        agent.pool.pop_back();
+    } else {
+        obj = new IM_AGENT_OBJ();  // kept for the life of the process
+        agent.knownObjs.insert(obj);
+    }
     obj->logId = it->second;
-    agent.liveObjs.insert(obj.get());
-    return obj.release();
+    obj->params.clear();
+    obj->live = true;
+    return obj;
 }
 
 uint32_t IM_Agent_AddPara(IM_AGENT_OBJ_S *obj, uint32_t type, uint32_t size, const void *value)
@@ -187,11 +211,10 @@ uint32_t IM_Agent_AddPara(IM_AGENT_OBJ_S *obj, uint32_t type, uint32_t size, con
         default:
             return kImErr;
     }
-    const auto *bytes = static_cast<const uint8_t *>(value);
-    param.bytes.assign(bytes, bytes + size);
+    param.bytes.assign(static_cast<const char *>(value), size);
     Agent &agent = TheAgent();
     std::lock_guard lock(agent.mu);
-    if (obj == nullptr || agent.liveObjs.count(obj) == 0) {
+    if (!IsLive(agent, obj)) {
         return kImErr;
     }
     obj->params.push_back(std::move(param));
@@ -204,16 +227,16 @@ uint32_t IM_Agent_Send(IM_AGENT_OBJ_S *obj)
     if (plat::internal::Injected("IM_Agent_Send", &code)) {
         return code;
     }
-    std::string line;
+    thread_local std::string line;
     {
         Agent &agent = TheAgent();
         std::lock_guard lock(agent.mu);
-        if (obj == nullptr || agent.liveObjs.count(obj) == 0) {
+        if (!IsLive(agent, obj)) {
             return kImErr;
         }
-        line = Render(*obj);
+        Render(*obj, line);
     }
-    plat::internal::LogLine(PLAT_LOG_DIAG, std::move(line));
+    plat::internal::LogLine(PLAT_LOG_DIAG, line);
     return kImOk;
 }
 
@@ -224,14 +247,13 @@ uint32_t IM_Agent_ObjFree(IM_AGENT_OBJ_S *obj)
         return code;
     }
     Agent &agent = TheAgent();
-    std::unique_ptr<IM_AGENT_OBJ> owned;
-    {
-        std::lock_guard lock(agent.mu);
-        if (obj == nullptr || agent.liveObjs.erase(obj) == 0) {
-            return kImErr;
-        }
-        owned.reset(obj);
+    std::lock_guard lock(agent.mu);
+    if (!IsLive(agent, obj)) {
+        return kImErr;
     }
+    obj->live = false;
+    obj->logId.reset();
+    agent.pool.push_back(obj);
     return kImOk;
 }
 

@@ -71,24 +71,26 @@ bool Remove(std::vector<Row> World::*table, Match match)
     return true;
 }
 
-// Copies only the rows kept: a keyed read of a large table stays cheap.
 template <typename Row>
-std::vector<Row> Rows(std::vector<Row> World::*table, const plat::world::RowFilter<Row> &keep)
+std::vector<Row> Rows(std::vector<Row> World::*table)
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
-    const std::vector<Row> &rows = w.*table;
-    if (!keep) {
-        return rows;
-    }
-    std::vector<Row> kept;
-    for (const Row &r : rows) {
-        if (keep(r)) {
-            kept.push_back(r);
-        }
-    }
-    return kept;
+    return w.*table;
 }
+
+// The table of each row type, for select_rows.
+std::vector<plat::FrmInstRecord> &TableOf(World &w, const plat::FrmInstRecord *) { return w.frmInst; }
+std::vector<plat::IfRecord> &TableOf(World &w, const plat::IfRecord *) { return w.ifs; }
+std::vector<plat::TrunkRecord> &TableOf(World &w, const plat::TrunkRecord *) { return w.trunks; }
+std::vector<plat::TrunkPortRecord> &TableOf(World &w, const plat::TrunkPortRecord *) { return w.trunkPorts; }
+std::vector<plat::PortVlanRecord> &TableOf(World &w, const plat::PortVlanRecord *) { return w.portVlans; }
+std::vector<plat::AccessIsolateRecord> &TableOf(World &w, const plat::AccessIsolateRecord *)
+{
+    return w.accessIsolation;
+}
+std::vector<plat::PortIsolateRecord> &TableOf(World &w, const plat::PortIsolateRecord *) { return w.portIsolation; }
+std::vector<plat::BoardRecord> &TableOf(World &w, const plat::BoardRecord *) { return w.boards; }
 
 // Caller holds World::mu.
 void Notify(const World &w, const plat::world::Change &change)
@@ -220,9 +222,11 @@ void frm_inst_put(const FrmInstRecord &record)
     }
 }
 
-std::vector<FrmInstRecord> frm_inst_records(const RowFilter<FrmInstRecord> &keep)
+std::vector<FrmInstRecord> frm_inst_records()
 {
-    return Rows(&World::frmInst, keep);
+    World &w = TheWorld();
+    std::lock_guard lock(w.mu);
+    return w.frmInst;
 }
 
 void if_put(const IfRecord &record)
@@ -311,9 +315,9 @@ bool board_remove(uint32_t chassisId, uint32_t slotId)
     return true;
 }
 
-std::vector<BoardRecord> board_records(const RowFilter<BoardRecord> &keep)
+std::vector<BoardRecord> board_records()
 {
-    return Rows(&World::boards, keep);
+    return Rows(&World::boards);
 }
 
 void set_change_listener(ChangeListener listener)
@@ -323,9 +327,9 @@ void set_change_listener(ChangeListener listener)
     w.listener = listener;
 }
 
-std::vector<IfRecord> if_records(const RowFilter<IfRecord> &keep)
+std::vector<IfRecord> if_records()
 {
-    return Rows(&World::ifs, keep);
+    return Rows(&World::ifs);
 }
 
 void trunk_put(const TrunkRecord &record)
@@ -338,9 +342,9 @@ bool trunk_remove(uint32_t trunkId)
     return Remove(&World::trunks, [trunkId](const TrunkRecord &r) { return r.trunkId == trunkId; });
 }
 
-std::vector<TrunkRecord> trunk_records(const RowFilter<TrunkRecord> &keep)
+std::vector<TrunkRecord> trunk_records()
 {
-    return Rows(&World::trunks, keep);
+    return Rows(&World::trunks);
 }
 
 void trunk_port_put(const TrunkPortRecord &record)
@@ -355,9 +359,9 @@ bool trunk_port_remove(uint32_t memberIfIndex)
                   [memberIfIndex](const TrunkPortRecord &r) { return r.memberIfIndex == memberIfIndex; });
 }
 
-std::vector<TrunkPortRecord> trunk_port_records(const RowFilter<TrunkPortRecord> &keep)
+std::vector<TrunkPortRecord> trunk_port_records()
 {
-    return Rows(&World::trunkPorts, keep);
+    return Rows(&World::trunkPorts);
 }
 
 void port_vlan_put(const PortVlanRecord &record)
@@ -389,9 +393,9 @@ bool port_vlan_remove(uint32_t ifIndex)
     return Remove(&World::portVlans, [ifIndex](const PortVlanRecord &r) { return r.ifIndex == ifIndex; });
 }
 
-std::vector<PortVlanRecord> port_vlan_records(const RowFilter<PortVlanRecord> &keep)
+std::vector<PortVlanRecord> port_vlan_records()
 {
-    return Rows(&World::portVlans, keep);
+    return Rows(&World::portVlans);
 }
 
 void access_isolate_put(const AccessIsolateRecord &record)
@@ -404,9 +408,9 @@ bool access_isolate_remove(const AccessIsolateRecord &record)
     return Remove(&World::accessIsolation, [&record](const AccessIsolateRecord &r) { return SameIsolation(r, record); });
 }
 
-std::vector<AccessIsolateRecord> access_isolate_records(const RowFilter<AccessIsolateRecord> &keep)
+std::vector<AccessIsolateRecord> access_isolate_records()
 {
-    return Rows(&World::accessIsolation, keep);
+    return Rows(&World::accessIsolation);
 }
 
 void port_isolate_put(const PortIsolateRecord &record)
@@ -419,9 +423,9 @@ bool port_isolate_remove(const PortIsolateRecord &record)
     return Remove(&World::portIsolation, [&record](const PortIsolateRecord &r) { return SameGroup(r, record); });
 }
 
-std::vector<PortIsolateRecord> port_isolate_records(const RowFilter<PortIsolateRecord> &keep)
+std::vector<PortIsolateRecord> port_isolate_records()
 {
-    return Rows(&World::portIsolation, keep);
+    return Rows(&World::portIsolation);
 }
 
 void set_sys_name(const std::string &name)
@@ -462,5 +466,38 @@ void reset()
     w.frmInst.clear();
     ClearTables(w);
 }
+
+}  // namespace plat::world
+
+namespace plat::world {
+
+template <typename Row>
+void select_rows(const RowFilter<Row> &keep, std::vector<Row> &out)
+{
+    World &w = TheWorld();
+    std::lock_guard lock(w.mu);
+    size_t kept = 0;
+    for (const Row &row : TableOf(w, static_cast<const Row *>(nullptr))) {
+        if (keep && !keep(row)) {
+            continue;
+        }
+        if (kept < out.size()) {
+            out[kept] = row;  // reuses the element's storage
+        } else {
+            out.push_back(row);
+        }
+        kept++;
+    }
+    out.resize(kept);
+}
+
+template void select_rows(const RowFilter<FrmInstRecord> &, std::vector<FrmInstRecord> &);
+template void select_rows(const RowFilter<IfRecord> &, std::vector<IfRecord> &);
+template void select_rows(const RowFilter<TrunkRecord> &, std::vector<TrunkRecord> &);
+template void select_rows(const RowFilter<TrunkPortRecord> &, std::vector<TrunkPortRecord> &);
+template void select_rows(const RowFilter<PortVlanRecord> &, std::vector<PortVlanRecord> &);
+template void select_rows(const RowFilter<AccessIsolateRecord> &, std::vector<AccessIsolateRecord> &);
+template void select_rows(const RowFilter<PortIsolateRecord> &, std::vector<PortIsolateRecord> &);
+template void select_rows(const RowFilter<BoardRecord> &, std::vector<BoardRecord> &);
 
 }  // namespace plat::world

@@ -5,7 +5,9 @@
 // subscriptions).
 #pragma once
 
+#include <functional>
 #include <optional>
+#include <vector>
 
 #include "plat_world.hpp"
 
@@ -18,6 +20,15 @@ struct DeviceView {
 };
 
 DeviceView device_view();
+
+// Keyed reads of the database: the rows of Row's table that keep accepts
+// (all when keep is empty), copied into out over what it held so that a
+// reused buffer costs no allocation. keep runs under the world's lock and
+// must not call back into the world. Defined for every table row type.
+template <typename Row>
+using RowFilter = std::function<bool(const Row &)>;
+template <typename Row>
+void select_rows(const RowFilter<Row> &keep, std::vector<Row> &out);
 
 // One write of a table that subscriptions follow, with the record as it was
 // (none for a create) and as it is (none for a delete).
