@@ -94,8 +94,10 @@ public:
     static uint64_t Dropped() { return dropped_.load(std::memory_order_relaxed); }
 
 private:
-    static constexpr size_t kWakeAt = 64 * 1024;
-    static constexpr auto kPeriod = std::chrono::milliseconds(20);
+    // Large batches: each swap is a moment the writer and the loggers meet
+    // on the lock.
+    static constexpr size_t kWakeAt = 1024 * 1024;
+    static constexpr auto kPeriod = std::chrono::milliseconds(50);
 
     void Run()
     {

@@ -19,6 +19,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <type_traits>
 #include <unordered_set>
 
 #include "core/internal.hpp"
@@ -62,31 +63,28 @@ Db &TheDb()
     return plat::internal::Leaky<Db>();
 }
 
+// An object of one of the world's tables.
+template <typename Row>
+std::unique_ptr<DB_OBJ> WorldObject(uint32_t table)
+{
+    return std::make_unique<TableObject<Row>>(table, &plat::world::select_rows<Row>,
+                                              &plat::world::select_rows_where<Row>);
+}
+
 // The tables this client serves.
 std::unique_ptr<DB_OBJ> MakeObject(uint32_t table)
 {
     switch (table) {
-        case DB_TABLE_FRM_INST:
-            return std::make_unique<TableObject<plat::FrmInstRecord>>(table, &plat::world::select_rows<plat::FrmInstRecord>);
-        case DB_TABLE_IF:
-            return std::make_unique<TableObject<plat::IfRecord>>(table, &plat::world::select_rows<plat::IfRecord>);
-        case DB_TABLE_TRUNK:
-            return std::make_unique<TableObject<plat::TrunkRecord>>(table, &plat::world::select_rows<plat::TrunkRecord>);
-        case DB_TABLE_TRUNK_PORT:
-            return std::make_unique<TableObject<plat::TrunkPortRecord>>(table, &plat::world::select_rows<plat::TrunkPortRecord>);
-        case DB_TABLE_PORT_VLAN_MAP:
-            return std::make_unique<TableObject<plat::PortVlanRecord>>(table, &plat::world::select_rows<plat::PortVlanRecord>);
-        case DB_TABLE_ACCESS_ISOLATE:
-            return std::make_unique<TableObject<plat::AccessIsolateRecord>>(table,
-                                                                            &plat::world::select_rows<plat::AccessIsolateRecord>);
-        case DB_TABLE_PORT_ISOLATE:
-            return std::make_unique<TableObject<plat::PortIsolateRecord>>(table, &plat::world::select_rows<plat::PortIsolateRecord>);
-        case DB_TABLE_SYS_INFO:
-            return std::make_unique<TableObject<SysInfoRecord>>(table, &SysInfoRecords);
-        case DB_TABLE_DEVM:
-            return std::make_unique<TableObject<plat::BoardRecord>>(table, &plat::world::select_rows<plat::BoardRecord>);
-        default:
-            return nullptr;
+        case DB_TABLE_FRM_INST: return WorldObject<plat::FrmInstRecord>(table);
+        case DB_TABLE_IF: return WorldObject<plat::IfRecord>(table);
+        case DB_TABLE_TRUNK: return WorldObject<plat::TrunkRecord>(table);
+        case DB_TABLE_TRUNK_PORT: return WorldObject<plat::TrunkPortRecord>(table);
+        case DB_TABLE_PORT_VLAN_MAP: return WorldObject<plat::PortVlanRecord>(table);
+        case DB_TABLE_ACCESS_ISOLATE: return WorldObject<plat::AccessIsolateRecord>(table);
+        case DB_TABLE_PORT_ISOLATE: return WorldObject<plat::PortIsolateRecord>(table);
+        case DB_TABLE_SYS_INFO: return std::make_unique<TableObject<SysInfoRecord>>(table, &SysInfoRecords);
+        case DB_TABLE_DEVM: return WorldObject<plat::BoardRecord>(table);
+        default: return nullptr;
     }
 }
 
@@ -108,7 +106,9 @@ Obj *Typed(const Db &db, DB_OBJ *obj, uint32_t table)
     if (!IsLive(db, obj) || obj->table != table) {
         return nullptr;
     }
-    return dynamic_cast<Obj *>(obj);
+    // A table's objects are all of one type (MakeObject, AdoptChange and
+    // the child nodes keep to it), so the id settles the type.
+    return static_cast<Obj *>(obj);
 }
 
 // The calls on one table of Row records, read through objects of type Obj
@@ -208,7 +208,11 @@ struct Table {
     static uint32_t SetKey(const char *op, DB_OBJ_S *obj, Keys... keys)
     {
         return WithObject<Obj>(op, obj, false, [keys...](Obj &typed) {
-            typed.SetKey([keys...](const Row &r) { return ((r.*Fields == keys) && ...); });
+            if constexpr (sizeof...(Fields) == 1 && (std::is_same_v<decltype(Fields), uint32_t Row::*> && ...)) {
+                typed.SetKeyField(Fields..., keys...);  // the world reads it without a call per row
+            } else {
+                typed.SetKey([keys...](const Row &r) { return ((r.*Fields == keys) && ...); });
+            }
             typed.Snapshot();
             return DB_OK;
         });

@@ -96,8 +96,12 @@ class TableObject final : public DB_OBJ {
 public:
     using Match = plat::world::RowFilter<Row>;
     using Source = void (*)(const Match &, std::vector<Row> &);
+    using KeyedSource = void (*)(uint32_t Row::*field, uint32_t key, std::vector<Row> &);
 
-    TableObject(uint32_t tableId, Source source) : DB_OBJ(tableId), source_(source) {}
+    TableObject(uint32_t tableId, Source source, KeyedSource keyed = nullptr)
+        : DB_OBJ(tableId), source_(source), keyed_(keyed)
+    {
+    }
 
     size_t LiveCount() const override
     {
@@ -115,11 +119,24 @@ public:
     void Recycle() override
     {
         match_ = nullptr;
+        keyField_ = nullptr;
         stale_ = true;
         Rewind();
     }
     // Narrows every later snapshot to the rows matching the key.
-    void SetKey(Match match) { match_ = std::move(match); }
+    void SetKey(Match match)
+    {
+        match_ = std::move(match);
+        keyField_ = nullptr;
+    }
+    // The same for a key of one 32-bit field, which the world can compare
+    // directly.
+    void SetKeyField(uint32_t Row::*field, uint32_t key)
+    {
+        match_ = [field, key](const Row &r) { return r.*field == key; };
+        keyField_ = field;
+        keyValue_ = key;
+    }
     bool HasKey() const { return static_cast<bool>(match_); }
     size_t SnapshotCount() const override
     {
@@ -146,6 +163,10 @@ private:
     // The rows this object sees now into out (over what it held).
     void Fill(std::vector<Row> &out) const
     {
+        if (keyField_ != nullptr && keyed_ != nullptr) {
+            keyed_(keyField_, keyValue_, out);
+            return;
+        }
         if (source_ != nullptr) {
             source_(match_, out);  // the world copies only the matching rows
             return;
@@ -160,7 +181,10 @@ private:
     }
 
     Source source_;
+    KeyedSource keyed_;
     Match match_;
+    uint32_t Row::*keyField_ = nullptr;
+    uint32_t keyValue_ = 0;
     mutable std::vector<Row> rows_;
     mutable bool stale_ = true;
 };

@@ -471,14 +471,16 @@ void reset()
 
 namespace plat::world {
 
-template <typename Row>
-void select_rows(const RowFilter<Row> &keep, std::vector<Row> &out)
+namespace {
+
+// Copies the rows kept into out, over what it held: a reused buffer costs
+// no allocation. Caller holds World::mu.
+template <typename Row, typename Keep>
+void CopyKept(const std::vector<Row> &rows, Keep keep, std::vector<Row> &out)
 {
-    World &w = TheWorld();
-    std::lock_guard lock(w.mu);
     size_t kept = 0;
-    for (const Row &row : TableOf(w, static_cast<const Row *>(nullptr))) {
-        if (keep && !keep(row)) {
+    for (const Row &row : rows) {
+        if (!keep(row)) {
             continue;
         }
         if (kept < out.size()) {
@@ -491,13 +493,37 @@ void select_rows(const RowFilter<Row> &keep, std::vector<Row> &out)
     out.resize(kept);
 }
 
-template void select_rows(const RowFilter<FrmInstRecord> &, std::vector<FrmInstRecord> &);
-template void select_rows(const RowFilter<IfRecord> &, std::vector<IfRecord> &);
-template void select_rows(const RowFilter<TrunkRecord> &, std::vector<TrunkRecord> &);
-template void select_rows(const RowFilter<TrunkPortRecord> &, std::vector<TrunkPortRecord> &);
-template void select_rows(const RowFilter<PortVlanRecord> &, std::vector<PortVlanRecord> &);
-template void select_rows(const RowFilter<AccessIsolateRecord> &, std::vector<AccessIsolateRecord> &);
-template void select_rows(const RowFilter<PortIsolateRecord> &, std::vector<PortIsolateRecord> &);
-template void select_rows(const RowFilter<BoardRecord> &, std::vector<BoardRecord> &);
+}  // namespace
+
+template <typename Row>
+void select_rows(const RowFilter<Row> &keep, std::vector<Row> &out)
+{
+    World &w = TheWorld();
+    std::lock_guard lock(w.mu);
+    CopyKept(TableOf(w, static_cast<const Row *>(nullptr)), [&keep](const Row &r) { return !keep || keep(r); },
+             out);
+}
+
+template <typename Row>
+void select_rows_where(uint32_t Row::*field, uint32_t key, std::vector<Row> &out)
+{
+    World &w = TheWorld();
+    std::lock_guard lock(w.mu);
+    CopyKept(TableOf(w, static_cast<const Row *>(nullptr)), [field, key](const Row &r) { return r.*field == key; },
+             out);
+}
+
+#define PLAT_WORLD_SELECT(Row)                                                     \
+    template void select_rows(const RowFilter<Row> &, std::vector<Row> &);        \
+    template void select_rows_where(uint32_t Row::*, uint32_t, std::vector<Row> &)
+PLAT_WORLD_SELECT(FrmInstRecord);
+PLAT_WORLD_SELECT(IfRecord);
+PLAT_WORLD_SELECT(TrunkRecord);
+PLAT_WORLD_SELECT(TrunkPortRecord);
+PLAT_WORLD_SELECT(PortVlanRecord);
+PLAT_WORLD_SELECT(AccessIsolateRecord);
+PLAT_WORLD_SELECT(PortIsolateRecord);
+PLAT_WORLD_SELECT(BoardRecord);
+#undef PLAT_WORLD_SELECT
 
 }  // namespace plat::world

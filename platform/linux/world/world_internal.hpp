@@ -29,6 +29,9 @@ template <typename Row>
 using RowFilter = std::function<bool(const Row &)>;
 template <typename Row>
 void select_rows(const RowFilter<Row> &keep, std::vector<Row> &out);
+// The same for the rows whose field equals key.
+template <typename Row>
+void select_rows_where(uint32_t Row::*field, uint32_t key, std::vector<Row> &out);
 
 // One write of a table that subscriptions follow, with the record as it was
 // (none for a create) and as it is (none for a delete).
