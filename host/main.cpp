@@ -7,9 +7,11 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -38,6 +40,7 @@ struct Options {
     unsigned runForSec = 0;
     unsigned timeScale = 1000;
     std::string controlPath = pplus_host::DefaultControlPath();
+    std::string logFile;
 };
 
 // Framework instance states the agent's readiness wait accepts.
@@ -170,6 +173,8 @@ int main(int argc, char **argv)
     host::AddPortOptions(app, portOpts);
     app.add_option("--control", opts.controlPath, "Control socket for pppoe-plus-cli")
         ->default_str(opts.controlPath);
+    app.add_option("--log-file", opts.logFile,
+                   "Also write every log line (system log, diagnostic records, debug lines) to this file");
     CLI11_PARSE(app, argc, argv);
     PLAT_SetTimeScale(opts.timeScale);
 
@@ -182,6 +187,13 @@ int main(int argc, char **argv)
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
     PLAT_LogSetPrinter(PrintLine, &opts.verbose);
+    // The host reads no call counts: operations skip the counting.
+    PLAT_CallCountEnable(0);
+    if (!opts.logFile.empty() && PLAT_LogSetFile(opts.logFile.c_str()) != 0) {
+        std::fprintf(stderr, "pppoe-plus-switch: cannot write the log file %s: %s\n", opts.logFile.c_str(),
+                     std::strerror(errno));
+        return 1;
+    }
     // Paths on the command line are relative to where the host was started.
     if (!opts.topologyFile.empty()) {
         std::error_code ec;
@@ -255,6 +267,7 @@ int main(int argc, char **argv)
     if (!WaitAgentReady(opts.readyTimeoutSec)) {
         Say("the agent did not become ready in time");
         ReportLeaks();
+        (void)PLAT_LogSetFile(nullptr);
         std::fflush(stdout);
         _exit(1);
     }
@@ -263,6 +276,7 @@ int main(int argc, char **argv)
         if (!host::ApplyAgentConfig(module, agentConfig, &portError)) {
             std::fprintf(stderr, "pppoe-plus-switch: %s\n", portError.c_str());
             std::fflush(stderr);
+            (void)PLAT_LogSetFile(nullptr);
             _exit(1);
         }
         Say("agent settings applied");
@@ -298,6 +312,7 @@ int main(int argc, char **argv)
     PLAT_LogWrite(PLAT_LOG_PLATFORM, "[fwm] state: %s", plat::fwm::describe(plat::fwm::state()).c_str());
     control.Stop();
     ReportLeaks();
+    (void)PLAT_LogSetFile(nullptr);  // writes what is pending
     std::fflush(stdout);
     // The agent's tasks run for the life of the process; leave without
     // running static destructors under their feet.

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdarg>
+#include <cstdio>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <thread>
@@ -261,6 +263,79 @@ TEST(LogSink, ConcurrentWritersGetDistinctSequenceNumbers)
     EXPECT_EQ(PLAT_LogLastSeq(), 2000U);
     EXPECT_EQ(PLAT_LogCount(PLAT_LOG_DIAG, "w"), 2000U);
     EXPECT_EQ(printed.load(), 2000U);
+}
+
+namespace {
+
+std::vector<std::string> FileLines(const std::string &path)
+{
+    std::ifstream in(path);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+}  // namespace
+
+TEST(LogSink, FileGetsEveryLineInOrderFromItsOwnThread)
+{
+    const std::string path = ::testing::TempDir() + "plat_log_file_test.log";
+    EXPECT_EQ(PLAT_LogSetFile("/nonexistent-dir/x.log"), 1U);
+    ASSERT_EQ(PLAT_LogSetFile(path.c_str()), 0U);
+    PLAT_LogWrite(PLAT_LOG_DIAG, "first %d", 1);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; t++) {
+        threads.emplace_back([t]() {
+            for (int i = 0; i < 1000; i++) {
+                PLAT_LogWrite(PLAT_LOG_DEBUG, "t%d-%d", t, i);
+            }
+        });
+    }
+    for (std::thread &t : threads) {
+        t.join();
+    }
+    syslog(LOG_ERR, "last");
+    ASSERT_EQ(PLAT_LogSetFile(nullptr), 0U);  // writes what is pending, then closes
+    PLAT_LogWrite(PLAT_LOG_DIAG, "after the close");
+
+    const std::vector<std::string> lines = FileLines(path);
+    ASSERT_EQ(lines.size(), 3002U);
+    EXPECT_EQ(lines.front(), "diag first 1");
+    EXPECT_EQ(lines.back(), "syslog <3> last");
+    // Each writer's lines keep their order.
+    std::vector<int> next(3, 0);
+    for (size_t i = 1; i + 1 < lines.size(); i++) {
+        int t = -1;
+        int n = -1;
+        ASSERT_EQ(std::sscanf(lines[i].c_str(), "debug t%d-%d", &t, &n), 2) << lines[i];
+        ASSERT_TRUE(t >= 0 && t < 3);
+        EXPECT_EQ(n, next[static_cast<size_t>(t)]++);
+    }
+    EXPECT_EQ(PLAT_LogFileDropped(), 0U);
+
+    // Opening again starts the file afresh.
+    ASSERT_EQ(PLAT_LogSetFile(path.c_str()), 0U);
+    PLAT_LogWrite(PLAT_LOG_PLATFORM, "again");
+    ASSERT_EQ(PLAT_LogSetFile(nullptr), 0U);
+    EXPECT_EQ(FileLines(path), std::vector<std::string>{"platform again"});
+}
+
+TEST(FailureInjection, WithCountingOffArmedFailuresStillFire)
+{
+    PLAT_CallCountReset();
+    PLAT_CallCountEnable(0);
+    (void)DEVM_DB_GetSelfBoardId(nullptr);
+    EXPECT_EQ(PLAT_CallCount("DEVM_DB_GetSelfBoardId"), 0U);
+    uint32_t board = 0;
+    PLAT_FailSet("DEVM_DB_GetSelfBoardId", 0, 1, kCode);
+    EXPECT_EQ(DEVM_DB_GetSelfBoardId(&board), kCode);
+    EXPECT_EQ(PLAT_FailHits("DEVM_DB_GetSelfBoardId"), 1U);
+    PLAT_CallCountEnable(1);
+    (void)DEVM_DB_GetSelfBoardId(&board);
+    EXPECT_EQ(PLAT_CallCount("DEVM_DB_GetSelfBoardId"), 2U);  // the failed call and this one
+    PLAT_FailClearAll();
 }
 
 TEST(SafeStrings, TruncateInsteadOfFailing)

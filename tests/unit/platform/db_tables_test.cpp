@@ -116,6 +116,18 @@ TEST(DbTables, InterfacesReadByKeyWithTheirChildNodes)
     EXPECT_EQ(ret, DB_ITER_END);
     EXPECT_EQ(seen, (std::vector<uint32_t>{5, 100}));
     EXPECT_EQ(db_release_if_object(obj), DB_OK);
+
+    // Released objects are reused: a new one starts without the old key,
+    // record or iteration.
+    ASSERT_EQ(db_create_if_object(&obj), DB_OK);
+    ASSERT_EQ(db_set_if_ifindex(obj, 5), DB_OK);
+    ASSERT_EQ(db_read_if_object(obj), DB_OK);
+    EXPECT_EQ(db_release_if_object(obj), DB_OK);
+    DB_OBJ_S *fresh = nullptr;
+    ASSERT_EQ(db_create_if_object(&fresh), DB_OK);
+    EXPECT_EQ(db_get_if_ifindex(fresh, &v), DB_ERR_NO_RECORD);
+    EXPECT_EQ(db_read_if_object(fresh), DB_ERR_NO_KEY);
+    EXPECT_EQ(db_release_if_object(fresh), DB_OK);
 }
 
 TEST(DbTables, TrunkVlanIsolationAndSystemTables)

@@ -62,6 +62,13 @@ TEST(ImAgent, RecordsRenderTheFirstStringIntoTheDescription)
                             "MOD_LOG_ID_DEBUG Module debug information. (Info=[slot=1/1][FRAME] init start.)"),
               1U);
     EXPECT_EQ(PLAT_LogCount(PLAT_LOG_DIAG, ""), 2U);
+
+    // Freed records are reused without the parameters they carried.
+    obj = IM_Agent_ObjCreate(h, 0x101);
+    ASSERT_NE(obj, nullptr);
+    EXPECT_EQ(IM_Agent_Send(obj), 0U);
+    EXPECT_EQ(LastLine(), "MOD_LOG_ID_PORT Port [Info] changed.");
+    EXPECT_EQ(IM_Agent_ObjFree(obj), 0U);
 }
 
 TEST(ImAgent, DebugLinesDropTheVsidDirective)
