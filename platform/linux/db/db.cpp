@@ -18,7 +18,9 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <unordered_set>
 
@@ -274,17 +276,18 @@ using Devm = Table<DB_TABLE_DEVM, plat::BoardRecord>;
 // The fields a subscription may name, per table.
 bool KnownField(uint32_t table, const char *tableName, const char *field)
 {
-    static const std::vector<std::string> ifFields = {"ifindex", "name", "port_switch", "on_board", "lag_id"};
-    static const std::vector<std::string> devmFields = {"Chassis_ID", "Slot_ID", "Register_status"};
-    const std::vector<std::string> *known = nullptr;
+    // Constant tables: nothing to destroy at exit under a task still subscribing.
+    static constexpr std::string_view kIfFields[] = {"ifindex", "name", "port_switch", "on_board", "lag_id"};
+    static constexpr std::string_view kDevmFields[] = {"Chassis_ID", "Slot_ID", "Register_status"};
+    std::span<const std::string_view> known;
     if (table == DB_TABLE_IF && std::strcmp(tableName, "if") == 0) {
-        known = &ifFields;
+        known = kIfFields;
     } else if (table == DB_TABLE_DEVM && std::strcmp(tableName, "devm") == 0) {
-        known = &devmFields;
+        known = kDevmFields;
     } else {
         return false;
     }
-    return std::find(known->begin(), known->end(), field) != known->end();
+    return std::find(known.begin(), known.end(), std::string_view(field)) != known.end();
 }
 
 // Creates an object of a table that also describes a subscription.
