@@ -8,7 +8,9 @@
 // on WICK_ChannelPut makes a punt fail (the frame is counted as dropped).
 #include <algorithm>
 #include <cstring>
+#include <future>
 
+#include "plat_control.h"
 #include "plat_fplane.hpp"
 #include "plat_fwm.hpp"
 #include "plat_world.hpp"
@@ -21,6 +23,8 @@ constexpr size_t kMacHeader = 12;            // destination and source MAC
 constexpr size_t kTagLen = 4;
 constexpr uint16_t kTpidDot1q = 0x8100;
 constexpr uint16_t kEtherPppoeDiscovery = 0x8863;
+constexpr const char *kTransmitThread = "thread/dpx";  // the thread the agent's sends name
+constexpr uint32_t kSendDepth = 1024;
 constexpr uint32_t kTakeWaitMs = 50;         // bounds how long stopping the transmit thread takes
 constexpr uint32_t kMaxMessage = 65536 + sizeof(DpxPktHead);
 
@@ -153,7 +157,20 @@ std::string PortName(uint32_t ifIndex)
 
 ForwardingPlane::ForwardingPlane(PortBackend &backend) : backend_(backend)
 {
-    transmitter_ = std::thread([this]() { TransmitLoop(); });
+    // The plane owns the channel the agent sends on, as the switch's
+    // forwarding plane does: it exists before the constructor returns, so
+    // the agent's first send finds it.
+    std::promise<void> created;
+    std::future<void> ready = created.get_future();
+    transmitter_ = std::thread([this, &created]() {
+        if (FPC_ThreadInfoRegByName(kTransmitThread) != 0 ||
+            FPC_ChannelCreate(kSendChannel, kSendDepth) == FPC_INVALID_ID) {
+            PLAT_LogWrite(PLAT_LOG_PLATFORM, "[fplane] cannot create %s", kSendChannel);
+        }
+        created.set_value();
+        TransmitLoop();
+    });
+    ready.wait();
 }
 
 ForwardingPlane::~ForwardingPlane()
