@@ -1,5 +1,5 @@
 // A pppoe-plus-switch started by a test, its standard output and error
-// read through a pipe.
+// read through a pipe; and programs run to their end.
 #pragma once
 
 #include <poll.h>
@@ -9,9 +9,69 @@
 
 #include <chrono>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace pplus_e2e {
+
+struct ProgramRun {
+    int status = -1;  // exit code, or 128 + signal
+    std::string output;
+};
+
+// Runs exe with args to its end (killed after timeoutMs) and collects its
+// standard output and error.
+inline ProgramRun RunProgram(const std::string &exe, std::vector<std::string> args, int timeoutMs = 60000)
+{
+    ProgramRun run;
+    int fds[2];
+    if (pipe(fds) != 0) {
+        return run;
+    }
+    const pid_t pid = fork();
+    if (pid == 0) {
+        dup2(fds[1], STDOUT_FILENO);
+        dup2(fds[1], STDERR_FILENO);
+        close(fds[0]);
+        close(fds[1]);
+        std::string path = exe;
+        std::vector<char *> argv{path.data()};
+        for (auto &a : args) {
+            argv.push_back(a.data());
+        }
+        argv.push_back(nullptr);
+        execvp(path.c_str(), argv.data());
+        _exit(127);
+    }
+    close(fds[1]);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd p{fds[0], POLLIN, 0};
+        if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) {
+            kill(pid, SIGKILL);
+            break;
+        }
+        char buf[4096];
+        const ssize_t n = read(fds[0], buf, sizeof(buf));
+        if (n <= 0) {
+            break;
+        }
+        run.output.append(buf, static_cast<size_t>(n));
+    }
+    close(fds[0]);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return run;
+}
+
+// The host run to its end, as for a replay.
+inline ProgramRun RunHost(std::vector<std::string> args, int timeoutMs = 60000)
+{
+    return RunProgram(PPLUS_BUILD_DIR "/bin/pppoe-plus-switch", std::move(args), timeoutMs);
+}
 
 class Host {
 public:

@@ -3,8 +3,6 @@
 // the ports and exits 0; bad ports, files and settings are refused by name.
 #include <gtest/gtest.h>
 #include <pcap/pcap.h>
-#include <poll.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -12,63 +10,16 @@
 #include <string>
 #include <vector>
 
+#include "host_process.hpp"
+
 namespace {
 
 namespace fs = std::filesystem;
 
 const std::string kExamples = PPLUS_SOURCE_DIR "/examples";
 
-struct HostRun {
-    int status = -1;
-    std::string output;
-};
-
-// Runs the host to its end (at most timeoutMs) and collects its output.
-HostRun RunHost(std::vector<std::string> args, int timeoutMs = 60000)
-{
-    HostRun run;
-    int fds[2];
-    if (pipe(fds) != 0) {
-        return run;
-    }
-    const pid_t pid = fork();
-    if (pid == 0) {
-        dup2(fds[1], STDOUT_FILENO);
-        dup2(fds[1], STDERR_FILENO);
-        close(fds[0]);
-        close(fds[1]);
-        static std::string exe = PPLUS_BUILD_DIR "/bin/pppoe-plus-switch";
-        std::vector<char *> argv{exe.data()};
-        for (auto &a : args) {
-            argv.push_back(a.data());
-        }
-        argv.push_back(nullptr);
-        execv(exe.c_str(), argv.data());
-        _exit(127);
-    }
-    close(fds[1]);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    for (;;) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        pollfd p{fds[0], POLLIN, 0};
-        if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) {
-            kill(pid, SIGKILL);
-            break;
-        }
-        char buf[4096];
-        const ssize_t n = read(fds[0], buf, sizeof(buf));
-        if (n <= 0) {
-            break;
-        }
-        run.output.append(buf, static_cast<size_t>(n));
-    }
-    close(fds[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return run;
-}
+using HostRun = pplus_e2e::ProgramRun;
+using pplus_e2e::RunHost;
 
 // Frames in a capture file; -1 when it cannot be read as Ethernet.
 int FramesIn(const std::string &path)
