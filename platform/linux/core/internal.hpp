@@ -6,11 +6,13 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include "plat_control.h"
 
@@ -25,6 +27,40 @@ T &Leaky()
     static T *const instance = new T();
     return *instance;
 }
+
+// The lock of the services the packet path calls many times per frame
+// (object database, world model, diagnostic records, log ring, memory
+// accounting). Their critical sections are a lookup or a copy, so taking
+// and releasing cost one atomic exchange and one plain store, where a mutex
+// costs two atomic read-modify-writes behind calls. A waiter spins briefly,
+// then gives its core away, so a holder that lost its core gets it back.
+class SpinMutex {
+public:
+    void lock() noexcept
+    {
+        unsigned spins = 0;
+        while (locked_.exchange(true, std::memory_order_acquire)) {
+            while (locked_.load(std::memory_order_relaxed)) {
+                if (++spins < kSpinsBeforeYield) {
+#if defined(__x86_64__) || defined(__i386__)
+                    __builtin_ia32_pause();
+#endif
+                } else {
+                    std::this_thread::yield();
+                }
+            }
+        }
+    }
+    bool try_lock() noexcept
+    {
+        return !locked_.load(std::memory_order_relaxed) && !locked_.exchange(true, std::memory_order_acquire);
+    }
+    void unlock() noexcept { locked_.store(false, std::memory_order_release); }
+
+private:
+    static constexpr unsigned kSpinsBeforeYield = 64;
+    std::atomic<bool> locked_{false};
+};
 
 // True when this call of op must fail; *code is then the injected code.
 inline bool Injected(const char *op, uint32_t *code)

@@ -148,7 +148,7 @@ private:
 };
 
 struct Sink {
-    std::mutex mu;
+    plat::internal::SpinMutex mu;
     std::vector<Line> ring = std::vector<Line>(PLAT_LOG_RING);
     uint64_t lastSeq = 0;   // last sequence number written
     uint64_t firstSeq = 1;  // oldest kept line (firstSeq > lastSeq: none kept)

@@ -53,7 +53,7 @@ void SysInfoRecords(const plat::world::RowFilter<SysInfoRecord> &keep, std::vect
 constexpr size_t kPooledPerTable = 64;
 
 struct Db {
-    std::mutex mu;  // guards every object's state and the members below
+    plat::internal::SpinMutex mu;  // guards every object's state and the members below
     // Every object that exists, handed out (DB_OBJ::live) or pooled.
     std::unordered_set<DB_OBJ *> objs;
     std::unordered_set<DB_ITER *> liveIters;

@@ -62,7 +62,7 @@ constexpr uint32_t kImOk = 0;
 constexpr uint32_t kImErr = 1;
 
 struct Agent {
-    std::mutex mu;
+    plat::internal::SpinMutex mu;
     // Handles live as long as the process: modules keep them in globals.
     std::map<std::string, std::unique_ptr<IM_AGENT_HANDLE>, std::less<>> handles;
     std::unordered_set<const IM_AGENT_HANDLE *> knownHandles;

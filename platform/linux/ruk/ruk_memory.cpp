@@ -47,7 +47,7 @@ struct alignas(16) BlockHeader {
 };
 
 struct Memory {
-    std::mutex mu;
+    plat::internal::SpinMutex mu;
     std::map<std::string, uint32_t, std::less<>> handleByName;
     std::map<uint32_t, std::string> handleNames;
     uint32_t nextHandle = 1;

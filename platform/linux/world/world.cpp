@@ -21,7 +21,7 @@
 namespace {
 
 struct World {
-    std::mutex mu;
+    plat::internal::SpinMutex mu;
     plat::SystemIdentity identity;
     bool mainBoardReadable = false;
     bool selfBoardReadable = false;
