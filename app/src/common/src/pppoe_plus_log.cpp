@@ -2,9 +2,12 @@
 // information-management agent, and the packet and tag dump helpers.
 #include "pppoe_plus_log.h"
 
+#include <algorithm>
 #include <array>
+#include <charconv>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <span>
 #include <string_view>
 
@@ -125,6 +128,34 @@ void SendRecord(uint32_t logId, const char *text)
     }
 }
 
+// "[slot=<chassis>/<board>]" into buf (terminated, truncated to size);
+// returns its length.
+size_t SlotPrefix(char *buf, size_t size, uint32_t chassis, uint32_t board)
+{
+    // Two 32-bit numbers take at most 10 digits each: 28 characters in all.
+    std::array<char, 32> tmp{};
+    size_t len = 0;
+    auto put = [&tmp, &len](std::string_view part) {
+        const size_t n = std::min(part.size(), tmp.size() - len);
+        (void)memcpy_s(tmp.data() + len, tmp.size() - len, part.data(), n);
+        len += n;
+    };
+    auto number = [&put](uint32_t value) {
+        std::array<char, 10> digits{};
+        const auto [end, ec] = std::to_chars(digits.data(), digits.data() + digits.size(), value);
+        put(std::string_view(digits.data(), ec == std::errc() ? static_cast<size_t>(end - digits.data()) : 0U));
+    };
+    put("[slot=");
+    number(chassis);
+    put("/");
+    number(board);
+    put("]");
+    len = std::min(len, size - 1U);
+    (void)memcpy_s(buf, size, tmp.data(), len);
+    buf[len] = '\0';
+    return len;
+}
+
 bool WouldSend(uint32_t logId)
 {
     return g_pppoePlusIMAgentHandle.load(std::memory_order_acquire) != nullptr && FindLogId(logId) != nullptr &&
@@ -231,12 +262,22 @@ void PPPOE_PLUS_DiagLog(uint32_t logId, const char *format, ...)
     if (!WouldSend(logId)) {
         return;  // nothing would be sent: spare the formatting
     }
-    char text[kLogBufLen] = {};
-    const int prefix = snprintf_truncated_s(text, sizeof(text), "[slot=%u/%u]", chassis, board);
-    va_list ap;
-    va_start(ap, format);
-    (void)vsnprintf_truncated_s(text + prefix, sizeof(text) - static_cast<size_t>(prefix), format, ap);
-    va_end(ap);
+    // The packet path sends several records per frame: the prefix is built
+    // without printf, and a fixed text (no conversion) is copied as it is.
+    char text[kLogBufLen];
+    const size_t prefix = SlotPrefix(text, sizeof(text), chassis, board);
+    char *rest = text + prefix;
+    const size_t room = sizeof(text) - prefix;
+    if (std::strchr(format, '%') == nullptr) {
+        const size_t len = strnlen(format, room - 1U);
+        (void)memcpy_s(rest, room, format, len);
+        rest[len] = '\0';
+    } else {
+        va_list ap;
+        va_start(ap, format);
+        (void)vsnprintf_truncated_s(rest, room, format, ap);
+        va_end(ap);
+    }
     SendRecord(logId, text);
 }
 
