@@ -6,7 +6,7 @@
 // the module's own processing. The board is HA master: every diagnostic
 // record the relay writes per frame really reaches the platform's sink, its
 // in-memory ring and its log file (relay_bench.log beside the program,
-// written by the sink's own thread). Platform call counting, a test
+// written by the sink's own thread and rotated as the host's). Platform call counting, a test
 // instrument, is off as in the host.
 //
 //   ./build/default/bin/relay_bench [--benchmark_filter=...]
@@ -46,6 +46,7 @@ constexpr uint32_t kFloodUplinkBase = 200;
 constexpr uint32_t kFloodUplinks = 8;
 constexpr uint32_t kBatch = 32;
 constexpr uint32_t kTakeCap = 2048;
+constexpr uint64_t kLogFileRotateBytes = 64ULL * 1024 * 1024;  // as the host's --log-file
 
 [[noreturn]] void Die(const char *what)
 {
@@ -241,7 +242,7 @@ int main(int argc, char **argv)
         Die("cannot change to the program's folder");
     }
     PLAT_CallCountEnable(0);
-    if (PLAT_LogSetFile("relay_bench.log") != 0) {
+    if (PLAT_LogSetFile("relay_bench.log", kLogFileRotateBytes) != 0) {
         Die("cannot open relay_bench.log");
     }
     BuildWorld();
@@ -250,7 +251,7 @@ int main(int argc, char **argv)
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
-    (void)PLAT_LogSetFile(nullptr);  // writes what is pending
+    (void)PLAT_LogSetFile(nullptr, 0);  // writes what is pending
     std::error_code sizeError;
     const auto logBytes = std::filesystem::file_size("relay_bench.log", sizeError);
     std::printf("diagnostic lines logged: %llu; log file %s: %llu bytes, %llu line(s) dropped\n",

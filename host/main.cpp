@@ -47,6 +47,9 @@ struct Options {
 constexpr uint32_t kModStateMainReady = 12;
 constexpr uint32_t kModStateRunning = 8;
 
+// --log-file rotates at this size, keeping the file before as FILE.1.
+constexpr uint64_t kLogFileRotateBytes = 64ULL * 1024 * 1024;
+
 const char *KindName(uint32_t kind)
 {
     switch (kind) {
@@ -174,7 +177,8 @@ int main(int argc, char **argv)
     app.add_option("--control", opts.controlPath, "Control socket for pppoe-plus-cli")
         ->default_str(opts.controlPath);
     app.add_option("--log-file", opts.logFile,
-                   "Also write every log line (system log, diagnostic records, debug lines) to this file");
+                   "Also write every log line (system log, diagnostic records, debug lines) to this file, "
+                   "rotated at 64 MiB into FILE.1");
     CLI11_PARSE(app, argc, argv);
     PLAT_SetTimeScale(opts.timeScale);
 
@@ -189,7 +193,7 @@ int main(int argc, char **argv)
     PLAT_LogSetPrinter(PrintLine, &opts.verbose);
     // The host reads no call counts: operations skip the counting.
     PLAT_CallCountEnable(0);
-    if (!opts.logFile.empty() && PLAT_LogSetFile(opts.logFile.c_str()) != 0) {
+    if (!opts.logFile.empty() && PLAT_LogSetFile(opts.logFile.c_str(), kLogFileRotateBytes) != 0) {
         std::fprintf(stderr, "pppoe-plus-switch: cannot write the log file %s: %s\n", opts.logFile.c_str(),
                      std::strerror(errno));
         return 1;
@@ -267,7 +271,7 @@ int main(int argc, char **argv)
     if (!WaitAgentReady(opts.readyTimeoutSec)) {
         Say("the agent did not become ready in time");
         ReportLeaks();
-        (void)PLAT_LogSetFile(nullptr);
+        (void)PLAT_LogSetFile(nullptr, 0);
         std::fflush(stdout);
         _exit(1);
     }
@@ -276,7 +280,7 @@ int main(int argc, char **argv)
         if (!host::ApplyAgentConfig(module, agentConfig, &portError)) {
             std::fprintf(stderr, "pppoe-plus-switch: %s\n", portError.c_str());
             std::fflush(stderr);
-            (void)PLAT_LogSetFile(nullptr);
+            (void)PLAT_LogSetFile(nullptr, 0);
             _exit(1);
         }
         Say("agent settings applied");
@@ -312,7 +316,7 @@ int main(int argc, char **argv)
     PLAT_LogWrite(PLAT_LOG_PLATFORM, "[fwm] state: %s", plat::fwm::describe(plat::fwm::state()).c_str());
     control.Stop();
     ReportLeaks();
-    (void)PLAT_LogSetFile(nullptr);  // writes what is pending
+    (void)PLAT_LogSetFile(nullptr, 0);  // writes what is pending
     std::fflush(stdout);
     // The agent's tasks run for the life of the process; leave without
     // running static destructors under their feet.

@@ -91,10 +91,12 @@ void PLAT_LogForwardSyslog(uint32_t on);
  * (created or truncated). A thread of the sink writes the file, so the
  * writers of lines never wait on the disk; lines the thread cannot keep up
  * with beyond PLAT_LOG_FILE_BACKLOG bytes are dropped and a line counting
- * them follows. NULL closes the file after writing what is pending.
- * 0 on success, 1 when the file cannot be opened (errno set). */
+ * them follows. Once the file holds rotateBytes (0: no limit) it becomes
+ * "<path>.1", replacing the one before, and a new file starts. NULL closes
+ * the file after writing what is pending. 0 on success, 1 when the file
+ * cannot be opened (errno set). */
 #define PLAT_LOG_FILE_BACKLOG (32U * 1024U * 1024U)
-uint32_t PLAT_LogSetFile(const char *path);
+uint32_t PLAT_LogSetFile(const char *path, uint64_t rotateBytes);
 /* Lines dropped from the file so far. */
 uint64_t PLAT_LogFileDropped(void);
 

@@ -60,7 +60,10 @@ const char *KindTag(uint32_t kind)
 // costs their writers a copy, never a system call.
 class FileWriter {
 public:
-    explicit FileWriter(int fd) : fd_(fd), thread_([this]() { Run(); }) {}
+    FileWriter(int fd, std::string path, uint64_t rotateBytes)
+        : fd_(fd), path_(std::move(path)), rotateBytes_(rotateBytes), thread_([this]() { Run(); })
+    {
+    }
     FileWriter(const FileWriter &) = delete;
     FileWriter &operator=(const FileWriter &) = delete;
 
@@ -73,7 +76,9 @@ public:
         }
         wake_.notify_one();
         thread_.join();
-        (void)close(fd_);
+        if (fd_ >= 0) {
+            (void)close(fd_);
+        }
     }
 
     void Append(uint32_t kind, std::string_view text)
@@ -115,6 +120,7 @@ private:
             }
             WriteAll(writing);
             writing.clear();
+            RotateIfFull();
             if (stopping) {
                 return;
             }
@@ -122,9 +128,9 @@ private:
         }
     }
 
-    void WriteAll(std::string_view data) const
+    void WriteAll(std::string_view data)
     {
-        while (!data.empty()) {
+        while (!data.empty() && fd_ >= 0) {
             const ssize_t n = write(fd_, data.data(), data.size());
             if (n < 0 && errno == EINTR) {
                 continue;
@@ -132,11 +138,28 @@ private:
             if (n <= 0) {
                 return;  // a full or broken disk loses the rest of this batch
             }
+            written_ += static_cast<uint64_t>(n);
             data.remove_prefix(static_cast<size_t>(n));
         }
     }
 
-    const int fd_;
+    // A full file becomes "<path>.1" and a new one starts: the disk holds
+    // at most two files' worth, however long the switch runs.
+    void RotateIfFull()
+    {
+        if (rotateBytes_ == 0 || written_ < rotateBytes_ || fd_ < 0) {
+            return;
+        }
+        (void)close(fd_);
+        (void)std::rename(path_.c_str(), (path_ + ".1").c_str());
+        fd_ = open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        written_ = 0;
+    }
+
+    int fd_;  // the writer thread's, after construction
+    const std::string path_;
+    const uint64_t rotateBytes_;
+    uint64_t written_ = 0;
     std::mutex mu_;
     std::condition_variable wake_;
     std::string pending_;
@@ -371,7 +394,7 @@ void PLAT_LogForwardSyslog(uint32_t on)
     g_forwardSyslog.store(on != 0, std::memory_order_relaxed);
 }
 
-uint32_t PLAT_LogSetFile(const char *path)
+uint32_t PLAT_LogSetFile(const char *path, uint64_t rotateBytes)
 {
     std::unique_ptr<FileWriter> opened;
     if (path != nullptr) {
@@ -379,7 +402,7 @@ uint32_t PLAT_LogSetFile(const char *path)
         if (fd < 0) {
             return 1;
         }
-        opened = std::make_unique<FileWriter>(fd);
+        opened = std::make_unique<FileWriter>(fd, path, rotateBytes);
     }
     std::unique_ptr<FileWriter> old;
     {

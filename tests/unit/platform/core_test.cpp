@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <string>
@@ -282,8 +283,8 @@ std::vector<std::string> FileLines(const std::string &path)
 TEST(LogSink, FileGetsEveryLineInOrderFromItsOwnThread)
 {
     const std::string path = ::testing::TempDir() + "plat_log_file_test.log";
-    EXPECT_EQ(PLAT_LogSetFile("/nonexistent-dir/x.log"), 1U);
-    ASSERT_EQ(PLAT_LogSetFile(path.c_str()), 0U);
+    EXPECT_EQ(PLAT_LogSetFile("/nonexistent-dir/x.log", 0), 1U);
+    ASSERT_EQ(PLAT_LogSetFile(path.c_str(), 0), 0U);
     PLAT_LogWrite(PLAT_LOG_DIAG, "first %d", 1);
     std::vector<std::thread> threads;
     for (int t = 0; t < 3; t++) {
@@ -297,7 +298,7 @@ TEST(LogSink, FileGetsEveryLineInOrderFromItsOwnThread)
         t.join();
     }
     syslog(LOG_ERR, "last");
-    ASSERT_EQ(PLAT_LogSetFile(nullptr), 0U);  // writes what is pending, then closes
+    ASSERT_EQ(PLAT_LogSetFile(nullptr, 0), 0U);  // writes what is pending, then closes
     PLAT_LogWrite(PLAT_LOG_DIAG, "after the close");
 
     const std::vector<std::string> lines = FileLines(path);
@@ -316,10 +317,33 @@ TEST(LogSink, FileGetsEveryLineInOrderFromItsOwnThread)
     EXPECT_EQ(PLAT_LogFileDropped(), 0U);
 
     // Opening again starts the file afresh.
-    ASSERT_EQ(PLAT_LogSetFile(path.c_str()), 0U);
+    ASSERT_EQ(PLAT_LogSetFile(path.c_str(), 0), 0U);
     PLAT_LogWrite(PLAT_LOG_PLATFORM, "again");
-    ASSERT_EQ(PLAT_LogSetFile(nullptr), 0U);
+    ASSERT_EQ(PLAT_LogSetFile(nullptr, 0), 0U);
     EXPECT_EQ(FileLines(path), std::vector<std::string>{"platform again"});
+}
+
+TEST(LogSink, FullFileRotatesIntoDotOne)
+{
+    const std::string path = ::testing::TempDir() + "plat_log_rotate_test.log";
+    std::remove((path + ".1").c_str());
+    ASSERT_EQ(PLAT_LogSetFile(path.c_str(), 100), 0U);
+    const std::string line(60, 'x');
+    auto size = [](const std::string &file) {
+        std::error_code ec;
+        const auto n = std::filesystem::file_size(file, ec);
+        return ec ? 0U : n;
+    };
+    PLAT_LogWrite(PLAT_LOG_DIAG, "0 %s", line.c_str());
+    ASSERT_TRUE(pplus_test::WaitFor([&] { return size(path) == 68; }));
+    PLAT_LogWrite(PLAT_LOG_DIAG, "1 %s", line.c_str());
+    ASSERT_TRUE(pplus_test::WaitFor([&] { return size(path + ".1") == 136; }));
+    PLAT_LogWrite(PLAT_LOG_DIAG, "2 %s", line.c_str());
+    ASSERT_EQ(PLAT_LogSetFile(nullptr, 0), 0U);
+    // 68 bytes a line: the second line fills the first file, which becomes
+    // .1; the third starts the new one.
+    EXPECT_EQ(FileLines(path + ".1"), (std::vector<std::string>{"diag 0 " + line, "diag 1 " + line}));
+    EXPECT_EQ(FileLines(path), std::vector<std::string>{"diag 2 " + line});
 }
 
 TEST(FailureInjection, WithCountingOffArmedFailuresStillFire)
