@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages the build and the tests need (as root, or
 # through sudo). Packages already present are left alone. tshark decodes the
-# captures the interop tests write.
+# captures the interop tests write; libyang checks the YANG model and yanglint
+# (libyang-tools) lints it.
 set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config g++ clang-14 libclang-rt-14-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libsafec-dev libyaml-cpp-dev libcli11-dev libpcap-dev libxml2-dev
+  libyang2-dev libyang-tools
   tshark
 )
 missing=()
