@@ -2,12 +2,14 @@
 # Installs the Debian 12 packages the build and the tests need (as root, or
 # through sudo). Packages already present are left alone. tshark decodes the
 # captures the interop tests and the quick start write; bsdextrautils gives
-# the quick start its column(1).
+# the quick start its column(1); libyang checks the YANG model and yanglint
+# (libyang-tools) lints it.
 set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config g++ clang-14 libclang-rt-14-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libsafec-dev libyaml-cpp-dev libcli11-dev libpcap-dev libxml2-dev
+  libyang2-dev libyang-tools
   tshark bsdextrautils
 )
 missing=()
