@@ -74,6 +74,24 @@ protected:
         return path;
     }
 
+    // Every sample frame entered and left its port (through the agent when
+    // punted): both PADIs and the PADR on the uplink, PADO and PADS to the
+    // first subscriber, a PADO to the second.
+    void ExpectSamplesDelivered(const HostRun &run, bool punted) const
+    {
+        const std::string p1 = punted ? "2" : "0";
+        const std::string p49 = punted ? "3" : "0";
+        EXPECT_NE(run.output.find("port GigabitEthernet0/0/1 (5): rx 2 tx 2 punted " + p1 + " dropped 0"),
+                  std::string::npos)
+            << run.output;
+        EXPECT_NE(run.output.find("port XGigabitEthernet0/0/1 (49): rx 3 tx 3 punted " + p49 + " dropped 0"),
+                  std::string::npos)
+            << run.output;
+        EXPECT_EQ(FramesIn((dir_ / "uplink.pcap").string()), 3);
+        EXPECT_EQ(FramesIn((dir_ / "captures" / "GigabitEthernet0_0_1.pcap").string()), 2);
+        EXPECT_EQ(FramesIn((dir_ / "captures" / "GigabitEthernet0_0_3.pcap").string()), 1);
+    }
+
     fs::path dir_;
 };
 
@@ -82,16 +100,9 @@ TEST_F(Replay, FeatureOffSwitchesTheSampleCapturesAndWritesWhatLeftEachPort)
     const HostRun run = RunHost(Args({"--config", WriteConfig("enable: false\ntrusted-ports: [XGigabitEthernet0/0/1]\n")}));
     ASSERT_EQ(run.status, 0) << run.output;
     EXPECT_NE(run.output.find("agent settings applied"), std::string::npos) << run.output;
-    EXPECT_NE(run.output.find("port GigabitEthernet0/0/1 (5): rx 2 tx 2 punted 0 dropped 0"), std::string::npos)
-        << run.output;
-    EXPECT_NE(run.output.find("port XGigabitEthernet0/0/1 (49): rx 3 tx 3 punted 0 dropped 0"), std::string::npos)
-        << run.output;
     EXPECT_NE(run.output.find("fwm: feature off"), std::string::npos) << run.output;
-    // Both PADIs flood to the uplink, the PADR goes to the learnt server.
-    EXPECT_EQ(FramesIn((dir_ / "uplink.pcap").string()), 3);
-    // PADO and PADS reach the first subscriber, a PADO the second.
-    EXPECT_EQ(FramesIn((dir_ / "captures" / "GigabitEthernet0_0_1.pcap").string()), 2);
-    EXPECT_EQ(FramesIn((dir_ / "captures" / "GigabitEthernet0_0_3.pcap").string()), 1);
+    // Switched: the PADIs flood to the uplink, the PADR goes to the learnt server.
+    ExpectSamplesDelivered(run, false);
 }
 
 TEST_F(Replay, BundledSettingsPuntDiscoveryToTheAgentAndTheHostStillExits)
@@ -100,16 +111,9 @@ TEST_F(Replay, BundledSettingsPuntDiscoveryToTheAgentAndTheHostStillExits)
     ASSERT_EQ(run.status, 0) << run.output;
     EXPECT_NE(run.output.find("[fwm] global-cfg enable 1"), std::string::npos) << run.output;
     EXPECT_NE(run.output.find("[fwm] trust-port-cfg enable 1 ifIndex 49"), std::string::npos) << run.output;
-    // Every discovery frame goes through the agent and out again: the
-    // subscribers' PADI and PADR to the uplink, the server's answers back.
-    EXPECT_NE(run.output.find("port GigabitEthernet0/0/1 (5): rx 2 tx 2 punted 2 dropped 0"), std::string::npos)
-        << run.output;
-    EXPECT_NE(run.output.find("port XGigabitEthernet0/0/1 (49): rx 3 tx 3 punted 3 dropped 0"), std::string::npos)
-        << run.output;
     EXPECT_NE(run.output.find("fwm: feature on"), std::string::npos) << run.output;
-    EXPECT_EQ(FramesIn((dir_ / "uplink.pcap").string()), 3);
-    EXPECT_EQ(FramesIn((dir_ / "captures" / "GigabitEthernet0_0_1.pcap").string()), 2);
-    EXPECT_EQ(FramesIn((dir_ / "captures" / "GigabitEthernet0_0_3.pcap").string()), 1);
+    // Every discovery frame goes through the agent and out again.
+    ExpectSamplesDelivered(run, true);
 }
 
 TEST_F(Replay, BadPortsFilesAndSettingsAreRefusedByName)

@@ -5,10 +5,18 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+#include "plat_world.hpp"
 #include "pplus_test.hpp"
+#include "pppoe_plus_cfg.h"
 #include "pppoe_plus_ha.h"
 #include "pppoe_plus_log.h"
 #include "pppoe_plus_mem.h"
+#include "pppoe_plus_tlv.h"
 
 namespace pplus_test {
 
@@ -20,6 +28,25 @@ protected:
         ASSERT_EQ(PPPOE_PLUS_InitMemHandle(), 0U);
         ASSERT_EQ(PPPOE_PLUS_InitIMAgent(), 0U);
         g_pplusHaRole = PPPOE_PLUS_HA_ROLE_MASTER;
+    }
+
+    // The switch's system name and MAC, as the tag builders read them.
+    static void UseIdentity(const std::string &sysName, const std::array<uint8_t, 6> &sysMac)
+    {
+        plat::SystemIdentity id = plat::world::identity();
+        id.sysName = sysName;
+        id.sysMac = sysMac;
+        plat::world::set_identity(id);
+        plat::world::set_sys_name(sysName);
+    }
+
+    // What the tag builders need: the keyword dictionary, the system MAC
+    // not read yet, every debug level on.
+    static void ReadyTagBuilders()
+    {
+        ASSERT_EQ(PPPOE_PLUS_InitKeyWordDict(), 0U);
+        std::memset(g_pppoePlusSystemMac, 0xFF, sizeof(g_pppoePlusSystemMac));
+        ASSERT_EQ(PPPOE_PLUS_UpdateDebugSwitch(PPPOE_PLUS_DBG_ALL, 1), 0U);
     }
 };
 

@@ -36,17 +36,11 @@ protected:
     void SetUp() override
     {
         ModuleTest::SetUp();
-        plat::SystemIdentity id = plat::world::identity();
-        id.sysName = "SW1";
-        id.sysMac = {0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f};
-        plat::world::set_identity(id);
-        plat::world::set_sys_name("SW1");
+        UseIdentity("SW1", {0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f});
         PutIf("GE0/0/1", 5);
         PutIf("10GE1/0/3", 6);
         PPPOE_PLUS_InitGlobalCfgData();
-        ASSERT_EQ(PPPOE_PLUS_InitKeyWordDict(), 0U);
-        std::memset(g_pppoePlusSystemMac, 0xFF, sizeof(g_pppoePlusSystemMac));
-        ASSERT_EQ(PPPOE_PLUS_UpdateDebugSwitch(PPPOE_PLUS_DBG_ALL, 1), 0U);
+        ReadyTagBuilders();
         PLAT_LogClear();
         PLAT_AssertReset();
     }

@@ -32,19 +32,13 @@ protected:
     void SetUp() override
     {
         ModuleTest::SetUp();
-        plat::SystemIdentity id = plat::world::identity();
-        id.sysName = "AB";
-        id.sysMac = {0x00, 0x12, 0x34, 0x56, 0x78, 0x9a};
-        plat::world::set_identity(id);
-        plat::world::set_sys_name("AB");
+        UseIdentity("AB", {0x00, 0x12, 0x34, 0x56, 0x78, 0x9a});
         Put("GigabitEthernet0/0/1", 5, plat::kNoId, plat::kNoId);
         Put("GigabitEthernet0/0/9", 9, 3, plat::kNoId);
         Put("GigabitEthernet0/0/10", 10, 4, plat::kNoId);
         Put("Eth-Trunk3", 100, plat::kNoId, 3);
         plat::world::trunk_put({3, 100});
-        ASSERT_EQ(PPPOE_PLUS_InitKeyWordDict(), 0U);
-        std::memset(g_pppoePlusSystemMac, 0xFF, sizeof(g_pppoePlusSystemMac));  // not read yet
-        ASSERT_EQ(PPPOE_PLUS_UpdateDebugSwitch(PPPOE_PLUS_DBG_ALL, 1), 0U);
+        ReadyTagBuilders();
         info_.IfIndex = 5;
         info_.ulNas_Slot = 1;
         info_.ulNas_SubSlot = 2;

@@ -588,28 +588,21 @@ uint32_t PPPOE_PLUS_GetFormatInfo(char *buf, uint32_t size)
     {
         PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
         const PppoePlusGlobalInfo &g = g_pppoePlusGlobalInfo;
-        switch (g.cidFormatType.load()) {
-            case PPPOE_PLUS_FORMAT_COMMON:
-                ShowAppend(buf, size, &used, "\r\n   Circuit ID : COMMON");
-                break;
-            case PPPOE_PLUS_FORMAT_EXTEND:
-                ShowAppend(buf, size, &used, "\r\n   Circuit ID : EXTEND");
-                break;
-            default:
-                ShowAppend(buf, size, &used, "\r\n   Circuit ID : USER DEFINE.  %s", g.cidUserDefineStr);
-                break;
-        }
-        switch (g.ridFormatType.load()) {
-            case PPPOE_PLUS_FORMAT_COMMON:
-                ShowAppend(buf, size, &used, "\r\n   Remote  ID : COMMON");
-                break;
-            case PPPOE_PLUS_FORMAT_EXTEND:
-                ShowAppend(buf, size, &used, "\r\n   Remote  ID : EXTEND");
-                break;
-            default:
-                ShowAppend(buf, size, &used, "\r\n   Remote  ID : USER DEFINE.  %s", g.ridUserDefineStr);
-                break;
-        }
+        auto showFormat = [&](const char *label, uint32_t type, const char *udf) {
+            switch (type) {
+                case PPPOE_PLUS_FORMAT_COMMON:
+                    ShowAppend(buf, size, &used, "\r\n   %s : COMMON", label);
+                    break;
+                case PPPOE_PLUS_FORMAT_EXTEND:
+                    ShowAppend(buf, size, &used, "\r\n   %s : EXTEND", label);
+                    break;
+                default:
+                    ShowAppend(buf, size, &used, "\r\n   %s : USER DEFINE.  %s", label, udf);
+                    break;
+            }
+        };
+        showFormat("Circuit ID", g.cidFormatType.load(), g.cidUserDefineStr);
+        showFormat("Remote  ID", g.ridFormatType.load(), g.ridUserDefineStr);
     }
     uint32_t written = 0;
     if (PPPOE_PLUS_GetCidFormatExample(buf + used, &written, size - used) != 0U) {

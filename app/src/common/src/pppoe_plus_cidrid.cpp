@@ -189,8 +189,10 @@ void ValueText(const uint8_t *value, uint32_t len, char (&text)[kValueRoom + 1U]
     }
 }
 
-// Renders a user-defined value behind the sub-option head.
-uint32_t RenderUdf(const UserInfo *info, const FormatChoice &choice, uint8_t *value, uint32_t *valueLen)
+// Renders a user-defined value behind the sub-option head, then traces it
+// with trace (port name, VLAN, value).
+uint32_t RenderUdf(const UserInfo *info, const FormatChoice &choice, uint8_t *value, uint32_t *valueLen,
+                   const char *trace)
 {
     if (!choice.udfValid) {
         return PPPOE_PLUS_ERR;
@@ -199,6 +201,9 @@ uint32_t RenderUdf(const UserInfo *info, const FormatChoice &choice, uint8_t *va
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "PPPOE PLUS Build Port UserDefine error.");
         return PPPOE_PLUS_ERR;
     }
+    char text[kValueRoom + 1U];
+    ValueText(value, *valueLen, text);
+    PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, trace, info->portName, static_cast<int>(info->ulXpi), text);
     return PPPOE_PLUS_OK;
 }
 
@@ -215,20 +220,15 @@ uint32_t RenderCid(const UserInfo *info, const FormatChoice &choice, uint8_t *ci
     uint32_t valueLen = 0;
     const bool global = choice.source == FormatSource::Global;
     switch (choice.formatType) {
-        case PPPOE_PLUS_FORMAT_USER_DEFINE: {
-            if (RenderUdf(info, choice, value, &valueLen) != PPPOE_PLUS_OK) {
+        case PPPOE_PLUS_FORMAT_USER_DEFINE:
+            if (RenderUdf(info, choice, value, &valueLen,
+                          global ? "PPPOE PLUS Encap Global Info Format Circuit userdefined information."
+                                   "(portname=%s,Vlan=%d,Circuit Id=%s)"
+                                 : "PPPOE PLUS Encap Port Info Format Circuit userdefined information."
+                                   "(portname=%s,Vlan=%d,Circuit Id=%s)") != PPPOE_PLUS_OK) {
                 return PPPOE_PLUS_ERR;
             }
-            char text[kValueRoom + 1U];
-            ValueText(value, valueLen, text);
-            PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO,
-                                 global ? "PPPOE PLUS Encap Global Info Format Circuit userdefined information."
-                                          "(portname=%s,Vlan=%d,Circuit Id=%s)"
-                                        : "PPPOE PLUS Encap Port Info Format Circuit userdefined information."
-                                          "(portname=%s,Vlan=%d,Circuit Id=%s)",
-                                 info->portName, static_cast<int>(info->ulXpi), text);
             break;
-        }
         case PPPOE_PLUS_FORMAT_EXTEND:
             value[0] = kExtendType;
             value[1] = kExtendCidLen;
@@ -266,18 +266,13 @@ uint32_t RenderRid(const UserInfo *info, const FormatChoice &choice, uint8_t *ri
     uint32_t valueLen = 0;
     const bool global = choice.source == FormatSource::Global;
     switch (choice.formatType) {
-        case PPPOE_PLUS_FORMAT_USER_DEFINE: {
-            if (RenderUdf(info, choice, value, &valueLen) != PPPOE_PLUS_OK) {
+        case PPPOE_PLUS_FORMAT_USER_DEFINE:
+            if (RenderUdf(info, choice, value, &valueLen,
+                          global ? "Global Rid udf format.(portname=%s,Vlan=%d,RId=%s)"
+                                 : "Port RID udf format.(portname=%s,Vlan=%d,RId=%s)") != PPPOE_PLUS_OK) {
                 return PPPOE_PLUS_ERR;
             }
-            char text[kValueRoom + 1U];
-            ValueText(value, valueLen, text);
-            PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO,
-                                 global ? "Global Rid udf format.(portname=%s,Vlan=%d,RId=%s)"
-                                        : "Port RID udf format.(portname=%s,Vlan=%d,RId=%s)",
-                                 info->portName, static_cast<int>(info->ulXpi), text);
             break;
-        }
         case PPPOE_PLUS_FORMAT_EXTEND:
             value[0] = kExtendType;
             value[1] = kExtendRidLen;
