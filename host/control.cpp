@@ -6,6 +6,8 @@
 //   if list | if on <name|ifIndex> | if off <name|ifIndex>
 //   board list | board register <slot> | board unregister <slot>
 //   fwm
+//   ha start-work <role> | ha new-backup <chassis> <board> | ha backup-removed |
+//   ha promote | ha demote | ha master <chassis> <board> | ha show
 //   agent set enable <0|1> | agent set ignore-reply <0|1> | agent trust <name|ifIndex> <0|1>
 //
 // The "agent" commands call the agent's exported setters directly; they
@@ -27,6 +29,7 @@
 
 #include "control.hpp"
 #include "plat_fwm.hpp"
+#include "plat_ha.hpp"
 #include "plat_world.hpp"
 
 namespace pplus_host {
@@ -185,6 +188,111 @@ std::string AgentCommand(const std::vector<std::string> &w, const AgentApi &agen
     return Error("usage: agent set enable <0|1> | agent set ignore-reply <0|1> | agent trust <name|ifIndex> <0|1>");
 }
 
+constexpr uint32_t kHaDeliveryWaitMs = 5000;
+
+const char *RoleName(uint32_t role)
+{
+    switch (role) {
+        case 0: return "unknown";
+        case 1: return "master";
+        case 2: return "standby";
+        case 3: return "slave";
+        default: return "invalid";
+    }
+}
+
+std::string Dotted(uint32_t ip)
+{
+    return std::to_string(ip >> 24) + "." + std::to_string((ip >> 16) & 0xFFU) + "." +
+           std::to_string((ip >> 8) & 0xFFU) + "." + std::to_string(ip & 0xFFU);
+}
+
+// Waits for the event's delivery and says who was called and what each returned.
+std::string Delivered(const std::string &what, plat::ha::Seq seq)
+{
+    if (!plat::ha::wait_delivered(seq, kHaDeliveryWaitMs)) {
+        return Error(what + " queued as event " + std::to_string(seq) + " but not delivered in time");
+    }
+    const auto d = plat::ha::delivery(seq);
+    std::ostringstream out;
+    out << what << " delivered";
+    if (!d || d->names.empty()) {
+        out << " to no component";
+    }
+    for (size_t i = 0; d && i < d->names.size(); i++) {
+        out << (i == 0 ? " to " : ", ") << d->names[i] << " (returned " << d->returns[i] << ")";
+    }
+    return Ok(out.str());
+}
+
+std::string HaShow(const AgentApi &agent)
+{
+    std::ostringstream out;
+    if (agent.haGetRole != nullptr) {
+        const uint32_t role = agent.haGetRole();
+        out << "agent role " << role << " (" << RoleName(role) << ")";
+    } else {
+        out << "agent role: the agent module lacks the role accessor";
+    }
+    if (agent.haGetSmbInstId != nullptr) {
+        out << "\nagent standby slot " << agent.haGetSmbInstId();
+    }
+    uint32_t chassis = 0;
+    uint32_t board = 0;
+    uint32_t ip = 0;
+    if (agent.haGetMMBInfo != nullptr && agent.haGetMMBInfo(&chassis, &board, &ip) == 0) {
+        out << "\nagent master " << chassis << "/" << board << " ip " << Dotted(ip);
+    }
+    out << "\nservice " << plat::ha::describe(plat::ha::state());
+    for (const plat::ha::Registration &reg : plat::ha::registrations()) {
+        out << "\ncomponent " << reg.name << " type " << (reg.type.empty() ? "-" : reg.type) << " pid " << reg.pid
+            << (reg.mmbSubscribed ? " follows the master" : "");
+    }
+    const auto reports = plat::ha::switchover_reports();
+    out << "\nswitchover reports " << reports.size();
+    for (const plat::ha::SwitchoverReport &report : reports) {
+        out << "\nreport " << plat::ha::describe(report);
+    }
+    return Ok(out.str());
+}
+
+std::string HaCommand(const std::vector<std::string> &w, const AgentApi &agent)
+{
+    const std::string usage =
+        "usage: ha start-work <role> | ha new-backup <chassis> <board> | ha backup-removed | ha promote | "
+        "ha demote | ha master <chassis> <board> | ha show";
+    if (w.size() == 2 && w[1] == "show") {
+        return HaShow(agent);
+    }
+    if (w.size() == 2 && w[1] == "backup-removed") {
+        return Delivered("backup-removed", plat::ha::backup_removed());
+    }
+    if (w.size() == 2 && w[1] == "promote") {
+        return Delivered("promote", plat::ha::promote());
+    }
+    if (w.size() == 2 && w[1] == "demote") {
+        return Delivered("demote", plat::ha::demote());
+    }
+    if (w.size() == 3 && w[1] == "start-work") {
+        const auto role = Number(w[2]);
+        if (!role) {
+            return Error("not a role number: " + w[2]);
+        }
+        return Delivered("start-work " + w[2], plat::ha::start_work(*role));
+    }
+    if (w.size() == 4 && (w[1] == "new-backup" || w[1] == "master")) {
+        const auto chassis = Number(w[2]);
+        const auto board = Number(w[3]);
+        if (!chassis || !board) {
+            return Error("expected chassis and board numbers, got " + w[2] + " " + w[3]);
+        }
+        const std::string what = w[1] + " " + w[2] + "/" + w[3];
+        return Delivered(what, w[1] == "master" ? plat::ha::master_change(*chassis, *board)
+                                                : plat::ha::new_backup(*chassis, *board));
+    }
+    return Error(usage);
+}
+
 // Reads one line (without its newline) from a connection; false when none came in time.
 bool ReadLine(int fd, std::string *line)
 {
@@ -241,7 +349,10 @@ std::string RunControlCommand(const std::string &line, const AgentApi &agent)
     if (w[0] == "agent") {
         return AgentCommand(w, agent);
     }
-    return Error("unknown command \"" + line + "\" (commands: if, board, fwm, agent)");
+    if (w[0] == "ha") {
+        return HaCommand(w, agent);
+    }
+    return Error("unknown command \"" + line + "\" (commands: if, board, fwm, ha, agent)");
 }
 
 struct ControlServer::State {

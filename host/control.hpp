@@ -1,6 +1,6 @@
 // The host's control socket: one-line commands that change the world at run
-// time (interfaces on and off board, boards registering and leaving) and
-// show the forwarding manager's state, so an operator or a test can watch
+// time (interfaces on and off board, boards registering and leaving, HA
+// events) and show the forwarding manager's and the HA state, so an operator or a test can watch
 // the agent react. pppoe-plus-cli is its client.
 #pragma once
 
@@ -25,6 +25,10 @@ struct AgentApi {
     uint32_t (*setEnable)(uint8_t enable) = nullptr;
     uint32_t (*setIgnoreReply)(uint8_t enable) = nullptr;
     uint32_t (*setPortTrust)(uint32_t ifIndex, uint32_t enable) = nullptr;
+    // The agent's HA accessors, for "ha show".
+    uint32_t (*haGetRole)() = nullptr;
+    uint32_t (*haGetSmbInstId)() = nullptr;
+    uint32_t (*haGetMMBInfo)(uint32_t *chassisId, uint32_t *boardId, uint32_t *masterIp) = nullptr;
 };
 
 // Runs one command line against the world model, the forwarding manager

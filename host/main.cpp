@@ -1,7 +1,8 @@
 // pppoe-plus-switch: the application framework of a software access switch.
 // It builds the world the agent runs in from a topology file, loads the
 // agent module like the switch's framework would, waits until the agent's
-// tasks serve their queue and channel, runs until SIGINT or SIGTERM, and
+// tasks serve their queue and channel, reports the start of work through
+// the HA service, runs until SIGINT or SIGTERM, and
 // reports what the agent left allocated.
 #include <dlfcn.h>
 #include <unistd.h>
@@ -26,6 +27,7 @@
 #include "example_topology.hpp"
 #include "plat_control.h"
 #include "plat_fwm.hpp"
+#include "plat_ha.hpp"
 #include "plat_world.hpp"
 #include "ports.hpp"
 #include "wick.h"
@@ -89,7 +91,14 @@ bool ChangeToOwnFolder()
     return chdir(dir.c_str()) == 0;
 }
 
-bool SetUpWorld(const Options &opts)
+// The board's HA role and the master board, as the topology gives them.
+struct HaPlan {
+    uint32_t role = plat::ha::kRoleMaster;
+    uint32_t chassisId = 1;
+    uint32_t mainBoardId = 1;
+};
+
+bool SetUpWorld(const Options &opts, HaPlan *ha)
 {
     std::string error;
     const auto topology = opts.topologyFile.empty() ? plat::load_topology_text(kExampleTopology, &error)
@@ -105,6 +114,7 @@ bool SetUpWorld(const Options &opts)
     instance.modState = sys.selfBoardId == sys.mainBoardId ? kModStateMainReady : kModStateRunning;
     instance.state = 1;
     plat::world::frm_inst_put(instance);
+    *ha = HaPlan{topology->haRole, sys.chassisId, sys.mainBoardId};
     std::printf("pppoe-plus-switch: switch \"%s\", chassis %u, board %u (main board %u)\n", sys.sysName.c_str(),
                 sys.chassisId, sys.selfBoardId, sys.mainBoardId);
     return true;
@@ -122,6 +132,9 @@ pplus_host::AgentApi AgentApiOf(void *module)
     api.setEnable = Symbol<decltype(api.setEnable)>(module, "PPPOE_PLUS_SetEnable");
     api.setIgnoreReply = Symbol<decltype(api.setIgnoreReply)>(module, "PPPOE_PLUS_SetIgnoreReply");
     api.setPortTrust = Symbol<decltype(api.setPortTrust)>(module, "PPPOE_PLUS_SetPortTrust");
+    api.haGetRole = Symbol<decltype(api.haGetRole)>(module, "PPPOE_PLUS_HaGetRole");
+    api.haGetSmbInstId = Symbol<decltype(api.haGetSmbInstId)>(module, "PPPOE_PLUS_HaGetSmbInstId");
+    api.haGetMMBInfo = Symbol<decltype(api.haGetMMBInfo)>(module, "PPPOE_PLUS_HaGetMMBInfo");
     return api;
 }
 
@@ -141,6 +154,26 @@ void ReportLeaks()
         },
         nullptr);
     std::printf("pppoe-plus-switch: %u frame buffer(s) outstanding\n", WICK_MbufOutstanding());
+}
+
+// The HA service reports the start of work with the topology's role, then
+// names the master board; waits until the agent's role is set (the role is
+// applied on the agent's init task after delivery).
+void StartHa(const HaPlan &ha, const pplus_host::AgentApi &agent)
+{
+    constexpr uint32_t kWaitMs = 5000;
+    const plat::ha::Seq started = plat::ha::start_work(ha.role);
+    const plat::ha::Seq named = plat::ha::master_change(ha.chassisId, ha.mainBoardId);
+    const bool delivered = plat::ha::wait_delivered(started, kWaitMs) && plat::ha::wait_delivered(named, kWaitMs);
+    uint32_t role = 0;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
+    while (agent.haGetRole != nullptr && (role = agent.haGetRole()) == 0 &&
+           std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    std::printf("pppoe-plus-switch: HA start of work reported with role %u, master board %u/%u%s; agent role %u\n",
+                ha.role, ha.chassisId, ha.mainBoardId, delivered ? "" : " (not delivered in time)", role);
+    std::fflush(stdout);
 }
 
 // Waits until the init task serves its epoll set and the main task waits on
@@ -208,7 +241,8 @@ int main(int argc, char **argv)
         Say("cannot change to the host's own folder");
         return 1;
     }
-    if (!SetUpWorld(opts)) {
+    HaPlan haPlan;
+    if (!SetUpWorld(opts, &haPlan)) {
         return 1;
     }
     // Ports and agent settings are checked before the agent starts.
@@ -276,6 +310,8 @@ int main(int argc, char **argv)
         _exit(1);
     }
     Say("agent ready: task PPPoE_Plus_Init serves its event loop, task PPPoE_Plus_Main waits on channel/dpx2ppplus");
+    const pplus_host::AgentApi agentApi = AgentApiOf(module);
+    StartHa(haPlan, agentApi);
     if (haveConfig) {
         if (!host::ApplyAgentConfig(module, agentConfig, &portError)) {
             std::fprintf(stderr, "pppoe-plus-switch: %s\n", portError.c_str());
@@ -286,7 +322,7 @@ int main(int argc, char **argv)
         Say("agent settings applied");
     }
     pplus_host::ControlServer control;
-    if (std::string error; !control.Start(opts.controlPath, AgentApiOf(module), &error)) {
+    if (std::string error; !control.Start(opts.controlPath, agentApi, &error)) {
         Say(("control socket not available: " + error).c_str());
     } else {
         std::printf("pppoe-plus-switch: control socket %s\n", opts.controlPath.c_str());

@@ -1,7 +1,7 @@
 // pppoe-plus-cli: the operator tool of pppoe-plus-switch. The "world"
 // commands change the switch the agent runs on while it runs (interfaces on
-// and off board, boards registering and leaving) and show what the
-// forwarding manager was told, through the host's control socket.
+// and off board, boards registering and leaving, HA events) and show what
+// the forwarding manager was told and the agent's HA state, through the host's control socket.
 #include <cstdio>
 #include <string>
 
@@ -23,6 +23,19 @@ void AddVerbWithArg(CLI::App *group, const std::string &verb, const std::string 
     auto arg = std::make_shared<std::string>();
     cmd->add_option(argName, *arg, argName)->required();
     cmd->callback([group, verb, arg, line]() { *line = group->get_name() + " " + verb + " " + *arg; });
+}
+
+// Adds "<group> <verb> <first> <second>".
+void AddVerbWithTwoArgs(CLI::App *group, const std::string &verb, const std::string &help, const std::string &first,
+                        const std::string &second, std::string *line)
+{
+    CLI::App *cmd = group->add_subcommand(verb, help);
+    auto args = std::make_shared<std::pair<std::string, std::string>>();
+    cmd->add_option(first, args->first, first)->required();
+    cmd->add_option(second, args->second, second)->required();
+    cmd->callback([group, verb, args, line]() {
+        *line = group->get_name() + " " + verb + " " + args->first + " " + args->second;
+    });
 }
 
 void AddVerb(CLI::App *group, const std::string &verb, const std::string &help, std::string *line)
@@ -71,6 +84,16 @@ int main(int argc, char **argv)
     AddVerbWithArg(boards, "register", "Register the board in this slot", "slot", &line);
     AddVerbWithArg(boards, "unregister", "Unregister the board in this slot", "slot", &line);
     world->add_subcommand("fwm", "Show what the forwarding manager was told")->callback([&line]() { line = "fwm"; });
+    CLI::App *ha = world->add_subcommand("ha", "HA service: send events to the agent, show its HA state");
+    ha->require_subcommand(1);
+    AddVerbWithArg(ha, "start-work", "Report the start of work with this board role (1 master, 2 standby, 3 slave)",
+                   "role", &line);
+    AddVerbWithTwoArgs(ha, "new-backup", "Report a new standby board (0 0: none)", "chassis", "board", &line);
+    AddVerb(ha, "backup-removed", "Report that the standby board went", &line);
+    AddVerb(ha, "promote", "Promote this board to master", &line);
+    AddVerb(ha, "demote", "Demote this board to standby", &line);
+    AddVerbWithTwoArgs(ha, "master", "Report a new master board", "chassis", "board", &line);
+    AddVerb(ha, "show", "Show the agent's role, standby slot and master, and the switchover reports", &line);
     CLI11_PARSE(app, argc, argv);
 
     std::string reply;

@@ -14,6 +14,7 @@
 #include "pppoe_plus_evt.h"
 #include "pppoe_plus_fpc.h"
 #include "pppoe_plus_guard.hpp"
+#include "pppoe_plus_ha.h"
 #include "pppoe_plus_log.h"
 #include "pppoe_plus_main.h"
 #include "pppoe_plus_mem.h"
@@ -112,6 +113,10 @@ uint32_t PPPOE_PLUS_TaskInit(void)
 {
     PPPOE_PLUS_WaitForDevmDBReady();
     (void)PPPOE_PLUS_InitData();  // a failed first step does not stop the start-up
+    if (PPPOE_PLUS_HaInit() != 0) {
+        Error("[PPPOEPLUS_FRAME]Ha init failed.");
+        return 1;
+    }
     return 0;
 }
 

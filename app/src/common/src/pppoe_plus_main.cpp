@@ -10,6 +10,7 @@
 #include "plat_safe.h"
 #include "pppoe_plus_evt.h"
 #include "pppoe_plus_fpc.h"
+#include "pppoe_plus_ha.h"
 #include "pppoe_plus_log.h"
 #include "pppoe_plus_mem.h"
 #include "pppoe_plus_patch.h"
@@ -231,8 +232,7 @@ uint32_t PPPOE_PLUS_MainQueueProc(uint32_t /*fd*/, uint32_t /*events*/, void *ha
             }
             break;
         case PPPOE_PLUS_MSG_HA:
-            // HA role changes and the start of work are handled here once the
-            // HA handler exists; until then the message is only freed.
+            PPPOE_PLUS_HaMsgProc(data);
             break;
         default:
             break;  // unknown types are dropped
