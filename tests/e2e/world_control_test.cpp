@@ -116,3 +116,40 @@ TEST(WorldControl, CliReportsBoardsListsAndErrorsReadably)
     const CliRun usage = Cli("world");
     EXPECT_NE(usage.exitCode, 0);
 }
+
+TEST(WorldControl, HostReachesMasterAndHaEventsShowThroughTheCli)
+{
+    const std::string ctl = ControlPath("ha");
+    Host host({"--control", ctl});
+    ASSERT_TRUE(host.WaitForOutput("pppoe-plus-switch: control socket " + ctl, 20000)) << host.Output();
+    EXPECT_NE(host.Output().find("HA start of work reported with role 1, master board 1/1; agent role 1"),
+              std::string::npos)
+        << host.Output();
+
+    const CliRun show = Cli("--control " + ctl + " world ha show");
+    EXPECT_EQ(show.exitCode, 0) << show.output;
+    EXPECT_NE(show.output.find("agent role 1 (master)\nagent standby slot 0\nagent master 1/1 ip 172.16.1.1\n"),
+              std::string::npos)
+        << show.output;
+    EXPECT_NE(show.output.find("component pppoe_plus type HARDWARE"), std::string::npos) << show.output;
+    // Diagnostic lines flow on the master.
+    EXPECT_TRUE(host.WaitForOutput("[PPLUS-HA] Ha notify new mmb(1/1), old mmb(0/0), masterIp(2886729985).", 5000))
+        << host.Output();
+
+    const CliRun backup = Cli("--control " + ctl + " world ha new-backup 1 2");
+    EXPECT_EQ(backup.output, "new-backup 1/2 delivered to pppoe_plus (returned 0)\n");
+    const CliRun refused = Cli("--control " + ctl + " world ha start-work 5");
+    EXPECT_EQ(refused.output, "start-work 5 delivered to pppoe_plus (returned 1)\n");
+    EXPECT_EQ(Cli("--control " + ctl + " world ha demote").exitCode, 0);
+    ASSERT_TRUE(host.WaitForOutput("[PPLUS-HA] HaPromtBackUp get board role eventType:7, role:2.", 5000))
+        << host.Output();
+
+    const CliRun after = Cli("--control " + ctl + " world ha show");
+    EXPECT_NE(after.output.find("agent standby slot 2"), std::string::npos) << after.output;
+    EXPECT_NE(after.output.find("switchover reports 1\nreport pppoe_plus state 1"), std::string::npos)
+        << after.output;
+    EXPECT_NE(Cli("--control " + ctl + " world ha master 1 x").output.find("expected chassis and board numbers"),
+              std::string::npos);
+
+    EXPECT_EQ(host.Stop(SIGTERM), 0) << host.Output();
+}

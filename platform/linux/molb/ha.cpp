@@ -106,17 +106,23 @@ void Keep(std::deque<T> &ring, T item)
 
 void ApplyLocked(plat::ha::State &state, const Pending &ev)
 {
-    auto word = [&ev](size_t i) { return i < ev.info.size() ? ev.info[i] : 0U; };
+    // Events sent without their information tell nothing about the state.
     if (ev.kind == Kind::MasterChange) {
-        state.masterChassis = word(0);
-        state.masterBoard = word(1);
+        state.masterChassis = ev.info[0];
+        state.masterBoard = ev.info[1];
         return;
     }
     switch (ev.eventType) {
-        case MOLB_HA_EVENT_START_WORK: state.role = word(0); break;
+        case MOLB_HA_EVENT_START_WORK:
+            if (!ev.info.empty()) {
+                state.role = ev.info[0];
+            }
+            break;
         case MOLB_HA_EVENT_NEW_BACKUP:
-            state.standbyChassis = word(0);
-            state.standbyBoard = word(1);
+            if (ev.info.size() >= 2) {
+                state.standbyChassis = ev.info[0];
+                state.standbyBoard = ev.info[1];
+            }
             break;
         case MOLB_HA_EVENT_BACKUP_REMOVED:
             state.standbyChassis = 0;

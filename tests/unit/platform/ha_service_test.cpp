@@ -1,0 +1,159 @@
+// The HA service: registration, in-order delivery on the service's own
+// thread, the information each event carries, recorded results and reports,
+// failure injection.
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "molb.h"
+#include "plat_control.h"
+#include "plat_ha.hpp"
+
+namespace {
+
+struct Seen {
+    std::string thread;
+    uint32_t type;
+    std::vector<uint32_t> info;
+};
+std::mutex g_mu;
+std::vector<Seen> g_seen;
+std::atomic<bool> g_hold{false};
+
+std::string ThreadName()
+{
+    char name[16] = {};
+    (void)pthread_getname_np(pthread_self(), name, sizeof(name));
+    return name;
+}
+
+// Records the event; start of work answers with its role, so the test sees
+// the return value recorded; a new backup reports its switchover state.
+uint32_t OnEvent(MOLB_HA_EVENT_S *event)
+{
+    while (g_hold.load()) {
+    }
+    Seen seen{ThreadName(), event->eventType, {}};
+    uint32_t ret = 0;
+    if (event->eventType == MOLB_HA_EVENT_START_WORK && event->eventInfo != nullptr) {
+        ret = *static_cast<uint32_t *>(event->eventInfo);
+        seen.info = {ret};
+    } else if (event->eventType == MOLB_HA_EVENT_NEW_BACKUP) {
+        const auto *board = static_cast<MOLB_HA_BOARD_S *>(event->eventInfo);
+        seen.info = {board->chassisId, board->boardId};
+        ret = MOLB_HA_ReportSwitchoverState("comp", 1, 0);
+    }
+    std::lock_guard lock(g_mu);
+    g_seen.push_back(seen);
+    return ret;
+}
+
+uint32_t OnMaster(void *info)
+{
+    const auto *board = static_cast<MOLB_HA_BOARD_S *>(info);
+    std::lock_guard lock(g_mu);
+    g_seen.push_back({ThreadName(), 100, {board->chassisId, board->boardId}});
+    return 3;
+}
+
+MOLB_HA_COMP_INFO_S Record(const char *name, const char *type)
+{
+    MOLB_HA_COMP_INFO_S rec;
+    std::memset(&rec, 0, sizeof(rec));
+    std::strncpy(rec.compName, name, sizeof(rec.compName) - 1);
+    std::strncpy(rec.compType, type, sizeof(rec.compType) - 1);
+    rec.pid = 42;
+    rec.flag = 1;
+    return rec;
+}
+
+}  // namespace
+
+TEST(HaService, RegistrationChecksItsArgumentsAndHonoursFailureInjection)
+{
+    MOLB_HA_COMP_INFO_S rec = Record("comp", "HARDWARE");
+    EXPECT_EQ(MOLB_HA_CompRegister(nullptr, OnEvent, 0), MOLB_ERR_PARAM);
+    EXPECT_EQ(MOLB_HA_CompRegister(&rec, nullptr, 0), MOLB_ERR_PARAM);
+    MOLB_HA_COMP_INFO_S unterminated = rec;
+    std::memset(unterminated.compType, 'x', sizeof(unterminated.compType));
+    EXPECT_EQ(MOLB_HA_CompRegister(&unterminated, OnEvent, 0), MOLB_ERR_PARAM);
+    MOLB_HA_COMP_INFO_S nameless = Record("", "HARDWARE");
+    EXPECT_EQ(MOLB_HA_CompRegister(&nameless, OnEvent, 0), MOLB_ERR_PARAM);
+    EXPECT_EQ(MOLB_HA_SubsAMMBPosition(nullptr, OnMaster, 0), MOLB_ERR_PARAM);
+    EXPECT_EQ(MOLB_HA_SubsAMMBPosition("comp", nullptr, 0), MOLB_ERR_PARAM);
+    EXPECT_EQ(MOLB_HA_ReportSwitchoverState("comp", 1, 0), MOLB_ERR_UNKNOWN_COMP);
+
+    for (const char *op : {"MOLB_HA_CompRegister", "MOLB_HA_SubsAMMBPosition", "MOLB_HA_ReportSwitchoverState"}) {
+        PLAT_FailSet(op, 0, 1, 0x99);
+    }
+    EXPECT_EQ(MOLB_HA_CompRegister(&rec, OnEvent, 0), 0x99U);
+    EXPECT_EQ(MOLB_HA_SubsAMMBPosition("comp", OnMaster, 0), 0x99U);
+    EXPECT_TRUE(plat::ha::registrations().empty());  // a failed call changes nothing
+
+    ASSERT_EQ(MOLB_HA_CompRegister(&rec, OnEvent, 0), MOLB_OK);
+    EXPECT_EQ(MOLB_HA_ReportSwitchoverState("comp", 1, 0), 0x99U);
+    EXPECT_TRUE(plat::ha::switchover_reports().empty());
+    EXPECT_EQ(MOLB_HA_ReportSwitchoverState("comp", 1, 0), MOLB_OK);
+    ASSERT_EQ(plat::ha::switchover_reports().size(), 1U);
+    EXPECT_EQ(PLAT_FailHits("MOLB_HA_ReportSwitchoverState"), 1U);
+
+    // Registering again under the same name replaces, it does not add.
+    rec.pid = 43;
+    ASSERT_EQ(MOLB_HA_CompRegister(&rec, OnEvent, 0), MOLB_OK);
+    const auto regs = plat::ha::registrations();
+    ASSERT_EQ(regs.size(), 1U);
+    EXPECT_EQ(regs[0].type, "HARDWARE");
+    EXPECT_EQ(regs[0].pid, 43U);
+    EXPECT_FALSE(regs[0].mmbSubscribed);
+}
+
+TEST(HaService, DeliversInOrderOnItsOwnThreadAndRecordsWhatCallbacksReturned)
+{
+    MOLB_HA_COMP_INFO_S rec = Record("comp", "HARDWARE");
+    ASSERT_EQ(MOLB_HA_CompRegister(&rec, OnEvent, 0), MOLB_OK);
+    ASSERT_EQ(MOLB_HA_SubsAMMBPosition("comp", OnMaster, 0), MOLB_OK);
+    ASSERT_EQ(MOLB_HA_SubsAMMBPosition("watcher", OnMaster, 0), MOLB_OK);  // subscribed, not registered
+    const size_t reportsBefore = plat::ha::switchover_reports().size();
+
+    // Held in the first callback: later events queue up behind it.
+    g_hold = true;
+    const plat::ha::Seq first = plat::ha::start_work(2);
+    EXPECT_FALSE(plat::ha::wait_delivered(first, 50));
+    const plat::ha::Seq backup = plat::ha::new_backup(1, 7);
+    plat::ha::backup_removed();
+    plat::ha::promote();
+    plat::ha::demote();
+    const plat::ha::Seq master = plat::ha::master_change(1, 3);
+    const plat::ha::Seq bare = plat::ha::send_event(1, {});
+    g_hold = false;
+    ASSERT_TRUE(plat::ha::wait_delivered(bare));
+
+    std::lock_guard lock(g_mu);
+    ASSERT_EQ(g_seen.size(), 8U);  // two subscribers see the master change
+    const std::vector<uint32_t> order = {1, 2, 3, 4, 7, 100, 100, 1};
+    for (size_t i = 0; i < g_seen.size(); i++) {
+        EXPECT_EQ(g_seen[i].type, order[i]) << i;
+        EXPECT_EQ(g_seen[i].thread, "HA service") << i;
+    }
+    EXPECT_EQ(g_seen[0].info, std::vector<uint32_t>{2});
+    EXPECT_EQ(g_seen[1].info, (std::vector<uint32_t>{1, 7}));
+    EXPECT_EQ(g_seen[5].info, (std::vector<uint32_t>{1, 3}));
+    EXPECT_TRUE(g_seen[7].info.empty());  // no information: a null pointer
+
+    EXPECT_EQ(plat::ha::delivery(first)->returns, std::vector<uint32_t>{2});
+    EXPECT_EQ(plat::ha::delivery(backup)->returns, std::vector<uint32_t>{MOLB_OK});  // reported from the callback
+    const auto toSubscribers = plat::ha::delivery(master);
+    ASSERT_TRUE(toSubscribers.has_value());
+    EXPECT_EQ(toSubscribers->names, (std::vector<std::string>{"comp", "watcher"}));
+    EXPECT_EQ(toSubscribers->returns, (std::vector<uint32_t>{3, 3}));
+    EXPECT_FALSE(plat::ha::delivery(bare + 1).has_value());
+
+    const plat::ha::State state = plat::ha::state();
+    EXPECT_EQ(plat::ha::describe(state), "role 2, standby 0/0, master 1/3, events 7 queued 7 delivered");
+    EXPECT_EQ(plat::ha::switchover_reports().size(), reportsBefore + 1);
+}
