@@ -131,7 +131,6 @@ TEST(WorldControl, HostReachesMasterAndHaEventsShowThroughTheCli)
     EXPECT_NE(show.output.find("agent role 1 (master)\nagent standby slot 0\nagent master 1/1 ip 172.16.1.1\n"),
               std::string::npos)
         << show.output;
-    EXPECT_NE(show.output.find("component pppoe_plus type HARDWARE"), std::string::npos) << show.output;
     // Diagnostic lines flow on the master.
     EXPECT_TRUE(host.WaitForOutput("[PPLUS-HA] Ha notify new mmb(1/1), old mmb(0/0), masterIp(2886729985).", 5000))
         << host.Output();
@@ -148,8 +147,6 @@ TEST(WorldControl, HostReachesMasterAndHaEventsShowThroughTheCli)
     EXPECT_NE(after.output.find("agent standby slot 2"), std::string::npos) << after.output;
     EXPECT_NE(after.output.find("switchover reports 1\nreport pppoe_plus state 1"), std::string::npos)
         << after.output;
-    EXPECT_NE(Cli("--control " + ctl + " world ha master 1 x").output.find("expected chassis and board numbers"),
-              std::string::npos);
 
     EXPECT_EQ(host.Stop(SIGTERM), 0) << host.Output();
 }
