@@ -96,7 +96,6 @@ uint32_t PPPOE_PLUS_SendPktToIf(FpcMbuf *mbuf, const PppoeDiscHdr *hdr, const Dp
 /* Counters. */
 void PPPOE_PLUS_PktStatistic(uint32_t kind, const PppoeDiscHdr *hdr, uint32_t ifIndex);
 uint32_t PPPOE_PLUS_GetPktStatisticNum(const PortCB *portCb, uint8_t code, uint32_t kind);
-uint32_t PPPOE_PLUS_ResetStatistics(void);
 
 #ifdef __cplusplus
 }

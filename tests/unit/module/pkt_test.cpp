@@ -18,6 +18,7 @@
 #include "pppoe_plus_log.h"
 #include "pppoe_plus_mem.h"
 #include "pppoe_plus_pkt.h"
+#include "pppoe_plus_yangdb_cfg.h"
 #include "wick.h"
 
 using pplus_test::Bytes;
@@ -246,7 +247,7 @@ TEST_F(PktTest, FramesDroppedAtIntakeCountOnlyWhatTheirStageAllows)
         {"PADI without a trusted uplink", 1, Frame().vlan(100).padi().bytes(), PPPOE_PLUS_CODE_PADI, 1, 1},
     };
     for (const Row &row : rows) {
-        (void)PPPOE_PLUS_ResetStatistics();
+        PPPOE_PLUS_ResetStatisticsProc();
         g_pppoePlusGlobalInfo.enable = row.enable;
         Relay(row.frame, kSub);
         EXPECT_EQ(Count(kSub, row.code, PPPOE_PLUS_STAT_RECV), row.recv) << row.why;
@@ -255,7 +256,7 @@ TEST_F(PktTest, FramesDroppedAtIntakeCountOnlyWhatTheirStageAllows)
         EXPECT_EQ(WICK_MbufOutstanding(), 0U) << row.why;
     }
     // An unknown code is freed and leaves every counter alone.
-    (void)PPPOE_PLUS_ResetStatistics();
+    PPPOE_PLUS_ResetStatisticsProc();
     Relay(Frame().vlan(100).code(0x00).bytes(), kSub);
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPoE-Plus] invalid pkt."));
     for (uint8_t code : {0x09, 0x07, 0x19, 0x65, 0xA7}) {
@@ -432,7 +433,7 @@ TEST_F(PktTest, PadiFloodsEveryTrustedUplinkWhilePadrFollowsTheNamedOne)
         {PPPOE_PLUS_CODE_PADR, kSub, {}},  // named egress is no trusted uplink: dropped uncounted
     };
     for (const Row &row : rows) {
-        (void)PPPOE_PLUS_ResetStatistics();
+        PPPOE_PLUS_ResetStatisticsProc();
         Relay(Frame().vlan(100).code(row.code).bytes(), kSub, row.egr);
         std::vector<uint32_t> to;
         for (const Sent &s : TakeAll()) {
@@ -463,7 +464,7 @@ TEST_F(PktTest, SharedIsolationGroupDropsBelowId65Only)
     for (const uint32_t group : {7U, 70U}) {
         plat::world::port_isolate_put({kSub, group});
         plat::world::port_isolate_put({kUpA, group});
-        (void)PPPOE_PLUS_ResetStatistics();
+        PPPOE_PLUS_ResetStatisticsProc();
         const Bytes frame = Frame().vlan(100).padt().bytes();
         FpcMbuf *mbuf = Mbuf(frame);
         const DpxPktHead head = {0, kUpA, kSub};
@@ -514,7 +515,7 @@ TEST_F(PktTest, ResetClearsEveryCounterOfEveryPort)
     (void)TakeAll();
     EXPECT_EQ(Count(kUpA, PPPOE_PLUS_CODE_PADI, PPPOE_PLUS_STAT_SEND), 1U);
     EXPECT_EQ(Count(kSub, PPPOE_PLUS_CODE_PADT, PPPOE_PLUS_STAT_DISCARD), 1U);
-    EXPECT_EQ(PPPOE_PLUS_ResetStatistics(), 0U);
+    EXPECT_EQ(PPPOE_PLUS_ResetStatistics(nullptr, nullptr, 0, nullptr), 0U);
     for (uint32_t port : {kSub, kUpA}) {
         for (const auto &counter : PPPOE_PLUS_FindPortCBByindex(port)->stats) {
             EXPECT_EQ(counter.load(), 0U) << port;

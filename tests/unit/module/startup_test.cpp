@@ -13,6 +13,7 @@
 #include "pppoe_plus_main.h"
 #include "pppoe_plus_mem.h"
 #include "pppoe_plus_tlv.h"
+#include "pppoe_plus_yang.h"
 #include "wick.h"
 
 using pplus_test::LogHas;
@@ -67,8 +68,11 @@ TEST_F(StartupTest, MasterSeesTheMilestonesInOrderAndBothTasksServe)
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_MAIN]Create dpxtopppoeplus channel success. chId="));
     EXPECT_NE(g_pppoePlusRegQueHandle.load(), nullptr);
     EXPECT_EQ(g_dpxToppplusChannel.load(), FPC_ChannelGetIdByName("channel/dpx2ppplus"));
-    EXPECT_EQ(PLAT_PatchRestoreCount(), 1U);
+    EXPECT_EQ(PLAT_PatchRestoreCount(), 2U);  // the configuration client's library and the fast-path one
     EXPECT_EQ(PLAT_AssertCount(), 0U);
+    EXPECT_EQ(g_pplusYdbcSubScribeTbl[PPPOE_PLUS_SUB_SLOT_CFG].load(), PPPOE_PLUS_YdbcSubScribeCfg);
+    EXPECT_EQ(g_pplusYdbcSubScribeTbl[PPPOE_PLUS_SUB_SLOT_GET].load(), PPPOE_PLUS_YdbcSubScribeGet);
+    EXPECT_EQ(g_pplusYdbcSubScribeTbl[PPPOE_PLUS_SUB_SLOT_RPC].load(), PPPOE_PLUS_YdbcSubScribeRpc);
     ASSERT_NE(g_pppoePlusKeyWordDict, nullptr);  // built by the data initialisation
     EXPECT_STREQ(g_pppoePlusKeyWordDict[PPPOE_PLUS_KW_PORTDESC].name, "portdescription");
 
@@ -191,6 +195,17 @@ TEST_F(StartupTest, ReadyWaitsUntilTheInstanceReachesItsState)
     ASSERT_TRUE(WaitFor([]() { return PLAT_CallCount("RUK_T_Delay") >= 3; }));
     plat::world::frm_inst_put({0, 12, 0, 1});
     waiter.join();
+}
+
+TEST_F(StartupTest, ConfigurationClientFailureEndsTheInitTaskFirst)
+{
+    PLAT_FailSet("MOLB_PAT_RestoreForDLL", 0, 1, 1);  // the client library is being restored by a patch
+    ASSERT_EQ(PPPOE_PLUS_FrameInit(), 0U);
+    ASSERT_TRUE(WaitFor([]() { return Task("PPPoE_Plus_Init").exists && !Task("PPPoE_Plus_Init").running; }));
+    EXPECT_EQ(Task("PPPoE_Plus_Init").exitStatus, 1U);
+    EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_FRAME]Ydbc Init failed."));
+    EXPECT_EQ(PLAT_CallCount("DEVM_DB_GetMainBoardId"), 0U);  // nothing after the client binding ran
+    EXPECT_FALSE(Task("PPPoE_Plus_Main").exists);
 }
 
 TEST_F(StartupTest, MissingChannelLibraryStopsDataInitButNotTheInitTask)

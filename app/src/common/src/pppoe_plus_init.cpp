@@ -21,6 +21,7 @@
 #include "pppoe_plus_patch.h"
 #include "pppoe_plus_tirn.h"
 #include "pppoe_plus_tlv.h"
+#include "pppoe_plus_yang.h"
 #include "ruk.h"
 
 namespace {
@@ -111,6 +112,10 @@ uint32_t PPPOE_PLUS_InitTaskEntry(uintptr_t, uintptr_t, uintptr_t, uintptr_t)
 
 uint32_t PPPOE_PLUS_TaskInit(void)
 {
+    if (PPPOE_PLUS_YdbcInit() != 0) {
+        Error("[PPPOEPLUS_FRAME]Ydbc Init failed.");
+        return 1;
+    }
     PPPOE_PLUS_WaitForDevmDBReady();
     (void)PPPOE_PLUS_InitData();  // a failed first step does not stop the start-up
     if (PPPOE_PLUS_HaInit() != 0) {
@@ -131,7 +136,9 @@ uint32_t PPPOE_PLUS_InitData(void)
     Info("[PPPOEPLUS_FRAME] InitData step2 end.");
     (void)PPPOE_PLUS_CreateMainTask();
     Info("[PPPOEPLUS_FRAME] InitData step3 end.");
-    // The configuration callbacks are registered here once the configuration client exists.
+    PPPOE_PLUS_RegSubScribeCallBack(PPPOE_PLUS_SUB_SLOT_CFG, PPPOE_PLUS_YdbcSubScribeCfg);
+    PPPOE_PLUS_RegSubScribeCallBack(PPPOE_PLUS_SUB_SLOT_RPC, PPPOE_PLUS_YdbcSubScribeRpc);
+    PPPOE_PLUS_RegSubScribeCallBack(PPPOE_PLUS_SUB_SLOT_GET, PPPOE_PLUS_YdbcSubScribeGet);
     PPPOE_PLUS_CreateDBSubConn();
     (void)PPPOE_PLUS_DbSubFuncInit();
     (void)PPPOE_PLUS_EvtSubscribeInit();

@@ -864,22 +864,4 @@ uint32_t PPPOE_PLUS_GetPktStatisticNum(const PortCB *portCb, uint8_t code, uint3
     return portCb->stats[static_cast<uint32_t>(group) * kCounterKinds + kind].load(std::memory_order_relaxed);
 }
 
-uint32_t PPPOE_PLUS_ResetStatistics(void)
-{
-    const PppoePlusDllHead list = PPPOE_PLUS_GetGlobalPortList();
-    {
-        // Held while walking: the packet task may append a block meanwhile.
-        PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
-        const PppoePlusDllNode *node = list.count != 0 ? list.first : nullptr;
-        for (uint32_t i = 0; i < list.count && node != nullptr; i++, node = node->next) {
-            auto *portCb = reinterpret_cast<PortCB *>(const_cast<PppoePlusDllNode *>(node));
-            for (auto &counter : portCb->stats) {
-                counter.store(0, std::memory_order_relaxed);
-            }
-        }
-    }
-    PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPLUS-CFG] Reset statistics successfully.");
-    return 0;
-}
-
 }  // extern "C"
