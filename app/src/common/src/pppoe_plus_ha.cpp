@@ -19,7 +19,7 @@
 #include "pppoe_plus_main.h"
 #include "pppoe_plus_mem.h"
 #include "pppoe_plus_types.h"
-#include "pppoe_plus_ydbc_run.h"
+#include "pppoe_plus_yang.h"
 
 static_assert(sizeof(MOLB_HA_COMP_INFO_S) == 152, "the HA registration record is 152 bytes");
 static_assert(offsetof(MOLB_HA_COMP_INFO_S, compType) == 64 && offsetof(MOLB_HA_COMP_INFO_S, pid) == 128 &&
