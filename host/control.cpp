@@ -8,10 +8,9 @@
 //   fwm
 //   ha start-work <role> | ha new-backup <chassis> <board> | ha backup-removed |
 //   ha promote | ha demote | ha master <chassis> <board> | ha show
-//   agent set enable <0|1> | agent set ignore-reply <0|1> | agent trust <name|ifIndex> <0|1>
+//   port replay <PORT>=<FILE.pcap>
 //
-// The "agent" commands call the agent's exported setters directly; they
-// stand in for the configuration datastore until the host has one.
+// The agent itself is configured through the datastore, not through here.
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -148,46 +147,6 @@ std::string BoardCommand(const std::vector<std::string> &w)
               (registered ? " is registered" : " is unregistered"));
 }
 
-std::optional<uint8_t> Flag(const std::string &text)
-{
-    if (text == "0" || text == "1") {
-        return static_cast<uint8_t>(text == "1" ? 1 : 0);
-    }
-    return std::nullopt;
-}
-
-std::string AgentCommand(const std::vector<std::string> &w, const AgentApi &agent)
-{
-    if (w.size() == 4 && w[1] == "set" && (w[2] == "enable" || w[2] == "ignore-reply")) {
-        const auto flag = Flag(w[3]);
-        const auto setter = w[2] == "enable" ? agent.setEnable : agent.setIgnoreReply;
-        if (!flag) {
-            return Error("expected 0 or 1, got " + w[3]);
-        }
-        if (setter == nullptr) {
-            return Error("the agent module lacks the setter of " + w[2]);
-        }
-        const uint32_t ret = setter(*flag);
-        return Ok("agent " + w[2] + " set to " + w[3] + " (result " + std::to_string(ret) + ")");
-    }
-    if (w.size() == 4 && w[1] == "trust") {
-        const auto rec = FindInterface(w[2]);
-        const auto flag = Flag(w[3]);
-        if (!rec) {
-            return Error("no interface named or numbered " + w[2]);
-        }
-        if (!flag) {
-            return Error("expected 0 or 1, got " + w[3]);
-        }
-        if (agent.setPortTrust == nullptr) {
-            return Error("the agent module lacks the port trust setter");
-        }
-        const uint32_t ret = agent.setPortTrust(rec->ifIndex, *flag);
-        return Ok("agent trust of " + Describe(*rec) + " set to " + w[3] + " (result " + std::to_string(ret) + ")");
-    }
-    return Error("usage: agent set enable <0|1> | agent set ignore-reply <0|1> | agent trust <name|ifIndex> <0|1>");
-}
-
 constexpr uint32_t kHaDeliveryWaitMs = 5000;
 
 const char *RoleName(uint32_t role)
@@ -225,7 +184,7 @@ std::string Delivered(const std::string &what, plat::ha::Seq seq)
     return Ok(out.str());
 }
 
-std::string HaShow(const AgentApi &agent)
+std::string HaShow(const ControlHooks &agent)
 {
     std::ostringstream out;
     if (agent.haGetRole != nullptr) {
@@ -256,7 +215,7 @@ std::string HaShow(const AgentApi &agent)
     return Ok(out.str());
 }
 
-std::string HaCommand(const std::vector<std::string> &w, const AgentApi &agent)
+std::string HaCommand(const std::vector<std::string> &w, const ControlHooks &agent)
 {
     const std::string usage =
         "usage: ha start-work <role> | ha new-backup <chassis> <board> | ha backup-removed | ha promote | "
@@ -331,7 +290,7 @@ void WriteAll(int fd, const std::string &text)
 
 }  // namespace
 
-std::string RunControlCommand(const std::string &line, const AgentApi &agent)
+std::string RunControlCommand(const std::string &line, const ControlHooks &hooks)
 {
     const std::vector<std::string> w = Words(line);
     if (w.empty()) {
@@ -346,18 +305,22 @@ std::string RunControlCommand(const std::string &line, const AgentApi &agent)
     if (w[0] == "fwm" && w.size() == 1) {
         return Ok(plat::fwm::describe(plat::fwm::state()));
     }
-    if (w[0] == "agent") {
-        return AgentCommand(w, agent);
+    if (w[0] == "port" && w.size() == 3 && w[1] == "replay") {
+        if (!hooks.replay) {
+            return Error("this host has no ports to replay into");
+        }
+        std::string output;
+        return hooks.replay(w[2], &output) ? Ok(output) : Error(output);
     }
     if (w[0] == "ha") {
-        return HaCommand(w, agent);
+        return HaCommand(w, hooks);
     }
-    return Error("unknown command \"" + line + "\" (commands: if, board, fwm, ha, agent)");
+    return Error("unknown command \"" + line + "\" (commands: if, board, fwm, ha, port replay)");
 }
 
 struct ControlServer::State {
     std::string path;
-    AgentApi agent;
+    ControlHooks hooks;
     int listenFd = -1;
     int stopFd = -1;
     std::thread thread;
@@ -381,7 +344,7 @@ struct ControlServer::State {
             }
             std::string line;
             if (ReadLine(conn, &line)) {
-                WriteAll(conn, RunControlCommand(line, agent));
+                WriteAll(conn, RunControlCommand(line, hooks));
             } else {
                 WriteAll(conn, Error("no command line received"));
             }
@@ -397,7 +360,7 @@ ControlServer::~ControlServer()
     Stop();
 }
 
-bool ControlServer::Start(const std::string &path, const AgentApi &agent, std::string *error)
+bool ControlServer::Start(const std::string &path, const ControlHooks &hooks, std::string *error)
 {
     sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
@@ -430,7 +393,7 @@ bool ControlServer::Start(const std::string &path, const AgentApi &agent, std::s
         return false;
     }
     state_->path = path;
-    state_->agent = agent;
+    state_->hooks = hooks;
     state_->listenFd = fd;
     state_->stopFd = eventfd(0, EFD_CLOEXEC);
     state_->thread = std::thread([state = state_.get()]() { state->Serve(); });

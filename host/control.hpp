@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -19,21 +20,20 @@ std::string DefaultControlPath();
 // with *error set, when the host cannot be reached.
 bool ControlRequest(const std::string &path, const std::string &line, std::string *reply, std::string *error);
 
-// The agent's exported setters the interim "agent" commands call (any may
-// be null when the module lacks it).
-struct AgentApi {
-    uint32_t (*setEnable)(uint8_t enable) = nullptr;
-    uint32_t (*setIgnoreReply)(uint8_t enable) = nullptr;
-    uint32_t (*setPortTrust)(uint32_t ifIndex, uint32_t enable) = nullptr;
-    // The agent's HA accessors, for "ha show".
+// What the control socket asks of the rest of the host.
+struct ControlHooks {
+    // Replays a pcap file into a port ("PORT=FILE.pcap"); false with the
+    // reason in *output.
+    std::function<bool(const std::string &binding, std::string *output)> replay;
+    // The agent's HA accessors, for "ha show" (null when the module lacks one).
     uint32_t (*haGetRole)() = nullptr;
     uint32_t (*haGetSmbInstId)() = nullptr;
     uint32_t (*haGetMMBInfo)(uint32_t *chassisId, uint32_t *boardId, uint32_t *masterIp) = nullptr;
 };
 
-// Runs one command line against the world model, the forwarding manager
-// and the agent; returns the reply as ControlRequest hands it back.
-std::string RunControlCommand(const std::string &line, const AgentApi &agent);
+// Runs one command line against the world model and the forwarding
+// manager; returns the reply as ControlRequest hands it back.
+std::string RunControlCommand(const std::string &line, const ControlHooks &hooks);
 
 // Serves the control socket on a thread of its own.
 class ControlServer {
@@ -45,7 +45,7 @@ public:
 
     // Listens at path (a stale socket file there is replaced); false with
     // *error when the socket cannot be set up.
-    bool Start(const std::string &path, const AgentApi &agent, std::string *error);
+    bool Start(const std::string &path, const ControlHooks &hooks, std::string *error);
     // Stops serving and removes the socket file.
     void Stop();
 

@@ -24,6 +24,8 @@
 #pragma GCC diagnostic pop
 
 #include "control.hpp"
+#include "datastore.hpp"
+#include "devm.h"
 #include "example_topology.hpp"
 #include "plat_control.h"
 #include "plat_fwm.hpp"
@@ -43,6 +45,8 @@ struct Options {
     unsigned timeScale = 1000;
     std::string controlPath = pplus_host::DefaultControlPath();
     std::string logFile;
+    bool stay = false;
+    host::DatastoreOptions datastore;
 };
 
 // Framework instance states the agent's readiness wait accepts.
@@ -126,16 +130,14 @@ Fn Symbol(void *module, const char *name)
     return reinterpret_cast<Fn>(dlsym(module, name));
 }
 
-pplus_host::AgentApi AgentApiOf(void *module)
+// The agent's HA accessors, which "ha show" and the start of work read.
+pplus_host::ControlHooks AgentHaOf(void *module)
 {
-    pplus_host::AgentApi api;
-    api.setEnable = Symbol<decltype(api.setEnable)>(module, "PPPOE_PLUS_SetEnable");
-    api.setIgnoreReply = Symbol<decltype(api.setIgnoreReply)>(module, "PPPOE_PLUS_SetIgnoreReply");
-    api.setPortTrust = Symbol<decltype(api.setPortTrust)>(module, "PPPOE_PLUS_SetPortTrust");
-    api.haGetRole = Symbol<decltype(api.haGetRole)>(module, "PPPOE_PLUS_HaGetRole");
-    api.haGetSmbInstId = Symbol<decltype(api.haGetSmbInstId)>(module, "PPPOE_PLUS_HaGetSmbInstId");
-    api.haGetMMBInfo = Symbol<decltype(api.haGetMMBInfo)>(module, "PPPOE_PLUS_HaGetMMBInfo");
-    return api;
+    pplus_host::ControlHooks hooks;
+    hooks.haGetRole = Symbol<decltype(hooks.haGetRole)>(module, "PPPOE_PLUS_HaGetRole");
+    hooks.haGetSmbInstId = Symbol<decltype(hooks.haGetSmbInstId)>(module, "PPPOE_PLUS_HaGetSmbInstId");
+    hooks.haGetMMBInfo = Symbol<decltype(hooks.haGetMMBInfo)>(module, "PPPOE_PLUS_HaGetMMBInfo");
+    return hooks;
 }
 
 void ReportLeaks()
@@ -159,7 +161,7 @@ void ReportLeaks()
 // The HA service reports the start of work with the topology's role, then
 // names the master board; waits until the agent's role is set (the role is
 // applied on the agent's init task after delivery).
-void StartHa(const HaPlan &ha, const pplus_host::AgentApi &agent)
+void StartHa(const HaPlan &ha, const pplus_host::ControlHooks &agent)
 {
     constexpr uint32_t kWaitMs = 5000;
     const plat::ha::Seq started = plat::ha::start_work(ha.role);
@@ -174,6 +176,14 @@ void StartHa(const HaPlan &ha, const pplus_host::AgentApi &agent)
     std::printf("pppoe-plus-switch: HA start of work reported with role %u, master board %u/%u%s; agent role %u\n",
                 ha.role, ha.chassisId, ha.mainBoardId, delivered ? "" : " (not delivered in time)", role);
     std::fflush(stdout);
+}
+
+// The agent runs its configuration client on a main processing board or a
+// single box.
+bool BoardServesConfiguration()
+{
+    const uint32_t type = plat::world::identity().boardType;
+    return type == DEVM_BOARD_TYPE_MPU || type == DEVM_BOARD_TYPE_BOX;
 }
 
 // Waits until the init task serves its epoll set and the main task waits on
@@ -202,11 +212,13 @@ int main(int argc, char **argv)
     app.add_option("--devm-delay-ms", opts.devmDelayMs, "Keep the device database unready for this long");
     app.add_option("--ready-timeout", opts.readyTimeoutSec, "Seconds to wait for the agent to become ready");
     app.add_option("--run-for", opts.runForSec, "Stop after this many seconds (0: run until SIGINT/SIGTERM)");
+    app.add_flag("--stay", opts.stay, "After replaying --in files, keep running until SIGINT/SIGTERM");
     app.add_option("--time-scale", opts.timeScale,
                    "Platform delays run at this many thousandths of real time (1000: real time)")
         ->check(CLI::Range(1U, 1000000U));
     host::PortOptions portOpts;
     host::AddPortOptions(app, portOpts);
+    host::AddDatastoreOptions(app, opts.datastore);
     app.add_option("--control", opts.controlPath, "Control socket for pppoe-plus-cli")
         ->default_str(opts.controlPath);
     app.add_option("--log-file", opts.logFile,
@@ -237,6 +249,7 @@ int main(int argc, char **argv)
         opts.topologyFile = std::filesystem::absolute(opts.topologyFile, ec).string();
     }
     host::MakePathsAbsolute(portOpts);
+    host::MakeDatastorePathsAbsolute(opts.datastore);
     if (!ChangeToOwnFolder()) {
         Say("cannot change to the host's own folder");
         return 1;
@@ -245,13 +258,10 @@ int main(int argc, char **argv)
     if (!SetUpWorld(opts, &haPlan)) {
         return 1;
     }
-    // Ports and agent settings are checked before the agent starts.
+    // Ports are checked before the agent starts.
     host::HostPorts ports;
-    host::AgentConfig agentConfig;
     std::string portError;
-    const bool haveConfig = !portOpts.configFile.empty() || !portOpts.inputs.empty();
-    if (!ports.Open(portOpts, &portError) ||
-        (haveConfig && !host::LoadAgentConfig(portOpts.configFile, &agentConfig, &portError))) {
+    if (!ports.Open(portOpts, &portError)) {
         std::fprintf(stderr, "pppoe-plus-switch: %s\n", portError.c_str());
         return 1;
     }
@@ -275,6 +285,14 @@ int main(int argc, char **argv)
     });
     if (!plat::fwm::start()) {
         Say("cannot start the forwarding manager");
+        return 1;
+    }
+
+    // The datastore serves before the agent's configuration client connects.
+    std::string datastoreError;
+    const auto datastore = host::StartDatastore(opts.datastore, &datastoreError);
+    if (!datastore) {
+        std::fprintf(stderr, "pppoe-plus-switch: datastore: %s\n", datastoreError.c_str());
         return 1;
     }
 
@@ -310,19 +328,26 @@ int main(int argc, char **argv)
         _exit(1);
     }
     Say("agent ready: task PPPoE_Plus_Init serves its event loop, task PPPoE_Plus_Main waits on channel/dpx2ppplus");
-    const pplus_host::AgentApi agentApi = AgentApiOf(module);
-    StartHa(haPlan, agentApi);
-    if (haveConfig) {
-        if (!host::ApplyAgentConfig(module, agentConfig, &portError)) {
-            std::fprintf(stderr, "pppoe-plus-switch: %s\n", portError.c_str());
-            std::fflush(stderr);
+    pplus_host::ControlHooks hooks = AgentHaOf(module);
+    StartHa(haPlan, hooks);
+    // The configuration client runs on the main board once HA has told the
+    // agent to start work; traffic waits until the saved configuration has
+    // been replayed to it.
+    if (BoardServesConfiguration()) {
+        if (!datastore->WaitReplayed("pppoe_plus", std::chrono::seconds(opts.readyTimeoutSec))) {
+            Say("the agent did not take its configuration from the datastore in time");
+            ReportLeaks();
             (void)PLAT_LogSetFile(nullptr, 0);
+            std::fflush(stdout);
             _exit(1);
         }
-        Say("agent settings applied");
+        Say("agent configured from the datastore");
     }
     pplus_host::ControlServer control;
-    if (std::string error; !control.Start(opts.controlPath, agentApi, &error)) {
+    hooks.replay = [&ports](const std::string &binding, std::string *output) {
+        return ports.ReplayMore(binding, output);
+    };
+    if (std::string error; !control.Start(opts.controlPath, hooks, &error)) {
         Say(("control socket not available: " + error).c_str());
     } else {
         std::printf("pppoe-plus-switch: control socket %s\n", opts.controlPath.c_str());
@@ -335,7 +360,7 @@ int main(int argc, char **argv)
         ports.PrintSummary();
     }
 
-    if (ports.HasInputs() && opts.runForSec == 0) {
+    if (ports.HasInputs() && opts.runForSec == 0 && !opts.stay) {
         // Replayed: done.
     } else if (opts.runForSec == 0) {
         int sig = 0;
@@ -346,11 +371,11 @@ int main(int argc, char **argv)
         const int sig = sigtimedwait(&stopSignals, nullptr, &wait);
         std::printf("pppoe-plus-switch: %s, stopping\n", sig > 0 ? "signal received" : "run time over");
     }
+    control.Stop();
     ports.Close();
     const uint32_t exitRet = mainExit();
     std::printf("pppoe-plus-switch: agent exit returned %u\n", exitRet);
     PLAT_LogWrite(PLAT_LOG_PLATFORM, "[fwm] state: %s", plat::fwm::describe(plat::fwm::state()).c_str());
-    control.Stop();
     ReportLeaks();
     (void)PLAT_LogSetFile(nullptr, 0);  // writes what is pending
     std::fflush(stdout);

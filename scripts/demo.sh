@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
-# Quick start: install what is missing, build, and relay the bundled sample
-# subscriber and server captures through the example switch with the agent
-# on; then show, decoded by tshark, what left the uplink (the Circuit-ID and
-# Remote-ID the agent inserted) and what reached the subscribers (the
-# agent's tag stripped). The captures stay in build/demo/ for Wireshark.
+# Quick start: install what is missing, build, and start the example switch
+# with its datastore: the example configuration (examples/pppoe-plus.xml)
+# goes in through the datastore, the bundled sample subscriber and server
+# captures are relayed, pppoe-plus-cli queries the agent, and tshark shows
+# what left the uplink (the Circuit-ID and Remote-ID the agent inserted) and
+# what reached the subscribers (the agent's tag stripped). Everything stays
+# in build/demo/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -15,16 +17,44 @@ out="${root}/build/demo"
 rm -rf "${out}"
 mkdir -p "${out}/ports"
 examples="${root}/examples"
+bin="${root}/build/default/bin"
+cli() {
+  echo "\$ pppoe-plus-cli $*"
+  "${bin}/pppoe-plus-cli" --socket "${out}/yangdb.sock" --control "${out}/control.sock" "$@"
+}
+
 echo
-echo "== relaying examples/captures through the example switch (settings: examples/pppoe-plus.yaml)"
-./build/default/bin/pppoe-plus-switch \
+echo "== the example switch: configuration from examples/pppoe-plus.xml through its datastore, then the sample captures"
+"${bin}/pppoe-plus-switch" --stay \
   --topology "${examples}/topology.yaml" \
+  --yangdb-socket "${out}/yangdb.sock" --yangdb-store "${out}/running.xml" \
+  --startup-config "${examples}/pppoe-plus.xml" \
+  --control "${out}/control.sock" \
   --in "GigabitEthernet0/0/1=${examples}/captures/subscribers.pcap" \
   --in "GigabitEthernet0/0/3=${examples}/captures/subscribers-port3.pcap" \
   --in "XGigabitEthernet0/0/1=${examples}/captures/servers.pcap" \
   --out "XGigabitEthernet0/0/1=${out}/uplink.pcap" \
   --capture-dir "${out}/ports" \
-  --log-file "${out}/switch.log" "$@"
+  --log-file "${out}/switch.log" "$@" >"${out}/switch.out" 2>&1 &
+switch=$!
+trap 'kill ${switch} 2>/dev/null || true' EXIT
+for _ in $(seq 600); do
+  grep -q "pppoe-plus-switch: fwm:" "${out}/switch.out" && break
+  kill -0 ${switch} 2>/dev/null || break
+  sleep 0.1
+done
+grep "^pppoe-plus-switch:" "${out}/switch.out" | grep -v "outstanding" || true
+grep -q "pppoe-plus-switch: fwm:" "${out}/switch.out" || { echo "the switch did not finish the replay"; exit 1; }
+
+echo
+echo "== the agent, asked through the datastore"
+cli show statistics
+cli show encapsulation
+cli show policy
+cli check-format '"%sysname/%port"'
+kill -TERM ${switch}
+wait ${switch} || true
+trap - EXIT
 
 show() {
   local title=$1 file=$2
@@ -42,4 +72,5 @@ for capture in "${out}"/ports/*.pcap; do
   show "towards the subscriber on $(basename "${capture}" .pcap | tr _ /): the tag stripped" "${capture}"
 done
 echo
-echo "Captures for Wireshark: ${out#"${root}"/}/uplink.pcap, ${out#"${root}"/}/ports/; the switch's log: ${out#"${root}"/}/switch.log"
+echo "Captures for Wireshark: ${out#"${root}"/}/uplink.pcap, ${out#"${root}"/}/ports/;" \
+  "the switch's output and log: ${out#"${root}"/}/switch.out, switch.log; its saved configuration: running.xml"

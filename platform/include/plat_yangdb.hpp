@@ -4,6 +4,7 @@
 // Subscribers (the agent) talk to the same server through libydbc.so.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -31,6 +32,10 @@ public:
     Server &operator=(const Server &) = delete;
 
     const std::string &SocketPath() const;
+    // Waits until the subscriber named client has activated and answered
+    // the replay of the stored configuration that follows; false on
+    // time-out.
+    bool WaitReplayed(std::string_view client, std::chrono::milliseconds timeout) const;
 
     struct Impl;
 private:

@@ -7,7 +7,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <filesystem>
 #include <string>
 #include <utility>
 #include <vector>
@@ -67,16 +71,51 @@ inline ProgramRun RunProgram(const std::string &exe, std::vector<std::string> ar
     return run;
 }
 
+// A fresh folder for one host's datastore: "<dir>/yangdb.sock" and
+// "<dir>/running.xml".
+inline std::string NewDatastoreDir()
+{
+    static std::atomic<int> serial{0};
+    const std::string dir = "/tmp/pplus-e2e-" + std::to_string(getpid()) + "-" + std::to_string(serial++);
+    std::error_code ec;
+    std::filesystem::remove_all(dir, ec);
+    std::filesystem::create_directories(dir, ec);
+    return dir;
+}
+
+inline std::vector<std::string> DatastoreArgs(const std::string &dir)
+{
+    return {"--yangdb-socket", dir + "/yangdb.sock", "--yangdb-store", dir + "/running.xml"};
+}
+
+// A host never touches the system's datastore from a test: without its own
+// --yangdb-store it gets a fresh private one.
+inline std::vector<std::string> WithPrivateDatastore(std::vector<std::string> args)
+{
+    if (std::find(args.begin(), args.end(), "--yangdb-store") == args.end()) {
+        const auto more = DatastoreArgs(NewDatastoreDir());
+        args.insert(args.end(), more.begin(), more.end());
+    }
+    return args;
+}
+
 // The host run to its end, as for a replay.
 inline ProgramRun RunHost(std::vector<std::string> args, int timeoutMs = 60000)
 {
-    return RunProgram(PPLUS_BUILD_DIR "/bin/pppoe-plus-switch", std::move(args), timeoutMs);
+    return RunProgram(PPLUS_BUILD_DIR "/bin/pppoe-plus-switch", WithPrivateDatastore(std::move(args)), timeoutMs);
+}
+
+// pppoe-plus-cli run to its end: exit code, standard output and error.
+inline ProgramRun Cli(std::vector<std::string> args)
+{
+    return RunProgram(PPLUS_BUILD_DIR "/bin/pppoe-plus-cli", std::move(args), 20000);
 }
 
 class Host {
 public:
     explicit Host(std::vector<std::string> args, const char *cwd = nullptr)
     {
+        args = WithPrivateDatastore(std::move(args));
         int fds[2];
         if (pipe(fds) != 0) {
             return;

@@ -1,6 +1,6 @@
 // The relay as a standard decoder sees it: the host replays the sample
 // subscriber and server captures through the example switch with the
-// bundled settings, and tshark reads what left the uplink and the
+// example configuration, and tshark reads what left the uplink and the
 // subscriber ports.
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -86,7 +86,8 @@ TEST(Interop, TsharkSeesTheTagInsertedTowardsTheServerAndStrippedTowardsTheSubsc
          "GigabitEthernet0/0/1=" + kExamples + "/captures/subscribers.pcap", "--in",
          "GigabitEthernet0/0/3=" + kExamples + "/captures/subscribers-port3.pcap", "--in",
          "XGigabitEthernet0/0/1=" + kExamples + "/captures/servers.pcap", "--out",
-         "XGigabitEthernet0/0/1=" + (dir / "uplink.pcap").string(), "--capture-dir", (dir / "captures").string()});
+         "XGigabitEthernet0/0/1=" + (dir / "uplink.pcap").string(), "--capture-dir", (dir / "captures").string(),
+         "--startup-config", kExamples + "/pppoe-plus.xml"});
     ASSERT_EQ(host.status, 0) << host.output;
     EXPECT_NE(host.output.find("0 frame buffer(s) outstanding"), std::string::npos) << host.output;
 

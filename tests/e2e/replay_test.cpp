@@ -1,5 +1,5 @@
-// The host replaying the sample captures into its ports: it applies the
-// agent's settings, replays, prints a per-port summary, writes what left
+// The host replaying the sample captures into its ports: it configures the
+// agent from its datastore, replays, prints a per-port summary, writes what left
 // the ports and exits 0; bad ports, files and settings are refused by name.
 #include <gtest/gtest.h>
 #include <pcap/pcap.h>
@@ -67,10 +67,13 @@ protected:
         return args;
     }
 
-    std::string WriteConfig(const std::string &text, const std::string &name = "settings.yaml") const
+    // A startup configuration: the agent's settings, then the interfaces'.
+    std::string WriteConfig(const std::string &agent, const std::string &ports, const std::string &name) const
     {
         const std::string path = (dir_ / name).string();
-        std::ofstream(path) << text;
+        std::ofstream(path) << "<pppoe-plus xmlns=\"urn:quendal:yang:quendal-pppoe-plus\">" << agent
+                            << "</pppoe-plus><ifm xmlns=\"urn:quendal:yang:quendal-ifm\"><interfaces>" << ports
+                            << "</interfaces></ifm>";
         return path;
     }
 
@@ -97,17 +100,23 @@ protected:
 
 TEST_F(Replay, FeatureOffSwitchesTheSampleCapturesAndWritesWhatLeftEachPort)
 {
-    const HostRun run = RunHost(Args({"--config", WriteConfig("enable: false\ntrusted-ports: [XGigabitEthernet0/0/1]\n")}));
+    const std::string trusted =
+        "<interface><name>XGigabitEthernet0/0/1</name><pppoe-plus-port xmlns=\"urn:quendal:yang:quendal-pppoe-plus\">"
+        "<trusted-port><ifindex>49</ifindex><trusted-enable>true</trusted-enable></trusted-port>"
+        "</pppoe-plus-port></interface>";
+    const HostRun run = RunHost(Args({"--startup-config",
+                                      WriteConfig("<global-enable><enable>false</enable></global-enable>", trusted,
+                                                  "off.xml")}));
     ASSERT_EQ(run.status, 0) << run.output;
-    EXPECT_NE(run.output.find("agent settings applied"), std::string::npos) << run.output;
+    EXPECT_NE(run.output.find("agent configured from the datastore"), std::string::npos) << run.output;
     EXPECT_NE(run.output.find("fwm: feature off"), std::string::npos) << run.output;
     // Switched: the PADIs flood to the uplink, the PADR goes to the learnt server.
     ExpectSamplesDelivered(run, false);
 }
 
-TEST_F(Replay, BundledSettingsPuntDiscoveryToTheAgentAndTheHostStillExits)
+TEST_F(Replay, ExampleConfigurationPuntsDiscoveryToTheAgentAndTheHostStillExits)
 {
-    const HostRun run = RunHost(Args({}));
+    const HostRun run = RunHost(Args({"--startup-config", kExamples + "/pppoe-plus.xml"}));
     ASSERT_EQ(run.status, 0) << run.output;
     EXPECT_NE(run.output.find("[fwm] global-cfg enable 1"), std::string::npos) << run.output;
     EXPECT_NE(run.output.find("[fwm] trust-port-cfg enable 1 ifIndex 49"), std::string::npos) << run.output;
@@ -129,9 +138,10 @@ TEST_F(Replay, BadPortsFilesAndSettingsAreRefusedByName)
         {{"--in", "5=" + missing}, missing + ": cannot read"},
         {{"--out", "5=" + (dir_ / "nowhere" / "x.pcap").string()}, "x.pcap: cannot create"},
         {{"--capture-dir", missing}, missing + ": not a folder"},
-        {{"--config", WriteConfig("enable: true\nturbo: yes\n", "a.yaml")}, "a.yaml:2: turbo: unknown key"},
-        {{"--config", WriteConfig("trusted-ports: [Eth-Trunk9]\n", "b.yaml")}, "unknown port Eth-Trunk9"},
-        {{"--config", WriteConfig("policy: sometimes\n", "c.yaml")}, "policy: expected replace, drop or keep"},
+        {{"--startup-config", WriteConfig("<global-tags-policy><tags-policy>sometimes</tags-policy>"
+                                          "</global-tags-policy>", "", "a.xml")},
+         "a.xml: "},
+        {{"--startup-config", WriteConfig("<turbo>yes</turbo>", "", "b.xml")}, "b.xml: "},
     };
     for (const Row &row : rows) {
         std::vector<std::string> args{"--topology", kExamples + "/topology.yaml"};

@@ -1,5 +1,5 @@
 // Run-time world control end to end: with the agent enabled and a trusted
-// uplink, pppoe-plus-cli takes the uplink off board and back through the
+// uplink by the example configuration, pppoe-plus-cli takes the uplink off board and back through the
 // host's control socket, and fwm sees the trusted-port ACL withdrawn and
 // installed again.
 #include <gtest/gtest.h>
@@ -57,12 +57,8 @@ std::string Control(const std::string &path, const std::string &line)
 TEST(WorldControl, TrustedUplinkOffBoardAndBackReachesFwmWithEnableZeroThenOne)
 {
     const std::string ctl = ControlPath("uplink");
-    Host host({"--control", ctl});
+    Host host({"--control", ctl, "--startup-config", PPLUS_SOURCE_DIR "/examples/pppoe-plus.xml"});
     ASSERT_TRUE(host.WaitForOutput("pppoe-plus-switch: control socket " + ctl, 20000)) << host.Output();
-
-    // Interim: the agent's settings through the host's test-only commands.
-    EXPECT_EQ(Control(ctl, "agent set enable 1").substr(0, 3), "ok\n");
-    EXPECT_EQ(Control(ctl, "agent trust XGigabitEthernet0/0/1 1").substr(0, 3), "ok\n");
     ASSERT_TRUE(host.WaitForOutput("[fwm] trust-port-cfg enable 1 ifIndex 49", 5000)) << host.Output();
     const size_t installed = host.Output().find("[fwm] trust-port-cfg enable 1 ifIndex 49");
 

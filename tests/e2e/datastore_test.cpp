@@ -1,0 +1,145 @@
+// The agent configured through the switch's datastore end to end:
+// pppoe-plus-cli changes the Circuit-ID format while subscribers keep
+// sending, and the next relayed frame carries the new one; queries and
+// operations answer through the agent; a bad edit is refused by name and
+// changes nothing; a restart of the switch brings the saved configuration
+// back.
+#include <gtest/gtest.h>
+#include <pcap/pcap.h>
+#include <signal.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "host_process.hpp"
+
+namespace {
+
+using pplus_e2e::Cli;
+using pplus_e2e::Host;
+using pplus_e2e::ProgramRun;
+
+const std::string kExamples = PPLUS_SOURCE_DIR "/examples";
+
+// The frames of a capture, as text (Circuit-IDs are printable).
+std::vector<std::string> Frames(const std::string &path)
+{
+    std::vector<std::string> frames;
+    char err[PCAP_ERRBUF_SIZE];
+    pcap_t *p = pcap_open_offline(path.c_str(), err);
+    if (p == nullptr) {
+        return frames;
+    }
+    pcap_pkthdr *h = nullptr;
+    const u_char *d = nullptr;
+    while (pcap_next_ex(p, &h, &d) == 1) {
+        frames.emplace_back(reinterpret_cast<const char *>(d), h->caplen);
+    }
+    pcap_close(p);
+    return frames;
+}
+
+class Datastore : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        dir_ = pplus_e2e::NewDatastoreDir();
+        ctl_ = dir_ + "/control.sock";
+    }
+
+    std::vector<std::string> HostArgs(std::vector<std::string> more) const
+    {
+        std::vector<std::string> args = pplus_e2e::DatastoreArgs(dir_);
+        args.insert(args.end(), {"--control", ctl_});
+        args.insert(args.end(), more.begin(), more.end());
+        return args;
+    }
+
+    ProgramRun Run(std::vector<std::string> args) const
+    {
+        args.insert(args.begin(), {"--socket", dir_ + "/yangdb.sock", "--control", ctl_});
+        return Cli(args);
+    }
+
+    std::string dir_;
+    std::string ctl_;
+};
+
+TEST_F(Datastore, FormatChangedWithTheCliWhileFramesFlowChangesTheNextRelayedFrame)
+{
+    const std::string uplink = dir_ + "/uplink.pcap";
+    Host host(HostArgs({"--startup-config", kExamples + "/pppoe-plus.xml", "--out",
+                        "XGigabitEthernet0/0/1=" + uplink}));
+    ASSERT_TRUE(host.WaitForOutput("pppoe-plus-switch: control socket", 30000)) << host.Output();
+    ASSERT_NE(host.Output().find("agent configured from the datastore"), std::string::npos) << host.Output();
+
+    const std::string padi = "GigabitEthernet0/0/1=" + kExamples + "/captures/subscribers.pcap";
+    ProgramRun replay = Run({"world", "port", "replay", padi});
+    ASSERT_EQ(replay.status, 0) << replay.output;
+
+    const ProgramRun check = Run({"check-format", "\"line-%sysname\""});
+    EXPECT_EQ(check.status, 0) << check.output;
+    EXPECT_EQ(check.output, "\"line-%sysname\": well formed (result 0)\n");
+    const ProgramRun set = Run({"format", "cid", "user-define", "\"line-%sysname\""});
+    ASSERT_EQ(set.status, 0) << set.output;
+    replay = Run({"world", "port", "replay", padi});
+    ASSERT_EQ(replay.status, 0) << replay.output;
+
+    const ProgramRun stats = Run({"show", "statistics"});
+    EXPECT_EQ(stats.status, 0) << stats.output;
+    EXPECT_NE(stats.output.find("GigabitEthernet0/0/1 "), std::string::npos) << stats.output;
+    EXPECT_NE(stats.output.find("XGigabitEthernet0/0/1(*T)"), std::string::npos) << stats.output;
+    EXPECT_EQ(Run({"reset-statistics"}).status, 0);
+    EXPECT_EQ(Run({"debug", "all", "on"}).status, 0);
+    EXPECT_EQ(Run({"show", "policy"}).output, "tags-policy   replace (1)\nignore-reply  on (1)\n");
+
+    ASSERT_EQ(host.Stop(SIGTERM), 0) << host.Output();
+    // Each replay sends the PADI and the PADR up; the first pair carries
+    // the common Circuit-ID, the second the user-defined one.
+    const auto frames = Frames(uplink);
+    ASSERT_EQ(frames.size(), 4U);
+    EXPECT_NE(frames[0].find("eth 0/0/1:100.0 AccessSwitch-1/0/0/0/0/0"), std::string::npos);
+    EXPECT_EQ(frames[2].find("eth 0/0/1:100.0"), std::string::npos);
+    EXPECT_NE(frames[2].find("line-AccessSwitch-1"), std::string::npos);
+}
+
+TEST_F(Datastore, BadEditsAreRefusedByNameAndARestartRestoresTheSavedConfiguration)
+{
+    {
+        Host host(HostArgs({}));
+        ASSERT_TRUE(host.WaitForOutput("pppoe-plus-switch: control socket", 30000)) << host.Output();
+        EXPECT_NE(host.Output().find("empty running configuration"), std::string::npos) << host.Output();
+        EXPECT_EQ(Run({"enable"}).status, 0);
+        const ProgramRun trust = Run({"trust", "XGigabitEthernet0/0/1"});
+        EXPECT_EQ(trust.status, 0) << trust.output;
+        EXPECT_EQ(Run({"vendor-id", "2011"}).status, 0);
+        ASSERT_TRUE(host.WaitForOutput("[fwm] trust-port-cfg enable 1 ifIndex 49", 5000)) << host.Output();
+
+        const std::string badFile = dir_ + "/bad.xml";
+        std::ofstream(badFile) << "<pppoe-plus xmlns=\"urn:quendal:yang:quendal-pppoe-plus\"><global-tags-policy>"
+                                  "<tags-policy>sometimes</tags-policy></global-tags-policy></pppoe-plus>";
+        const ProgramRun bad = Run({"edit", badFile});
+        EXPECT_EQ(bad.status, 1) << bad.output;
+        EXPECT_NE(bad.output.find("tags-policy"), std::string::npos) << bad.output;
+        const ProgramRun tooLong = Run({"format", "rid", "user-define", std::string(128, 'x')});
+        EXPECT_EQ(tooLong.status, 1);
+        EXPECT_NE(tooLong.output.find("rid-user-define-text"), std::string::npos) << tooLong.output;
+        const ProgramRun unknownPort = Run({"trust", "Eth9"});
+        EXPECT_EQ(unknownPort.status, 1);
+        EXPECT_EQ(unknownPort.output, "pppoe-plus-cli: the switch has no interface Eth9\n");
+        EXPECT_EQ(host.Stop(SIGTERM), 0) << host.Output();
+    }
+    Host host(HostArgs({}));
+    ASSERT_TRUE(host.WaitForOutput("pppoe-plus-switch: control socket", 30000)) << host.Output();
+    EXPECT_NE(host.Output().find("running configuration restored from " + dir_ + "/running.xml"), std::string::npos)
+        << host.Output();
+    ASSERT_TRUE(host.WaitForOutput("[fwm] trust-port-cfg enable 1 ifIndex 49", 5000)) << host.Output();
+    EXPECT_EQ(Run({"show", "encapsulation"}).output, "vendor-id      2011\nencapsulation  both (3)\n");
+    const ProgramRun exported = Run({"export"});
+    EXPECT_NE(exported.output.find("<vendor-id>2011</vendor-id>"), std::string::npos) << exported.output;
+    EXPECT_EQ(exported.output.find("user-define"), std::string::npos) << "the refused edit left nothing behind";
+    EXPECT_EQ(host.Stop(SIGTERM), 0) << host.Output();
+}
+
+}  // namespace
