@@ -561,7 +561,7 @@ uint32_t ydbc_pull(void *ctx, uint32_t old, const char *path, uint32_t depth, yd
         return 1;
     }
     const std::string &xml = old != 0 ? request->oldXml : request->newXml;
-    std::string_view asked = path != nullptr ? path : request->path;
+    std::string_view asked = path != nullptr ? std::string_view(path) : std::string_view(request->path);
     std::string_view base = request->path;
     size_t begin = 0;
     size_t end = xml.size();

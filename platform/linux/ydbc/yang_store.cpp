@@ -89,6 +89,22 @@ bool WriteFileAtomically(const std::string &path, const std::string &text, std::
     return true;
 }
 
+// The node path of a libyang error location ("Data location \"/a/b\", line
+// number 1." gives /a/b).
+std::string Location(const char *path)
+{
+    if (path == nullptr) {
+        return "";
+    }
+    std::string_view text(path);
+    size_t open = text.find('"');
+    size_t close = open == std::string_view::npos ? open : text.find('"', open + 1);
+    if (close == std::string_view::npos) {
+        return std::string(text);
+    }
+    return std::string(text.substr(open + 1, close - open - 1));
+}
+
 }  // namespace
 
 std::string SchemaPathOf(std::string_view path)
@@ -130,8 +146,9 @@ std::string YangStore::TakeErrors(const std::string &what) const
             continue;
         }
         std::string line = what + ": " + e->msg;
-        if (e->path != nullptr && std::strstr(e->msg, e->path) == nullptr) {
-            line += std::string(" (path ") + e->path + ")";
+        const std::string where = Location(e->path);
+        if (!where.empty() && line.find(where) == std::string::npos) {
+            line += " (at " + where + ")";
         }
         if (out.find(line) == std::string::npos) {
             out += out.empty() ? "" : "\n";
