@@ -90,10 +90,19 @@ struct Connection {
     std::vector<Subscription> subs;
     bool activated = false;
 
+    // A failed or partial write leaves the stream unusable: the connection
+    // is shut down and its reader reports the loss.
     bool Send(const Message &message)
     {
         std::lock_guard<std::mutex> lock(writeMu);
-        return alive.load() && wire::Send(fd, message);
+        if (!alive.load()) {
+            return false;
+        }
+        if (!wire::Send(fd, message)) {
+            ::shutdown(fd, SHUT_RDWR);
+            return false;
+        }
+        return true;
     }
 };
 using ConnectionPtr = std::shared_ptr<Connection>;
@@ -188,7 +197,7 @@ struct Server::Impl {
 
     // Requests to subscribers.
     enum class Outcome { kDone, kTimeout, kLost, kStopping };
-    uint32_t Post(const ConnectionPtr &conn, Message message);
+    uint32_t Post(const ConnectionPtr &conn, Message message, bool awaitReply = true);
     Outcome Await(const ConnectionPtr &conn, uint32_t id, Message *result);
     Outcome Request(const ConnectionPtr &conn, Message message, Message *result);
     static Message ChangeMessage(const Change &change);
@@ -320,19 +329,17 @@ void Server::Impl::WorkLoop()
     }
 }
 
-uint32_t Server::Impl::Post(const ConnectionPtr &conn, Message message)
+uint32_t Server::Impl::Post(const ConnectionPtr &conn, Message message, bool awaitReply)
 {
     message.id = nextId++;
     if (nextId == 0) {
         nextId = 1;
     }
-    {
+    if (awaitReply) {
         std::lock_guard<std::mutex> lock(mu);
         awaited.insert(message.id);
     }
-    if (!conn->Send(message)) {
-        ::shutdown(conn->fd, SHUT_RDWR);  // the reader then reports the loss
-    }
+    conn->Send(message);
     return message.id;
 }
 
@@ -468,9 +475,10 @@ Reply Server::Impl::Apply(Tree candidate)
         case Outcome::kTimeout: {
             text = "no answer from " + who + " within " + std::to_string(timeout.count()) + " ms: " +
                    OpName(change.op) + " of " + change.path;
+            // Queued behind the pending change; its answer is not waited for.
             Change inverse = Inverse(change);
             if ((change.sub->events & inverse.op) != 0) {
-                Await(change.conn, Post(change.conn, ChangeMessage(inverse)), nullptr);
+                Post(change.conn, ChangeMessage(inverse), false);
             }
             break;
         }

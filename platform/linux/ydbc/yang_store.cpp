@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -269,6 +270,15 @@ bool YangStore::DeleteCandidate(std::string_view path, Tree *candidate, std::str
             doomed.push_back(node);
         }
     }
+    // A node whose ancestor goes too goes with it.
+    std::erase_if(doomed, [&doomed](const struct lyd_node *node) {
+        for (const struct lyd_node *up = lyd_parent(node); up != nullptr; up = lyd_parent(up)) {
+            if (std::find(doomed.begin(), doomed.end(), up) != doomed.end()) {
+                return true;
+            }
+        }
+        return false;
+    });
     if (doomed.empty()) {
         *error = "no data at " + text;
         return false;

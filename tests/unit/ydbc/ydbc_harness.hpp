@@ -67,6 +67,7 @@ struct Delivery {
     std::string path;
     std::string oldXml;  // what ydbc_pull(old 1) gave, "-" when it failed
     std::string newXml;  // what ydbc_pull(old 0) gave, "-" when it failed
+    std::string below = {};  // ydbc_pull(old 0) of the path plus pullBelow
 };
 
 class Subscriber {
@@ -153,6 +154,8 @@ public:
     std::vector<uint32_t> recoverResults;
     size_t changesAtRecoverEnd = 0;
     std::map<std::string, uint32_t> refuse;  // instance path -> result
+    std::string pullBelow;
+    uint32_t delayMs = 0;  // how long a configuration callback takes
     std::string getReply;
     uint32_t getResult = 0;
     uint32_t rpcResult = 0;
@@ -161,6 +164,12 @@ public:
     std::atomic<uint32_t> hangupEvents{0};
     std::atomic<int> reconnects{0};
 
+    // Changes what the callbacks answer, under their lock.
+    void With(const std::function<void(Subscriber &)> &change)
+    {
+        std::lock_guard<std::mutex> lock(mu);
+        change(*this);
+    }
     std::vector<Delivery> Changes()
     {
         std::lock_guard<std::mutex> lock(mu);
@@ -196,7 +205,16 @@ private:
     }
     static uint32_t OnChange(void *ctx, uint32_t op, uint32_t, uint32_t, const char *path)
     {
-        Delivery d{op, path, Pull(ctx, 1, path), Pull(ctx, 0, path)};
+        std::string below;
+        uint32_t delay = 0;
+        {
+            std::lock_guard<std::mutex> lock(current->mu);
+            below = current->pullBelow;
+            delay = current->delayMs;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+        Delivery d{op, path, Pull(ctx, 1, path), Pull(ctx, 0, path),
+                   below.empty() ? "" : Pull(ctx, 0, (path + below).c_str())};
         std::lock_guard<std::mutex> lock(current->mu);
         current->changes.push_back(d);
         auto it = current->refuse.find(path);

@@ -119,6 +119,33 @@ TEST_F(DatastoreTest, ChangesReachTheSubscriberWithTheirTypePathAndData)
     }
 }
 
+TEST_F(DatastoreTest, PullReadsBelowTheChangedNode)
+{
+    StartServer();
+    StartSubscriber({kPort + "/port-tags-formats"});
+    auto format = [](const std::string &type, const std::string &text) {
+        return "<port-tags-format><vlan-id>10</vlan-id><cevlan-id>0</cevlan-id><tags-encapsulation-type>" + type +
+               "</tags-encapsulation-type><ifIndex>49</ifIndex><tags-encapsulation-format>user-define"
+               "</tags-encapsulation-format><user-define-text>" + text + "</user-define-text></port-tags-format>";
+    };
+    subscriber_->With([](Subscriber &s) {
+        s.pullBelow = "/port-tags-format[vlan-id='10'][cevlan-id='0'][tags-encapsulation-type='remote-id']"
+                      "/user-define-text";
+    });
+    ASSERT_TRUE(admin_->Edit(PortXml(kGigabit, "<port-tags-formats>" + format("circuit-id", "%a") +
+                                                   format("remote-id", "%b") + "</port-tags-formats>"),
+                             EditMode::kMerge).ok);
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 1; }));
+    EXPECT_EQ(subscriber_->Changes()[0].below, "<user-define-text xmlns=\"" + kNs + "\">%b</user-define-text>");
+
+    // Below a path that is not there, or beside the changed node: nothing.
+    subscriber_->Forget();
+    subscriber_->With([](Subscriber &s) { s.pullBelow = "/port-tags-format[vlan-id='11']"; });
+    ASSERT_TRUE(admin_->Delete(PortItem(kGigabit, "port-tags-formats")).ok);
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 1; }));
+    EXPECT_EQ(subscriber_->Changes()[0].below, "-");
+}
+
 TEST_F(DatastoreTest, DeliveryFollowsPriorityThenSubscriptionOrderWithDeletesFirst)
 {
     StartServer();
@@ -153,7 +180,7 @@ TEST_F(DatastoreTest, RefusedChangeIsRolledBack)
 {
     StartServer();
     StartSubscriber({kEnable, kVendor, kTrusted});
-    subscriber_->refuse[kVendor] = 1;
+    subscriber_->With([&](Subscriber &s) { s.refuse[kVendor] = 1; });
     const std::string before = admin_->Export().text;
 
     plat::yangdb::Reply reply = admin_->Edit(
@@ -179,7 +206,7 @@ TEST_F(DatastoreTest, RefusedChangeIsRolledBack)
     subscriber_->Forget();
     const std::string trunk1 = PortItem("Eth-Trunk1", "trusted-port");
     const std::string trunk2 = PortItem("Eth-Trunk2", "trusted-port");
-    subscriber_->refuse[trunk2] = 23;
+    subscriber_->With([&](Subscriber &s) { s.refuse[trunk2] = 23; });
     reply = admin_->Edit(PortXml("Eth-Trunk1", "<trusted-port><ifindex>1</ifindex></trusted-port>") +
                              PortXml("Eth-Trunk2", "<trusted-port><ifindex>2</ifindex></trusted-port>"),
                          EditMode::kMerge);
@@ -195,6 +222,26 @@ TEST_F(DatastoreTest, RefusedChangeIsRolledBack)
     EXPECT_EQ(undone[2].oldXml, TrustedXml(1, false));
 }
 
+TEST_F(DatastoreTest, ASilentSubscriberFailsTheEditAndIsToldToUndoIt)
+{
+    setenv("YANGDB_REPLY_TIMEOUT_MS", "100", 1);
+    StartServer();
+    StartSubscriber({kTrusted});
+    subscriber_->With([](Subscriber &s) { s.delayMs = 300; });
+    const std::string before = admin_->Export().text;
+    const std::string item = PortItem(kGigabit, "trusted-port");
+    plat::yangdb::Reply reply =
+        admin_->Edit(PortXml(kGigabit, "<trusted-port><ifindex>49</ifindex></trusted-port>"), EditMode::kMerge);
+    EXPECT_EQ(reply.text, "no answer from pppoe_plus within 100 ms: create of " + item);
+    EXPECT_EQ(admin_->Export().text, before);
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 2; }));
+    const std::vector<Delivery> got = subscriber_->Changes();
+    EXPECT_EQ(got[0].op, YDBC_OP_CREATE);
+    EXPECT_EQ(got[1].op, YDBC_OP_DELETE);
+    EXPECT_EQ(got[1].path, item);
+    unsetenv("YANGDB_REPLY_TIMEOUT_MS");
+}
+
 TEST_F(DatastoreTest, GetsGoToTheStateSubscriberWithTheirKeys)
 {
     StartServer();
@@ -207,9 +254,9 @@ TEST_F(DatastoreTest, GetsGoToTheStateSubscriberWithTheirKeys)
     ASSERT_EQ(subscriber_->Activate(), 0U);
 
     // The agent writes the list key after the other leaf: still answered.
-    subscriber_->getReply = PlusXml(
+    subscriber_->With([&](Subscriber &s) { s.getReply = PlusXml(
         "<query-format-check><query-format-check-list><check-result>0</check-result>"
-        "<user-define-text>%a</user-define-text></query-format-check-list></query-format-check>");
+        "<user-define-text>%a</user-define-text></query-format-check-list></query-format-check>"); });
     const std::string asked = check + "[user-define-text='%a']";
     plat::yangdb::Reply reply = admin_->Get(asked);
     ASSERT_TRUE(reply.ok) << reply.text;
@@ -221,16 +268,16 @@ TEST_F(DatastoreTest, GetsGoToTheStateSubscriberWithTheirKeys)
         EXPECT_EQ(subscriber_->getPaths[0], asked);
     }
     // A reply that is not even XML comes back as it is.
-    subscriber_->getReply = "not xml <";
+    subscriber_->With([&](Subscriber &s) { s.getReply = "not xml <"; });
     EXPECT_EQ(admin_->Get(asked).text, "not xml <");
-    subscriber_->getResult = 1;
+    subscriber_->With([&](Subscriber &s) { s.getResult = 1; });
     EXPECT_FALSE(admin_->Get(asked).ok);
-    subscriber_->getResult = 0;
+    subscriber_->With([&](Subscriber &s) { s.getResult = 0; });
 
     // Configuration is read from the running tree, with its defaults; the
     // container above both joins configuration and the keyless state.
     EXPECT_NE(admin_->Get(kVendor).text.find("<vendor-id>3561</vendor-id>"), std::string::npos);
-    subscriber_->getReply = PlusXml("<query-policy><policy>1</policy><ignore-reply>0</ignore-reply></query-policy>");
+    subscriber_->With([&](Subscriber &s) { s.getReply = PlusXml("<query-policy><policy>1</policy><ignore-reply>0</ignore-reply></query-policy>"); });
     reply = admin_->Get(kPlus);
     ASSERT_TRUE(reply.ok) << reply.text;
     EXPECT_NE(reply.text.find("<policy>1</policy>"), std::string::npos) << reply.text;
@@ -263,7 +310,7 @@ TEST_F(DatastoreTest, OperationsAreValidatedThenForwarded)
     const std::string input = debugging("<debug-switch>true</debug-switch><debug-type>4</debug-type>");
     reply = admin_->Rpc(input);
     EXPECT_TRUE(reply.ok) << reply.text;
-    subscriber_->rpcResult = 1;
+    subscriber_->With([&](Subscriber &s) { s.rpcResult = 1; });
     EXPECT_EQ(admin_->Rpc(input).text, "operation set-debugging refused");
     {
         std::lock_guard<std::mutex> lock(subscriber_->mu);
