@@ -750,6 +750,13 @@ std::unique_ptr<Server> Server::Start(const ServerOptions &options, std::string 
         }
         return nullptr;
     }
+    // A socket file nobody answers on is left over from an earlier run.
+    if (int probe = wire::ConnectUnix(options.socketPath); probe >= 0) {
+        ::close(probe);
+        ::close(fd);
+        err = "another datastore is listening on " + options.socketPath;
+        return nullptr;
+    }
     ::unlink(options.socketPath.c_str());
     if (::bind(fd, reinterpret_cast<const struct sockaddr *>(&addr), sizeof addr) != 0 || ::listen(fd, 16) != 0) {
         err = "cannot listen on " + options.socketPath + ": " + std::strerror(errno);

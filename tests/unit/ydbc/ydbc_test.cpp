@@ -364,8 +364,12 @@ TEST_F(DatastoreTest, TheStoreSurvivesARestartAndABadStoreStopsTheStart)
     EXPECT_FALSE(std::filesystem::exists(options_.socketPath));
     EXPECT_FALSE(std::filesystem::exists(options_.storePath + ".tmp"));
 
+    std::ofstream(options_.socketPath) << "left over";  // a stale file is replaced
     StartServer();
     EXPECT_EQ(admin_->Export().text, exported);
+    std::string busy;
+    EXPECT_EQ(plat::yangdb::Server::Start(options_, &busy), nullptr);
+    EXPECT_EQ(busy, "another datastore is listening on " + options_.socketPath);
     // Import replaces everything.
     ASSERT_TRUE(admin_->Edit(PlusXml("<vendor-id><vendor-id>7</vendor-id></vendor-id>"), EditMode::kReplace).ok);
     EXPECT_EQ(admin_->Export().text.find("uplink"), std::string::npos);
