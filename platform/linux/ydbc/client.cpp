@@ -285,9 +285,9 @@ private:
             }
             std::string_view key = step.substr(open + 1, eq - open - 1);
             std::string_view value = step.substr(eq + 2, valueEnd - eq - 2);
-            size_t b = 0;
-            size_t e = 0;
-            if (!Child(key, &(b = begin), &(e = end)) || Text(b, e) != value) {
+            size_t b = begin;
+            size_t e = end;
+            if (!Child(key, &b, &e) || Text(b, e) != value) {
                 return false;
             }
             open = step.find('[', valueEnd);
