@@ -1,0 +1,456 @@
+// The datastore end to end: a server on a temporary socket and store with
+// the repository's YANG model, a subscriber on libydbc driven by an epoll
+// loop like the agent's, and a management session.
+#include "ydbc_harness.hpp"
+
+#include <plat_control.h>
+
+#include <fstream>
+#include <sstream>
+
+namespace ydbc_test {
+namespace {
+
+using plat::yangdb::EditMode;
+
+const std::string kTrusted = kPort + "/trusted-port";
+const std::string kVendor = kPlus + "/vendor-id";
+const std::string kEnable = kPlus + "/global-enable";
+const std::string kFormatIf = kPort + "/port-tags-formats/port-tags-format";
+const std::string kGigabit = "XGigabitEthernet0/0/1";
+
+std::string TrustedXml(uint32_t ifindex, bool enable)
+{
+    return "<trusted-port xmlns=\"" + kNs + "\"><ifindex>" + std::to_string(ifindex) +
+           "</ifindex><trusted-enable>" + (enable ? "true" : "false") + "</trusted-enable></trusted-port>";
+}
+
+std::string VendorXml(uint32_t id)
+{
+    return "<vendor-id xmlns=\"" + kNs + "\"><vendor-id>" + std::to_string(id) + "</vendor-id></vendor-id>";
+}
+
+TEST_F(DatastoreTest, InvalidEditsAreRefusedNamingTheNodeAndChangeNothing)
+{
+    StartServer();
+    StartSubscriber({kTrusted, kVendor, kFormatIf});
+    ASSERT_TRUE(admin_->Edit(PortXml(kGigabit, "<trusted-port><ifindex>49</ifindex></trusted-port>"),
+                             EditMode::kMerge).ok);
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 1; }));
+    subscriber_->Forget();
+    const std::string before = admin_->Export().text;
+
+    struct Case {
+        std::string xml;
+        std::string named;  // what the error must mention
+    } cases[] = {
+        // A presence container without its mandatory leaf.
+        {PortXml("Eth-Trunk1", "<port-tags-policy><tags-policy>drop</tags-policy></port-tags-policy>"), "ifindex"},
+        // Out of range.
+        {PortXml(kGigabit, "<port-tags-formats><port-tags-format><vlan-id>5000</vlan-id><cevlan-id>0</cevlan-id>"
+                           "<tags-encapsulation-type>circuit-id</tags-encapsulation-type><ifIndex>49</ifIndex>"
+                           "</port-tags-format></port-tags-formats>"),
+         "vlan-id"},
+        // A must condition, with the model's own message.
+        {PlusXml("<global-tags-format><tags-cid-encapsulation-format>user-define</tags-cid-encapsulation-format>"
+                 "</global-tags-format>"),
+         "cid-user-define-text"},
+        // Unknown elements and state data are not configuration.
+        {PlusXml("<vendor-id><vendor-idx>1</vendor-idx></vendor-id>"), "vendor-idx"},
+        {PlusXml("<query-policy><policy>1</policy></query-policy>"), "query-policy"},
+        // Not a number.
+        {PlusXml("<vendor-id><vendor-id>abc</vendor-id></vendor-id>"), "vendor-id"},
+    };
+    for (const Case &c : cases) {
+        plat::yangdb::Reply reply = admin_->Edit(c.xml, EditMode::kMerge);
+        EXPECT_FALSE(reply.ok) << c.xml;
+        EXPECT_NE(reply.text.find(c.named), std::string::npos) << reply.text;
+    }
+    // Deleting what is not there, a key, or an unknown path.
+    EXPECT_EQ(admin_->Delete(PortItem("Eth-Trunk9", "trusted-port")).text,
+              "no data at " + PortItem("Eth-Trunk9", "trusted-port"));
+    EXPECT_FALSE(admin_->Delete(PortItem(kGigabit, "trusted-port/ifindex")).ok);
+    EXPECT_FALSE(admin_->Delete("/quendal-ifm:ifm/interfaces/interface[name='" + kGigabit + "']/name").ok);
+    EXPECT_EQ(admin_->Delete(kPlus + "/no-such").text, "unknown path " + kPlus + "/no-such");
+
+    EXPECT_EQ(admin_->Export().text, before);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(subscriber_->ChangeCount(), 0U);
+}
+
+TEST_F(DatastoreTest, ChangesReachTheSubscriberWithTheirTypePathAndData)
+{
+    StartServer();
+    StartSubscriber({kTrusted, kVendor});
+    const std::string item = PortItem(kGigabit, "trusted-port");
+
+    // Create: the new data only, defaults included.
+    ASSERT_TRUE(admin_->Edit(PortXml(kGigabit, "<trusted-port><ifindex>49</ifindex></trusted-port>"),
+                             EditMode::kMerge).ok);
+    // Modify: before and after.
+    ASSERT_TRUE(admin_->Edit(PortXml(kGigabit, "<trusted-port><trusted-enable>true</trusted-enable></trusted-port>"),
+                             EditMode::kMerge).ok);
+    // A leaf set in a container that always exists is a modify; removing
+    // it is a modify back to the default.
+    ASSERT_TRUE(admin_->Edit(PlusXml("<vendor-id><vendor-id>9</vendor-id></vendor-id>"), EditMode::kMerge).ok);
+    ASSERT_TRUE(admin_->Delete(kVendor + "/vendor-id").ok);
+    // Delete: the old data only.
+    ASSERT_TRUE(admin_->Delete(item).ok);
+    // Nothing changed, nothing sent.
+    ASSERT_TRUE(admin_->Edit(PlusXml("<vendor-id><vendor-id>3561</vendor-id></vendor-id>"), EditMode::kMerge).ok);
+
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() >= 5; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    const std::vector<Delivery> got = subscriber_->Changes();
+    ASSERT_EQ(got.size(), 5U);
+    const std::string vendorItem = kPlus + "/vendor-id";
+    const Delivery want[] = {
+        {YDBC_OP_CREATE, item, "-", TrustedXml(49, false)},
+        {YDBC_OP_MODIFY, item, TrustedXml(49, false), TrustedXml(49, true)},
+        {YDBC_OP_MODIFY, vendorItem, VendorXml(3561), VendorXml(9)},
+        {YDBC_OP_MODIFY, vendorItem, VendorXml(9), VendorXml(3561)},
+        {YDBC_OP_DELETE, item, TrustedXml(49, true), "-"},
+    };
+    for (size_t i = 0; i < got.size(); ++i) {
+        EXPECT_EQ(got[i].op, want[i].op) << i;
+        EXPECT_EQ(got[i].path, want[i].path) << i;
+        EXPECT_EQ(got[i].oldXml, want[i].oldXml) << i;
+        EXPECT_EQ(got[i].newXml, want[i].newXml) << i;
+    }
+}
+
+TEST_F(DatastoreTest, PullReadsBelowTheChangedNode)
+{
+    StartServer();
+    StartSubscriber({kPort + "/port-tags-formats"});
+    auto format = [](const std::string &type, const std::string &text) {
+        return "<port-tags-format><vlan-id>10</vlan-id><cevlan-id>0</cevlan-id><tags-encapsulation-type>" + type +
+               "</tags-encapsulation-type><ifIndex>49</ifIndex><tags-encapsulation-format>user-define"
+               "</tags-encapsulation-format><user-define-text>" + text + "</user-define-text></port-tags-format>";
+    };
+    subscriber_->With([](Subscriber &s) {
+        s.pullBelow = "/port-tags-format[vlan-id='10'][cevlan-id='0'][tags-encapsulation-type='remote-id']"
+                      "/user-define-text";
+    });
+    ASSERT_TRUE(admin_->Edit(PortXml(kGigabit, "<port-tags-formats>" + format("circuit-id", "%a") +
+                                                   format("remote-id", "%b") + "</port-tags-formats>"),
+                             EditMode::kMerge).ok);
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 1; }));
+    EXPECT_EQ(subscriber_->Changes()[0].below, "<user-define-text xmlns=\"" + kNs + "\">%b</user-define-text>");
+
+    // Below a path that is not there, or beside the changed node: nothing.
+    subscriber_->Forget();
+    subscriber_->With([](Subscriber &s) { s.pullBelow = "/port-tags-format[vlan-id='11']"; });
+    ASSERT_TRUE(admin_->Delete(PortItem(kGigabit, "port-tags-formats")).ok);
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 1; }));
+    EXPECT_EQ(subscriber_->Changes()[0].below, "-");
+}
+
+TEST_F(DatastoreTest, DeliveryFollowsPriorityThenSubscriptionOrderWithDeletesFirst)
+{
+    StartServer();
+    ASSERT_TRUE(admin_->Edit(PortXml("Eth-Trunk1", "<trusted-port><ifindex>7</ifindex></trusted-port>"),
+                             EditMode::kMerge).ok);
+    subscriber_ = std::make_unique<Subscriber>(Url());
+    ASSERT_TRUE(subscriber_->Connect());
+    ASSERT_EQ(subscriber_->SubscribeConfig(kTrusted, 200), 0U);
+    ASSERT_EQ(subscriber_->SubscribeConfig(kVendor, 100), 0U);
+    ASSERT_EQ(subscriber_->SubscribeConfig(kEnable, 100), 0U);
+    ASSERT_EQ(subscriber_->Activate(), 0U);
+    subscriber_->StartLoop();
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->RecoverCount() == 1; }));
+    subscriber_->Forget();
+
+    // One import that moves the trusted port and changes two globals.
+    const std::string import =
+        PlusXml("<global-enable><enable>true</enable></global-enable><vendor-id><vendor-id>5</vendor-id></vendor-id>") +
+        PortXml("Eth-Trunk2", "<trusted-port><ifindex>8</ifindex></trusted-port>");
+    ASSERT_TRUE(admin_->Edit(import, EditMode::kReplace).ok);
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 4; }));
+    const std::vector<Delivery> got = subscriber_->Changes();
+    EXPECT_EQ(got[0].path, kVendor);
+    EXPECT_EQ(got[1].path, kEnable);
+    EXPECT_EQ(got[2].op, YDBC_OP_DELETE);
+    EXPECT_EQ(got[2].path, PortItem("Eth-Trunk1", "trusted-port"));
+    EXPECT_EQ(got[3].op, YDBC_OP_CREATE);
+    EXPECT_EQ(got[3].path, PortItem("Eth-Trunk2", "trusted-port"));
+}
+
+TEST_F(DatastoreTest, RefusedChangeIsRolledBack)
+{
+    StartServer();
+    StartSubscriber({kEnable, kVendor, kTrusted});
+    subscriber_->With([&](Subscriber &s) { s.refuse[kVendor] = 1; });
+    const std::string before = admin_->Export().text;
+
+    plat::yangdb::Reply reply = admin_->Edit(
+        PlusXml("<global-enable><enable>true</enable></global-enable><vendor-id><vendor-id>5</vendor-id></vendor-id>"),
+        EditMode::kMerge);
+    EXPECT_FALSE(reply.ok);
+    EXPECT_EQ(reply.text, "refused by pppoe_plus: modify of " + kVendor + " (result 1)");
+    EXPECT_EQ(admin_->Export().text, before);
+    EXPECT_NE(admin_->Get(kEnable).text.find("<enable>false</enable>"), std::string::npos);
+
+    // The accepted switch is put back with the inverse modify.
+    const std::vector<Delivery> got = subscriber_->Changes();
+    ASSERT_EQ(got.size(), 3U);
+    EXPECT_EQ(got[0].path, kEnable);
+    EXPECT_EQ(got[1].path, kVendor);
+    EXPECT_EQ(got[2].op, YDBC_OP_MODIFY);
+    EXPECT_EQ(got[2].path, kEnable);
+    EXPECT_EQ(got[2].oldXml, got[0].newXml);
+    EXPECT_EQ(got[2].newXml, got[0].oldXml);
+
+    // A refused create needs no undoing; the accepted one before it in the
+    // same edit is deleted again.
+    subscriber_->Forget();
+    const std::string trunk1 = PortItem("Eth-Trunk1", "trusted-port");
+    const std::string trunk2 = PortItem("Eth-Trunk2", "trusted-port");
+    subscriber_->With([&](Subscriber &s) { s.refuse[trunk2] = 23; });
+    reply = admin_->Edit(PortXml("Eth-Trunk1", "<trusted-port><ifindex>1</ifindex></trusted-port>") +
+                             PortXml("Eth-Trunk2", "<trusted-port><ifindex>2</ifindex></trusted-port>"),
+                         EditMode::kMerge);
+    EXPECT_EQ(reply.text, "refused by pppoe_plus: create of " + trunk2 + " (result 23)");
+    EXPECT_EQ(admin_->Export().text, before);
+    const std::vector<Delivery> undone = subscriber_->Changes();
+    ASSERT_EQ(undone.size(), 3U);
+    EXPECT_EQ(undone[0].op, YDBC_OP_CREATE);
+    EXPECT_EQ(undone[0].path, trunk1);
+    EXPECT_EQ(undone[1].path, trunk2);
+    EXPECT_EQ(undone[2].op, YDBC_OP_DELETE);
+    EXPECT_EQ(undone[2].path, trunk1);
+    EXPECT_EQ(undone[2].oldXml, TrustedXml(1, false));
+}
+
+TEST_F(DatastoreTest, ASilentSubscriberFailsTheEditAndIsToldToUndoIt)
+{
+    setenv("YANGDB_REPLY_TIMEOUT_MS", "100", 1);
+    StartServer();
+    StartSubscriber({kTrusted});
+    subscriber_->With([](Subscriber &s) { s.delayMs = 300; });
+    const std::string before = admin_->Export().text;
+    const std::string item = PortItem(kGigabit, "trusted-port");
+    plat::yangdb::Reply reply =
+        admin_->Edit(PortXml(kGigabit, "<trusted-port><ifindex>49</ifindex></trusted-port>"), EditMode::kMerge);
+    EXPECT_EQ(reply.text, "no answer from pppoe_plus within 100 ms: create of " + item);
+    EXPECT_EQ(admin_->Export().text, before);
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 2; }));
+    const std::vector<Delivery> got = subscriber_->Changes();
+    EXPECT_EQ(got[0].op, YDBC_OP_CREATE);
+    EXPECT_EQ(got[1].op, YDBC_OP_DELETE);
+    EXPECT_EQ(got[1].path, item);
+    unsetenv("YANGDB_REPLY_TIMEOUT_MS");
+}
+
+TEST_F(DatastoreTest, GetsGoToTheStateSubscriberWithTheirKeys)
+{
+    StartServer();
+    const std::string check = kPlus + "/query-format-check/query-format-check-list";
+    EXPECT_EQ(admin_->Get(check + "[user-define-text='%a']").text,
+              "no subscriber serves " + check + "[user-define-text='%a']");
+    StartSubscriber({});
+    ASSERT_EQ(subscriber_->SubscribeGet(check), 0U);
+    ASSERT_EQ(subscriber_->SubscribeGet(kPlus + "/query-policy"), 0U);
+    ASSERT_EQ(subscriber_->Activate(), 0U);
+
+    // The agent writes the list key after the other leaf: still answered.
+    subscriber_->With([&](Subscriber &s) { s.getReply = PlusXml(
+        "<query-format-check><query-format-check-list><check-result>0</check-result>"
+        "<user-define-text>%a</user-define-text></query-format-check-list></query-format-check>"); });
+    const std::string asked = check + "[user-define-text='%a']";
+    plat::yangdb::Reply reply = admin_->Get(asked);
+    ASSERT_TRUE(reply.ok) << reply.text;
+    EXPECT_NE(reply.text.find("<check-result>0</check-result>"), std::string::npos) << reply.text;
+    EXPECT_NE(reply.text.find("<user-define-text>%a</user-define-text>"), std::string::npos) << reply.text;
+    {
+        std::lock_guard<std::mutex> lock(subscriber_->mu);
+        ASSERT_EQ(subscriber_->getPaths.size(), 1U);
+        EXPECT_EQ(subscriber_->getPaths[0], asked);
+    }
+    // A reply that is not even XML comes back as it is.
+    subscriber_->With([&](Subscriber &s) { s.getReply = "not xml <"; });
+    EXPECT_EQ(admin_->Get(asked).text, "not xml <");
+    subscriber_->With([&](Subscriber &s) { s.getResult = 1; });
+    EXPECT_FALSE(admin_->Get(asked).ok);
+    subscriber_->With([&](Subscriber &s) { s.getResult = 0; });
+
+    // Configuration is read from the running tree, with its defaults; the
+    // container above both joins configuration and the keyless state.
+    EXPECT_NE(admin_->Get(kVendor).text.find("<vendor-id>3561</vendor-id>"), std::string::npos);
+    subscriber_->With([&](Subscriber &s) { s.getReply = PlusXml("<query-policy><policy>1</policy><ignore-reply>0</ignore-reply></query-policy>"); });
+    reply = admin_->Get(kPlus);
+    ASSERT_TRUE(reply.ok) << reply.text;
+    EXPECT_NE(reply.text.find("<policy>1</policy>"), std::string::npos) << reply.text;
+    EXPECT_NE(reply.text.find("<tags-policy>replace</tags-policy>"), std::string::npos) << reply.text;
+    EXPECT_EQ(admin_->Get(kPlus + "/query-encapsulation").text, "no subscriber serves " + kPlus + "/query-encapsulation");
+    EXPECT_EQ(admin_->Get("/quendal-pppoe-plus:nothing").text, "unknown path /quendal-pppoe-plus:nothing");
+}
+
+TEST_F(DatastoreTest, OperationsAreValidatedThenForwarded)
+{
+    StartServer();
+    StartSubscriber({});
+    ASSERT_EQ(subscriber_->SubscribeRpc("/quendal-pppoe-plus:set-debugging"), 0U);
+    ASSERT_EQ(subscriber_->Activate(), 0U);
+    auto debugging = [](const std::string &body) {
+        return "<set-debugging xmlns=\"" + kNs + "\">" + body + "</set-debugging>";
+    };
+
+    plat::yangdb::Reply reply = admin_->Rpc(debugging("<debug-switch>true</debug-switch>"));
+    EXPECT_FALSE(reply.ok);
+    EXPECT_NE(reply.text.find("debug-type"), std::string::npos) << reply.text;
+    reply = admin_->Rpc(debugging("<debug-switch>true</debug-switch><debug-type>5</debug-type>"));
+    EXPECT_FALSE(reply.ok);
+    EXPECT_NE(reply.text.find("debug-type"), std::string::npos) << reply.text;
+    {
+        std::lock_guard<std::mutex> lock(subscriber_->mu);
+        EXPECT_TRUE(subscriber_->rpcInputs.empty());
+    }
+
+    const std::string input = debugging("<debug-switch>true</debug-switch><debug-type>4</debug-type>");
+    reply = admin_->Rpc(input);
+    EXPECT_TRUE(reply.ok) << reply.text;
+    subscriber_->With([&](Subscriber &s) { s.rpcResult = 1; });
+    EXPECT_EQ(admin_->Rpc(input).text, "operation set-debugging refused");
+    {
+        std::lock_guard<std::mutex> lock(subscriber_->mu);
+        ASSERT_EQ(subscriber_->rpcInputs.size(), 2U);
+        EXPECT_EQ(subscriber_->rpcInputs[0], input);
+    }
+    EXPECT_EQ(admin_->Rpc("<reset-statistics xmlns=\"" + kNs + "\"/>").text,
+              "no subscriber serves /quendal-pppoe-plus:reset-statistics");
+}
+
+TEST_F(DatastoreTest, ActivationReplaysTheStoredConfigurationThenEndsTheRecovery)
+{
+    StartServer();
+    ASSERT_TRUE(admin_->Edit(PortXml(kGigabit, "<trusted-port><ifindex>49</ifindex></trusted-port>") +
+                                 PortXml("Eth-Trunk1", "<trusted-port><ifindex>7</ifindex></trusted-port>"),
+                             EditMode::kMerge).ok);
+    subscriber_ = std::make_unique<Subscriber>(Url());
+    ASSERT_TRUE(subscriber_->Connect());
+    EXPECT_NE(subscriber_->SubscribeConfig(kPlus + "/no-such-thing"), 0U);
+    EXPECT_NE(subscriber_->SubscribeConfig(kPlus + "/query-policy"), 0U);  // state, not configuration
+    ASSERT_EQ(subscriber_->SubscribeConfig(kTrusted), 0U);
+    ASSERT_EQ(subscriber_->SubscribeConfig(kEnable), 0U);
+    ASSERT_EQ(subscriber_->Activate(), 0U);
+    subscriber_->StartLoop();
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->RecoverCount() == 1; }));
+
+    std::lock_guard<std::mutex> lock(subscriber_->mu);
+    EXPECT_EQ(subscriber_->recoverResults[0], 1U);
+    ASSERT_EQ(subscriber_->changes.size(), 3U);
+    EXPECT_EQ(subscriber_->changesAtRecoverEnd, 3U);
+    for (const Delivery &d : subscriber_->changes) {
+        EXPECT_EQ(d.op, YDBC_OP_CREATE);
+        EXPECT_EQ(d.oldXml, "-");
+    }
+    EXPECT_EQ(subscriber_->changes[0].path, PortItem(kGigabit, "trusted-port"));
+    EXPECT_EQ(subscriber_->changes[0].newXml, TrustedXml(49, false));
+    EXPECT_EQ(subscriber_->changes[2].path, kEnable);
+    EXPECT_EQ(subscriber_->changes[2].newXml, "<global-enable xmlns=\"" + kNs + "\"><enable>false</enable></global-enable>");
+}
+
+TEST_F(DatastoreTest, TheStoreSurvivesARestartAndABadStoreStopsTheStart)
+{
+    StartServer();
+    const std::string edit = PortXml(kGigabit, "<if-description><ifIndex>49</ifIndex><ifDescr>uplink</ifDescr>"
+                                               "</if-description>");
+    ASSERT_TRUE(admin_->Edit(edit, EditMode::kMerge).ok);
+    const std::string exported = admin_->Export().text;
+    EXPECT_NE(exported.find("<ifDescr>uplink</ifDescr>"), std::string::npos);
+    admin_.reset();
+    server_.reset();
+    EXPECT_FALSE(std::filesystem::exists(options_.socketPath));
+    EXPECT_FALSE(std::filesystem::exists(options_.storePath + ".tmp"));
+
+    std::ofstream(options_.socketPath) << "left over";  // a stale file is replaced
+    StartServer();
+    EXPECT_EQ(admin_->Export().text, exported);
+    std::string busy;
+    EXPECT_EQ(plat::yangdb::Server::Start(options_, &busy), nullptr);
+    EXPECT_EQ(busy, "another datastore is listening on " + options_.socketPath);
+    // Import replaces everything.
+    ASSERT_TRUE(admin_->Edit(PlusXml("<vendor-id><vendor-id>7</vendor-id></vendor-id>"), EditMode::kReplace).ok);
+    EXPECT_EQ(admin_->Export().text.find("uplink"), std::string::npos);
+    admin_.reset();
+    server_.reset();
+
+    std::ofstream(options_.storePath) << PlusXml("<vendor-id><vendor-id>-1</vendor-id></vendor-id>");
+    std::string error;
+    EXPECT_EQ(plat::yangdb::Server::Start(options_, &error), nullptr);
+    EXPECT_NE(error.find(options_.storePath), std::string::npos) << error;
+    EXPECT_NE(error.find("vendor-id"), std::string::npos) << error;
+}
+
+TEST_F(DatastoreTest, LostDatastoreShowsAsHangUpAndReconnectReplaysWithoutResubscribing)
+{
+    StartServer();
+    ASSERT_TRUE(admin_->Edit(PortXml(kGigabit, "<trusted-port><ifindex>49</ifindex></trusted-port>"),
+                             EditMode::kMerge).ok);
+    StartSubscriber({kTrusted});
+    admin_.reset();
+    server_.reset();
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->hangups == 1; }));
+    EXPECT_EQ(subscriber_->hangupEvents & (EPOLLIN | EPOLLPRI), 0U);
+    EXPECT_NE(subscriber_->hangupEvents & EPOLLHUP, 0U);
+    EXPECT_NE(ydbc_run(subscriber_->client(), 1000), 0U);
+
+    StartServer();
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->RecoverCount() == 1; }));
+    EXPECT_EQ(subscriber_->reconnects, 1);
+    std::vector<Delivery> got = subscriber_->Changes();
+    ASSERT_EQ(got.size(), 1U);
+    EXPECT_EQ(got[0].op, YDBC_OP_CREATE);
+    EXPECT_EQ(got[0].path, PortItem(kGigabit, "trusted-port"));
+
+    // The subscription works on the new connection too.
+    ASSERT_TRUE(admin_->Delete(PortItem(kGigabit, "trusted-port")).ok);
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 2; }));
+    EXPECT_EQ(subscriber_->Changes()[1].op, YDBC_OP_DELETE);
+}
+
+TEST_F(DatastoreTest, ClientEntryPointsFailCleanly)
+{
+    StartServer();
+    ydbc_client *client = ydbc_client_new("probe", 1, nullptr);
+    ASSERT_NE(client, nullptr);
+    ydbc_subscription row{};
+    row.path = kVendor.c_str();
+    row.kind = YDBC_SUB_CONFIG;
+    row.configCallback = reinterpret_cast<void *>(+[](void *, uint32_t, uint32_t, uint32_t, const char *) {
+        return 0U;
+    });
+    EXPECT_NE(ydbc_subscribe(client, &row), 0U);  // not connected
+    EXPECT_EQ(ydbc_connect(client, "tcp://localhost"), -1);
+    EXPECT_EQ(ydbc_connect(client, ("unix://" + dir_ + "/absent.sock").c_str()), -1);
+
+    PLAT_FailSet("ydbc_connect", 0, 1, 1);
+    EXPECT_EQ(ydbc_connect(client, Url().c_str()), -1);
+    int fd = ydbc_connect(client, Url().c_str());
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(ydbc_subscribe(client, &row), 0U);
+    PLAT_FailSet("ydbc_activate", 0, 1, 7);
+    EXPECT_EQ(ydbc_activate(client, 0, nullptr, nullptr), 7U);
+    EXPECT_EQ(ydbc_activate(client, 0, nullptr, nullptr), 0U);
+    EXPECT_EQ(ydbc_run(client, 1000), 0U);
+    ydbc_client_free(client);
+
+    // The environment names the socket whatever the URL says.
+    setenv(YDBC_SOCKET_ENV, options_.socketPath.c_str(), 1);
+    client = ydbc_client_new("probe", 1, nullptr);
+    EXPECT_GE(ydbc_connect(client, YDBC_DEFAULT_URL), 0);
+    ydbc_client_free(client);
+    EXPECT_EQ(plat::yangdb::DefaultSocketPath(), options_.socketPath);
+    unsetenv(YDBC_SOCKET_ENV);
+
+    ydbc_bytes *bytes = ydbc_new_bytes("<a/>x", 4, YDBC_BYTES_XML);
+    ASSERT_NE(bytes, nullptr);
+    EXPECT_STREQ(bytes->text, "<a/>");
+    EXPECT_EQ(bytes->length, 4U);
+    ydbc_free_bytes(bytes);
+    EXPECT_EQ(ydbc_pull(nullptr, 0, "/x", 0, &bytes), 1U);
+}
+
+}  // namespace
+}  // namespace ydbc_test
