@@ -140,8 +140,10 @@ TEST_F(Replay, BadPortsFilesAndSettingsAreRefusedByName)
         {{"--capture-dir", missing}, missing + ": not a folder"},
         {{"--startup-config", WriteConfig("<global-tags-policy><tags-policy>sometimes</tags-policy>"
                                           "</global-tags-policy>", "", "a.xml")},
-         "a.xml: "},
-        {{"--startup-config", WriteConfig("<turbo>yes</turbo>", "", "b.xml")}, "b.xml: "},
+         "a.xml: invalid data: Invalid enumeration value \"sometimes\". (at "
+         "/quendal-pppoe-plus:pppoe-plus/global-tags-policy/tags-policy)"},
+        {{"--startup-config", WriteConfig("<turbo>yes</turbo>", "", "b.xml")},
+         "b.xml: invalid data: Node \"turbo\" not found as a child of \"pppoe-plus\" node."},
     };
     for (const Row &row : rows) {
         std::vector<std::string> args{"--topology", kExamples + "/topology.yaml"};

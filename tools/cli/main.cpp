@@ -205,6 +205,18 @@ Action Query(const std::string *what)
     };
 }
 
+// Adds a required positional argument (one of choices when given); the command.
+template <typename T>
+CLI::App *Arg(CLI::App *cmd, const std::string &name, T &value, const std::string &help,
+              const std::vector<std::string> &choices = {})
+{
+    CLI::Option *option = cmd->add_option(name, value, help)->required();
+    if (!choices.empty()) {
+        option->check(CLI::IsMember(choices));
+    }
+    return cmd;
+}
+
 void AddWorldCommands(CLI::App &app, std::string *line)
 {
     // "<group> <verb> <args...>" as the control socket takes it.
@@ -279,8 +291,7 @@ int main(int argc, char **argv)
     // YANG tooling: whole documents and paths.
     std::string file;
     std::string path;
-    on(app.add_subcommand("import", "Replace the running configuration with an XML document")
-           ->add_option("file", file, "XML file, - for standard input")->required()->parent(),
+    on(Arg(app.add_subcommand("import", "Replace the running configuration with an XML document"), "file", file, "XML file, - for standard input"),
        FromFile(&file, [](Admin &a, const std::string &xml) { return a.Edit(xml, EditMode::kReplace); }));
     CLI::App *exportCmd = app.add_subcommand("export", "Print the running configuration as XML");
     exportCmd->add_option("file", file, "Write it to this file instead");
@@ -295,17 +306,13 @@ int main(int argc, char **argv)
             return out ? 0 : Fail("cannot write " + file);
         });
     });
-    on(app.add_subcommand("edit", "Merge an XML document into the running configuration")
-           ->add_option("file", file, "XML file, - for standard input")->required()->parent(),
+    on(Arg(app.add_subcommand("edit", "Merge an XML document into the running configuration"), "file", file, "XML file, - for standard input"),
        FromFile(&file, [](Admin &a, const std::string &xml) { return a.Edit(xml, EditMode::kMerge); }));
-    on(app.add_subcommand("delete", "Remove the configuration at an instance path")
-           ->add_option("path", path, "for example /quendal-pppoe-plus:pppoe-plus/vendor-id")->required()->parent(),
+    on(Arg(app.add_subcommand("delete", "Remove the configuration at an instance path"), "path", path, "for example /quendal-pppoe-plus:pppoe-plus/vendor-id"),
        [&path](const Globals &gl) { return WithDatastore(gl, [&path](Admin &a) { return a.Delete(path); }); });
-    on(app.add_subcommand("get", "Read configuration or state at a path")
-           ->add_option("path", path, "for example /quendal-pppoe-plus:pppoe-plus/query-policy")->required()->parent(),
+    on(Arg(app.add_subcommand("get", "Read configuration or state at a path"), "path", path, "for example /quendal-pppoe-plus:pppoe-plus/query-policy"),
        [&path](const Globals &gl) { return WithDatastore(gl, [&path](Admin &a) { return a.Get(path); }); });
-    on(app.add_subcommand("rpc", "Call an operation with its XML input")
-           ->add_option("file", file, "XML file, - for standard input")->required()->parent(),
+    on(Arg(app.add_subcommand("rpc", "Call an operation with its XML input"), "file", file, "XML file, - for standard input"),
        FromFile(&file, [](Admin &a, const std::string &xml) { return a.Rpc(xml); }));
 
     // Short forms.
@@ -343,20 +350,14 @@ int main(int argc, char **argv)
     });
 
     uint32_t vendorId = 0;
-    on(app.add_subcommand("vendor-id", "Set the enterprise number of the Vendor-Specific tag")
-           ->add_option("number", vendorId, "for example 3561")->required()->parent(),
+    on(Arg(app.add_subcommand("vendor-id", "Set the enterprise number of the Vendor-Specific tag"), "number", vendorId, "for example 3561"),
        [&vendorId](const Globals &gl) { return Merge(gl, pplus_cli::VendorIdXml(vendorId)); });
 
     std::string encapsulation;
-    on(app.add_subcommand("encapsulation", "Choose the sub-options inserted")
-           ->add_option("type", encapsulation, "circuit-id, remote-id or both")
-           ->required()
-           ->check(CLI::IsMember({"circuit-id", "remote-id", "both"}))
-           ->parent(),
+    on(Arg(app.add_subcommand("encapsulation", "Choose the sub-options inserted"), "type", encapsulation, "circuit-id, remote-id or both", {"circuit-id", "remote-id", "both"}),
        [&encapsulation](const Globals &gl) { return Merge(gl, pplus_cli::EncapsulationXml(encapsulation)); });
 
-    on(app.add_subcommand("ignore-reply", "Ignore replies from untrusted ports (on) or not (off)")
-           ->add_option("state", onOff, "on or off")->required()->check(CLI::IsMember({"on", "off"}))->parent(),
+    on(Arg(app.add_subcommand("ignore-reply", "Ignore replies from untrusted ports (on) or not (off)"), "state", onOff, "on or off", {"on", "off"}),
        [&onOff](const Globals &gl) { return Merge(gl, pplus_cli::IgnoreReplyXml(onOff == "on")); });
 
     std::string which;
@@ -411,15 +412,10 @@ int main(int argc, char **argv)
     });
 
     std::string what;
-    on(app.add_subcommand("show", "Show the agent's state")
-           ->add_option("what", what, "statistics, encapsulation, policy, format or config")
-           ->required()
-           ->check(CLI::IsMember({"statistics", "encapsulation", "policy", "format", "config"}))
-           ->parent(),
+    on(Arg(app.add_subcommand("show", "Show the agent's state"), "what", what, "statistics, encapsulation, policy, format or config", {"statistics", "encapsulation", "policy", "format", "config"}),
        Query(&what));
 
-    on(app.add_subcommand("check-format", "Check a user-defined format string")
-           ->add_option("text", text, "The format string")->required()->parent(),
+    on(Arg(app.add_subcommand("check-format", "Check a user-defined format string"), "text", text, "The format string"),
        [&text](const Globals &gl) {
            std::string why;
            const auto query = pplus_cli::FormatCheckPath(text, &why);
@@ -434,15 +430,7 @@ int main(int argc, char **argv)
        });
 
     std::string level;
-    on(app.add_subcommand("debug", "Switch a debug level (0 to 3, or all) on or off")
-           ->add_option("level", level, "0, 1, 2, 3 or all")
-           ->required()
-           ->check(CLI::IsMember({"0", "1", "2", "3", "all"}))
-           ->parent()
-           ->add_option("state", onOff, "on or off")
-           ->required()
-           ->check(CLI::IsMember({"on", "off"}))
-           ->parent(),
+    on(Arg(Arg(app.add_subcommand("debug", "Switch a debug level (0 to 3, or all) on or off"), "level", level, "0, 1, 2, 3 or all", {"0", "1", "2", "3", "all"}), "state", onOff, "on or off", {"on", "off"}),
        [&level, &onOff](const Globals &gl) {
            const uint32_t type = level == "all" ? 4U : static_cast<uint32_t>(std::stoul(level));
            return WithDatastore(gl, [&](Admin &a) { return a.Rpc(pplus_cli::SetDebuggingXml(type, onOff == "on")); });

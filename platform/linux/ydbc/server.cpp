@@ -184,6 +184,7 @@ struct Server::Impl {
     std::vector<ConnectionPtr> conns;
     std::set<uint32_t> awaited;
     std::map<uint32_t, Message> results;
+    std::map<std::string, uint32_t> replays;  // finished replays per client name
 
     // Worker only.
     uint32_t nextId = 1;
@@ -529,6 +530,11 @@ void Server::Impl::Replay(const ConnectionPtr &conn)
     end.type = Type::kRecoverEnd;
     end.fields = {std::to_string(success)};
     conn->Send(end);
+    {
+        std::lock_guard<std::mutex> lock(mu);
+        replays[conn->name]++;
+    }
+    cv.notify_all();
 }
 
 Reply Server::Impl::Get(const std::string &path)
@@ -709,6 +715,15 @@ Server::~Server() = default;
 const std::string &Server::SocketPath() const
 {
     return impl_->options.socketPath;
+}
+
+bool Server::WaitReplayed(std::string_view client, std::chrono::milliseconds timeout) const
+{
+    std::unique_lock<std::mutex> lock(impl_->mu);
+    return impl_->cv.wait_for(lock, timeout, [this, client]() {
+        const auto found = impl_->replays.find(std::string(client));
+        return found != impl_->replays.end() && found->second > 0;
+    });
 }
 
 std::unique_ptr<Server> Server::Start(const ServerOptions &options, std::string *error)
