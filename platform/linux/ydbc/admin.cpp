@@ -3,6 +3,9 @@
 #include <plat_yangdb.hpp>
 
 #include "wire.hpp"
+#include "yang_store.hpp"
+
+#include <plat_control.h>
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -52,6 +55,13 @@ Admin::~Admin() = default;
 
 std::unique_ptr<Admin> Admin::Connect(const std::string &socketPath, std::string *error)
 {
+    uint32_t code = 0;
+    if (PLAT_FailCheck(kConnectOp, &code) != 0) {
+        if (error != nullptr) {
+            *error = "cannot connect to the datastore at " + socketPath + ": " + std::strerror(static_cast<int>(code));
+        }
+        return nullptr;
+    }
     int fd = wire::ConnectUnix(socketPath);
     if (fd < 0) {
         if (error != nullptr) {

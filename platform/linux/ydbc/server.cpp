@@ -17,6 +17,8 @@
 #include "wire.hpp"
 #include "yang_store.hpp"
 
+#include <plat_control.h>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -730,6 +732,11 @@ std::unique_ptr<Server> Server::Start(const ServerOptions &options, std::string 
 {
     std::string scratch;
     std::string &err = error != nullptr ? *error : scratch;
+    uint32_t code = 0;
+    if (PLAT_FailCheck(kStartOp, &code) != 0) {
+        err = "cannot start the datastore (injected failure " + std::to_string(code) + ")";
+        return nullptr;
+    }
     auto impl = std::make_unique<Impl>();
     impl->options = options;
     impl->timeout = ReplyTimeout();

@@ -28,6 +28,13 @@ struct Instance {
     std::string xml;   // the subtree rooted at the instance, with default values
 };
 
+// Names under which the platform's failure injection reaches the datastore:
+// saving the configuration (the code is the errno reported), starting the
+// server and connecting a management session.
+inline constexpr const char kSaveOp[] = "plat::yangdb::Save";
+inline constexpr const char kStartOp[] = "plat::yangdb::Server::Start";
+inline constexpr const char kConnectOp[] = "plat::yangdb::Admin::Connect";
+
 class YangStore {
 public:
     YangStore() = default;

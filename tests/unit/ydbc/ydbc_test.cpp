@@ -222,6 +222,27 @@ TEST_F(DatastoreTest, RefusedChangeIsRolledBack)
     EXPECT_EQ(undone[2].oldXml, TrustedXml(1, false));
 }
 
+TEST_F(DatastoreTest, AnEditThatCannotBeSavedIsUndone)
+{
+    StartServer();
+    StartSubscriber({kVendor});
+    const std::string before = admin_->Export().text;
+    PLAT_FailSet("plat::yangdb::Save", 0, 1, ENOSPC);
+    plat::yangdb::Reply reply = admin_->Edit(PlusXml("<vendor-id><vendor-id>5</vendor-id></vendor-id>"), EditMode::kMerge);
+    EXPECT_EQ(reply.text, "cannot save the configuration: " + options_.storePath + ": No space left on device");
+    EXPECT_EQ(admin_->Export().text, before);
+    const std::vector<Delivery> got = subscriber_->Changes();
+    ASSERT_EQ(got.size(), 2U);
+    EXPECT_EQ(got[1].newXml, VendorXml(3561));
+
+    PLAT_FailSet("plat::yangdb::Server::Start", 0, 1, 1);
+    std::string error;
+    EXPECT_EQ(plat::yangdb::Server::Start(options_, &error), nullptr);
+    PLAT_FailSet("plat::yangdb::Admin::Connect", 0, 1, ECONNREFUSED);
+    EXPECT_EQ(plat::yangdb::Admin::Connect(options_.socketPath, &error), nullptr);
+    EXPECT_NE(error.find("Connection refused"), std::string::npos) << error;
+}
+
 TEST_F(DatastoreTest, ASilentSubscriberFailsTheEditAndIsToldToUndoIt)
 {
     setenv("YANGDB_REPLY_TIMEOUT_MS", "100", 1);
