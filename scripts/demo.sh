@@ -19,7 +19,7 @@ mkdir -p "${out}/ports"
 examples="${root}/examples"
 bin="${root}/build/default/bin"
 cli() {
-  echo "\$ pppoe-plus-cli $*"
+  echo "\$ pppoe-plus-cli $(printf "%q " "$@")"
   "${bin}/pppoe-plus-cli" --socket "${out}/yangdb.sock" --control "${out}/control.sock" "$@"
 }
 
