@@ -90,6 +90,9 @@ TEST(Interop, TsharkSeesTheTagInsertedTowardsTheServerAndStrippedTowardsTheSubsc
          "--startup-config", kExamples + "/pppoe-plus.xml"});
     ASSERT_EQ(host.status, 0) << host.output;
     EXPECT_NE(host.output.find("0 frame buffer(s) outstanding"), std::string::npos) << host.output;
+    EXPECT_NE(host.output.find("fwm: feature on"), std::string::npos) << host.output;
+    EXPECT_NE(host.output.find("port XGigabitEthernet0/0/1 (49): rx 3 tx 3 punted 3 dropped 0"), std::string::npos)
+        << host.output;
 
     // The common formats of the example switch: the Circuit-ID is the short
     // port name ("eth 0/0/<port>"), the frame's outer and inner VLAN (the

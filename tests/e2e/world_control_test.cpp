@@ -4,11 +4,11 @@
 // installed again.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "control.hpp"
 #include "host_process.hpp"
@@ -17,26 +17,17 @@ namespace {
 
 using pplus_e2e::Host;
 
-struct CliRun {
-    int exitCode = -1;
-    std::string output;  // standard output and error together
-};
+using CliRun = pplus_e2e::ProgramRun;
 
+// pppoe-plus-cli with its arguments given as one line.
 CliRun Cli(const std::string &args)
 {
-    CliRun run;
-    const std::string cmd = PPLUS_BUILD_DIR "/bin/pppoe-plus-cli " + args + " 2>&1";
-    FILE *pipe = popen(cmd.c_str(), "r");
-    if (pipe == nullptr) {
-        return run;
+    std::vector<std::string> words;
+    std::istringstream in(args);
+    for (std::string word; in >> word;) {
+        words.push_back(word);
     }
-    char buf[512];
-    while (fgets(buf, sizeof(buf), pipe) != nullptr) {
-        run.output += buf;
-    }
-    const int status = pclose(pipe);
-    run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return run;
+    return pplus_e2e::Cli(words);
 }
 
 std::string ControlPath(const char *name)
@@ -63,18 +54,18 @@ TEST(WorldControl, TrustedUplinkOffBoardAndBackReachesFwmWithEnableZeroThenOne)
     const size_t installed = host.Output().find("[fwm] trust-port-cfg enable 1 ifIndex 49");
 
     const CliRun off = Cli("--control " + ctl + " world if off XGigabitEthernet0/0/1");
-    EXPECT_EQ(off.exitCode, 0) << off.output;
+    EXPECT_EQ(off.status, 0) << off.output;
     EXPECT_EQ(off.output, "interface XGigabitEthernet0/0/1 (ifIndex 49) is off board\n");
     ASSERT_TRUE(host.WaitForOutput("[fwm] trust-port-cfg enable 0 ifIndex 49", 5000)) << host.Output();
     const size_t withdrawn = host.Output().find("[fwm] trust-port-cfg enable 0 ifIndex 49");
     EXPECT_GT(withdrawn, installed);
 
     const CliRun on = Cli("--control " + ctl + " world if on 49");
-    EXPECT_EQ(on.exitCode, 0) << on.output;
+    EXPECT_EQ(on.status, 0) << on.output;
     ASSERT_TRUE(host.WaitForOutput("[fwm] trust-port-cfg enable 1 ifIndex 49", 5000, withdrawn)) << host.Output();
 
     const CliRun fwm = Cli("--control " + ctl + " world fwm");
-    EXPECT_EQ(fwm.exitCode, 0);
+    EXPECT_EQ(fwm.status, 0);
     EXPECT_NE(fwm.output.find("feature on"), std::string::npos) << fwm.output;
     EXPECT_NE(fwm.output.find("trusted ports 49"), std::string::npos) << fwm.output;
 
@@ -89,7 +80,7 @@ TEST(WorldControl, CliReportsBoardsListsAndErrorsReadably)
     ASSERT_TRUE(host.WaitForOutput("pppoe-plus-switch: control socket " + ctl, 20000)) << host.Output();
 
     const CliRun reg = Cli("--control " + ctl + " world board register 3");
-    EXPECT_EQ(reg.exitCode, 0);
+    EXPECT_EQ(reg.status, 0);
     EXPECT_EQ(reg.output, "board 3 of chassis 1 is registered\n");
     const CliRun boards = Cli("--control " + ctl + " world board list");
     EXPECT_EQ(boards.output, "chassis  slot  state\n1  1  registered\n1  3  registered\n");
@@ -97,20 +88,20 @@ TEST(WorldControl, CliReportsBoardsListsAndErrorsReadably)
     EXPECT_NE(ifs.output.find("10  no  GigabitEthernet0/0/6"), std::string::npos) << ifs.output;
 
     const CliRun unknown = Cli("--control " + ctl + " world if off Eth9");
-    EXPECT_EQ(unknown.exitCode, 1);
+    EXPECT_EQ(unknown.status, 1);
     EXPECT_EQ(unknown.output, "pppoe-plus-cli: no interface named or numbered Eth9\n");
     const CliRun badSlot = Cli("--control " + ctl + " world board register three");
-    EXPECT_EQ(badSlot.exitCode, 1);
+    EXPECT_EQ(badSlot.status, 1);
     EXPECT_EQ(badSlot.output, "pppoe-plus-cli: not a slot number: three\n");
     EXPECT_NE(Control(ctl, "reboot").find("error: unknown command"), std::string::npos);
 
     EXPECT_EQ(host.Stop(SIGTERM), 0) << host.Output();
     const CliRun gone = Cli("--control " + ctl + " world fwm");
-    EXPECT_EQ(gone.exitCode, 2);
+    EXPECT_EQ(gone.status, 2);
     EXPECT_NE(gone.output.find("pppoe-plus-cli: cannot reach pppoe-plus-switch at " + ctl), std::string::npos)
         << gone.output;
     const CliRun usage = Cli("world");
-    EXPECT_NE(usage.exitCode, 0);
+    EXPECT_NE(usage.status, 0);
 }
 
 TEST(WorldControl, HostReachesMasterAndHaEventsShowThroughTheCli)
@@ -123,7 +114,7 @@ TEST(WorldControl, HostReachesMasterAndHaEventsShowThroughTheCli)
         << host.Output();
 
     const CliRun show = Cli("--control " + ctl + " world ha show");
-    EXPECT_EQ(show.exitCode, 0) << show.output;
+    EXPECT_EQ(show.status, 0) << show.output;
     EXPECT_NE(show.output.find("agent role 1 (master)\nagent standby slot 0\nagent master 1/1 ip 172.16.1.1\n"),
               std::string::npos)
         << show.output;
@@ -135,7 +126,7 @@ TEST(WorldControl, HostReachesMasterAndHaEventsShowThroughTheCli)
     EXPECT_EQ(backup.output, "new-backup 1/2 delivered to pppoe_plus (returned 0)\n");
     const CliRun refused = Cli("--control " + ctl + " world ha start-work 5");
     EXPECT_EQ(refused.output, "start-work 5 delivered to pppoe_plus (returned 1)\n");
-    EXPECT_EQ(Cli("--control " + ctl + " world ha demote").exitCode, 0);
+    EXPECT_EQ(Cli("--control " + ctl + " world ha demote").status, 0);
     ASSERT_TRUE(host.WaitForOutput("[PPLUS-HA] HaPromtBackUp get board role eventType:7, role:2.", 5000))
         << host.Output();
 

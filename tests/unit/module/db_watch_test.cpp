@@ -1,7 +1,8 @@
 // The device database watch: the subscription connection and its retries,
 // the board and interface subscriptions with every failing step, and the
 // changes of the world that become "board-plug" and "if-chg" events on the
-// bus, served the way the init task serves its epoll set.
+// bus, served the way the init task serves its epoll set. The whole path on
+// the host (uplink off board and back, ACL at fwm) is in world_control_test.cpp.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -12,7 +13,6 @@
 #include "mesh.h"
 #include "module_fixture.hpp"
 #include "plat_control.h"
-#include "plat_fwm.hpp"
 #include "plat_world.hpp"
 #include "pppoe_plus_cfg.h"
 #include "pppoe_plus_db.h"
@@ -24,7 +24,6 @@
 using pplus_test::LogCount;
 using pplus_test::LogHas;
 using pplus_test::LogInOrder;
-using pplus_test::WaitFor;
 
 namespace {
 
@@ -337,49 +336,4 @@ TEST_F(DbWatchTest, EpollRefusalFailsTheConnectionAndClosingReportsEachStep)
         EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, row.text)) << row.op;
     }
     EXPECT_EQ(PPPOE_PLUS_DbCloseConnectionPool(), 0U);
-}
-
-// The whole path on the module's own tasks: start-up connects and
-// subscribes, and a trusted uplink going off board and back refreshes its
-// ACL at fwm.
-TEST(DbWatchStartup, TrustedUplinkOffBoardAndBackRefreshesItsAclAtFwm)
-{
-    pplus_test::UseReadyWorld();
-    g_pplusHaRole = PPPOE_PLUS_HA_ROLE_MASTER;
-    ASSERT_EQ(PPPOE_PLUS_UpdateDebugSwitch(PPPOE_PLUS_DBG_ALL, 1), 0U);
-    plat::world::if_put(Port(49));
-    ASSERT_TRUE(plat::fwm::start());
-    ASSERT_EQ(PPPOE_PLUS_FrameInit(), 0U);
-    ASSERT_EQ(PLAT_TaskWaitUntilWaiting("PPPoE_Plus_Init", "MESH_EpollWait", 5000), 1U);
-    EXPECT_NE(LogInOrder(PLAT_LOG_DIAG, {"[PPPOEPLUS_FRAME] InitData step3 end.",
-                                         "[PPPOE_PLUS_DB] Create sub connection ok",
-                                         "[PPPOE_PLUS_DB] Subscribe devm reg status with conn ok.",
-                                         "[PPPOE_PLUS_DB] Subscribe if event with conn ok.",
-                                         "[PPPOEPLUS_FRAME] InitData finish."}),
-              0U);
-    EXPECT_NE(LogInOrder(PLAT_LOG_DEBUG,
-                         {"[PPPOE_PLUS_EVT] Subscribe success.(event:0, subTopic:board-plug, priority:128)",
-                          "[PPPOE_PLUS_EVT] Subscribe success.(event:1, subTopic:if-chg, priority:128)"}),
-              0U);
-
-    ASSERT_EQ(PPPOE_PLUS_SetEnable(1), 0U);
-    ASSERT_EQ(PPPOE_PLUS_SetPortTrust(49, 1), 0U);
-    const auto trustRequests = []() { return plat::fwm::request_count(plat::fwm::RequestKind::TrustPortCfg); };
-    ASSERT_EQ(trustRequests(), 1U);
-
-    plat::world::if_set_on_board(49, false);
-    ASSERT_TRUE(WaitFor([&]() { return trustRequests() == 2; }));
-    EXPECT_EQ(plat::fwm::last_requests().back().enable, 0U);
-    EXPECT_EQ(plat::fwm::last_requests().back().ifIndex, 49U);
-    EXPECT_TRUE(plat::fwm::state().trustedPorts.empty());
-    plat::world::if_set_on_board(49, true);
-    ASSERT_TRUE(WaitFor([&]() { return trustRequests() == 3; }));
-    EXPECT_EQ(plat::fwm::last_requests().back().enable, 1U);
-    EXPECT_EQ(plat::fwm::state().trustedPorts, std::set<uint32_t>{49});
-
-    EXPECT_EQ(PPPOE_PLUS_MainExit(), 0U);
-    EXPECT_EQ(PPPOE_PLUS_GetDbSubConn(), nullptr);
-    plat::world::if_set_on_board(49, false);  // no longer followed
-    EXPECT_FALSE(WaitFor([&]() { return trustRequests() != 3; }, 200));
-    plat::fwm::stop();
 }

@@ -1,6 +1,8 @@
 // The packet relay: intake checks, the tag policy on the way up and down,
 // the forwarding decision and the counters, with the real channel library
-// standing in for the forwarding plane on both channels.
+// standing in for the forwarding plane on both channels. The main task
+// relaying what the forwarding plane punts runs end to end in
+// interop_test.cpp.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -521,45 +523,4 @@ TEST_F(PktTest, ResetClearsEveryCounterOfEveryPort)
             EXPECT_EQ(counter.load(), 0U) << port;
         }
     }
-}
-
-// The whole module through its entry points: frames written by the
-// forwarding plane are relayed by the main task.
-TEST(RelayThroughTheModule, MainTaskRelaysWhatTheForwardingPlanePunts)
-{
-    pplus_test::UseReadyWorld();
-    g_pplusHaRole = PPPOE_PLUS_HA_ROLE_MASTER;
-    BuildWorld();
-    ASSERT_NE(FPC_ChannelCreate(kTx, 1024), FPC_INVALID_ID);
-    EXPECT_EQ(PPPOE_PLUS_PreFrameInit(), 0U);
-    ASSERT_EQ(PPPOE_PLUS_FrameInit(), 0U);
-    // The defaults are set last: configure only after them.
-    ASSERT_TRUE(pplus_test::WaitFor([]() { return LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_FRAME] InitData finish."); }));
-    ASSERT_NE(PLAT_TaskWaitUntilWaiting("PPPoE_Plus_Main", "FPC_EventRead", 5000), 0U);
-    g_pppoePlusGlobalInfo.enable = 1;
-    PortCB *up = nullptr;
-    ASSERT_EQ(PPPOE_PLUS_GetPortCBByIndex(kUpA, &up), 0U);
-    up->trust = 1;
-
-    for (const Bytes &frame : {Frame().vlan(100).padi().serviceName().bytes(), Frame().vlan(100).padt().bytes()}) {
-        const Bytes msg = pplus_test::WithDpxHead(frame, kUpA, kSub);
-        ASSERT_EQ(WICK_ChannelPut(kRx, msg.data(), static_cast<uint32_t>(msg.size())), 0U);
-    }
-    Bytes buf(2048);
-    uint32_t len = 0;
-    ASSERT_EQ(WICK_ChannelTake(kTx, buf.data(), static_cast<uint32_t>(buf.size()), &len, 5000), 0U);
-    DpxPktHead head = {};
-    std::memcpy(&head, buf.data(), sizeof(head));
-    EXPECT_EQ(head.msgType, 133U);
-    EXPECT_EQ(head.egrIfindex, kUpA);
-    EXPECT_EQ(head.igrIfindex, 0U);
-    const auto padi = pplus_test::Parse(Bytes(buf.begin() + 12, buf.begin() + len));
-    ASSERT_TRUE(padi.has_value());
-    EXPECT_EQ(padi->subOption(1), kSubCid);
-    EXPECT_EQ(padi->subOption(2), kRid);
-    ASSERT_EQ(WICK_ChannelTake(kTx, buf.data(), static_cast<uint32_t>(buf.size()), &len, 5000), 0U);
-    EXPECT_EQ(pplus_test::Parse(Bytes(buf.begin() + 12, buf.begin() + len))->code, PPPOE_PLUS_CODE_PADT);
-    EXPECT_TRUE(pplus_test::WaitFor([]() { return WICK_MbufOutstanding() == 0; }));
-    EXPECT_EQ(PPPOE_PLUS_GetPktStatisticNum(up, PPPOE_PLUS_CODE_PADI, PPPOE_PLUS_STAT_SEND), 1U);
-    EXPECT_EQ(PPPOE_PLUS_MainExit(), 0U);
 }
