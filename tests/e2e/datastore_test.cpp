@@ -5,7 +5,6 @@
 // changes nothing; a restart of the switch brings the saved configuration
 // back.
 #include <gtest/gtest.h>
-#include <pcap/pcap.h>
 #include <signal.h>
 
 #include <fstream>
@@ -17,28 +16,11 @@
 namespace {
 
 using pplus_e2e::Cli;
+using pplus_e2e::Frames;
 using pplus_e2e::Host;
 using pplus_e2e::ProgramRun;
 
 const std::string kExamples = PPLUS_SOURCE_DIR "/examples";
-
-// The frames of a capture, as text (Circuit-IDs are printable).
-std::vector<std::string> Frames(const std::string &path)
-{
-    std::vector<std::string> frames;
-    char err[PCAP_ERRBUF_SIZE];
-    pcap_t *p = pcap_open_offline(path.c_str(), err);
-    if (p == nullptr) {
-        return frames;
-    }
-    pcap_pkthdr *h = nullptr;
-    const u_char *d = nullptr;
-    while (pcap_next_ex(p, &h, &d) == 1) {
-        frames.emplace_back(reinterpret_cast<const char *>(d), h->caplen);
-    }
-    pcap_close(p);
-    return frames;
-}
 
 class Datastore : public testing::Test {
 protected:

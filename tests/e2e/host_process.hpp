@@ -1,7 +1,8 @@
 // A pppoe-plus-switch started by a test, its standard output and error
-// read through a pipe; and programs run to their end.
+// read through a pipe; programs run to their end; captures read back.
 #pragma once
 
+#include <pcap/pcap.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -109,6 +110,25 @@ inline ProgramRun RunHost(std::vector<std::string> args, int timeoutMs = 60000)
 inline ProgramRun Cli(std::vector<std::string> args)
 {
     return RunProgram(PPLUS_BUILD_DIR "/bin/pppoe-plus-cli", std::move(args), 20000);
+}
+
+// The frames of a capture, as text (Circuit-IDs are printable); none when
+// the file cannot be read as Ethernet.
+inline std::vector<std::string> Frames(const std::string &path)
+{
+    std::vector<std::string> frames;
+    char err[PCAP_ERRBUF_SIZE];
+    pcap_t *p = pcap_open_offline(path.c_str(), err);
+    if (p == nullptr) {
+        return frames;
+    }
+    pcap_pkthdr *h = nullptr;
+    const u_char *d = nullptr;
+    while (pcap_datalink(p) == DLT_EN10MB && pcap_next_ex(p, &h, &d) == 1) {
+        frames.emplace_back(reinterpret_cast<const char *>(d), h->caplen);
+    }
+    pcap_close(p);
+    return frames;
 }
 
 class Host {

@@ -4,7 +4,6 @@
 // settings are refused by name. The same replay with the agent on is checked
 // frame by frame in interop_test.cpp.
 #include <gtest/gtest.h>
-#include <pcap/pcap.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -21,25 +20,8 @@ namespace fs = std::filesystem;
 const std::string kExamples = PPLUS_SOURCE_DIR "/examples";
 
 using HostRun = pplus_e2e::ProgramRun;
+using pplus_e2e::Frames;
 using pplus_e2e::RunHost;
-
-// Frames in a capture file; -1 when it cannot be read as Ethernet.
-int FramesIn(const std::string &path)
-{
-    char err[PCAP_ERRBUF_SIZE];
-    pcap_t *p = pcap_open_offline(path.c_str(), err);
-    if (p == nullptr) {
-        return -1;
-    }
-    int n = pcap_datalink(p) == DLT_EN10MB ? 0 : -1;
-    pcap_pkthdr *h = nullptr;
-    const u_char *d = nullptr;
-    while (n >= 0 && pcap_next_ex(p, &h, &d) == 1) {
-        n++;
-    }
-    pcap_close(p);
-    return n;
-}
 
 class Replay : public testing::Test {
 protected:
@@ -100,9 +82,9 @@ TEST_F(Replay, FeatureOffSwitchesTheSampleCapturesAndWritesWhatLeftEachPort)
         << run.output;
     EXPECT_NE(run.output.find("port XGigabitEthernet0/0/1 (49): rx 3 tx 3 punted 0 dropped 0"), std::string::npos)
         << run.output;
-    EXPECT_EQ(FramesIn((dir_ / "uplink.pcap").string()), 3);
-    EXPECT_EQ(FramesIn((dir_ / "captures" / "GigabitEthernet0_0_1.pcap").string()), 2);
-    EXPECT_EQ(FramesIn((dir_ / "captures" / "GigabitEthernet0_0_3.pcap").string()), 1);
+    EXPECT_EQ(Frames((dir_ / "uplink.pcap").string()).size(), 3U);
+    EXPECT_EQ(Frames((dir_ / "captures" / "GigabitEthernet0_0_1.pcap").string()).size(), 2U);
+    EXPECT_EQ(Frames((dir_ / "captures" / "GigabitEthernet0_0_3.pcap").string()).size(), 1U);
 }
 
 TEST_F(Replay, BadPortsFilesAndSettingsAreRefusedByName)

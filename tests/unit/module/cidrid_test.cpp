@@ -1,5 +1,7 @@
 // Circuit-ID and Remote-ID sub-options: format lookup on the port, the
-// common, extend and user-defined renderings, the encapsulation setting.
+// common, extend and user-defined renderings. Which sub-options the
+// encapsulation setting puts in the tag is checked on relayed frames in
+// pkt_test.cpp.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -265,40 +267,6 @@ TEST_F(CidRidTest, ExtendFormatsPackVlanSlotPortAndMac)
     g_pppoePlusGlobalInfo.cidFormatType = 7;
     EXPECT_EQ(Build(PPPOE_PLUS_INFO_CID, info), std::nullopt);
     EXPECT_EQ(PLAT_AssertCount(), 1U);
-}
-
-TEST_F(CidRidTest, EncapsulationSettingChoosesWhichSubOptionsAreBuilt)
-{
-    struct Case {
-        uint8_t encap;
-        const char *debug;
-        bool cid;
-        bool rid;
-    };
-    const Case cases[] = {
-        {PPPOE_PLUS_ENCAP_CID, "Encode Cid information", true, false},
-        {PPPOE_PLUS_ENCAP_RID, "Encode Rid information", false, true},
-        {PPPOE_PLUS_ENCAP_BOTH, "Encode Cid and Rid information", true, true},
-    };
-    for (const Case &c : cases) {
-        PPPOE_PLUS_SetInfoEncap(1, c.encap);
-        PLAT_LogClear();
-        UserInfo info = Info(100, 0);
-        uint8_t cid[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
-        uint8_t rid[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
-        uint32_t cidLen = 0;
-        uint32_t ridLen = 0;
-        ASSERT_EQ(PPPOE_PLUS_EncodeCidRid(&info, cid, &cidLen, rid, &ridLen), 0U) << c.debug;
-        EXPECT_TRUE(DebugHas(c.debug));
-        EXPECT_EQ(cidLen, c.cid ? kGlobalCid100.size() + 2U : 0U) << c.debug;
-        EXPECT_EQ(ridLen, c.rid ? kMacText.size() + 2U : 0U) << c.debug;
-        if (c.cid) {
-            EXPECT_EQ(Bytes(cid + 2, cid + cidLen), kGlobalCid100);
-        }
-        if (c.rid) {
-            EXPECT_EQ(Bytes(rid, rid + 2), (Bytes{0x02, 0x0e}));
-        }
-    }
 }
 
 TEST_F(CidRidTest, RemoteIdNeedsTheSystemMacWhateverItsFormat)
