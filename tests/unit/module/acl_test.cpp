@@ -60,11 +60,6 @@ TEST_F(AclTest, WithoutASessionEachRequestFailsLogsAndReturnsOne)
     EXPECT_EQ(PPPOE_PLUS_IgnoreReplyAclProc(1), 1U);
     EXPECT_EQ(PPPOE_PLUS_TrustPortAclProc(1, 9), 1U);
     EXPECT_EQ(PLAT_LogCount(PLAT_LOG_DEBUG, "Set "), 0U);
-
-    const RPC_INVOKE_ATTR_S *attr = PPPOE_PLUS_GetInvokeAttr();
-    EXPECT_EQ(attr->flags, 0U);
-    EXPECT_EQ(attr->priority, 0U);
-    EXPECT_EQ(attr->timeoutSec, 25U);
 }
 
 TEST_F(AclTest, RequestsReachFwmAndCompleteOnTheOrchClientTask)

@@ -122,10 +122,7 @@ TEST_F(FormatDisplayTest, UserDefinedValueIsTextOnlyWhenTheFormatStartsQuoted)
         EXPECT_NE(shown.find(std::string("\r\n   Remote  ID : USER DEFINE.  ") + c.fmt), std::string::npos) << shown;
         EXPECT_EQ(shown.substr(shown.size() - c.shown.size()), c.shown) << shown;
     }
-    EXPECT_EQ(PPPOE_PLUS_UdfIsAllAssic("\"a\""), 1U);
-    EXPECT_EQ(PPPOE_PLUS_UdfIsAllAssic("a\""), 0U);
-    EXPECT_EQ(PPPOE_PLUS_UdfIsAllAssic(""), 0U);
-    EXPECT_EQ(PPPOE_PLUS_UdfIsAllAssic(nullptr), 0U);
+    EXPECT_EQ(PPPOE_PLUS_UdfIsAllAssic(nullptr), 0U);  // the other answers: udfchk_test.cpp
 }
 
 TEST_F(FormatDisplayTest, DisplayFailsAfterTheFormatLinesWhenNoExampleCanBeBuilt)
