@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -24,17 +25,20 @@ struct ProgramRun {
     std::string output;
 };
 
-// Runs exe with args to its end (killed after timeoutMs) and collects its
-// standard output and error.
-inline ProgramRun RunProgram(const std::string &exe, std::vector<std::string> args, int timeoutMs = 60000)
+// Starts exe with args (in cwd when given), its standard output and error
+// into a pipe: the child's pid and the pipe's read end; -1 and -1 when the
+// pipe cannot be made.
+inline std::pair<pid_t, int> Spawn(const std::string &exe, std::vector<std::string> args, const char *cwd = nullptr)
 {
-    ProgramRun run;
     int fds[2];
     if (pipe(fds) != 0) {
-        return run;
+        return {-1, -1};
     }
     const pid_t pid = fork();
     if (pid == 0) {
+        if (cwd != nullptr && chdir(cwd) != 0) {
+            _exit(126);
+        }
         dup2(fds[1], STDOUT_FILENO);
         dup2(fds[1], STDERR_FILENO);
         close(fds[0]);
@@ -49,23 +53,35 @@ inline ProgramRun RunProgram(const std::string &exe, std::vector<std::string> ar
         _exit(127);
     }
     close(fds[1]);
+    return {pid, fds[0]};
+}
+
+// Runs exe with args to its end (killed after timeoutMs) and collects its
+// standard output and error.
+inline ProgramRun RunProgram(const std::string &exe, std::vector<std::string> args, int timeoutMs = 60000)
+{
+    ProgramRun run;
+    const auto [pid, out] = Spawn(exe, std::move(args));
+    if (pid < 0) {
+        return run;
+    }
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     for (;;) {
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        pollfd p{fds[0], POLLIN, 0};
+        pollfd p{out, POLLIN, 0};
         if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) {
             kill(pid, SIGKILL);
             break;
         }
         char buf[4096];
-        const ssize_t n = read(fds[0], buf, sizeof(buf));
+        const ssize_t n = read(out, buf, sizeof(buf));
         if (n <= 0) {
             break;
         }
         run.output.append(buf, static_cast<size_t>(n));
     }
-    close(fds[0]);
+    close(out);
     int status = 0;
     waitpid(pid, &status, 0);
     run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
@@ -135,32 +151,8 @@ class Host {
 public:
     explicit Host(std::vector<std::string> args, const char *cwd = nullptr)
     {
-        args = WithPrivateDatastore(std::move(args));
-        int fds[2];
-        if (pipe(fds) != 0) {
-            return;
-        }
-        pid_ = fork();
-        if (pid_ == 0) {
-            if (cwd != nullptr && chdir(cwd) != 0) {
-                _exit(126);
-            }
-            dup2(fds[1], STDOUT_FILENO);
-            dup2(fds[1], STDERR_FILENO);
-            close(fds[0]);
-            close(fds[1]);
-            std::vector<char *> argv;
-            static std::string exe = PPLUS_BUILD_DIR "/bin/pppoe-plus-switch";
-            argv.push_back(exe.data());
-            for (auto &a : args) {
-                argv.push_back(a.data());
-            }
-            argv.push_back(nullptr);
-            execv(exe.c_str(), argv.data());
-            _exit(127);
-        }
-        close(fds[1]);
-        out_ = fds[0];
+        std::tie(pid_, out_) =
+            Spawn(PPLUS_BUILD_DIR "/bin/pppoe-plus-switch", WithPrivateDatastore(std::move(args)), cwd);
     }
     ~Host()
     {
