@@ -45,19 +45,17 @@ TEST_F(PatchTest, RegistrationRunsDeactivateThenActivate)
     EXPECT_EQ(PPPOE_PLUS_C2hPatchEmbedment(), 1U);
 }
 
-TEST_F(PatchTest, AnotherLibrarysRequestIsDeclinedQuietly)
+TEST_F(PatchTest, OwnLibraryIsAnsweredForActivateAndDeactivateAnotherIsDeclinedQuietly)
 {
     const uint64_t before = PLAT_LogLastSeq();
-    const PLAT_PATCH_RESULT_S r = Send("libother.so", MOLB_PAT_ACTIVATE);
-    EXPECT_EQ(r.hooksCalled, 1U);
-    EXPECT_EQ(r.hookReturn, 0U);
-    EXPECT_EQ(r.outFlag, 1U);
-    EXPECT_EQ(r.replied, 0U);
+    const PLAT_PATCH_RESULT_S other = Send("libother.so", MOLB_PAT_ACTIVATE);
+    EXPECT_EQ(other.hooksCalled, 1U);
+    EXPECT_EQ(other.hookReturn, 0U);
+    EXPECT_EQ(other.outFlag, 1U);
+    EXPECT_EQ(other.replied, 0U);
     EXPECT_EQ(PLAT_LogFind(PLAT_LOG_ANY, "", before + 1), 0U);
-}
 
-TEST_F(PatchTest, OwnLibraryIsAnsweredForActivateAndDeactivateOnly)
-{
+    // This module's library is answered for activate and deactivate only.
     for (uint32_t action : {MOLB_PAT_ACTIVATE, MOLB_PAT_DEACTIVATE}) {
         const PLAT_PATCH_RESULT_S r = Send("libpppoe_plus_frame.so", action);
         EXPECT_EQ(r.hookReturn, 0U);
@@ -90,10 +88,8 @@ TEST_F(PatchTest, FailuresInsideTheHook)
     uint32_t flag = 7;
     EXPECT_EQ(PPPOE_PLUS_PatchC2hHookfunc(0, nullptr, "x", &flag), 1U);
     EXPECT_EQ(flag, 7U);
-}
 
-TEST_F(PatchTest, HookProcAnswersDirectly)
-{
+    PLAT_LogClear();
     MOLB_PAT_C2H_REQ_S req = {};
     EXPECT_EQ(PPPOE_PLUS_PatchC2hHookProc(2, &req), 1U);
     // Not a request in flight: the service refuses the reply and the code comes back.
