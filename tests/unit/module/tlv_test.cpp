@@ -109,36 +109,6 @@ TEST_F(TlvTest, KeywordsAreRecognisedByLongestMatch)
     }
 }
 
-TEST_F(TlvTest, DefaultLengthsByStretch)
-{
-    const uint32_t ascii[14] = {1, 1, 1, 1, 14, 1, 1, 1, 1, 1, 1, 1, 1, 1};
-    const int hex[14] = {-1, -1, 8, -1, 48, 16, 16, 16, 16, 16, 16, 16, 8, -1};
-    for (uint32_t id = 0; id < 14; ++id) {
-        uint32_t len = 0;
-        EXPECT_EQ(PPPOE_PLUS_UserFmtGetFieldDftLenAscii(id, &len), 0U);
-        EXPECT_EQ(len, ascii[id]) << id;
-        len = 0;
-        EXPECT_EQ(PPPOE_PLUS_UserFmtGetFieldDftLen(id, 1, &len), 0U);
-        EXPECT_EQ(len, ascii[id]) << id;
-        PLAT_AssertReset();
-        const uint32_t ret = PPPOE_PLUS_UserFmtGetFieldDftLen(id, 0, &len);
-        if (hex[id] < 0) {
-            EXPECT_EQ(ret, 1U) << id;
-            EXPECT_EQ(PLAT_AssertCount(), 1U) << id;
-        } else {
-            EXPECT_EQ(ret, 0U) << id;
-            EXPECT_EQ(len, static_cast<uint32_t>(hex[id])) << id;
-            EXPECT_EQ(PLAT_AssertCount(), 0U) << id;
-        }
-    }
-    PLAT_AssertReset();
-    uint32_t len = 7;
-    EXPECT_EQ(PPPOE_PLUS_UserFmtGetFieldDftLenAscii(14, &len), 1U);
-    EXPECT_EQ(len, 1U);
-    EXPECT_EQ(PPPOE_PLUS_UserFmtGetFieldDftLenHex(14, &len), 1U);
-    EXPECT_EQ(PLAT_AssertCount(), 2U);
-}
-
 TEST_F(TlvTest, FieldWidthFromDigitsOrDefault)
 {
     struct Case {
