@@ -30,10 +30,13 @@ bool GetU32(std::string_view &in, uint32_t *value)
     return true;
 }
 
-bool WriteAll(int fd, const char *data, size_t size)
+// Moves size bytes through io (one send or recv call), retrying after
+// signals; false once the peer is gone or the socket fails.
+template <typename Byte, typename Io>
+bool Transfer(Byte *data, size_t size, Io io)
 {
     while (size > 0) {
-        ssize_t n = ::send(fd, data, size, MSG_NOSIGNAL);
+        const ssize_t n = io(data, size);
         if (n < 0 && errno == EINTR) {
             continue;
         }
@@ -46,20 +49,14 @@ bool WriteAll(int fd, const char *data, size_t size)
     return true;
 }
 
+bool WriteAll(int fd, const char *data, size_t size)
+{
+    return Transfer(data, size, [fd](const char *at, size_t left) { return ::send(fd, at, left, MSG_NOSIGNAL); });
+}
+
 bool ReadAll(int fd, char *data, size_t size)
 {
-    while (size > 0) {
-        ssize_t n = ::recv(fd, data, size, 0);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
+    return Transfer(data, size, [fd](char *at, size_t left) { return ::recv(fd, at, left, 0); });
 }
 
 }  // namespace

@@ -7,9 +7,8 @@
 #include <dlfcn.h>
 #include <syslog.h>
 
-#include <type_traits>
-
 #include "molb.h"
+#include "pppoe_plus_binding.hpp"
 #include "pppoe_plus_log.h"
 
 namespace {
@@ -17,20 +16,7 @@ namespace {
 // Source attribution of the buffer operations, fixed per call site.
 constexpr const char *kFpcFile = "app/src/common/src/pppoe_plus_fpc";
 
-template <auto Member>
-void Bind(void *lib, const char *symbol)
-{
-    using Fn = std::remove_reference_t<decltype(g_pppoePlusFpcApi.*Member)>;
-    g_pppoePlusFpcApi.*Member = reinterpret_cast<Fn>(dlsym(lib, symbol));
-}
-
-// Calls the bound function, or answers fallback when it is absent.
-template <auto Member, typename Result, typename... Args>
-Result CallOr(Result fallback, Args... args)
-{
-    const auto fn = g_pppoePlusFpcApi.*Member;
-    return fn != nullptr ? fn(args...) : fallback;
-}
+using Fpc = PppoePlusBoundLibrary<g_pppoePlusFpcApi>;
 
 }  // namespace
 
@@ -51,19 +37,19 @@ uint32_t PPPOE_PLUS_InitFpcIntf(void)
         dlclose(lib);
         return 1;
     }
-    Bind<&PppoePlusFpcApi::channelGetIdByName>(lib, "FPC_ChannelGetIdByName");
-    Bind<&PppoePlusFpcApi::channelDcSendByIdNoSem>(lib, "FPC_ChannelDcSendByIdNoSem");
-    Bind<&PppoePlusFpcApi::mbufCopyPktToData>(lib, "FpcMbufCopyPktToData");
-    Bind<&PppoePlusFpcApi::channelCreate>(lib, "FPC_ChannelCreate");
-    Bind<&PppoePlusFpcApi::threadInfoRegByName>(lib, "FPC_ThreadInfoRegByName");
-    Bind<&PppoePlusFpcApi::eventRead>(lib, "FPC_EventRead");
-    Bind<&PppoePlusFpcApi::channelDcRecv>(lib, "FPC_ChannelDcRecv");
-    Bind<&PppoePlusFpcApi::mbufPktNewFromData>(lib, "MbufPktNewFromData");
-    Bind<&PppoePlusFpcApi::mbufPktAddHead>(lib, "MbufPktAddHead");
-    Bind<&PppoePlusFpcApi::mbufPktCutHead>(lib, "MbufPktCutHead");
-    Bind<&PppoePlusFpcApi::getDefaultDataRoomLen>(lib, "FPC_GetDefaultDataRoomLen");
-    Bind<&PppoePlusFpcApi::mbufFree>(lib, "FpcMbufFree");
-    Bind<&PppoePlusFpcApi::mbufPktCopy>(lib, "FpcMbufPktCopy");
+    Fpc::Bind<&PppoePlusFpcApi::channelGetIdByName>(lib, "FPC_ChannelGetIdByName");
+    Fpc::Bind<&PppoePlusFpcApi::channelDcSendByIdNoSem>(lib, "FPC_ChannelDcSendByIdNoSem");
+    Fpc::Bind<&PppoePlusFpcApi::mbufCopyPktToData>(lib, "FpcMbufCopyPktToData");
+    Fpc::Bind<&PppoePlusFpcApi::channelCreate>(lib, "FPC_ChannelCreate");
+    Fpc::Bind<&PppoePlusFpcApi::threadInfoRegByName>(lib, "FPC_ThreadInfoRegByName");
+    Fpc::Bind<&PppoePlusFpcApi::eventRead>(lib, "FPC_EventRead");
+    Fpc::Bind<&PppoePlusFpcApi::channelDcRecv>(lib, "FPC_ChannelDcRecv");
+    Fpc::Bind<&PppoePlusFpcApi::mbufPktNewFromData>(lib, "MbufPktNewFromData");
+    Fpc::Bind<&PppoePlusFpcApi::mbufPktAddHead>(lib, "MbufPktAddHead");
+    Fpc::Bind<&PppoePlusFpcApi::mbufPktCutHead>(lib, "MbufPktCutHead");
+    Fpc::Bind<&PppoePlusFpcApi::getDefaultDataRoomLen>(lib, "FPC_GetDefaultDataRoomLen");
+    Fpc::Bind<&PppoePlusFpcApi::mbufFree>(lib, "FpcMbufFree");
+    Fpc::Bind<&PppoePlusFpcApi::mbufPktCopy>(lib, "FpcMbufPktCopy");
     return 0;  // the library stays loaded for the life of the process
 }
 
@@ -86,58 +72,58 @@ uint32_t PPPOE_PLUS_CreateRxChannel(void)
 
 uint32_t PPPOE_PLUS_FpcChannelGetIdByName(const char *name)
 {
-    return CallOr<&PppoePlusFpcApi::channelGetIdByName>(FPC_INVALID_ID, name);
+    return Fpc::CallOr<&PppoePlusFpcApi::channelGetIdByName>(FPC_INVALID_ID, name);
 }
 
 uint32_t PPPOE_PLUS_FpcChannelDcSendByIdNoSem(const char *threadName, uint32_t channelId, uint32_t flags,
                                               FpcMbuf *mbuf)
 {
-    return CallOr<&PppoePlusFpcApi::channelDcSendByIdNoSem>(1U, threadName, channelId, flags, mbuf);
+    return Fpc::CallOr<&PppoePlusFpcApi::channelDcSendByIdNoSem>(1U, threadName, channelId, flags, mbuf);
 }
 
 uint32_t PPPOE_PLUS_FpcMbufCopyPktToData(FpcMbuf *mbuf, void *dst, uint32_t len)
 {
-    return CallOr<&PppoePlusFpcApi::mbufCopyPktToData>(1U, mbuf, dst, len);
+    return Fpc::CallOr<&PppoePlusFpcApi::mbufCopyPktToData>(1U, mbuf, dst, len);
 }
 
 uint32_t PPPOE_PLUS_FpcChannelCreate(const char *name, uint32_t depth)
 {
-    return CallOr<&PppoePlusFpcApi::channelCreate>(FPC_INVALID_ID, name, depth);
+    return Fpc::CallOr<&PppoePlusFpcApi::channelCreate>(FPC_INVALID_ID, name, depth);
 }
 
 uint32_t PPPOE_PLUS_FpcThreadInfoRegByName(const char *threadName)
 {
-    return CallOr<&PppoePlusFpcApi::threadInfoRegByName>(1U, threadName);
+    return Fpc::CallOr<&PppoePlusFpcApi::threadInfoRegByName>(1U, threadName);
 }
 
 uint32_t PPPOE_PLUS_FpcEventRead(uint32_t *eventFlags)
 {
-    return CallOr<&PppoePlusFpcApi::eventRead>(1U, eventFlags);
+    return Fpc::CallOr<&PppoePlusFpcApi::eventRead>(1U, eventFlags);
 }
 
 uint32_t PPPOE_PLUS_FpcChannelDcRecv(uint32_t channelId, FpcMbuf **mbuf)
 {
-    return CallOr<&PppoePlusFpcApi::channelDcRecv>(1U, channelId, mbuf);
+    return Fpc::CallOr<&PppoePlusFpcApi::channelDcRecv>(1U, channelId, mbuf);
 }
 
 FpcMbuf *PPPOE_PLUS_FpcMbufPktNewFromData(const void *data, uint32_t len)
 {
-    return CallOr<&PppoePlusFpcApi::mbufPktNewFromData>(static_cast<FpcMbuf *>(nullptr), data, len, kFpcFile, 114U);
+    return Fpc::CallOr<&PppoePlusFpcApi::mbufPktNewFromData>(static_cast<FpcMbuf *>(nullptr), data, len, kFpcFile, 114U);
 }
 
 uint32_t PPPOE_PLUS_FpcMbufPktAddHead(FpcMbuf *mbuf, uint32_t len)
 {
-    return CallOr<&PppoePlusFpcApi::mbufPktAddHead>(1U, mbuf, len, kFpcFile, 121U);
+    return Fpc::CallOr<&PppoePlusFpcApi::mbufPktAddHead>(1U, mbuf, len, kFpcFile, 121U);
 }
 
 uint32_t PPPOE_PLUS_FpcMbufPktCutHead(FpcMbuf *mbuf, uint32_t len)
 {
-    return CallOr<&PppoePlusFpcApi::mbufPktCutHead>(1U, mbuf, len, kFpcFile, 128U);
+    return Fpc::CallOr<&PppoePlusFpcApi::mbufPktCutHead>(1U, mbuf, len, kFpcFile, 128U);
 }
 
 uint32_t PPPOE_PLUS_FpcGetDefaultDataRoomLen(void)
 {
-    return CallOr<&PppoePlusFpcApi::getDefaultDataRoomLen>(1U);
+    return Fpc::CallOr<&PppoePlusFpcApi::getDefaultDataRoomLen>(1U);
 }
 
 void PPPOE_PLUS_FpcMbufFree(FpcMbuf *mbuf)
@@ -149,7 +135,7 @@ void PPPOE_PLUS_FpcMbufFree(FpcMbuf *mbuf)
 
 FpcMbuf *PPPOE_PLUS_FpcMbufPktCopy(FpcMbuf *mbuf)
 {
-    return CallOr<&PppoePlusFpcApi::mbufPktCopy>(static_cast<FpcMbuf *>(nullptr), mbuf);
+    return Fpc::CallOr<&PppoePlusFpcApi::mbufPktCopy>(static_cast<FpcMbuf *>(nullptr), mbuf);
 }
 
 }  // extern "C"

@@ -4,9 +4,8 @@
 // lacks the function, so a missing symbol never crashes the module.
 #include <dlfcn.h>
 
-#include <type_traits>
-
 #include "molb.h"
+#include "pppoe_plus_binding.hpp"
 #include "pppoe_plus_log.h"
 #include "pppoe_plus_yang.h"
 #include "zavk.h"
@@ -15,20 +14,7 @@ namespace {
 
 constexpr const char *kYangFile = "app/src/common/src/pppoe_plus_yang";
 
-template <auto Member>
-void Bind(void *lib, const char *symbol)
-{
-    using Fn = std::remove_reference_t<decltype(g_pplusYdbcCfg.*Member)>;
-    g_pplusYdbcCfg.*Member = reinterpret_cast<Fn>(dlsym(lib, symbol));
-}
-
-// Calls the bound function, or answers fallback when it is absent.
-template <auto Member, typename Result, typename... Args>
-Result CallOr(Result fallback, Args... args)
-{
-    const auto fn = g_pplusYdbcCfg.*Member;
-    return fn != nullptr ? fn(args...) : fallback;
-}
+using Ydbc = PppoePlusBoundLibrary<g_pplusYdbcCfg>;
 
 }  // namespace
 
@@ -38,37 +24,37 @@ PppoePlusYdbcCfg g_pplusYdbcCfg = {};
 
 uint32_t PPPOE_PLUS_InitializeYdbcApi(void)
 {
-    return CallOr<&PppoePlusYdbcCfg::initialize>(0U);
+    return Ydbc::CallOr<&PppoePlusYdbcCfg::initialize>(0U);
 }
 
 ydbc_client *PPPOE_PLUS_NewClientApi(const char *name, uint32_t mode, void *reserved)
 {
-    return CallOr<&PppoePlusYdbcCfg::clientNew>(static_cast<ydbc_client *>(nullptr), name, mode, reserved);
+    return Ydbc::CallOr<&PppoePlusYdbcCfg::clientNew>(static_cast<ydbc_client *>(nullptr), name, mode, reserved);
 }
 
 int32_t PPPOE_PLUS_ConnectYdbcApi(ydbc_client *client, const char *url)
 {
-    return CallOr<&PppoePlusYdbcCfg::connect>(0, client, url);
+    return Ydbc::CallOr<&PppoePlusYdbcCfg::connect>(0, client, url);
 }
 
 uint32_t PPPOE_PLUS_SubscribeYdbcApi(ydbc_client *client, const ydbc_subscription *row)
 {
-    return CallOr<&PppoePlusYdbcCfg::subscribe>(0U, client, row);
+    return Ydbc::CallOr<&PppoePlusYdbcCfg::subscribe>(0U, client, row);
 }
 
 uint32_t PPPOE_PLUS_ActiveYdbcApi(ydbc_client *client, uint32_t flag, ydbc_recover_end_cb recoverEnd, void *ctx)
 {
-    return CallOr<&PppoePlusYdbcCfg::activate>(0U, client, flag, recoverEnd, ctx);
+    return Ydbc::CallOr<&PppoePlusYdbcCfg::activate>(0U, client, flag, recoverEnd, ctx);
 }
 
 uint32_t PPPOE_PLUS_PullYdbcApi(void *ctx, uint32_t old, const char *path, uint32_t depth, ydbc_bytes **out)
 {
-    return CallOr<&PppoePlusYdbcCfg::pull>(0U, ctx, old, path, depth, out);
+    return Ydbc::CallOr<&PppoePlusYdbcCfg::pull>(0U, ctx, old, path, depth, out);
 }
 
 ydbc_bytes *PPPOE_PLUS_COM_NewBytesApi(const char *text, uint32_t length, uint32_t kind)
 {
-    return CallOr<&PppoePlusYdbcCfg::newBytes>(static_cast<ydbc_bytes *>(nullptr), text, length, kind);
+    return Ydbc::CallOr<&PppoePlusYdbcCfg::newBytes>(static_cast<ydbc_bytes *>(nullptr), text, length, kind);
 }
 
 void PPPOE_PLUS_COM_FreeBytesApi(ydbc_bytes *bytes)
@@ -81,7 +67,7 @@ void PPPOE_PLUS_COM_FreeBytesApi(ydbc_bytes *bytes)
 
 uint32_t PPPOE_PLUS_RunYdbcApi(ydbc_client *client, uint32_t budget)
 {
-    return CallOr<&PppoePlusYdbcCfg::run>(0U, client, budget);
+    return Ydbc::CallOr<&PppoePlusYdbcCfg::run>(0U, client, budget);
 }
 
 uint32_t PPPOE_PLUS_YdbcInit(void)
@@ -101,15 +87,15 @@ uint32_t PPPOE_PLUS_YdbcInit(void)
         return 1;
     }
     g_pplusYdbcCfg.handle = lib;
-    Bind<&PppoePlusYdbcCfg::initialize>(lib, "ydbc_initialize");
-    Bind<&PppoePlusYdbcCfg::clientNew>(lib, "ydbc_client_new");
-    Bind<&PppoePlusYdbcCfg::connect>(lib, "ydbc_connect");
-    Bind<&PppoePlusYdbcCfg::subscribe>(lib, "ydbc_subscribe");
-    Bind<&PppoePlusYdbcCfg::activate>(lib, "ydbc_activate");
-    Bind<&PppoePlusYdbcCfg::pull>(lib, "ydbc_pull");
-    Bind<&PppoePlusYdbcCfg::newBytes>(lib, "ydbc_new_bytes");
-    Bind<&PppoePlusYdbcCfg::freeBytes>(lib, "ydbc_free_bytes");
-    Bind<&PppoePlusYdbcCfg::run>(lib, "ydbc_run");
+    Ydbc::Bind<&PppoePlusYdbcCfg::initialize>(lib, "ydbc_initialize");
+    Ydbc::Bind<&PppoePlusYdbcCfg::clientNew>(lib, "ydbc_client_new");
+    Ydbc::Bind<&PppoePlusYdbcCfg::connect>(lib, "ydbc_connect");
+    Ydbc::Bind<&PppoePlusYdbcCfg::subscribe>(lib, "ydbc_subscribe");
+    Ydbc::Bind<&PppoePlusYdbcCfg::activate>(lib, "ydbc_activate");
+    Ydbc::Bind<&PppoePlusYdbcCfg::pull>(lib, "ydbc_pull");
+    Ydbc::Bind<&PppoePlusYdbcCfg::newBytes>(lib, "ydbc_new_bytes");
+    Ydbc::Bind<&PppoePlusYdbcCfg::freeBytes>(lib, "ydbc_free_bytes");
+    Ydbc::Bind<&PppoePlusYdbcCfg::run>(lib, "ydbc_run");
     PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPPOE_PLUS_YANG] Ydbc Intf ok.");
 
     if (PPPOE_PLUS_InitializeYdbcApi() != 0) {
