@@ -306,8 +306,11 @@ TEST_F(YangDbTest, GlobalSettingsMapTheirLeaves)
 
     EXPECT_EQ(Change(PPPOE_PLUS_VendorId, Wrap("vendor-id", "<vendor-id>2011</vendor-id>")), 0U);
     EXPECT_EQ(PPPOE_PLUS_GetVendorId(), 2011U);
-    EXPECT_EQ(Change(PPPOE_PLUS_VendorId, Wrap("vendor-id", "")), 0U);
+    EXPECT_EQ(Change(PPPOE_PLUS_VendorId, Wrap("vendor-id", "<other>1</other>")), 0U);
     EXPECT_EQ(PPPOE_PLUS_GetVendorId(), PPPOE_PLUS_DEFAULT_VENDOR_ID);
+    // The element it came with is logged as XML.
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "set to default value. content:<vendor-id xmlns="));
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "<other>1</other></vendor-id>"));
 
     EXPECT_EQ(Change(PPPOE_PLUS_FormatSys,
                      Wrap("global-tags-format",

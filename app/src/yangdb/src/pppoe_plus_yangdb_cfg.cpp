@@ -45,9 +45,15 @@ const char *OrEmpty(const char *text)
     return text != nullptr ? text : "";
 }
 
-const char *NodeName(const xmlNode *node)
+// The element as one line of XML, for a log line.
+struct XmlTextFree {
+    void operator()(char *text) const { PPPOE_PLUS_MemFree(text); }
+};
+using XmlText = std::unique_ptr<char, XmlTextFree>;
+
+XmlText Content(xmlNode *node)
 {
-    return (node != nullptr && node->name != nullptr) ? reinterpret_cast<const char *>(node->name) : "";
+    return XmlText{PPPOE_PLUS_YangParseXml2Str(node)};
 }
 
 // Fetches the element of a configuration path; null when it cannot be had.
@@ -342,7 +348,7 @@ uint32_t PPPOE_PLUS_GetVendorIdInput(void *ctx, uint32_t opType, const char *pat
     if (!ReadLeaf(node, "vendor-id", value)) {
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO,
                              "[PPLUS-CFG] Can not get vendor-id from path node, set to default value. content:%s",
-                             NodeName(node.get()));
+                             OrEmpty(Content(node.get()).get()));
         *vendorId = PPPOE_PLUS_DEFAULT_VENDOR_ID;
         return 0;
     }
@@ -444,7 +450,7 @@ uint32_t PPPOE_PLUS_GetIgnoreReplyInput(void *ctx, uint32_t opType, const char *
     if (!ReadLeaf(node, "ignore-policy", value)) {
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO,
                              "[PPLUS-CFG] Can not get ignore-reply from path node, set to disable. content:%s",
-                             NodeName(node.get()));
+                             OrEmpty(Content(node.get()).get()));
         *ignoreReply = 0;
         return 0;
     }
