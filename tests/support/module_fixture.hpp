@@ -10,6 +10,7 @@
 #include <cstring>
 #include <string>
 
+#include "plat_safe.h"
 #include "plat_world.hpp"
 #include "pplus_test.hpp"
 #include "pppoe_plus_cfg.h"
@@ -19,6 +20,19 @@
 #include "pppoe_plus_tlv.h"
 
 namespace pplus_test {
+
+// A per-interface format record as a handler or a test hands it to the store.
+inline InfoFormatNode Format(uint16_t vlan, uint16_t ceVlan, uint8_t infoType,
+                             uint8_t type = PPPOE_PLUS_FORMAT_COMMON, const char *udf = "")
+{
+    InfoFormatNode node = {};
+    node.vlanId = vlan;
+    node.ceVlanId = ceVlan;
+    node.infoType = infoType;
+    node.infoFormatType = type;
+    (void)strcpy_s(node.userDefineStr, sizeof(node.userDefineStr), udf);
+    return node;
+}
 
 class ModuleTest : public testing::Test {
 protected:

@@ -25,17 +25,7 @@ protected:
     }
 };
 
-InfoFormatNode Format(uint16_t vlan, uint16_t ceVlan, uint8_t infoType, uint8_t type = PPPOE_PLUS_FORMAT_COMMON,
-                      const char *udf = "")
-{
-    InfoFormatNode node = {};
-    node.vlanId = vlan;
-    node.ceVlanId = ceVlan;
-    node.infoType = infoType;
-    node.infoFormatType = type;
-    (void)strcpy_s(node.userDefineStr, sizeof(node.userDefineStr), udf);
-    return node;
-}
+using pplus_test::Format;
 
 uint32_t SetFormat(const InfoFormatNode &node, uint32_t ifIndex, uint8_t enable)
 {

@@ -69,12 +69,7 @@ protected:
     static void SetFormat(uint16_t vlan, uint16_t ceVlan, uint8_t infoType, uint8_t type, const char *udf = "",
                           uint32_t ifIndex = 5)
     {
-        InfoFormatNode node = {};
-        node.vlanId = vlan;
-        node.ceVlanId = ceVlan;
-        node.infoType = infoType;
-        node.infoFormatType = type;
-        (void)strcpy_s(node.userDefineStr, sizeof(node.userDefineStr), udf);
+        const InfoFormatNode node = pplus_test::Format(vlan, ceVlan, infoType, type, udf);
         ASSERT_EQ(PPPOE_PLUS_SetPortFormat(&node, ifIndex, 1), 0U);
     }
 
