@@ -76,8 +76,11 @@ void PrintLine(uint32_t kind, const char *line, void *arg)
     std::fflush(stdout);
 }
 
+// The host's own lines go after every log line logged before them: the
+// sink prints from its own thread, so what it holds is printed first.
 void Say(const char *text)
 {
+    PLAT_LogFlush();
     std::printf("pppoe-plus-switch: %s\n", text);
     std::fflush(stdout);
 }
@@ -142,6 +145,7 @@ pplus_host::ControlHooks AgentHaOf(void *module)
 
 void ReportLeaks()
 {
+    PLAT_LogFlush();
     const uint32_t sites = PLAT_MemLeakReport(
         [](const char *handle, const char *file, uint32_t line, uint32_t blocks, uint64_t bytes, void *) {
             std::printf("pppoe-plus-switch: outstanding %u block(s), %llu bytes, handle %s, allocated at %s:%u\n",
@@ -173,6 +177,7 @@ void StartHa(const HaPlan &ha, const pplus_host::ControlHooks &agent)
            std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
+    PLAT_LogFlush();
     std::printf("pppoe-plus-switch: HA start of work reported with role %u, master board %u/%u%s; agent role %u\n",
                 ha.role, ha.chassisId, ha.mainBoardId, delivered ? "" : " (not delivered in time)", role);
     std::fflush(stdout);
@@ -350,6 +355,7 @@ int main(int argc, char **argv)
     if (std::string error; !control.Start(opts.controlPath, hooks, &error)) {
         Say(("control socket not available: " + error).c_str());
     } else {
+        PLAT_LogFlush();
         std::printf("pppoe-plus-switch: control socket %s\n", opts.controlPath.c_str());
         std::fflush(stdout);
     }
@@ -365,15 +371,18 @@ int main(int argc, char **argv)
     } else if (opts.runForSec == 0) {
         int sig = 0;
         sigwait(&stopSignals, &sig);
+        PLAT_LogFlush();
         std::printf("pppoe-plus-switch: %s received, stopping\n", sig == SIGINT ? "SIGINT" : "SIGTERM");
     } else {
         timespec wait{static_cast<time_t>(opts.runForSec), 0};
         const int sig = sigtimedwait(&stopSignals, nullptr, &wait);
+        PLAT_LogFlush();
         std::printf("pppoe-plus-switch: %s, stopping\n", sig > 0 ? "signal received" : "run time over");
     }
     control.Stop();
     ports.Close();
     const uint32_t exitRet = mainExit();
+    PLAT_LogFlush();
     std::printf("pppoe-plus-switch: agent exit returned %u\n", exitRet);
     PLAT_LogWrite(PLAT_LOG_PLATFORM, "[fwm] state: %s", plat::fwm::describe(plat::fwm::state()).c_str());
     ReportLeaks();

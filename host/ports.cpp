@@ -9,6 +9,7 @@
 #include <sstream>
 #include <thread>
 
+#include "plat_control.h"
 #include "plat_fwm.hpp"
 #include "wick.h"
 
@@ -151,6 +152,7 @@ bool HostPorts::Run(const plat::fplane::PcapReplay &replay)
 
 void HostPorts::PrintSummary() const
 {
+    PLAT_LogFlush();   // the log lines of the replay before its summary
     for (const auto &[ifIndex, c] : plane_->AllCounters()) {
         const std::string name = plat::fplane::PortName(ifIndex);
         std::printf("pppoe-plus-switch: port %s (%u): rx %llu tx %llu punted %llu dropped %llu\n",
