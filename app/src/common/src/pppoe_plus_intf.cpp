@@ -15,6 +15,7 @@
 #include "db.h"
 #include "devm.h"
 #include "plat_safe.h"
+#include "pppoe_plus_bounded.h"
 #include "pppoe_plus_db.h"
 #include "pppoe_plus_log.h"
 #include "pppoe_plus_types.h"
@@ -229,7 +230,7 @@ uint32_t PPPOE_PLUS_GetIfNameRaw(uint32_t ifIndex, char *buf, uint32_t size)
     if (ret != DB_OK) {
         return ret;
     }
-    if (strcpy_s(buf, size, name) != EOK) {
+    if (PppoePlusCopyStr(buf, size, name) != EOK) {
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "Fail to copy ifname(name=%s, length=%u).", name, size);
         return PPPOE_PLUS_ERR;
     }

@@ -13,6 +13,7 @@
 
 #include "devm.h"
 #include "plat_safe.h"
+#include "pppoe_plus_bounded.h"
 #include "pppoe_plus_ha.h"
 
 namespace {
@@ -137,7 +138,7 @@ size_t SlotPrefix(char *buf, size_t size, uint32_t chassis, uint32_t board)
     size_t len = 0;
     auto put = [&tmp, &len](std::string_view part) {
         const size_t n = std::min(part.size(), tmp.size() - len);
-        (void)memcpy_s(tmp.data() + len, tmp.size() - len, part.data(), n);
+        (void)PppoePlusCopy(tmp.data() + len, tmp.size() - len, part.data(), n);
         len += n;
     };
     auto number = [&put](uint32_t value) {
@@ -151,7 +152,7 @@ size_t SlotPrefix(char *buf, size_t size, uint32_t chassis, uint32_t board)
     number(board);
     put("]");
     len = std::min(len, size - 1U);
-    (void)memcpy_s(buf, size, tmp.data(), len);
+    (void)PppoePlusCopy(buf, size, tmp.data(), len);
     buf[len] = '\0';
     return len;
 }
@@ -270,7 +271,7 @@ void PPPOE_PLUS_DiagLog(uint32_t logId, const char *format, ...)
     const size_t room = sizeof(text) - prefix;
     if (std::strchr(format, '%') == nullptr) {
         const size_t len = strnlen(format, room - 1U);
-        (void)memcpy_s(rest, room, format, len);
+        (void)PppoePlusCopy(rest, room, format, len);
         rest[len] = '\0';
     } else {
         va_list ap;
