@@ -11,6 +11,7 @@
 
 #include "devm.h"
 #include "plat_safe.h"
+#include "pppoe_plus_bounded.h"
 #include "pppoe_plus_intf.h"
 #include "pppoe_plus_log.h"
 #include "pppoe_plus_mem.h"
@@ -60,32 +61,51 @@ bool CtxValid(const KeyWordEncodeCtx *ctx)
 }
 
 // Pads text with the field format ("%Ns", space-padded, or "%0Ns",
-// zero-padded) into out; an empty field format gives an empty text. The
-// length of the result, or -1 when it does not fit.
+// zero-padded, both right-aligned) into out; an empty field format gives an
+// empty text. The length of the result, or -1 when it does not fit. The two
+// forms the encoder builds are padded here; any other goes to sprintf_s.
 int PadText(const char *fieldFmt, const char *text, char *out, uint32_t size)
 {
     out[0] = '\0';
     if (fieldFmt[0] == '\0') {
         return 0;
     }
-    if (fieldFmt[0] != '%' || fieldFmt[1] != '0') {
+    if (fieldFmt[0] != '%') {
         return sprintf_s(out, size, fieldFmt, text);
     }
+    const char fill = fieldFmt[1] == '0' ? '0' : ' ';
     uint32_t width = 0;
-    uint32_t i = 2;
+    uint32_t i = fill == '0' ? 2U : 1U;
     for (; IsDigit(fieldFmt[i]) && i < kFieldFmtLen; ++i) {
         width = width * 10U + static_cast<uint32_t>(fieldFmt[i] - '0');
     }
     if (fieldFmt[i] != 's' || fieldFmt[i + 1U] != '\0') {
         return sprintf_s(out, size, fieldFmt, text);
     }
+    if (fill == ' ') {
+        // As sprintf_s: too long for out fails; exactly as long as out fills
+        // it to its last byte with the text cut by one and the terminator,
+        // and reports the whole length.
+        const size_t textLen = std::strlen(text);
+        const size_t pad = width > textLen ? width - textLen : 0U;
+        if (pad + textLen > size) {
+            return -1;
+        }
+        const size_t keep = pad + textLen == size ? size - 1U : pad + textLen;
+        std::memset(out, ' ', pad < keep ? pad : keep);
+        if (pad < keep) {
+            std::memcpy(out + pad, text, keep - pad);
+        }
+        out[keep] = '\0';
+        return static_cast<int>(pad + textLen);
+    }
     const uint32_t textLen = static_cast<uint32_t>(strnlen(text, size));
     const uint32_t pad = width > textLen ? width - textLen : 0U;
     if (pad + textLen >= size) {
         return -1;
     }
-    (void)memset_s(out, size, '0', pad);
-    if (strcpy_s(out + pad, size - pad, text) != EOK) {
+    std::memset(out, fill, pad);
+    if (PppoePlusCopyStr(out + pad, size - pad, text) != EOK) {
         return -1;
     }
     return static_cast<int>(pad + textLen);
@@ -100,7 +120,7 @@ uint32_t PutText(KeyWordEncodeCtx *ctx, const char *text, uint32_t length)
         return PPPOE_PLUS_OK;
     }
     if (byte >= PPPOE_PLUS_UDF_WORK_LEN ||
-        memcpy_s(ctx->outBuf + byte, PPPOE_PLUS_UDF_WORK_LEN - byte, text, length) != EOK) {
+        PppoePlusCopy(ctx->outBuf + byte, PPPOE_PLUS_UDF_WORK_LEN - byte, text, length) != EOK) {
         return PPPOE_PLUS_ERR;
     }
     *ctx->bitPos += 8U * length;
@@ -123,13 +143,11 @@ uint32_t WriteSmallText(KeyWordEncodeCtx *ctx, const char *text)
     return WriteText(ctx, text, scratch, sizeof(scratch));
 }
 
-// Renders a number with "%u" and then with the field format.
+// Renders a number as "%u" would, then with the field format.
 int RenderNumber(uint32_t value, const char *fieldFmt, char *out, uint32_t size)
 {
     char digits[16] = {};
-    if (sprintf_s(digits, sizeof(digits), "%u", value) < 0) {
-        return -1;
-    }
+    PppoePlusText(digits, sizeof(digits)).AppendU32(value);
     return PadText(fieldFmt, digits, out, size);
 }
 
@@ -137,11 +155,21 @@ int RenderNumber(uint32_t value, const char *fieldFmt, char *out, uint32_t size)
 // the "%" starts with the digit 0, "%Ns" otherwise.
 bool BuildFieldFmt(const char *ref, uint32_t width, char *out, uint32_t size)
 {
-    const unsigned long w = width;
-    if (ref[0] == '0') {
-        return sprintf_s(out, size, "%s0%lus", "%", w) > 0;
+    PppoePlusText fieldFmt(out, size);
+    fieldFmt.Append(ref[0] == '0' ? "%0" : "%").AppendU32(width).Append("s");
+    return fieldFmt.Length() > 0U;
+}
+
+// As strncmp(text, name, len) == 0 for a name without a NUL in its first
+// len characters.
+bool StartsWith(const char *text, const char *name, uint32_t len)
+{
+    for (uint32_t k = 0; k < len; ++k) {
+        if (text[k] != name[k]) {
+            return false;
+        }
     }
-    return sprintf_s(out, size, "%s%lus", "%", w) > 0;
+    return true;
 }
 
 uint32_t EncodeNumberField(uint32_t value, KeyWordEncodeCtx *ctx, const char *failText)
@@ -231,7 +259,7 @@ uint32_t PPPOE_PLUS_UserFmtIfKeyWord(const char *text, uint32_t *outId, uint32_t
     for (uint32_t id = 0; id < PPPOE_PLUS_KEYWORD_MAX; ++id) {
         const PppoePlusKeyWord &entry = g_pppoePlusKeyWordDict[id];
         const uint32_t len = entry.nameLen;
-        if (len == 0U || strncmp(rest, entry.name, len) != 0 || IsLetter(rest[len])) {
+        if (len == 0U || !StartsWith(rest, entry.name, len) || IsLetter(rest[len])) {
             continue;
         }
         if (digits == 0U && rest[len] == '\0') {
@@ -374,9 +402,9 @@ uint32_t PPPOE_PLUS_GetDevSysMac(uint8_t *mac)
             PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "fail to get SysMac, ret %d.", static_cast<int>(ret));
             return PPPOE_PLUS_ERR;
         }
-        (void)memcpy_s(g_pppoePlusSystemMac, sizeof(g_pppoePlusSystemMac), read, kMacLen);
+        (void)PppoePlusCopy(g_pppoePlusSystemMac, sizeof(g_pppoePlusSystemMac), read, kMacLen);
     }
-    (void)memcpy_s(mac, kMacLen, g_pppoePlusSystemMac, kMacLen);
+    (void)PppoePlusCopy(mac, kMacLen, g_pppoePlusSystemMac, kMacLen);
     return PPPOE_PLUS_OK;
 }
 
@@ -385,14 +413,17 @@ void PPPOE_PLUS_MacAddrToStr(const uint8_t mac[6], char *out, uint32_t size)
     if (mac == nullptr || out == nullptr || size == 0U) {
         return;
     }
-    (void)memset_s(out, size, 0, size);
+    std::memset(out, 0, size);
+    PppoePlusText text(out, size);
     static const uint8_t kZero[kMacLen] = {};
     if (std::memcmp(mac, kZero, kMacLen) == 0) {
-        (void)snprintf_truncated_s(out, size, "%-*s", static_cast<int>(kMacTextLen), "-");
+        // As "%-14s" of "-".
+        text.Append("-").Append(std::string_view("             ", kMacTextLen - 1U));
         return;
     }
-    (void)snprintf_truncated_s(out, size, "%02x%02x-%02x%02x-%02x%02x", mac[0], mac[1], mac[2], mac[3], mac[4],
-                               mac[5]);
+    // As "%02x%02x-%02x%02x-%02x%02x".
+    text.AppendHex2(mac[0]).AppendHex2(mac[1]).Append("-").AppendHex2(mac[2]).AppendHex2(mac[3]).Append("-");
+    text.AppendHex2(mac[4]).AppendHex2(mac[5]);
 }
 
 uint32_t PPPOE_PLUS_GetPortDescByIfIndex(uint32_t ifIndex, char *buf, uint32_t size)
@@ -846,7 +877,7 @@ extern "C" uint32_t PPPOE_PLUS_EncodeUdfData(const UserInfo *info, const char *f
         PPPOE_PLUS_MemFree(work);
         return Fail(__LINE__);
     }
-    (void)memset_s(work, PPPOE_PLUS_UDF_WORK_LEN, 0, PPPOE_PLUS_UDF_WORK_LEN);
+    (void)PppoePlusFill(work, PPPOE_PLUS_UDF_WORK_LEN, 0, PPPOE_PLUS_UDF_WORK_LEN);
     uint32_t len = 0;
     uint32_t ret = WalkFormat(info, fmt, w, work, &len);
     if (ret == PPPOE_PLUS_OK) {
@@ -859,7 +890,7 @@ extern "C" uint32_t PPPOE_PLUS_EncodeUdfData(const UserInfo *info, const char *f
     }
     if (ret == PPPOE_PLUS_OK) {
         if (len != 0U) {
-            (void)memcpy_s(out, PPPOE_PLUS_UDF_OUT_MAX, work, len);
+            (void)PppoePlusCopy(out, PPPOE_PLUS_UDF_OUT_MAX, work, len);
         }
         *outLen = len;
     }
