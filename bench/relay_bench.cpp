@@ -21,8 +21,8 @@
 #include <string>
 #include <vector>
 
-#include "plat_control.h"
-#include "plat_world.hpp"
+#include "platform/control.h"
+#include "device/world.hpp"
 #include "pppoe_frame.hpp"
 #include "pppoe_plus_cfg.h"
 #include "pppoe_plus_fpc.h"

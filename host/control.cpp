@@ -27,9 +27,9 @@
 #include <vector>
 
 #include "control.hpp"
-#include "plat_fwm.hpp"
-#include "plat_ha.hpp"
-#include "plat_world.hpp"
+#include "device/fwm.hpp"
+#include "device/ha.hpp"
+#include "platform/world.hpp"
 
 namespace pplus_host {
 

@@ -13,7 +13,7 @@
 #include <CLI/CLI.hpp>
 #pragma GCC diagnostic pop
 
-#include "plat_yangdb.hpp"
+#include "device/yangdb.hpp"
 
 namespace host {
 

@@ -9,7 +9,7 @@
 #include <sstream>
 #include <thread>
 
-#include "plat_fwm.hpp"
+#include "device/fwm.hpp"
 #include "wick.h"
 
 namespace host {

@@ -14,7 +14,7 @@
 #include <CLI/CLI.hpp>
 #pragma GCC diagnostic pop
 
-#include "plat_fplane.hpp"
+#include "device/fplane.hpp"
 
 namespace host {
 

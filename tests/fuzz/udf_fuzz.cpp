@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <string>
 
-#include "plat_control.h"
-#include "plat_world.hpp"
+#include "platform/control.h"
+#include "platform/world.hpp"
 #include "pppoe_plus_log.h"
 #include "pppoe_plus_mem.h"
 #include "pppoe_plus_tlv.h"

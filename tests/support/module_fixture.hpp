@@ -11,7 +11,7 @@
 #include <string>
 
 #include "plat_safe.h"
-#include "plat_world.hpp"
+#include "platform/world.hpp"
 #include "pplus_test.hpp"
 #include "pppoe_plus_cfg.h"
 #include "pppoe_plus_ha.h"

@@ -23,7 +23,7 @@
 
 #include "agent_requests.hpp"
 #include "control.hpp"
-#include "plat_yangdb.hpp"
+#include "device/yangdb.hpp"
 
 namespace {
 

@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "core/internal.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 
 namespace {
 

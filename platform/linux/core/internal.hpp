@@ -14,7 +14,7 @@
 #include <string_view>
 #include <thread>
 
-#include "plat_control.h"
+#include "platform/control.h"
 
 namespace plat::internal {
 

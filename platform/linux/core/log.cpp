@@ -35,7 +35,7 @@
 #include <vector>
 
 #include "core/internal.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 
 namespace {
 

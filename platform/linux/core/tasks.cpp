@@ -17,7 +17,7 @@
 #include <string>
 
 #include "core/internal.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 
 namespace plat::internal {
 

@@ -15,7 +15,7 @@
 #include <thread>
 
 #include "core/internal.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 #include "plat_safe.h"
 
 namespace {

@@ -27,7 +27,7 @@
 #include "core/internal.hpp"
 #include "db.h"
 #include "db/db_object.hpp"
-#include "plat_world.hpp"
+#include "platform/world.hpp"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // table of the world model, with at most one iterator of its own.
 //
 // A table is a row type plus a function returning the table's rows in order
-// (from plat_world.hpp). TableObject<Row> keeps a snapshot taken when an
+// (from platform/world.hpp). TableObject<Row> keeps a snapshot taken when an
 // iteration starts, a read is made (or the object is reset), so concurrent
 // changes to the world never move rows under an iteration. A key narrows
 // the snapshot to the matching rows. A further table is added by naming
@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "db.h"
-#include "plat_world.hpp"
+#include "platform/world.hpp"
 #include "world/world_internal.hpp"
 
 namespace plat::db {

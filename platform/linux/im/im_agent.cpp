@@ -19,7 +19,7 @@
 
 #include "core/internal.hpp"
 #include "im_agent.h"
-#include "plat_control.h"
+#include "platform/control.h"
 
 namespace plat::im {
 

@@ -21,7 +21,7 @@
 
 #include "core/internal.hpp"
 #include "mesh.h"
-#include "plat_control.h"
+#include "platform/control.h"
 
 namespace {
 

@@ -4,10 +4,11 @@
 // to start work and with which board role, that a standby board came or
 // went, that this board was promoted or demoted, and every change of the
 // master board; components answer switchover events with a state report.
-// Ours is driven through plat_ha.hpp: each call queues one event and a
-// thread of the service ("HA service") delivers the events in order,
-// calling the callbacks without holding the service's lock (a callback may
-// report its switchover state or register). It keeps what was registered,
+// Ours is driven through platform/ha.hpp (by the device layer's HA driver,
+// device/ha.hpp): each event is queued and a thread of the service ("HA
+// service") delivers the events in order, calling the callbacks without
+// holding the service's lock (a callback may report its switchover state or
+// register). It keeps what was registered,
 // reported and returned so the host can show it and tests can assert it.
 // Every MOLB_HA_ call passes failure injection.
 #include <pthread.h>
@@ -18,12 +19,11 @@
 #include <cstring>
 #include <deque>
 #include <mutex>
-#include <sstream>
 #include <thread>
 
 #include "core/internal.hpp"
 #include "molb.h"
-#include "plat_ha.hpp"
+#include "platform/ha.hpp"
 
 static_assert(sizeof(MOLB_HA_COMP_INFO_S) == 152, "the registration record is 152 bytes");
 static_assert(offsetof(MOLB_HA_COMP_INFO_S, compType) == 64, "type at offset 64");
@@ -187,24 +187,6 @@ void ServiceLoop()
     }
 }
 
-Seq Queue(Kind kind, uint32_t eventType, std::vector<uint32_t> info)
-{
-    Service &svc = TheService();
-    Seq seq = 0;
-    {
-        std::lock_guard lock(svc.mu);
-        if (!svc.threadStarted) {
-            // The service runs for the life of the process, like the tasks.
-            std::thread(ServiceLoop).detach();
-            svc.threadStarted = true;
-        }
-        seq = ++svc.state.queued;
-        svc.queue.push_back(Pending{seq, kind, eventType, std::move(info)});
-    }
-    svc.queuedCv.notify_one();
-    return seq;
-}
-
 }  // namespace
 
 extern "C" {
@@ -272,39 +254,22 @@ uint32_t MOLB_HA_ReportSwitchoverState(const char *compName, uint32_t state, uin
 
 namespace plat::ha {
 
-Seq start_work(uint32_t role)
+Seq Queue(Kind kind, uint32_t eventType, std::vector<uint32_t> info)
 {
-    return Queue(Kind::Event, MOLB_HA_EVENT_START_WORK, {role});
-}
-
-Seq new_backup(uint32_t chassisId, uint32_t boardId)
-{
-    return Queue(Kind::Event, MOLB_HA_EVENT_NEW_BACKUP, {chassisId, boardId});
-}
-
-Seq backup_removed()
-{
-    return Queue(Kind::Event, MOLB_HA_EVENT_BACKUP_REMOVED, {});
-}
-
-Seq promote()
-{
-    return Queue(Kind::Event, MOLB_HA_EVENT_PROMOTE, {});
-}
-
-Seq demote()
-{
-    return Queue(Kind::Event, MOLB_HA_EVENT_DEMOTE, {});
-}
-
-Seq master_change(uint32_t chassisId, uint32_t boardId)
-{
-    return Queue(Kind::MasterChange, 0, {chassisId, boardId});
-}
-
-Seq send_event(uint32_t eventType, const std::vector<uint32_t> &info)
-{
-    return Queue(Kind::Event, eventType, info);
+    Service &svc = TheService();
+    Seq seq = 0;
+    {
+        std::lock_guard lock(svc.mu);
+        if (!svc.threadStarted) {
+            // The service runs for the life of the process, like the tasks.
+            std::thread(ServiceLoop).detach();
+            svc.threadStarted = true;
+        }
+        seq = ++svc.state.queued;
+        svc.queue.push_back(Pending{seq, kind, eventType, std::move(info)});
+    }
+    svc.queuedCv.notify_one();
+    return seq;
 }
 
 bool wait_delivered(Seq seq, uint32_t timeoutMs)
@@ -350,20 +315,6 @@ State state()
     Service &svc = TheService();
     std::lock_guard lock(svc.mu);
     return svc.state;
-}
-
-std::string describe(const State &s)
-{
-    std::ostringstream out;
-    out << "role " << s.role << ", standby " << s.standbyChassis << "/" << s.standbyBoard << ", master "
-        << s.masterChassis << "/" << s.masterBoard << ", events " << s.queued << " queued " << s.delivered
-        << " delivered";
-    return out.str();
-}
-
-std::string describe(const SwitchoverReport &report)
-{
-    return report.name + " state " + std::to_string(report.state);
 }
 
 }  // namespace plat::ha

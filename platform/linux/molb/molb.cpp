@@ -19,7 +19,7 @@
 
 #include "core/internal.hpp"
 #include "molb.h"
-#include "plat_control.h"
+#include "platform/control.h"
 
 namespace {
 

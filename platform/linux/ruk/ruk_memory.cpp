@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "core/internal.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 #include "ruk.h"
 
 namespace {

@@ -18,7 +18,7 @@
 #include <thread>
 
 #include "core/internal.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 #include "ruk.h"
 
 namespace {

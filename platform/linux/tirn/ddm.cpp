@@ -6,7 +6,7 @@
 
 #include "core/internal.hpp"
 #include "ddm.h"
-#include "plat_tirn.hpp"
+#include "platform/tirn.hpp"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "core/internal.hpp"
-#include "plat_tirn.hpp"
+#include "platform/tirn.hpp"
 #include "rpc.h"
 #include "tirn/tirn_internal.hpp"
 

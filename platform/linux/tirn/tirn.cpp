@@ -24,7 +24,7 @@
 #include "core/internal.hpp"
 #include "mesh.h"
 #include "plat_safe.h"
-#include "plat_tirn.hpp"
+#include "platform/tirn.hpp"
 #include "tirn.h"
 #include "tirn/tirn_internal.hpp"
 

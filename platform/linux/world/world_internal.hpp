@@ -1,5 +1,5 @@
 // What the platform's services read from the world model beyond
-// plat_world.hpp: the identity together with which of its parts currently
+// platform/world.hpp: the identity together with which of its parts currently
 // answer, taken in one consistent snapshot (the device manager), and the
 // feed of interface and board-registry writes (the database's
 // subscriptions).
@@ -9,7 +9,7 @@
 #include <optional>
 #include <vector>
 
-#include "plat_world.hpp"
+#include "platform/world.hpp"
 
 namespace plat::world {
 

@@ -14,9 +14,9 @@
 // Every entry point honours the platform's failure injection under its own
 // name: ydbc_connect fails with -1, the allocators with null, the others
 // with the injected code.
-#include "wire.hpp"
+#include "platform/ydbc_wire.hpp"
 
-#include <plat_control.h>
+#include <platform/control.h>
 
 #pragma GCC visibility push(default)
 #include <ydbc.h>

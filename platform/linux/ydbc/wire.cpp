@@ -1,5 +1,5 @@
 // Framing of the datastore protocol (see wire.hpp).
-#include "wire.hpp"
+#include "platform/ydbc_wire.hpp"
 
 #include <sys/socket.h>
 #include <sys/un.h>

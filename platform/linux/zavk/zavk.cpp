@@ -26,7 +26,7 @@
 #include <vector>
 
 #include "core/internal.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 #include "zavk.h"
 
 namespace {

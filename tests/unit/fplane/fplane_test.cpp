@@ -7,10 +7,10 @@
 
 #include <cstring>
 
-#include "plat_control.h"
-#include "plat_fplane.hpp"
-#include "plat_fwm.hpp"
-#include "plat_world.hpp"
+#include "platform/control.h"
+#include "device/fplane.hpp"
+#include "device/fwm.hpp"
+#include "device/world.hpp"
 #include "pplus_test.hpp"
 #include "pppoe_frame.hpp"
 #include "wick.h"

@@ -9,8 +9,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "plat_fplane.hpp"
-#include "plat_world.hpp"
+#include "device/fplane.hpp"
+#include "device/world.hpp"
 #include "pppoe_frame.hpp"
 
 namespace {

@@ -7,9 +7,9 @@
 #include <atomic>
 
 #include "module_fixture.hpp"
-#include "plat_control.h"
-#include "plat_fwm.hpp"
-#include "plat_tirn.hpp"
+#include "platform/control.h"
+#include "device/fwm.hpp"
+#include "platform/tirn.hpp"
 #include "pppoe_plus_acl.h"
 #include "pppoe_plus_cfg.h"
 #include "pppoe_plus_log.h"

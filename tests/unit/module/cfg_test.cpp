@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "module_fixture.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 #include "plat_safe.h"
 #include "pppoe_plus_cfg.h"
 

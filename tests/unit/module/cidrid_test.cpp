@@ -12,9 +12,9 @@
 #include <vector>
 
 #include "module_fixture.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 #include "plat_safe.h"
-#include "plat_world.hpp"
+#include "platform/world.hpp"
 #include "pplus_test.hpp"
 #include "pppoe_plus_cfg.h"
 #include "pppoe_plus_log.h"

@@ -12,8 +12,8 @@
 
 #include "mesh.h"
 #include "module_fixture.hpp"
-#include "plat_control.h"
-#include "plat_world.hpp"
+#include "platform/control.h"
+#include "platform/world.hpp"
 #include "pppoe_plus_cfg.h"
 #include "pppoe_plus_db.h"
 #include "pppoe_plus_evt.h"

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "module_fixture.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 #include "pplus_test.hpp"
 #include "pppoe_frame.hpp"
 #include "pppoe_plus_cfg.h"

@@ -4,7 +4,7 @@
 
 #include <thread>
 
-#include "plat_control.h"
+#include "platform/control.h"
 #include "pplus_test.hpp"
 #include "pppoe_plus_fpc.h"
 #include "pppoe_plus_ha.h"

@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 
 #include "module_fixture.hpp"
-#include "plat_control.h"
-#include "plat_fwm.hpp"
-#include "plat_tirn.hpp"
+#include "platform/control.h"
+#include "device/fwm.hpp"
+#include "platform/tirn.hpp"
 #include "pppoe_plus_db.h"
 #include "pppoe_plus_tirn.h"
 

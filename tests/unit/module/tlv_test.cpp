@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "module_fixture.hpp"
-#include "plat_control.h"
-#include "plat_world.hpp"
+#include "platform/control.h"
+#include "platform/world.hpp"
 #include "pplus_test.hpp"
 #include "pppoe_plus_log.h"
 #include "pppoe_plus_portdesc.h"

@@ -15,7 +15,7 @@
 
 #include "devm.h"
 #include "module_fixture.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 #include "pplus_test.hpp"
 #include "pppoe_plus_cfg.h"
 #include "pppoe_plus_log.h"

@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "db.h"
-#include "plat_control.h"
-#include "plat_world.hpp"
+#include "platform/control.h"
+#include "platform/world.hpp"
 
 namespace {
 

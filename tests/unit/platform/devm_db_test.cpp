@@ -5,7 +5,7 @@
 
 #include "db.h"
 #include "devm.h"
-#include "plat_world.hpp"
+#include "platform/world.hpp"
 
 namespace {
 

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "molb.h"
-#include "plat_control.h"
-#include "plat_ha.hpp"
+#include "platform/control.h"
+#include "device/ha.hpp"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "devm.h"
-#include "plat_world.hpp"
+#include "device/world.hpp"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <plat_yangdb.hpp>
+#include <device/yangdb.hpp>
 #include <ydbc.h>
 
 #include <sys/epoll.h>

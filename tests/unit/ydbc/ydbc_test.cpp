@@ -3,7 +3,7 @@
 // loop like the agent's, and a management session.
 #include "ydbc_harness.hpp"
 
-#include <plat_control.h>
+#include <platform/control.h>
 
 #include <fstream>
 #include <sstream>

@@ -1,6 +1,7 @@
 // The world model of the Linux platform: the switch the module believes it
 // runs on. The device manager and the object database answer from it; the
-// host fills it from a topology file and changes it at run time.
+// device layer fills it from a topology file (device/world.hpp) and the
+// host and tests change it at run time.
 #pragma once
 
 #include <array>
@@ -107,11 +108,6 @@ struct Topology {
     std::vector<AccessIsolateRecord> accessIsolation;
     std::vector<PortIsolateRecord> portIsolation;
 };
-
-// Parses a topology file (YAML). On error returns nullopt and a message
-// naming the file, line and offending key in *error.
-std::optional<Topology> load_topology_file(const std::string &path, std::string *error);
-std::optional<Topology> load_topology_text(const std::string &yaml, std::string *error);
 
 namespace world {
 

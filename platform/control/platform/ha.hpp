@@ -1,8 +1,8 @@
-// The high-availability service of the Linux platform, seen from the host
-// and from tests: it plays the switch's HA manager. Each call below queues
-// one event; the service's thread ("HA service") delivers queued events in
+// The high-availability service of the Linux platform (MOLB_HA_), seen from
+// outside the module: its thread ("HA service") delivers queued events in
 // order to every registered component (or master-position subscriber) and
-// records what each callback returned.
+// records what each callback returned. The device layer's HA driver
+// (device/ha.hpp) plays the switch's HA manager and queues the events.
 #pragma once
 
 #include <cstdint>
@@ -19,22 +19,15 @@ inline constexpr uint32_t kRoleSlave = 3;
 // Sequence number of a queued event (from 1).
 using Seq = uint64_t;
 
-// What the components are told. Each returns the event's sequence number.
-Seq start_work(uint32_t role);
-Seq new_backup(uint32_t chassisId, uint32_t boardId);
-Seq backup_removed();
-Seq promote();
-Seq demote();
-Seq master_change(uint32_t chassisId, uint32_t boardId);
-// Any event type with optional information words (none: a null pointer;
-// one: a uint32_t; two: a chassis/board pair), for events the service
-// itself never sends.
-Seq send_event(uint32_t eventType, const std::vector<uint32_t> &info);
+enum class Kind : uint32_t { Event, MasterChange };
+
+// Queues one event for the components: an event of eventType, or a master
+// change, with its information words (none: a null pointer; one: a
+// uint32_t; two: a chassis/board pair). Returns its sequence number.
+Seq Queue(Kind kind, uint32_t eventType, std::vector<uint32_t> info);
 
 // Waits up to timeoutMs (real time) until the event seq was delivered.
 bool wait_delivered(Seq seq, uint32_t timeoutMs = 5000);
-
-enum class Kind : uint32_t { Event, MasterChange };
 
 struct Delivery {
     Seq seq = 0;
@@ -75,10 +68,5 @@ struct State {
     Seq delivered = 0;                 // events delivered so far
 };
 State state();
-
-// "role 1, standby 0/0, master 1/1, events 3 queued 3 delivered".
-std::string describe(const State &state);
-// "pppoe_plus state 1".
-std::string describe(const SwitchoverReport &report);
 
 }  // namespace plat::ha

@@ -10,10 +10,10 @@
 #include <cstring>
 #include <future>
 
-#include "plat_control.h"
-#include "plat_fplane.hpp"
-#include "plat_fwm.hpp"
-#include "plat_world.hpp"
+#include "platform/control.h"
+#include "device/fplane.hpp"
+#include "device/fwm.hpp"
+#include "platform/world.hpp"
 #include "wick.h"
 
 namespace plat::fplane {

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <filesystem>
 
-#include "plat_fplane.hpp"
+#include "device/fplane.hpp"
 
 namespace plat::fplane {
 

@@ -1,11 +1,11 @@
 // A management session: one request at a time over the datastore socket,
 // each answered by one reply carrying "ok" or "error" and a text.
-#include <plat_yangdb.hpp>
+#include <device/yangdb.hpp>
 
-#include "wire.hpp"
+#include "platform/ydbc_wire.hpp"
 #include "yang_store.hpp"
 
-#include <plat_control.h>
+#include <platform/control.h>
 
 #include <sys/socket.h>
 #include <unistd.h>

@@ -1,7 +1,7 @@
 // The running configuration in libyang (see yang_store.hpp).
 #include "yang_store.hpp"
 
-#include <plat_control.h>
+#include <platform/control.h>
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -10,10 +10,8 @@
 #include <mutex>
 #include <sstream>
 
-#include "core/internal.hpp"
-#include "plat_fwm.hpp"
-#include "rpc.h"
-#include "tirn/tirn_internal.hpp"
+#include "device/fwm.hpp"
+#include "platform/tirn.hpp"
 
 namespace plat::fwm {
 namespace {
@@ -30,9 +28,12 @@ struct Fwm {
     std::atomic<bool> enabled{false};   // mirrors state.enabled for readers per frame
 };
 
+// Lives as long as the process: the session task may still call in while
+// static destructors run at exit.
 Fwm &TheFwm()
 {
-    return plat::internal::Leaky<Fwm>();
+    static Fwm *const fwm = new Fwm();
+    return *fwm;
 }
 
 void Notify(const Request *request, const std::string &client)

@@ -12,12 +12,12 @@
 // undone with their inverses, in reverse order, and the running
 // configuration stays as it was. A subscriber that timed out is sent the
 // inverse of its pending change as well, since it may still apply it.
-#include <plat_yangdb.hpp>
+#include <device/yangdb.hpp>
 
-#include "wire.hpp"
+#include "platform/ydbc_wire.hpp"
 #include "yang_store.hpp"
 
-#include <plat_control.h>
+#include <platform/control.h>
 
 #include <fcntl.h>
 #include <poll.h>

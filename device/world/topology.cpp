@@ -52,7 +52,7 @@
 #include <string>
 
 #include "devm.h"
-#include "plat_world.hpp"
+#include "device/world.hpp"
 
 namespace {
 
