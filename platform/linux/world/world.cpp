@@ -6,10 +6,11 @@
 // device database answers yet (main board and self board separately), the
 // framework-instance table and the switching tables (interfaces, trunks,
 // trunk ports, port VLANs, access and port isolation) and the board registry.
-// The host fills it from a topology file (the device layer's loader, device/world) and tests and the
-// host's control change it at any time; every access is locked. Writes of
-// interfaces and of the board registry are handed, under the same lock and
-// so in order, to the change listener of the database's subscription side.
+// The host fills it from a topology file (read by the device layer's
+// loader) and tests and the host's control change it at any time; every
+// access is locked. Writes of interfaces and of the board registry are
+// handed, under the same lock and so in order, to the change listener of the
+// database's subscription side.
 #include <algorithm>
 #include <mutex>
 
