@@ -11,7 +11,7 @@
 
 #include "device/fplane.hpp"
 
-namespace plat::fplane {
+namespace device::fplane {
 
 // ---- In memory ----
 
@@ -232,4 +232,4 @@ std::vector<std::string> PcapCapture::Errors() const
     return errors_;
 }
 
-}  // namespace plat::fplane
+}  // namespace device::fplane

@@ -6,44 +6,46 @@
 #include "device/ha.hpp"
 #include "molb.h"
 
-namespace plat::ha {
+namespace device::ha {
 
-Seq start_work(uint32_t role)
+using platform::ha::Queue;
+
+Seq StartWork(uint32_t role)
 {
     return Queue(Kind::Event, MOLB_HA_EVENT_START_WORK, {role});
 }
 
-Seq new_backup(uint32_t chassisId, uint32_t boardId)
+Seq NewBackup(uint32_t chassisId, uint32_t boardId)
 {
     return Queue(Kind::Event, MOLB_HA_EVENT_NEW_BACKUP, {chassisId, boardId});
 }
 
-Seq backup_removed()
+Seq BackupRemoved()
 {
     return Queue(Kind::Event, MOLB_HA_EVENT_BACKUP_REMOVED, {});
 }
 
-Seq promote()
+Seq Promote()
 {
     return Queue(Kind::Event, MOLB_HA_EVENT_PROMOTE, {});
 }
 
-Seq demote()
+Seq Demote()
 {
     return Queue(Kind::Event, MOLB_HA_EVENT_DEMOTE, {});
 }
 
-Seq master_change(uint32_t chassisId, uint32_t boardId)
+Seq MasterChange(uint32_t chassisId, uint32_t boardId)
 {
     return Queue(Kind::MasterChange, 0, {chassisId, boardId});
 }
 
-Seq send_event(uint32_t eventType, const std::vector<uint32_t> &info)
+Seq SendEvent(uint32_t eventType, const std::vector<uint32_t> &info)
 {
     return Queue(Kind::Event, eventType, info);
 }
 
-std::string describe(const State &s)
+std::string Describe(const State &s)
 {
     std::ostringstream out;
     out << "role " << s.role << ", standby " << s.standbyChassis << "/" << s.standbyBoard << ", master "
@@ -52,9 +54,9 @@ std::string describe(const State &s)
     return out.str();
 }
 
-std::string describe(const SwitchoverReport &report)
+std::string Describe(const SwitchoverReport &report)
 {
     return report.name + " state " + std::to_string(report.state);
 }
 
-}  // namespace plat::ha
+}  // namespace device::ha

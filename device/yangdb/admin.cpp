@@ -14,7 +14,9 @@
 #include <cstring>
 #include <mutex>
 
-namespace plat::yangdb {
+namespace device::yangdb {
+
+namespace wire = platform::ydbc::wire;
 
 struct Admin::Impl {
     int fd = -1;
@@ -99,4 +101,4 @@ Reply Admin::Rpc(std::string_view xml)
     return impl_->Call(wire::Type::kRpc, {std::string(xml)});
 }
 
-}  // namespace plat::yangdb
+}  // namespace device::yangdb

@@ -42,7 +42,9 @@
 
 #include <ydbc.h>
 
-namespace plat::yangdb {
+namespace device::yangdb {
+
+namespace wire = platform::ydbc::wire;
 
 std::string DefaultSocketPath()
 {
@@ -792,4 +794,4 @@ std::unique_ptr<Server> Server::Start(const ServerOptions &options, std::string 
     return std::unique_ptr<Server>(new Server(std::move(impl)));
 }
 
-}  // namespace plat::yangdb
+}  // namespace device::yangdb

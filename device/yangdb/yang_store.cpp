@@ -13,7 +13,7 @@
 #include <filesystem>
 #include <mutex>
 
-namespace plat::yangdb {
+namespace device::yangdb {
 
 namespace {
 
@@ -478,4 +478,4 @@ bool YangStore::ParseRpc(std::string_view xml, std::string *opPath, std::string 
     return true;
 }
 
-}  // namespace plat::yangdb
+}  // namespace device::yangdb

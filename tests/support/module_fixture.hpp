@@ -47,11 +47,11 @@ protected:
     // The switch's system name and MAC, as the tag builders read them.
     static void UseIdentity(const std::string &sysName, const std::array<uint8_t, 6> &sysMac)
     {
-        plat::SystemIdentity id = plat::world::identity();
+        platform::SystemIdentity id = platform::world::Identity();
         id.sysName = sysName;
         id.sysMac = sysMac;
-        plat::world::set_identity(id);
-        plat::world::set_sys_name(sysName);
+        platform::world::SetIdentity(id);
+        platform::world::SetSysName(sysName);
     }
 
     // What the tag builders need: the keyword dictionary, the system MAC

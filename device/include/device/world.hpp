@@ -7,11 +7,13 @@
 
 #include "platform/world.hpp"
 
-namespace plat {
+namespace device::world {
+
+using platform::Topology;
 
 // Parses a topology file (YAML). On error returns nullopt and a message
 // naming the file, line and offending key in *error.
-std::optional<Topology> load_topology_file(const std::string &path, std::string *error);
-std::optional<Topology> load_topology_text(const std::string &yaml, std::string *error);
+std::optional<Topology> LoadTopologyFile(const std::string &path, std::string *error);
+std::optional<Topology> LoadTopologyText(const std::string &yaml, std::string *error);
 
-}  // namespace plat
+}  // namespace device::world

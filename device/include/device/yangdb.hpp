@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-namespace plat::yangdb {
+namespace device::yangdb {
 
 // "/var/orvale/yangdb.sock", or the path $YDBC_SOCKET names.
 std::string DefaultSocketPath();
@@ -83,4 +83,4 @@ private:
     std::unique_ptr<Impl> impl_;
 };
 
-}  // namespace plat::yangdb
+}  // namespace device::yangdb

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace plat::ha {
+namespace platform::ha {
 
 inline constexpr uint32_t kRoleMaster = 1;
 inline constexpr uint32_t kRoleStandby = 2;
@@ -27,7 +27,7 @@ enum class Kind : uint32_t { Event, MasterChange };
 Seq Queue(Kind kind, uint32_t eventType, std::vector<uint32_t> info);
 
 // Waits up to timeoutMs (real time) until the event seq was delivered.
-bool wait_delivered(Seq seq, uint32_t timeoutMs = 5000);
+bool WaitDelivered(Seq seq, uint32_t timeoutMs = 5000);
 
 struct Delivery {
     Seq seq = 0;
@@ -38,7 +38,7 @@ struct Delivery {
     std::vector<uint32_t> returns;     // what each returned
 };
 // A delivered event (the last 256 are kept); nullopt when not delivered yet or forgotten.
-std::optional<Delivery> delivery(Seq seq);
+std::optional<Delivery> GetDelivery(Seq seq);
 
 struct Registration {
     std::string name;
@@ -47,7 +47,7 @@ struct Registration {
     uint32_t flag = 0;
     bool mmbSubscribed = false;        // subscribed to master changes (type empty: subscribed only)
 };
-std::vector<Registration> registrations();
+std::vector<Registration> Registrations();
 
 struct SwitchoverReport {
     std::string name;
@@ -55,18 +55,18 @@ struct SwitchoverReport {
     uint32_t reserved = 0;
 };
 // Every switchover report, oldest first (the last 256).
-std::vector<SwitchoverReport> switchover_reports();
+std::vector<SwitchoverReport> SwitchoverReports();
 
 // What the service last told the components.
 struct State {
     uint32_t role = 0;                 // of the last start of work, 0 before
-    uint32_t standbyChassis = 0;       // of the last new backup (0/0 none, cleared by backup_removed)
+    uint32_t standbyChassis = 0;       // of the last new backup (0/0 none, cleared when the backup goes)
     uint32_t standbyBoard = 0;
     uint32_t masterChassis = 0;        // of the last master change
     uint32_t masterBoard = 0;
     Seq queued = 0;                    // events queued so far
     Seq delivered = 0;                 // events delivered so far
 };
-State state();
+State GetState();
 
-}  // namespace plat::ha
+}  // namespace platform::ha

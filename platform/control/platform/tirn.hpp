@@ -12,10 +12,10 @@
 
 #include "ddm.h"
 
-namespace plat::tirn {
+namespace platform::tirn {
 
 // IDL methods of the PPPoE+ interface (the same numbers as
-// plat::fwm::RequestKind).
+// device::fwm::RequestKind).
 enum class Method : uint32_t { GlobalCfg = 0, IgnoreReplyCfg = 1, TrustPortCfg = 2 };
 
 struct Service {
@@ -27,20 +27,20 @@ struct Service {
 };
 
 // Binds uri to the service; false when the URI is bound already.
-bool register_service(const std::string &uri, Service service);
+bool RegisterService(const std::string &uri, Service service);
 // Unbinds it: every connection to it sees its peer quit.
-void unregister_service(const std::string &uri);
+void UnregisterService(const std::string &uri);
 
 // The epoll set registered for the server bound to uri (-1 when none was
 // registered); nullopt when nothing is bound there.
-std::optional<int32_t> bound_server_epoll_fd(const std::string &uri);
+std::optional<int32_t> BoundServerEpollFd(const std::string &uri);
 // Service name of the server bound to uri ("" when none).
-std::string bound_server_name(const std::string &uri);
+std::string BoundServerName(const std::string &uri);
 // Connections currently open.
-uint32_t open_connections();
+uint32_t OpenConnections();
 // IDL messages created and not yet destroyed.
-uint32_t idl_messages_outstanding();
+uint32_t IdlMessagesOutstanding();
 // The last role DDM_AuthorizeSetSelectorRole accepted.
-std::optional<DDM_SELECTOR_ROLE_S> last_selector_role();
+std::optional<DDM_SELECTOR_ROLE_S> LastSelectorRole();
 
-}  // namespace plat::tirn
+}  // namespace platform::tirn

@@ -33,14 +33,14 @@ static_assert(offsetof(MOLB_HA_COMP_INFO_S, reserved) == 136, "16 reserved bytes
 
 namespace {
 
-using plat::ha::Delivery;
-using plat::ha::Kind;
-using plat::ha::Seq;
+using platform::ha::Delivery;
+using platform::ha::Kind;
+using platform::ha::Seq;
 
 constexpr size_t kKeep = 256;
 
 struct Component {
-    plat::ha::Registration reg;
+    platform::ha::Registration reg;
     MOLB_HA_EVENT_FN onEvent = nullptr;
     MOLB_HA_MMB_FN onMasterChange = nullptr;
 };
@@ -59,14 +59,14 @@ struct Service {
     std::vector<Component> components;
     std::deque<Pending> queue;
     std::deque<Delivery> delivered;
-    std::deque<plat::ha::SwitchoverReport> reports;
-    plat::ha::State state;
+    std::deque<platform::ha::SwitchoverReport> reports;
+    platform::ha::State state;
     bool threadStarted = false;
 };
 
 Service &TheService()
 {
-    return plat::internal::Leaky<Service>();
+    return platform::internal::Leaky<Service>();
 }
 
 // A fixed-size field holds a terminated string.
@@ -104,7 +104,7 @@ void Keep(std::deque<T> &ring, T item)
     }
 }
 
-void ApplyLocked(plat::ha::State &state, const Pending &ev)
+void ApplyLocked(platform::ha::State &state, const Pending &ev)
 {
     // Events sent without their information tell nothing about the state.
     if (ev.kind == Kind::MasterChange) {
@@ -195,7 +195,7 @@ uint32_t MOLB_HA_CompRegister(const MOLB_HA_COMP_INFO_S *info, MOLB_HA_EVENT_FN 
 {
     (void)reserved;
     uint32_t code = 0;
-    if (plat::internal::Injected("MOLB_HA_CompRegister", &code)) {
+    if (platform::internal::Injected("MOLB_HA_CompRegister", &code)) {
         return code;
     }
     if (info == nullptr || callback == nullptr || !Terminated(info->compName, sizeof(info->compName)) ||
@@ -216,7 +216,7 @@ uint32_t MOLB_HA_SubsAMMBPosition(const char *compName, MOLB_HA_MMB_FN callback,
 {
     (void)reserved;
     uint32_t code = 0;
-    if (plat::internal::Injected("MOLB_HA_SubsAMMBPosition", &code)) {
+    if (platform::internal::Injected("MOLB_HA_SubsAMMBPosition", &code)) {
         return code;
     }
     if (compName == nullptr || compName[0] == '\0' || callback == nullptr ||
@@ -234,7 +234,7 @@ uint32_t MOLB_HA_SubsAMMBPosition(const char *compName, MOLB_HA_MMB_FN callback,
 uint32_t MOLB_HA_ReportSwitchoverState(const char *compName, uint32_t state, uint32_t reserved)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("MOLB_HA_ReportSwitchoverState", &code)) {
+    if (platform::internal::Injected("MOLB_HA_ReportSwitchoverState", &code)) {
         return code;
     }
     if (compName == nullptr || !Terminated(compName, MOLB_HA_NAME_LEN)) {
@@ -246,13 +246,13 @@ uint32_t MOLB_HA_ReportSwitchoverState(const char *compName, uint32_t state, uin
     if (c == nullptr || c->onEvent == nullptr) {
         return MOLB_ERR_UNKNOWN_COMP;
     }
-    Keep(svc.reports, plat::ha::SwitchoverReport{compName, state, reserved});
+    Keep(svc.reports, platform::ha::SwitchoverReport{compName, state, reserved});
     return MOLB_OK;
 }
 
 }  // extern "C"
 
-namespace plat::ha {
+namespace platform::ha {
 
 Seq Queue(Kind kind, uint32_t eventType, std::vector<uint32_t> info)
 {
@@ -272,7 +272,7 @@ Seq Queue(Kind kind, uint32_t eventType, std::vector<uint32_t> info)
     return seq;
 }
 
-bool wait_delivered(Seq seq, uint32_t timeoutMs)
+bool WaitDelivered(Seq seq, uint32_t timeoutMs)
 {
     Service &svc = TheService();
     std::unique_lock lock(svc.mu);
@@ -280,7 +280,7 @@ bool wait_delivered(Seq seq, uint32_t timeoutMs)
                                     [&svc, seq]() { return svc.state.delivered >= seq; });
 }
 
-std::optional<Delivery> delivery(Seq seq)
+std::optional<Delivery> GetDelivery(Seq seq)
 {
     Service &svc = TheService();
     std::lock_guard lock(svc.mu);
@@ -292,7 +292,7 @@ std::optional<Delivery> delivery(Seq seq)
     return std::nullopt;
 }
 
-std::vector<Registration> registrations()
+std::vector<Registration> Registrations()
 {
     Service &svc = TheService();
     std::lock_guard lock(svc.mu);
@@ -303,18 +303,18 @@ std::vector<Registration> registrations()
     return out;
 }
 
-std::vector<SwitchoverReport> switchover_reports()
+std::vector<SwitchoverReport> SwitchoverReports()
 {
     Service &svc = TheService();
     std::lock_guard lock(svc.mu);
     return {svc.reports.begin(), svc.reports.end()};
 }
 
-State state()
+State GetState()
 {
     Service &svc = TheService();
     std::lock_guard lock(svc.mu);
     return svc.state;
 }
 
-}  // namespace plat::ha
+}  // namespace platform::ha

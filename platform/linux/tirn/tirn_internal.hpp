@@ -7,11 +7,11 @@
 #include "platform/tirn.hpp"
 #include "rpc.h"
 
-namespace plat::tirn {
+namespace platform::tirn {
 
 // Sends the request over the newest client whose connection is up and
 // whose peer answers requests; queues the completion on that connection.
 // RPC_OK, RPC_ERR_NOT_CONNECTED.
-uint32_t invoke(Method method, const void *request, uint32_t len, RPC_ASYNC_CALLBACK_FN callback);
+uint32_t Invoke(Method method, const void *request, uint32_t len, RPC_ASYNC_CALLBACK_FN callback);
 
-}  // namespace plat::tirn
+}  // namespace platform::tirn

@@ -40,9 +40,9 @@
 
 namespace {
 
-using plat::yangdb::wire::Message;
-using plat::yangdb::wire::Type;
-namespace wire = plat::yangdb::wire;
+using platform::ydbc::wire::Message;
+using platform::ydbc::wire::Type;
+namespace wire = platform::ydbc::wire;
 
 constexpr auto kCallTimeout = std::chrono::seconds(10);
 

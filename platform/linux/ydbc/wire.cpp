@@ -9,7 +9,7 @@
 #include <charconv>
 #include <cstring>
 
-namespace plat::yangdb::wire {
+namespace platform::ydbc::wire {
 
 namespace {
 
@@ -156,4 +156,4 @@ int ConnectUnix(const std::string &path)
     return fd;
 }
 
-}  // namespace plat::yangdb::wire
+}  // namespace platform::ydbc::wire
