@@ -1,4 +1,4 @@
-// The forwarding manager of the Linux platform: the service behind
+// The forwarding manager of the device layer: the service behind
 // "talvo_mesh://peer:ipv4:127.0.0.1:39711" that takes the PPPoE+ agent's
 // ACL requests, answers each with status 0 and keeps the state they set
 // for the forwarding plane and the host.

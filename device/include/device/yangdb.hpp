@@ -1,4 +1,4 @@
-// The YANG configuration datastore of the Linux platform (libyangdb.so):
+// The YANG configuration datastore of the device layer (libyangdb.so):
 // the server that the host embeds, and the management session that
 // pppoe-plus-cli and the host use to edit, read and call operations.
 // Subscribers (the agent) talk to the same server through libydbc.so.
