@@ -9,7 +9,7 @@
 #include <new>
 #include <vector>
 
-namespace plat::internal::block_pool {
+namespace platform::internal::block_pool {
 
 namespace {
 
@@ -288,4 +288,4 @@ size_t BlockSize(const void *block)
     return SlabOf(block)->blockSize;
 }
 
-}  // namespace plat::internal::block_pool
+}  // namespace platform::internal::block_pool

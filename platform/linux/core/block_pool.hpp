@@ -15,7 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace plat::internal {
+namespace platform::internal {
 
 namespace block_pool {
 
@@ -35,4 +35,4 @@ size_t BlockSize(const void *block);
 
 }  // namespace block_pool
 
-}  // namespace plat::internal
+}  // namespace platform::internal

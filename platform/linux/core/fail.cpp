@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "core/internal.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 
 namespace {
 
@@ -57,7 +57,7 @@ struct Registry {
 
 Registry &Reg()
 {
-    return plat::internal::Leaky<Registry>();
+    return platform::internal::Leaky<Registry>();
 }
 
 constexpr uint32_t kCounting = 1U;
@@ -66,9 +66,9 @@ constexpr uint32_t kArmed = 2U;
 void SetActive(uint32_t bit, bool on)
 {
     if (on) {
-        plat::internal::g_failActive.fetch_or(bit, std::memory_order_release);
+        platform::internal::g_failActive.fetch_or(bit, std::memory_order_release);
     } else {
-        plat::internal::g_failActive.fetch_and(~bit, std::memory_order_release);
+        platform::internal::g_failActive.fetch_and(~bit, std::memory_order_release);
     }
 }
 
@@ -139,12 +139,12 @@ void Disarm(Registry &reg, OpEntry &entry)
 
 }  // namespace
 
-namespace plat::internal {
+namespace platform::internal {
 
 // Call counting is on from the start, as tests expect.
 std::atomic<uint32_t> g_failActive{kCounting};
 
-}  // namespace plat::internal
+}  // namespace platform::internal
 
 extern "C" {
 
@@ -194,7 +194,7 @@ void PLAT_FailClearAll(void)
 
 uint32_t PLAT_FailCheck(const char *op, uint32_t *code)
 {
-    const uint32_t active = plat::internal::g_failActive.load(std::memory_order_relaxed);
+    const uint32_t active = platform::internal::g_failActive.load(std::memory_order_relaxed);
     if (active == 0 || op == nullptr) {
         return 0;
     }

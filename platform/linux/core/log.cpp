@@ -47,7 +47,7 @@
 
 #include "core/internal.hpp"
 #include "core/record_ring.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 
 namespace {
 
@@ -182,8 +182,8 @@ private:
     std::thread thread_;  // last: starts once the members above exist
 };
 
-using plat::internal::RecordRing;
-using plat::internal::RenderFn;
+using platform::internal::RecordRing;
+using platform::internal::RenderFn;
 
 // Records queued for the sink's thread: 2^16 cells of 64 bytes (4 MiB),
 // tens of thousands of lines.
@@ -232,7 +232,7 @@ struct Sink {
 
 Sink &TheSink()
 {
-    return plat::internal::Leaky<Sink>();
+    return platform::internal::Leaky<Sink>();
 }
 
 Line &Slot(Sink &sink, uint64_t seq)
@@ -360,8 +360,8 @@ void SyslogV(int priority, const char *fmt, va_list ap)
     }
     va_list forward;
     va_copy(forward, ap);
-    plat::internal::LogLine(PLAT_LOG_SYSLOG,
-                            plat::internal::Format("<%d> ", priority & LOG_PRIMASK) + plat::internal::FormatV(fmt, ap));
+    platform::internal::LogLine(PLAT_LOG_SYSLOG,
+                            platform::internal::Format("<%d> ", priority & LOG_PRIMASK) + platform::internal::FormatV(fmt, ap));
     if (g_forwardSyslog.load(std::memory_order_relaxed)) {
         ForwardToLibc(priority, fmt, forward);
     }
@@ -370,7 +370,7 @@ void SyslogV(int priority, const char *fmt, va_list ap)
 
 }  // namespace
 
-namespace plat::internal {
+namespace platform::internal {
 
 std::string FormatV(const char *fmt, va_list ap)
 {
@@ -431,14 +431,14 @@ void LogLine(uint32_t kind, std::string_view line)
     (void)LogRecord(kind, RenderCopy, nullptr, 0, line);
 }
 
-}  // namespace plat::internal
+}  // namespace platform::internal
 
 extern "C" {
 
 void PLAT_LogWriteV(uint32_t kind, const char *fmt, va_list ap)
 {
     if (fmt != nullptr) {
-        plat::internal::LogLine(kind, plat::internal::FormatV(fmt, ap));
+        platform::internal::LogLine(kind, platform::internal::FormatV(fmt, ap));
     }
 }
 

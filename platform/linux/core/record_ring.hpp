@@ -21,7 +21,7 @@
 #include <string_view>
 #include <thread>
 
-namespace plat::internal {
+namespace platform::internal {
 
 class RecordRing {
 public:
@@ -159,4 +159,4 @@ private:
     std::unique_ptr<Cell[]> data_;
 };
 
-}  // namespace plat::internal
+}  // namespace platform::internal

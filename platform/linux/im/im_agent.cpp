@@ -28,9 +28,9 @@
 
 #include "core/internal.hpp"
 #include "im_agent.h"
-#include "plat_control.h"
+#include "platform/control.h"
 
-namespace plat::im {
+namespace platform::im {
 
 struct LogId {
     uint32_t id = 0;
@@ -55,18 +55,18 @@ struct IdTable {
     }
 };
 
-}  // namespace plat::im
+}  // namespace platform::im
 
 struct IM_AGENT_HANDLE {
     std::string module;
     // Registering again publishes a new table; records in flight keep
     // pointing into the one they were made against.
-    std::atomic<const plat::im::IdTable *> ids{nullptr};
+    std::atomic<const platform::im::IdTable *> ids{nullptr};
 };
 
 struct IM_AGENT_OBJ {
     std::atomic<uint32_t> state{0};   // kLive while handed out
-    const plat::im::LogId *logId = nullptr;
+    const platform::im::LogId *logId = nullptr;
     // The first STRING parameter, the one the line shows; it keeps its
     // storage when the record is reused. Other parameters are checked only.
     bool hasText = false;
@@ -75,8 +75,8 @@ struct IM_AGENT_OBJ {
 
 namespace {
 
-using plat::im::IdTable;
-using plat::im::LogId;
+using platform::im::IdTable;
+using platform::im::LogId;
 
 constexpr uint32_t kImOk = 0;
 constexpr uint32_t kImErr = 1;
@@ -125,7 +125,7 @@ struct Agent {
 
 Agent &TheAgent()
 {
-    return plat::internal::Leaky<Agent>();
+    return platform::internal::Leaky<Agent>();
 }
 
 bool KnownHandle(const IM_AGENT_HANDLE *handle)
@@ -253,7 +253,7 @@ extern "C" {
 IM_AGENT_HANDLE_S *IM_Agent_GetHandle(const char *module, const IM_AGENT_LOG_ID_S *ids, uint32_t count)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("IM_Agent_GetHandle", &code)) {
+    if (platform::internal::Injected("IM_Agent_GetHandle", &code)) {
         return nullptr;
     }
     if (module == nullptr || module[0] == '\0' || (ids == nullptr && count != 0)) {
@@ -292,7 +292,7 @@ IM_AGENT_HANDLE_S *IM_Agent_GetHandle(const char *module, const IM_AGENT_LOG_ID_
 IM_AGENT_OBJ_S *IM_Agent_ObjCreate(IM_AGENT_HANDLE_S *handle, uint32_t logId)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("IM_Agent_ObjCreate", &code)) {
+    if (platform::internal::Injected("IM_Agent_ObjCreate", &code)) {
         return nullptr;
     }
     if (!KnownHandle(handle)) {
@@ -314,7 +314,7 @@ IM_AGENT_OBJ_S *IM_Agent_ObjCreate(IM_AGENT_HANDLE_S *handle, uint32_t logId)
 uint32_t IM_Agent_AddPara(IM_AGENT_OBJ_S *obj, uint32_t type, uint32_t size, const void *value)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("IM_Agent_AddPara", &code)) {
+    if (platform::internal::Injected("IM_Agent_AddPara", &code)) {
         return code;
     }
     if (value == nullptr) {
@@ -352,7 +352,7 @@ uint32_t IM_Agent_AddPara(IM_AGENT_OBJ_S *obj, uint32_t type, uint32_t size, con
 uint32_t IM_Agent_Send(IM_AGENT_OBJ_S *obj)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("IM_Agent_Send", &code)) {
+    if (platform::internal::Injected("IM_Agent_Send", &code)) {
         return code;
     }
     if (!IsLive(obj)) {
@@ -360,14 +360,14 @@ uint32_t IM_Agent_Send(IM_AGENT_OBJ_S *obj)
     }
     // Queued even when the sink drops it for want of room: that loss is the
     // sink's to count and report.
-    (void)plat::internal::LogRecord(PLAT_LOG_DIAG, RenderDiag, obj->logId, obj->hasText ? 1U : 0U, obj->text);
+    (void)platform::internal::LogRecord(PLAT_LOG_DIAG, RenderDiag, obj->logId, obj->hasText ? 1U : 0U, obj->text);
     return kImOk;
 }
 
 uint32_t IM_Agent_ObjFree(IM_AGENT_OBJ_S *obj)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("IM_Agent_ObjFree", &code)) {
+    if (platform::internal::Injected("IM_Agent_ObjFree", &code)) {
         return code;
     }
     if (obj == nullptr || !KnownRecord(obj)) {
@@ -386,7 +386,7 @@ uint32_t IM_Agent_Debug(IM_AGENT_HANDLE_S *handle, uint32_t debugId, const char 
 {
     (void)module;
     uint32_t code = 0;
-    if (plat::internal::Injected("IM_Agent_Debug", &code)) {
+    if (platform::internal::Injected("IM_Agent_Debug", &code)) {
         return code;
     }
     if (fmt == nullptr || !KnownHandle(handle)) {
@@ -397,12 +397,12 @@ uint32_t IM_Agent_Debug(IM_AGENT_HANDLE_S *handle, uint32_t debugId, const char 
     if (std::strcmp(fmt, "%s%_VSID") == 0) {
         // The modules' own form: the text is the argument, nothing to format.
         const char *text = va_arg(ap, const char *);
-        (void)plat::internal::LogRecord(PLAT_LOG_DEBUG, RenderDebug, nullptr, debugId,
+        (void)platform::internal::LogRecord(PLAT_LOG_DEBUG, RenderDebug, nullptr, debugId,
                                         text != nullptr ? text : "(null)");
     } else {
         const std::string format = StripVsid(fmt);
-        const std::string text = plat::internal::FormatV(format.c_str(), ap);
-        (void)plat::internal::LogRecord(PLAT_LOG_DEBUG, RenderDebug, nullptr, debugId, text);
+        const std::string text = platform::internal::FormatV(format.c_str(), ap);
+        (void)platform::internal::LogRecord(PLAT_LOG_DEBUG, RenderDebug, nullptr, debugId, text);
     }
     va_end(ap);
     return kImOk;

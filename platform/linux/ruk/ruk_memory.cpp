@@ -26,7 +26,7 @@
 
 #include "core/block_pool.hpp"
 #include "core/internal.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 #include "ruk.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -42,7 +42,7 @@
 
 namespace {
 
-namespace pool = plat::internal::block_pool;
+namespace pool = platform::internal::block_pool;
 
 constexpr uint32_t kLiveMagic = 0x52554b4cU;   // live block
 constexpr uint32_t kFreedMagic = 0x52554b46U;  // freed block
@@ -82,7 +82,7 @@ struct SiteKey {
 constexpr unsigned kSiteSlotBits = 10;
 
 struct Memory {
-    plat::internal::SpinMutex mu;  // the maps below and the heap blocks' set
+    platform::internal::SpinMutex mu;  // the maps below and the heap blocks' set
     std::map<std::string, uint32_t, std::less<>> handleByName;
     std::map<uint32_t, std::string> handleNames;
     uint32_t nextHandle = 1;
@@ -100,7 +100,7 @@ struct Memory {
 
 Memory &TheMemory()
 {
-    return plat::internal::Leaky<Memory>();
+    return platform::internal::Leaky<Memory>();
 }
 
 bool KnownHandle(Memory &mem, uint32_t handle)
@@ -169,7 +169,7 @@ extern "C" {
 uint32_t RUK_HandleInitialize(const char *name, uint32_t *handle)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("RUK_HandleInitialize", &code)) {
+    if (platform::internal::Injected("RUK_HandleInitialize", &code)) {
         return code;
     }
     if (name == nullptr || name[0] == '\0' || handle == nullptr) {
@@ -198,7 +198,7 @@ uint32_t RUK_HandleInitialize(const char *name, uint32_t *handle)
 uint32_t RUK_MemPtNoGet(const char *ptName, uint32_t *ptNo)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("RUK_MemPtNoGet", &code)) {
+    if (platform::internal::Injected("RUK_MemPtNoGet", &code)) {
         return code;
     }
     if (ptName == nullptr || ptName[0] == '\0' || ptNo == nullptr) {
@@ -218,7 +218,7 @@ uint32_t RUK_MemPtNoGet(const char *ptName, uint32_t *ptNo)
 void *RUK_MemAlloc_F(uint32_t handle, uint32_t ptNo, size_t size, const char *file, uint32_t line)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("RUK_MemAlloc_F", &code)) {
+    if (platform::internal::Injected("RUK_MemAlloc_F", &code)) {
         return nullptr;
     }
     if (size > (size_t{1} << 40)) {
@@ -264,7 +264,7 @@ uint32_t RUK_MemFree_F(uint32_t handle, void *ptr, const char *file, uint32_t li
     (void)file;
     (void)line;
     uint32_t code = 0;
-    if (plat::internal::Injected("RUK_MemFree_F", &code)) {
+    if (platform::internal::Injected("RUK_MemFree_F", &code)) {
         return code;
     }
     if (ptr == nullptr) {

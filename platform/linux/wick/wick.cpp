@@ -50,7 +50,7 @@
 
 #include "core/block_pool.hpp"
 #include "core/internal.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 #include "wick.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -66,8 +66,8 @@
 
 namespace {
 
-namespace pool = plat::internal::block_pool;
-using plat::internal::SpinMutex;
+namespace pool = platform::internal::block_pool;
+using platform::internal::SpinMutex;
 using Clock = std::chrono::steady_clock;
 
 // Longest FPC_EventRead waits without frames (real time).
@@ -87,7 +87,7 @@ uint32_t FailStatus(uint32_t code)
 bool ShouldFail(const char *op, uint32_t *code)
 {
     *code = 0;
-    return plat::internal::Injected(op, code);
+    return platform::internal::Injected(op, code);
 }
 
 // ---------------------------------------------------------------------------
