@@ -8,7 +8,9 @@
 // the snapshot to the matching rows. A further table is added by naming
 // its row type and source in MakeObject (db.cpp) and writing its field
 // getters with GetField. Child nodes ("dev", "l2") are NodeObjects holding
-// a copy of their parent's current row; the parent owns them.
+// a copy of their parent's current row; the parent owns them. Objects are
+// reused (db.cpp): Recycle puts one back to the state of a new one while it
+// keeps its storage.
 #pragma once
 
 #include <cstddef>
@@ -83,7 +85,7 @@ struct DB_OBJ {
     DB_ITER iter;
     std::vector<DB_OBJ *> children;   // child nodes, released with this object
     std::unique_ptr<platform::db::SubDescription> sub;   // objects describing a subscription only
-    bool live = false;        // handed out and not released (pooled objects are not)
+    bool iterLive = false;    // db_create_root_iter handed iter out
     bool started = false;     // Next was called since the last rewind
     bool hasCurrent = false;
     size_t current = 0;
@@ -202,8 +204,11 @@ public:
     size_t LiveCount() const override { return 1; }
     void Snapshot() override {}
     size_t SnapshotCount() const override { return 1; }
+    void Recycle() override {}
 
     const Row *CurrentRow() const { return &row_; }
+    // Holds a copy of row (a reused node keeps its storage).
+    void Hold(const Row &row) { row_ = row; }
 
 private:
     Row row_;

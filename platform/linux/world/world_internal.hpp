@@ -23,8 +23,8 @@ DeviceView GetDeviceView();
 
 // Keyed reads of the database: the rows of Row's table that keep accepts
 // (all when keep is empty), copied into out over what it held so that a
-// reused buffer costs no allocation. keep runs under the world's lock and
-// must not call back into the world. Defined for every table row type.
+// reused buffer costs no allocation. Lock-free; keep may call back into the
+// world. Defined for every table row type.
 template <typename Row>
 using RowFilter = std::function<bool(const Row &)>;
 template <typename Row>
