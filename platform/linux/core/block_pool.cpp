@@ -9,6 +9,8 @@
 #include <new>
 #include <vector>
 
+#include "core/internal.hpp"
+
 namespace platform::internal::block_pool {
 
 namespace {
@@ -30,6 +32,9 @@ struct SlabHead {
     uint32_t sizeClass;
     uint32_t blocks;               // blocks the slab can hold
     std::atomic<uint32_t> carved;  // blocks handed out at least once, from the front
+    // ceil(2^32 / blockSize): offset * this >> 32 is offset / blockSize for
+    // every offset within a slab (below 2^16), without a division.
+    uint64_t reciprocal;
 };
 static_assert(sizeof(SlabHead) <= kSlabHeadBytes, "the slab head fits its room");
 
@@ -130,8 +135,10 @@ SlabHead *NewSlab(size_t sizeClass)
         std::free(memory);
         return nullptr;
     }
-    auto *slab = new (memory) SlabHead{static_cast<uint32_t>(kSizes[sizeClass]), static_cast<uint32_t>(sizeClass),
-                                       static_cast<uint32_t>((kSlabBytes - kSlabHeadBytes) / kSizes[sizeClass]), {0}};
+    const uint64_t size = kSizes[sizeClass];
+    auto *slab = new (memory) SlabHead{static_cast<uint32_t>(size), static_cast<uint32_t>(sizeClass),
+                                       static_cast<uint32_t>((kSlabBytes - kSlabHeadBytes) / size), {0},
+                                       ((uint64_t{1} << 32) + size - 1U) / size};
     if (!Register(slab)) {
         std::free(memory);
         return nullptr;
@@ -147,7 +154,7 @@ struct Cache {
     bool closed = false;   // the thread is ending: blocks go to the depots
 };
 
-thread_local Cache t_cache;
+PLATFORM_FAST_TLS thread_local Cache t_cache;
 
 // Moves up to n blocks of the thread's list to the depot.
 void Spill(Cache &cache, size_t sizeClass, uint32_t n)
@@ -174,7 +181,7 @@ struct CacheGuard {
     }
 };
 
-thread_local CacheGuard t_cacheGuard;
+PLATFORM_FAST_TLS thread_local CacheGuard t_cacheGuard;
 
 // Up to n free blocks of a class, linked, from the depot (or newly cut);
 // their number in *got.
@@ -276,7 +283,7 @@ void *BlockOf(const void *p)
     if (addr < first) {
         return nullptr;
     }
-    const size_t block = (addr - first) / slab->blockSize;
+    const size_t block = ((addr - first) * slab->reciprocal) >> 32U;
     if (block >= slab->carved.load(std::memory_order_acquire)) {
         return nullptr;
     }

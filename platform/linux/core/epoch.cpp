@@ -64,7 +64,7 @@ struct ThreadSlot {
     }
 };
 
-thread_local ThreadSlot t_slot;
+PLATFORM_FAST_TLS thread_local ThreadSlot t_slot;
 
 Slot *Claim()
 {

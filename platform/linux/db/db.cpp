@@ -142,7 +142,7 @@ struct ThreadObjects {
     }
 };
 
-thread_local ThreadObjects t_objects;
+PLATFORM_FAST_TLS thread_local ThreadObjects t_objects;
 
 // A live object of the table: a waiting one of this thread's, else made.
 // Null when memory is out or the table is unknown.

@@ -172,7 +172,7 @@ struct ThreadRecords {
     }
 };
 
-thread_local ThreadRecords t_records;
+PLATFORM_FAST_TLS thread_local ThreadRecords t_records;
 
 // A free record: the thread's own, the shared pool's, or a new chunk's.
 IM_AGENT_OBJ *TakeRecord()

@@ -386,12 +386,14 @@ uint32_t ShowExampleValue(uint32_t infoType, bool asText, const char *label, uin
 
 namespace {
 
-// A number per thread, which picks its reader counter.
-thread_local uint32_t t_cfgThread = UINT32_MAX;
+// A number per thread, which picks its reader counter. Two words in the
+// initial thread-local block (room glibc keeps for loaded modules), so the
+// packet path reaches them without a call.
+__attribute__((tls_model("initial-exec"))) thread_local uint32_t t_cfgThread = UINT32_MAX;
 std::atomic<uint32_t> g_cfgThreads{0};
 // How deep this thread holds the shared side: a nested reader goes ahead
 // even while a writer waits for the outer one.
-thread_local uint32_t t_cfgReadDepth = 0;
+__attribute__((tls_model("initial-exec"))) thread_local uint32_t t_cfgReadDepth = 0;
 
 uint32_t CfgThread()
 {
