@@ -264,7 +264,25 @@ void Give(void *block)
     }
 }
 
-void *BlockOf(const void *p)
+namespace {
+
+// The block of an address in a slab never changes (slabs stay, and keep
+// their size), so each thread remembers the ones it looked up last: the
+// same few objects are checked many times a frame.
+struct KnownBlocks {
+    static constexpr size_t kSlots = 16;
+    std::array<const void *, kSlots> address{};
+    std::array<void *, kSlots> block{};
+};
+
+PLATFORM_FAST_TLS thread_local KnownBlocks t_known;
+
+size_t KnownSlot(const void *p)
+{
+    return (reinterpret_cast<uintptr_t>(p) >> 4U) % KnownBlocks::kSlots;
+}
+
+void *LookUpBlock(const void *p)
 {
     const auto addr = reinterpret_cast<uintptr_t>(p);
     if ((addr >> kAddressBits) != 0) {
@@ -288,6 +306,22 @@ void *BlockOf(const void *p)
         return nullptr;
     }
     return reinterpret_cast<void *>(first + block * slab->blockSize);
+}
+
+}  // namespace
+
+void *BlockOf(const void *p)
+{
+    const size_t slot = KnownSlot(p);
+    if (t_known.address[slot] == p && p != nullptr) {
+        return t_known.block[slot];
+    }
+    void *block = LookUpBlock(p);
+    if (block != nullptr) {
+        t_known.address[slot] = p;
+        t_known.block[slot] = block;
+    }
+    return block;
 }
 
 size_t BlockSize(const void *block)

@@ -192,7 +192,8 @@ template <typename Row>
 ObjectPtr WorldObject(uint32_t table)
 {
     return ObjectPtr(NewObject<TableObject<Row>>(table, &platform::world::SelectRows<Row>,
-                                                 &platform::world::SelectRowsWhere<Row>),
+                                                 &platform::world::SelectRowsWhere<Row>,
+                                                 &platform::world::TableSerial<Row>),
                      DestroyObject);
 }
 

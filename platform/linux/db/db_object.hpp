@@ -98,10 +98,11 @@ class TableObject final : public DB_OBJ {
 public:
     using Match = platform::world::RowFilter<Row>;
     using Source = void (*)(const Match &, std::vector<Row> &);
-    using KeyedSource = void (*)(uint32_t Row::*field, uint32_t key, std::vector<Row> &);
+    using KeyedSource = uint64_t (*)(uint32_t Row::*field, uint32_t key, std::vector<Row> &);
+    using SerialSource = uint64_t (*)();
 
-    TableObject(uint32_t tableId, Source source, KeyedSource keyed = nullptr)
-        : DB_OBJ(tableId), source_(source), keyed_(keyed)
+    TableObject(uint32_t tableId, Source source, KeyedSource keyed = nullptr, SerialSource serial = nullptr)
+        : DB_OBJ(tableId), source_(source), keyed_(keyed), serial_(serial)
     {
     }
 
@@ -120,7 +121,9 @@ public:
     }
     void Recycle() override
     {
-        match_ = nullptr;
+        if (match_) {
+            match_ = nullptr;
+        }
         keyField_ = nullptr;
         stale_ = true;
         Rewind();
@@ -131,15 +134,17 @@ public:
         match_ = std::move(match);
         keyField_ = nullptr;
     }
-    // The same for a key of one 32-bit field, which the world can compare
-    // directly.
+    // The same for a key of one 32-bit field, which the world compares
+    // directly (through its index when the field is the table's key).
     void SetKeyField(uint32_t Row::*field, uint32_t key)
     {
-        match_ = [field, key](const Row &r) { return r.*field == key; };
+        if (match_) {
+            match_ = nullptr;
+        }
         keyField_ = field;
         keyValue_ = key;
     }
-    bool HasKey() const { return static_cast<bool>(match_); }
+    bool HasKey() const { return keyField_ != nullptr || static_cast<bool>(match_); }
     size_t SnapshotCount() const override
     {
         if (stale_) {
@@ -154,6 +159,7 @@ public:
     // Holds exactly this row as the current one (the records of a change).
     void Pin(const Row &row)
     {
+        filledSerial_ = 0;
         rows_.assign(1, row);
         stale_ = false;
         started = true;
@@ -166,24 +172,53 @@ private:
     void Fill(std::vector<Row> &out) const
     {
         if (keyField_ != nullptr && keyed_ != nullptr) {
-            keyed_(keyField_, keyValue_, out);
+            if (&out != &rows_) {
+                (void)keyed_(keyField_, keyValue_, out);
+                return;
+            }
+            // Rows of the same key from a version that is still the
+            // table's are what a new read would copy: kept as they are.
+            if (filledSerial_ != 0 && filledField_ == keyField_ && filledKey_ == keyValue_ &&
+                serial_ != nullptr && serial_() == filledSerial_) {
+                return;
+            }
+            filledSerial_ = keyed_(keyField_, keyValue_, out);
+            filledField_ = keyField_;
+            filledKey_ = keyValue_;
             return;
         }
+        if (&out == &rows_) {
+            filledSerial_ = 0;   // rows_ no longer holds a keyed read
+        }
         if (source_ != nullptr) {
-            source_(match_, out);  // the world copies only the matching rows
+            if (keyField_ != nullptr) {
+                const auto field = keyField_;
+                const uint32_t key = keyValue_;
+                source_([field, key](const Row &r) { return r.*field == key; }, out);
+            } else {
+                source_(match_, out);  // the world copies only the matching rows
+            }
             return;
         }
         // A change's object has no source: its pinned row is all it holds.
         if (&out != &rows_) {
             out = rows_;
         }
-        if (match_) {
+        if (keyField_ != nullptr) {
+            std::erase_if(out, [this](const Row &r) { return r.*keyField_ != keyValue_; });
+        } else if (match_) {
             std::erase_if(out, [this](const Row &r) { return !match_(r); });
         }
     }
 
     Source source_;
     KeyedSource keyed_;
+    SerialSource serial_;
+    // What rows_ holds when it was filled by key: kept across reuse of the
+    // object (0: nothing kept).
+    mutable uint64_t filledSerial_ = 0;
+    mutable uint32_t Row::*filledField_ = nullptr;
+    mutable uint32_t filledKey_ = 0;
     Match match_;
     uint32_t Row::*keyField_ = nullptr;
     uint32_t keyValue_ = 0;

@@ -61,16 +61,25 @@ constexpr uint32_t AccessIsolateRecord::*KeyField<AccessIsolateRecord> = &Access
 template <>
 constexpr uint32_t PortIsolateRecord::*KeyField<PortIsolateRecord> = &PortIsolateRecord::ifIndex;
 
+// Serial numbers of table versions, unique over every table.
+std::atomic<uint64_t> g_nextSerial{1};
+
 // One version of a table: its rows in insertion order and, for its key
-// field, (key, position) pairs in order.
+// field in a table of more than a few rows, (key, position) pairs in order.
 template <typename Row>
 struct Version {
+    static constexpr size_t kIndexFrom = 16;   // fewer rows are scanned
+    const uint64_t serial;
     std::vector<Row> rows;
     std::vector<std::pair<uint32_t, uint32_t>> byKey;
 
-    explicit Version(std::vector<Row> from) : rows(std::move(from))
+    explicit Version(std::vector<Row> from)
+        : serial(g_nextSerial.fetch_add(1, std::memory_order_relaxed)), rows(std::move(from))
     {
         if constexpr (KeyField<Row> != nullptr) {
+            if (rows.size() < kIndexFrom) {
+                return;
+            }
             byKey.reserve(rows.size());
             for (uint32_t i = 0; i < rows.size(); i++) {
                 byKey.emplace_back(rows[i].*KeyField<Row>, i);
@@ -84,7 +93,7 @@ struct Version {
     void ForEachWhere(uint32_t Row::*field, uint32_t key, Visit visit) const
     {
         if constexpr (KeyField<Row> != nullptr) {
-            if (field == KeyField<Row>) {
+            if (field == KeyField<Row> && !byKey.empty()) {
                 auto it = std::lower_bound(byKey.begin(), byKey.end(), std::make_pair(key, uint32_t{0}));
                 for (; it != byKey.end() && it->first == key; ++it) {
                     visit(rows[it->second]);
@@ -103,15 +112,19 @@ struct Version {
 template <typename Row>
 class Table {
 public:
-    Table() : current_(new Version<Row>({})) {}
+    Table() : current_(new Version<Row>({})) { serial_.store(current_.load()->serial); }
 
     // Valid while the caller holds an epoch pin.
     const Version<Row> &Read() const { return *current_.load(std::memory_order_seq_cst); }
 
+    uint64_t Serial() const { return serial_.load(std::memory_order_acquire); }
+
     // Publishes rows as the new version. Caller holds World::mu.
     void Publish(std::vector<Row> rows)
     {
-        const Version<Row> *old = current_.exchange(new Version<Row>(std::move(rows)), std::memory_order_seq_cst);
+        auto *next = new Version<Row>(std::move(rows));
+        const Version<Row> *old = current_.exchange(next, std::memory_order_seq_cst);
+        serial_.store(next->serial, std::memory_order_release);
         epoch::Retire(const_cast<Version<Row> *>(old),
                       [](void *p) { delete static_cast<Version<Row> *>(p); });
     }
@@ -121,6 +134,9 @@ public:
 
 private:
     std::atomic<const Version<Row> *> current_;
+    // The current version's serial, readable without a pin; it may lag the
+    // pointer by a moment during a write, as any read may.
+    std::atomic<uint64_t> serial_{0};
 };
 
 struct World {
@@ -612,19 +628,26 @@ void SelectRows(const RowFilter<Row> &keep, std::vector<Row> &out)
 }
 
 template <typename Row>
-void SelectRowsWhere(uint32_t Row::*field, uint32_t key, std::vector<Row> &out)
+uint64_t SelectRowsWhere(uint32_t Row::*field, uint32_t key, std::vector<Row> &out)
 {
     const epoch::Pin pin;
     size_t kept = 0;
-    TableOf(TheWorld(), static_cast<const Row *>(nullptr))
-        .Read()
-        .ForEachWhere(field, key, [&kept, &out](const Row &row) { Keep(row, kept, out); });
+    const Version<Row> &version = TableOf(TheWorld(), static_cast<const Row *>(nullptr)).Read();
+    version.ForEachWhere(field, key, [&kept, &out](const Row &row) { Keep(row, kept, out); });
     out.resize(kept);
+    return version.serial;
+}
+
+template <typename Row>
+uint64_t TableSerial()
+{
+    return TableOf(TheWorld(), static_cast<const Row *>(nullptr)).Serial();
 }
 
 #define PLAT_WORLD_SELECT(Row)                                                     \
     template void SelectRows(const RowFilter<Row> &, std::vector<Row> &);        \
-    template void SelectRowsWhere(uint32_t Row::*, uint32_t, std::vector<Row> &)
+    template uint64_t SelectRowsWhere(uint32_t Row::*, uint32_t, std::vector<Row> &); \
+    template uint64_t TableSerial<Row>()
 PLAT_WORLD_SELECT(FrmInstRecord);
 PLAT_WORLD_SELECT(IfRecord);
 PLAT_WORLD_SELECT(TrunkRecord);

@@ -29,9 +29,15 @@ template <typename Row>
 using RowFilter = std::function<bool(const Row &)>;
 template <typename Row>
 void SelectRows(const RowFilter<Row> &keep, std::vector<Row> &out);
-// The same for the rows whose field equals key.
+// The same for the rows whose field equals key; returns the serial number
+// of the table's version they were read from.
 template <typename Row>
-void SelectRowsWhere(uint32_t Row::*field, uint32_t key, std::vector<Row> &out);
+uint64_t SelectRowsWhere(uint32_t Row::*field, uint32_t key, std::vector<Row> &out);
+// The serial number of the table's current version. Every write of a table
+// gives it a new one, never seen before, so rows read from a version are
+// still the table's while its serial is.
+template <typename Row>
+uint64_t TableSerial();
 
 // One write of a table that subscriptions follow, with the record as it was
 // (none for a create) and as it is (none for a delete).

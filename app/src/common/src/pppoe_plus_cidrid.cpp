@@ -283,7 +283,7 @@ uint32_t RenderRid(const UserInfo *info, const FormatChoice &choice, uint8_t *ri
             break;
         case PPPOE_PLUS_FORMAT_COMMON: {
             // As "%02x%02x-%02x%02x-%02x%02x".
-            char text[kMacTextBound] = {};
+            char text[kMacTextBound];   // kept terminated by the builder
             PppoePlusText mac4(text, sizeof(text));
             mac4.AppendHex2(mac[0]).AppendHex2(mac[1]).Append("-").AppendHex2(mac[2]).AppendHex2(mac[3]);
             mac4.Append("-").AppendHex2(mac[4]).AppendHex2(mac[5]);
@@ -367,14 +367,15 @@ uint32_t PPPOE_PLUS_EncapCommonCid(const UserInfo *info, uint8_t *value, uint32_
         ZAVK_Assert(kCidRidFile, __LINE__);
         return PPPOE_PLUS_ERR;
     }
-    char sysName[PPPOE_PLUS_SYSNAME_LEN] = {};
+    char sysName[PPPOE_PLUS_SYSNAME_LEN];
+    sysName[0] = '\0';
     if (PPPOE_PLUS_GetSysName(sysName, sizeof(sysName)) != 0U) {
         sysName[0] = '\0';   // the circuit is still described without it
     }
     sysName[sizeof(sysName) - 1U] = '\0';
     // "eth": "%s:%u.%u %s/0/0/0/0/0" with the short name; otherwise
     // "%s %01u/%01u/%u:%u.%u %s/0/0/0/0/0" with the interface type.
-    char text[kCommonRenderLen] = {};
+    char text[kCommonRenderLen];   // kept terminated by the builder
     PppoePlusText cid(text, sizeof(text));
     if (strncmp(info->ifType, "eth", sizeof(info->ifType)) == 0) {
         char shortName[kShortNameLen] = {};

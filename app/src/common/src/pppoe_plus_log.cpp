@@ -264,9 +264,23 @@ void PPPOE_PLUS_DiagLog(uint32_t logId, const char *format, ...)
         return;  // nothing would be sent: spare the formatting
     }
     // The packet path sends several records per frame: the prefix is built
-    // without printf, and a fixed text (no conversion) is copied as it is.
+    // without printf (once per thread for the ids it last saw), and a fixed
+    // text (no conversion) is copied as it is.
+    struct Prefix {
+        uint32_t chassis = kInvalidId;
+        uint32_t board = kInvalidId;
+        size_t len = 0;
+        char text[32] = {};
+    };
+    __attribute__((tls_model("initial-exec"))) static thread_local Prefix t_prefix;
+    if (t_prefix.len == 0 || t_prefix.chassis != chassis || t_prefix.board != board) {
+        t_prefix.len = SlotPrefix(t_prefix.text, sizeof(t_prefix.text), chassis, board);
+        t_prefix.chassis = chassis;
+        t_prefix.board = board;
+    }
     char text[kLogBufLen];
-    const size_t prefix = SlotPrefix(text, sizeof(text), chassis, board);
+    const size_t prefix = t_prefix.len;
+    std::memcpy(text, t_prefix.text, prefix + 1U);
     char *rest = text + prefix;
     const size_t room = sizeof(text) - prefix;
     if (std::strchr(format, '%') == nullptr) {

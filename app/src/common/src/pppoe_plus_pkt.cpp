@@ -445,8 +445,9 @@ uint32_t PPPOE_PLUS_EncodeVendorSpec(UserInfo *info, uint8_t *out, uint32_t *out
         ZAVK_Assert(kPktFile, __LINE__);
         return 1;
     }
-    uint8_t cid[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
-    uint8_t rid[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
+    // Read only as far as the lengths the builds report.
+    uint8_t cid[PPPOE_PLUS_SUBOPT_BUF_LEN];
+    uint8_t rid[PPPOE_PLUS_SUBOPT_BUF_LEN];
     uint32_t cidLen = 0;
     uint32_t ridLen = 0;
     if (PPPOE_PLUS_EncodeCidRid(info, cid, &cidLen, rid, &ridLen) != 0) {
@@ -524,7 +525,7 @@ uint32_t PPPOE_PLUS_AddAgentInfo(FpcMbuf *mbuf, PppoeDiscHdr *hdr, PortCB *portC
         ZAVK_Assert(kPktFile, __LINE__);
         return 1;
     }
-    UserInfo info = {};
+    UserInfo info;   // zeroed by PPPOE_PLUS_GetUserInfo
     uint8_t tag[PPPOE_PLUS_VENDOR_SPEC_BUF_LEN] = {};
     uint32_t tagLen = 0;
     if (PPPOE_PLUS_GetUserInfo(mbuf, portCb, &info) != 0 || PPPOE_PLUS_EncodeVendorSpec(&info, tag, &tagLen) != 0) {
