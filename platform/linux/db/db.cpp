@@ -53,6 +53,11 @@ void SysInfoRecords(const platform::world::RowFilter<SysInfoRecord> &keep, std::
     }
 }
 
+uint64_t SysInfoSerial()
+{
+    return platform::world::DeviceSerial();
+}
+
 namespace pool = platform::internal::block_pool;
 
 // In front of every object, in its pool block. The state word tells a live
@@ -209,7 +214,8 @@ ObjectPtr MakeObject(uint32_t table)
         case DB_TABLE_ACCESS_ISOLATE: return WorldObject<platform::AccessIsolateRecord>(table);
         case DB_TABLE_PORT_ISOLATE: return WorldObject<platform::PortIsolateRecord>(table);
         case DB_TABLE_SYS_INFO:
-            return ObjectPtr(NewObject<TableObject<SysInfoRecord>>(table, &SysInfoRecords), DestroyObject);
+            return ObjectPtr(NewObject<TableObject<SysInfoRecord>>(table, &SysInfoRecords, nullptr, &SysInfoSerial),
+                             DestroyObject);
         case DB_TABLE_DEVM: return WorldObject<platform::BoardRecord>(table);
         case DB_TABLE_IF_DEV:
         case DB_TABLE_IF_L2:

@@ -13,6 +13,7 @@
 // keeps its storage.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -20,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "core/internal.hpp"
 #include "db.h"
 #include "platform/world.hpp"
 #include "world/world_internal.hpp"
@@ -145,6 +147,13 @@ public:
         keyValue_ = key;
     }
     bool HasKey() const { return keyField_ != nullptr || static_cast<bool>(match_); }
+
+    // Whether the rows held are those of a keyed read of field = key.
+    bool HoldsReadOf(uint32_t Row::*field, uint32_t key) const
+    {
+        return filledSerial_ != 0 && filledField_ == field && filledKey_ == key;
+    }
+
     size_t SnapshotCount() const override
     {
         if (stale_) {
@@ -160,6 +169,7 @@ public:
     void Pin(const Row &row)
     {
         filledSerial_ = 0;
+        wholeSerial_ = 0;
         rows_.assign(1, row);
         stale_ = false;
         started = true;
@@ -177,11 +187,22 @@ private:
                 return;
             }
             // Rows of the same key from a version that is still the
-            // table's are what a new read would copy: kept as they are.
-            if (filledSerial_ != 0 && filledField_ == keyField_ && filledKey_ == keyValue_ &&
-                serial_ != nullptr && serial_() == filledSerial_) {
+            // table's are what a new read would copy: kept as they are,
+            // whether this object holds them or the thread kept them.
+            const uint64_t serial = serial_ != nullptr ? serial_() : 0;
+            if (serial != 0 && HoldsReadOf(keyField_, keyValue_) && filledSerial_ == serial) {
                 return;
             }
+            KeptReads &thread = Kept();
+            KeptRead &kept = thread.reads[thread.next++ % kKept];
+            for (KeptRead &read : thread.reads) {
+                if (serial != 0 && read.serial == serial && read.field == keyField_ && read.key == keyValue_) {
+                    Trade(read);
+                    return;
+                }
+            }
+            // Parked for a later read of its key; the rows' storage is reused.
+            Trade(kept);
             filledSerial_ = keyed_(keyField_, keyValue_, out);
             filledField_ = keyField_;
             filledKey_ = keyValue_;
@@ -189,6 +210,20 @@ private:
         }
         if (&out == &rows_) {
             filledSerial_ = 0;   // rows_ no longer holds a keyed read
+        }
+        if (source_ != nullptr && keyField_ == nullptr && !match_ && serial_ != nullptr && &out == &rows_) {
+            // The whole table, kept while its version is: the serial is read
+            // first, so a write during the copy makes the next read copy again.
+            const uint64_t serial = serial_();
+            if (wholeSerial_ == serial) {
+                return;
+            }
+            source_(match_, out);
+            wholeSerial_ = serial;
+            return;
+        }
+        if (&out == &rows_) {
+            wholeSerial_ = 0;
         }
         if (source_ != nullptr) {
             if (keyField_ != nullptr) {
@@ -211,6 +246,34 @@ private:
         }
     }
 
+    // Keyed reads a thread set aside, so that reads alternating between a
+    // few keys (the two ports of an isolation check) each keep theirs.
+    struct KeptRead {
+        std::vector<Row> rows;
+        uint64_t serial = 0;
+        uint32_t Row::*field = nullptr;
+        uint32_t key = 0;
+    };
+    static constexpr size_t kKept = 2;
+    struct KeptReads {
+        std::array<KeptRead, kKept> reads;
+        size_t next = 0;
+    };
+    static KeptReads &Kept()
+    {
+        PLATFORM_FAST_TLS static thread_local KeptReads kept;
+        return kept;
+    }
+
+    // Swaps the keyed read held with one kept.
+    void Trade(KeptRead &read) const
+    {
+        rows_.swap(read.rows);
+        std::swap(filledSerial_, read.serial);
+        std::swap(filledField_, read.field);
+        std::swap(filledKey_, read.key);
+    }
+
     Source source_;
     KeyedSource keyed_;
     SerialSource serial_;
@@ -219,6 +282,7 @@ private:
     mutable uint64_t filledSerial_ = 0;
     mutable uint32_t Row::*filledField_ = nullptr;
     mutable uint32_t filledKey_ = 0;
+    mutable uint64_t wholeSerial_ = 0;   // the same for a read of the whole table
     Match match_;
     uint32_t Row::*keyField_ = nullptr;
     uint32_t keyValue_ = 0;

@@ -142,6 +142,7 @@ private:
 struct World {
     platform::internal::SpinMutex mu;  // writers
     std::atomic<const DeviceView *> device{new DeviceView()};
+    std::atomic<uint64_t> deviceSerial{g_nextSerial.fetch_add(1, std::memory_order_relaxed)};
     Table<FrmInstRecord> frmInst;
     Table<IfRecord> ifs;
     Table<TrunkRecord> trunks;
@@ -175,6 +176,7 @@ void EditDevice(World &w, Edit edit)
     auto next = std::make_unique<DeviceView>(*w.device.load(std::memory_order_relaxed));
     edit(*next);
     const DeviceView *old = w.device.exchange(next.release(), std::memory_order_seq_cst);
+    w.deviceSerial.store(g_nextSerial.fetch_add(1, std::memory_order_relaxed), std::memory_order_release);
     epoch::Retire(const_cast<DeviceView *>(old), [](void *p) { delete static_cast<DeviceView *>(p); });
 }
 
@@ -636,6 +638,11 @@ uint64_t SelectRowsWhere(uint32_t Row::*field, uint32_t key, std::vector<Row> &o
     version.ForEachWhere(field, key, [&kept, &out](const Row &row) { Keep(row, kept, out); });
     out.resize(kept);
     return version.serial;
+}
+
+uint64_t DeviceSerial()
+{
+    return TheWorld().deviceSerial.load(std::memory_order_acquire);
 }
 
 template <typename Row>

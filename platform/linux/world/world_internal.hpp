@@ -38,6 +38,8 @@ uint64_t SelectRowsWhere(uint32_t Row::*field, uint32_t key, std::vector<Row> &o
 // still the table's while its serial is.
 template <typename Row>
 uint64_t TableSerial();
+// The same for the identity and its readability (GetDeviceView).
+uint64_t DeviceSerial();
 
 // One write of a table that subscriptions follow, with the record as it was
 // (none for a create) and as it is (none for a delete).

@@ -66,19 +66,25 @@ constexpr std::array<ParaType, 4> kParaTypes = {{
     {"STRING", IM_AGENT_PARA_STRING, 0},
 }};
 
-// Adds one parameter per bracketed token of the record's format; false
-// when the format holds anything else or runs out of arguments.
-bool AddParas(IM_AGENT_OBJ_S *obj, std::string_view format, std::span<const ImArg> args)
+// A record's parameter format, read once: the type of each bracketed
+// token up to the first that is none (then invalid).
+struct ParaList {
+    bool valid = true;
+    size_t count = 0;
+    std::array<const ParaType *, 8> types{};
+};
+
+constexpr ParaList ParseParaFormat(std::string_view format)
 {
-    size_t next = 0;
+    ParaList list;
     while (!format.empty()) {
         const size_t close = format.find(']');
-        if (format.front() != '[' || close == std::string_view::npos || next >= args.size()) {
-            return false;
+        if (format.front() != '[' || close == std::string_view::npos || list.count == list.types.size()) {
+            list.valid = false;
+            return list;
         }
         const std::string_view token = format.substr(1, close - 1);
         format.remove_prefix(close + 1);
-        const ImArg &arg = args[next++];
         const ParaType *para = nullptr;
         for (const auto &candidate : kParaTypes) {
             if (candidate.token == token) {
@@ -86,8 +92,29 @@ bool AddParas(IM_AGENT_OBJ_S *obj, std::string_view format, std::span<const ImAr
             }
         }
         if (para == nullptr) {
+            list.valid = false;
+            return list;
+        }
+        list.types[list.count++] = para;
+    }
+    return list;
+}
+
+// The formats of the log id table, parsed at build time.
+constexpr std::array<ParaList, kLogIds.size()> kLogParas = {
+    ParseParaFormat(kLogIds[0].paraFormat), ParseParaFormat(kLogIds[1].paraFormat),
+    ParseParaFormat(kLogIds[2].paraFormat)};
+
+// Adds one parameter per token of the record's format; false when the
+// format holds anything else or runs out of arguments.
+bool AddParas(IM_AGENT_OBJ_S *obj, const ParaList &list, std::span<const ImArg> args)
+{
+    for (size_t next = 0; next < list.count; next++) {
+        if (next >= args.size()) {
             return false;
         }
+        const ImArg &arg = args[next];
+        const ParaType *para = list.types[next];
         const void *value = nullptr;
         uint32_t size = para->size;
         switch (para->type) {
@@ -101,7 +128,7 @@ bool AddParas(IM_AGENT_OBJ_S *obj, std::string_view format, std::span<const ImAr
         }
         (void)IM_Agent_AddPara(obj, para->type, size, value);
     }
-    return true;
+    return list.valid;
 }
 
 // Sends text as a record of logId: only on the HA master, only for the
@@ -119,7 +146,7 @@ void SendRecord(uint32_t logId, const char *text)
         return;
     }
     const std::array<ImArg, 1> args = {ImArg{.str = text}};
-    if (!AddParas(obj, rec->paraFormat, args)) {
+    if (!AddParas(obj, kLogParas[static_cast<size_t>(rec - kLogIds.data())], args)) {
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "fmt is invalid.");
     } else if (const uint32_t ret = IM_Agent_Send(obj); ret != 0) {
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "im agent send fail. (ret=%u)", ret);
@@ -239,7 +266,8 @@ uint32_t PPPOE_PLUS_InitIMAgent(void)
     return handle == nullptr ? 1U : 0U;
 }
 
-void PPPOE_PLUS_DbgOutput(uint32_t level, const char *format, ...)
+// The name in parentheses: the header's macro of the same name stays out.
+void(PPPOE_PLUS_DbgOutput)(uint32_t level, const char *format, ...)
 {
     IM_AGENT_HANDLE_S *handle = g_pppoePlusIMAgentHandle.load(std::memory_order_acquire);
     if (!DebugEnabled(level) || handle == nullptr) {
