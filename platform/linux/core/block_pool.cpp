@@ -154,7 +154,7 @@ struct Cache {
     bool closed = false;   // the thread is ending: blocks go to the depots
 };
 
-PLATFORM_FAST_TLS thread_local Cache t_cache;
+thread_local Cache t_cache;
 
 // Moves up to n blocks of the thread's list to the depot.
 void Spill(Cache &cache, size_t sizeClass, uint32_t n)
@@ -181,7 +181,7 @@ struct CacheGuard {
     }
 };
 
-PLATFORM_FAST_TLS thread_local CacheGuard t_cacheGuard;
+thread_local CacheGuard t_cacheGuard;
 
 // Up to n free blocks of a class, linked, from the depot (or newly cut);
 // their number in *got.
@@ -264,23 +264,7 @@ void Give(void *block)
     }
 }
 
-namespace {
-
-// The block of an address in a slab never changes (slabs stay, and keep
-// their size), so each thread remembers the ones it looked up last: the
-// same few objects are checked many times a frame.
-struct KnownBlocks {
-    static constexpr size_t kSlots = 16;
-    std::array<const void *, kSlots> address{};
-    std::array<void *, kSlots> block{};
-};
-
-PLATFORM_FAST_TLS thread_local KnownBlocks t_known;
-
-size_t KnownSlot(const void *p)
-{
-    return (reinterpret_cast<uintptr_t>(p) >> 4U) % KnownBlocks::kSlots;
-}
+constinit thread_local KnownBlocks t_knownBlocks;
 
 void *LookUpBlock(const void *p)
 {
@@ -306,22 +290,6 @@ void *LookUpBlock(const void *p)
         return nullptr;
     }
     return reinterpret_cast<void *>(first + block * slab->blockSize);
-}
-
-}  // namespace
-
-void *BlockOf(const void *p)
-{
-    const size_t slot = KnownSlot(p);
-    if (t_known.address[slot] == p && p != nullptr) {
-        return t_known.block[slot];
-    }
-    void *block = LookUpBlock(p);
-    if (block != nullptr) {
-        t_known.address[slot] = p;
-        t_known.block[slot] = block;
-    }
-    return block;
 }
 
 size_t BlockSize(const void *block)

@@ -12,12 +12,26 @@
 // the next 8.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 
 namespace platform::internal {
 
 namespace block_pool {
+
+// The block of an address in a slab never changes (slabs stay, and keep
+// their block size), so each thread remembers the ones it looked up last:
+// the same few objects are checked many times a frame.
+struct KnownBlocks {
+    static constexpr size_t kSlots = 16;
+    std::array<const void *, kSlots> address{};
+    std::array<void *, kSlots> block{};
+};
+extern constinit thread_local KnownBlocks t_knownBlocks;
+
+// BlockOf without the thread's memory of it.
+void *LookUpBlock(const void *p);
 
 // The largest block.
 inline constexpr size_t kMaxBlock = 16384;
@@ -29,7 +43,19 @@ void *Take(size_t size);
 void Give(void *block);
 // The start of the pool's block that p points into; null when p is not in
 // one of the pool's blocks.
-void *BlockOf(const void *p);
+inline void *BlockOf(const void *p)
+{
+    const size_t slot = (reinterpret_cast<uintptr_t>(p) >> 4U) % KnownBlocks::kSlots;
+    if (t_knownBlocks.address[slot] == p && p != nullptr) {
+        return t_knownBlocks.block[slot];
+    }
+    void *block = LookUpBlock(p);
+    if (block != nullptr) {
+        t_knownBlocks.address[slot] = p;
+        t_knownBlocks.block[slot] = block;
+    }
+    return block;
+}
 // The size of a block (its size class, at least what was asked for).
 size_t BlockSize(const void *block);
 

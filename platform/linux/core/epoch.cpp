@@ -64,7 +64,7 @@ struct ThreadSlot {
     }
 };
 
-PLATFORM_FAST_TLS thread_local ThreadSlot t_slot;
+thread_local ThreadSlot t_slot;
 
 Slot *Claim()
 {

@@ -16,11 +16,6 @@
 
 #include "platform/control.h"
 
-// The thread-local state the packet path touches many times a frame:
-// libplatform is loaded with every program that uses it, so its variables
-// can sit in the initial thread-local block and be reached without a call.
-#define PLATFORM_FAST_TLS __attribute__((tls_model("initial-exec")))
-
 namespace platform::internal {
 
 // State that lives as long as the process. Tasks are detached threads that

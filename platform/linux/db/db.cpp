@@ -147,7 +147,7 @@ struct ThreadObjects {
     }
 };
 
-PLATFORM_FAST_TLS thread_local ThreadObjects t_objects;
+thread_local ThreadObjects t_objects;
 
 // A live object of the table: a waiting one of this thread's, else made.
 // Null when memory is out or the table is unknown.

@@ -261,7 +261,7 @@ private:
     };
     static KeptReads &Kept()
     {
-        PLATFORM_FAST_TLS static thread_local KeptReads kept;
+        static thread_local KeptReads kept;
         return kept;
     }
 

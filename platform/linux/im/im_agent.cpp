@@ -172,7 +172,7 @@ struct ThreadRecords {
     }
 };
 
-PLATFORM_FAST_TLS thread_local ThreadRecords t_records;
+thread_local ThreadRecords t_records;
 
 // A free record: the thread's own, the shared pool's, or a new chunk's.
 IM_AGENT_OBJ *TakeRecord()
