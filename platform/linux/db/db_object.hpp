@@ -193,16 +193,15 @@ private:
             if (serial != 0 && HoldsReadOf(keyField_, keyValue_) && filledSerial_ == serial) {
                 return;
             }
-            KeptReads &thread = Kept();
-            KeptRead &kept = thread.reads[thread.next++ % kKept];
-            for (KeptRead &read : thread.reads) {
-                if (serial != 0 && read.serial == serial && read.field == keyField_ && read.key == keyValue_) {
-                    Trade(read);
-                    return;
-                }
+            // The rows held are parked in the slot of their own key, for a
+            // later read of it; the slot of this key gives what it keeps.
+            if (filledSerial_ != 0 && filledKey_ != keyValue_) {
+                Trade(Kept().reads[KeptSlot(filledKey_)]);
             }
-            // Parked for a later read of its key; the rows' storage is reused.
-            Trade(kept);
+            Trade(Kept().reads[KeptSlot(keyValue_)]);
+            if (serial != 0 && HoldsReadOf(keyField_, keyValue_) && filledSerial_ == serial) {
+                return;
+            }
             filledSerial_ = keyed_(keyField_, keyValue_, out);
             filledField_ = keyField_;
             filledKey_ = keyValue_;
@@ -254,11 +253,11 @@ private:
         uint32_t Row::*field = nullptr;
         uint32_t key = 0;
     };
-    static constexpr size_t kKept = 2;
+    static constexpr size_t kKept = 16;   // slots, by key
     struct KeptReads {
         std::array<KeptRead, kKept> reads;
-        size_t next = 0;
     };
+    static size_t KeptSlot(uint32_t key) { return (key * 0x9E3779B1U) >> 28U; }
     static KeptReads &Kept()
     {
         static thread_local KeptReads kept;

@@ -379,9 +379,10 @@ struct Channel {
     // null: made by the forwarding plane's side, not yet adopted. Written
     // under the table mutex, read by senders without it.
     std::atomic<ThreadState *> owner{nullptr};
-    SpinMutex mu;                      // the ring
+    SpinMutex mu;                      // the ring and retired
     Ring ring;
     std::atomic<uint32_t> pending{0};  // buffers in the ring, for readers without mu
+    bool retired = false;              // dropped by a reset: takes no more buffers
 };
 
 // What the library knows of one thread. Kept when the thread ends (a sender
@@ -412,6 +413,7 @@ struct ChannelTable {
     std::vector<ThreadState *> spareThreads;       // records of ended threads, for reuse
     std::vector<std::unique_ptr<Channel>> channels;        // every channel ever made
     std::vector<std::unique_ptr<ThreadState>> threadRecords;  // every thread record ever made
+    std::atomic<uint64_t> resets{0};   // WICK_Reset calls, so a name's channel remembered before one is not used
 };
 
 ChannelTable &Channels()
@@ -538,12 +540,13 @@ Channel *AddChannel(ChannelTable &t, std::string_view name, uint32_t depth, Thre
     return raw;
 }
 
-// Appends m and wakes whoever waits for it. Caller holds neither lock.
+// Appends m and wakes whoever waits for it; false when the channel is full
+// or retired. Caller holds neither lock.
 bool Enqueue(ChannelTable &t, Channel *ch, FpcMbuf *m)
 {
     {
         std::lock_guard<SpinMutex> lock(ch->mu);
-        if (!ch->ring.push(m, ch->depth.load(std::memory_order_relaxed))) {
+        if (ch->retired || !ch->ring.push(m, ch->depth.load(std::memory_order_relaxed))) {
             return false;
         }
         // Counted before the owner is looked at, while a receiver announces
@@ -574,6 +577,35 @@ FpcMbuf *Dequeue(Channel *ch)
     }
     return m;
 }
+
+// The channel a name last resolved to on this thread (the forwarding
+// plane's side puts and takes by name, once per frame), while no reset came
+// between. A retired channel refuses buffers, so one remembered across a
+// concurrent reset loses nothing: the caller looks the name up again.
+struct NameCache {
+    std::string name;
+    uint64_t resets = UINT64_MAX;
+    Channel *ch = nullptr;
+
+    Channel *Find(const ChannelTable &t, const char *wanted) const
+    {
+        return ch != nullptr && resets == t.resets.load(std::memory_order_acquire) && name == wanted ? ch : nullptr;
+    }
+    // Caller holds t.mu.
+    void Keep(const ChannelTable &t, const char *wanted, Channel *found)
+    {
+        try {
+            name.assign(wanted);
+            resets = t.resets.load(std::memory_order_relaxed);
+            ch = found;
+        } catch (const std::bad_alloc &) {
+            ch = nullptr;
+        }
+    }
+};
+
+thread_local NameCache t_putName;
+thread_local NameCache t_takeName;
 
 // Caller holds t.mu.
 bool AnyPending(const ThreadState *self)
@@ -854,15 +886,21 @@ uint32_t WICK_ChannelPut(const char *channelName, const void *data, uint32_t len
         return 1;
     }
     ChannelTable &t = Channels();
-    Channel *ch = nullptr;
-    {
-        std::lock_guard<std::mutex> lock(t.mu);
-        ch = FindByName(t, channelName);
-        if (ch == nullptr) {
-            ch = AddChannel(t, channelName, kPutChannelDepth, nullptr);
+    Channel *ch = t_putName.Find(t, channelName);
+    bool queued = ch != nullptr && Enqueue(t, ch, m);
+    if (!queued) {
+        {
+            std::lock_guard<std::mutex> lock(t.mu);
+            ch = FindByName(t, channelName);
+            if (ch == nullptr) {
+                ch = AddChannel(t, channelName, kPutChannelDepth, nullptr);
+            }
+            if (ch != nullptr) {
+                t_putName.Keep(t, channelName, ch);
+            }
         }
+        queued = ch != nullptr && Enqueue(t, ch, m);
     }
-    const bool queued = ch != nullptr && Enqueue(t, ch, m);
     if (!queued) {
         FreeBuffer(m, kPutSite, 0);
         return 1;
@@ -881,11 +919,15 @@ uint32_t WICK_ChannelTake(const char *channelName, void *buf, uint32_t cap, uint
     if (channelName == nullptr || (buf == nullptr && cap != 0)) {
         return 1;
     }
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    FpcMbuf *m = nullptr;
-    {
-        ChannelTable &t = Channels();
+    ChannelTable &t = Channels();
+    Channel *known = t_takeName.Find(t, channelName);
+    FpcMbuf *m = known != nullptr ? Dequeue(known) : nullptr;
+    if (m == nullptr) {
+        const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
         std::unique_lock<std::mutex> lock(t.mu);
+        if (Channel *ch = FindByName(t, channelName); ch != nullptr) {
+            t_takeName.Keep(t, channelName, ch);
+        }
         for (;;) {
             Channel *ch = FindByName(t, channelName);
             m = ch != nullptr ? Dequeue(ch) : nullptr;
@@ -947,8 +989,13 @@ void WICK_Reset(void)
         }
         t.threadsByName.clear();
         // Channels are retired, not freed: a sender may hold one by its id.
+        t.resets.fetch_add(1, std::memory_order_release);
         for (const auto &[name, ch] : t.byName) {
             ch->owner.store(nullptr, std::memory_order_release);
+            {
+                std::lock_guard<SpinMutex> channelLock(ch->mu);
+                ch->retired = true;
+            }
             while (FpcMbuf *m = Dequeue(ch)) {
                 dropped.push_back(m);
             }
