@@ -144,8 +144,10 @@ void KeepFormat(FormatChoice *choice, FormatSource source, uint8_t formatType, c
     choice->source = source;
     choice->formatType = formatType;
     choice->udfValid = false;
-    if (formatType == PPPOE_PLUS_FORMAT_USER_DEFINE && udf != nullptr &&
-        strncpy_s(choice->udf, sizeof(choice->udf), udf, strnlen(udf, sizeof(choice->udf) - 1U)) == EOK) {
+    if (formatType == PPPOE_PLUS_FORMAT_USER_DEFINE && udf != nullptr) {
+        const size_t len = strnlen(udf, sizeof(choice->udf) - 1U);
+        std::memcpy(choice->udf, udf, len);
+        choice->udf[len] = '\0';
         choice->udfValid = true;
     }
 }

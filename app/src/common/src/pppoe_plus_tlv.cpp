@@ -7,7 +7,9 @@
 // fills in the "length" field, if any, and hands back at most 255 bytes.
 #include "pppoe_plus_tlv.h"
 
+#include <algorithm>
 #include <cstring>
+#include <string_view>
 
 #include "devm.h"
 #include "plat_safe.h"
@@ -37,6 +39,11 @@ constexpr uint32_t kMacLen = 6U;
 constexpr uint32_t kMacTextLen = 14U;
 
 constexpr uint32_t kAsciiDefaultLen[PPPOE_PLUS_KEYWORD_MAX] = {1, 1, 1, 1, 14, 1, 1, 1, 1, 1, 1, 1, 1, 1};
+
+// For each first character, the keyword ids whose name starts with it (bit
+// id), kept with the dictionary by PPPOE_PLUS_KeyWordWriteDict: a keyword
+// reference is compared only with the names it could be.
+uint16_t g_keywordsByFirst[256] = {};
 
 bool IsDigit(char ch)
 {
@@ -184,6 +191,10 @@ uint32_t EncodeNumberField(uint32_t value, KeyWordEncodeCtx *ctx, const char *fa
     return PPPOE_PLUS_OK;
 }
 
+// The width of a reference to keyword id (known): as
+// PPPOE_PLUS_UserFmtGetFieldMinLen, without recognising the keyword again.
+uint32_t FieldWidth(const char *ref, uint32_t id, uint8_t ascii, uint32_t *outLen);
+
 uint32_t CheckedVlan(uint32_t vlan, const KeyWordEncodeCtx *ctx)
 {
     if (vlan >= kVlanMin && vlan <= kVlanMax) {
@@ -203,6 +214,13 @@ uint32_t PPPOE_PLUS_KeyWordWriteDict(uint16_t id, uint16_t fieldSel, uint16_t ke
         return PPPOE_PLUS_ERR;
     }
     PppoePlusKeyWord *entry = &g_pppoePlusKeyWordDict[id];
+    for (uint16_t &ids : g_keywordsByFirst) {
+        ids = static_cast<uint16_t>(ids & ~(1U << id));
+    }
+    if (id < PPPOE_PLUS_KEYWORD_MAX && name[0] != '\0') {
+        auto &ids = g_keywordsByFirst[static_cast<unsigned char>(name[0])];
+        ids = static_cast<uint16_t>(ids | (1U << id));
+    }
     entry->keyWordId = id;
     entry->fieldSel = fieldSel;
     entry->keyWordType = keyWordType;
@@ -221,6 +239,7 @@ uint32_t PPPOE_PLUS_InitKeyWordDict(void)
     }
     (void)memset_s(dict, size, 0, size);
     g_pppoePlusKeyWordDict = dict;
+    std::memset(g_keywordsByFirst, 0, sizeof(g_keywordsByFirst));
 
     struct Row {
         const char *name;
@@ -256,7 +275,10 @@ uint32_t PPPOE_PLUS_UserFmtIfKeyWord(const char *text, uint32_t *outId, uint32_t
     const char *rest = text + digits;
     uint32_t best = PPPOE_PLUS_KW_END;
     uint32_t bestLen = 0;
-    for (uint32_t id = 0; id < PPPOE_PLUS_KEYWORD_MAX; ++id) {
+    // In id order, as the dictionary is walked; only names that start as
+    // the reference does can match.
+    for (uint32_t ids = g_keywordsByFirst[static_cast<unsigned char>(rest[0])]; ids != 0U; ids &= ids - 1U) {
+        const auto id = static_cast<uint32_t>(__builtin_ctz(ids));
         const PppoePlusKeyWord &entry = g_pppoePlusKeyWordDict[id];
         const uint32_t len = entry.nameLen;
         if (len == 0U || !StartsWith(rest, entry.name, len) || IsLetter(rest[len])) {
@@ -331,26 +353,12 @@ uint32_t PPPOE_PLUS_UserFmtGetFieldMinLen(const char *text, uint8_t ascii, uint3
     if (text == nullptr || outLen == nullptr) {
         return Fail(__LINE__);
     }
-    uint32_t digits = 0;
-    uint32_t value = 0;
-    while (IsDigit(text[digits])) {
-        if (digits >= kMaxWidthDigits) {
-            PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "The number is invalid.");
-            return PPPOE_PLUS_ERR;
-        }
-        value = value * 10U + static_cast<uint32_t>(text[digits] - '0');
-        ++digits;
-    }
-    if (digits != 0U) {
-        *outLen = value;
-        return PPPOE_PLUS_OK;
-    }
-    uint32_t id = 0;
+    uint32_t id = PPPOE_PLUS_KW_END;
     uint32_t consumed = 0;
-    if (PPPOE_PLUS_UserFmtIfKeyWord(text, &id, &consumed) == 0U) {
+    if (!IsDigit(text[0]) && PPPOE_PLUS_UserFmtIfKeyWord(text, &id, &consumed) == 0U) {
         return PPPOE_PLUS_ERR;
     }
-    return PPPOE_PLUS_UserFmtGetFieldDftLen(id, ascii, outLen);
+    return FieldWidth(text, id, ascii, outLen);
 }
 
 void PPPOE_PLUS_EncodeDigitByBit(uint8_t *buf, uint32_t startBit, uint32_t value, uint32_t bits)
@@ -636,6 +644,14 @@ uint32_t PPPOE_PLUS_ReplumeFmtStr(const UserInfo *info, const char *fmt, char *o
         return Fail(__LINE__);
     }
     const uint32_t cap = PPPOE_PLUS_UDF_FMT_LEN - 1U;
+    // Without brackets nothing is optional: the format is copied as it is
+    // (escapes included), up to the room of out.
+    const size_t fmtLen = strnlen(fmt, cap);
+    if (std::memchr(fmt, '[', fmtLen) == nullptr && std::memchr(fmt, ']', fmtLen) == nullptr) {
+        std::memcpy(out, fmt, fmtLen);
+        out[fmtLen] = '\0';
+        return PPPOE_PLUS_OK;
+    }
     uint32_t pos = 0;
     uint32_t optStart = 0;
     bool inOpt = false;
@@ -756,7 +772,7 @@ uint32_t PPPOE_PLUS_ReBuildLength(const char *fmt, uint8_t *buf, uint32_t *len)
     }
     const uint8_t ascii = quoted ? 1U : 0U;
     uint32_t width = 0;
-    if (PPPOE_PLUS_UserFmtGetFieldMinLen(ref, ascii, &width) != PPPOE_PLUS_OK) {
+    if (FieldWidth(ref, PPPOE_PLUS_KW_LENGTH, ascii, &width) != PPPOE_PLUS_OK) {
         return Fail(__LINE__);
     }
     char fieldFmt[kFieldFmtLen] = {};
@@ -774,6 +790,41 @@ uint32_t PPPOE_PLUS_ReBuildLength(const char *fmt, uint8_t *buf, uint32_t *len)
 
 namespace {
 
+uint32_t FieldWidth(const char *ref, uint32_t id, uint8_t ascii, uint32_t *outLen)
+{
+    uint32_t digits = 0;
+    uint32_t value = 0;
+    while (IsDigit(ref[digits])) {
+        if (digits >= kMaxWidthDigits) {
+            PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "The number is invalid.");
+            return PPPOE_PLUS_ERR;
+        }
+        value = value * 10U + static_cast<uint32_t>(ref[digits] - '0');
+        ++digits;
+    }
+    if (digits != 0U) {
+        *outLen = value;
+        return PPPOE_PLUS_OK;
+    }
+    return PPPOE_PLUS_UserFmtGetFieldDftLen(id, ascii, outLen);
+}
+
+// No step of the walk writes further than this beyond the current byte
+// (the widest field: a 1024-byte description; a hex field of 9999 bits).
+constexpr uint32_t kStepReach = 2048U;
+
+// The work buffer is zeroed as the walk goes, ahead of every step's reach,
+// instead of all 8192 bytes up front: what is read or ORed is zero all the
+// same.
+void ZeroAhead(uint8_t *work, uint32_t *zeroed, uint32_t bitPos)
+{
+    const uint32_t want = std::min(PPPOE_PLUS_UDF_WORK_LEN, bitPos / 8U + kStepReach);
+    if (want > *zeroed) {
+        std::memset(work + *zeroed, 0, want - *zeroed);
+        *zeroed = want;
+    }
+}
+
 // Walks the working string w into the zeroed work buffer; *byteIdx ends as
 // the built length.
 uint32_t WalkFormat(const UserInfo *info, const char *fmt, const char *w, uint8_t *work, uint32_t *byteIdx)
@@ -781,13 +832,16 @@ uint32_t WalkFormat(const UserInfo *info, const char *fmt, const char *w, uint8_
     bool quoted = false;
     uint32_t bitPos = 0;
     uint32_t idx = 0;
+    uint32_t zeroed = 0;
     const size_t fmtLen = strnlen(fmt, PPPOE_PLUS_UDF_FMT_LEN);
     uint32_t i = 0;
+    ZeroAhead(work, &zeroed, 0);
     while (w[i] != '\0') {
         const char ch = w[i];
         if (idx >= PPPOE_PLUS_UDF_WORK_LEN) {
             return PPPOE_PLUS_ERR;
         }
+        ZeroAhead(work, &zeroed, bitPos);
         if (ch == ' ' && !quoted) {
             ++i;
         } else if (ch == '"') {
@@ -811,7 +865,7 @@ uint32_t WalkFormat(const UserInfo *info, const char *fmt, const char *w, uint8_
             }
             const uint8_t ascii = quoted ? 1U : 0U;
             uint32_t width = 0;
-            if (PPPOE_PLUS_UserFmtGetFieldMinLen(ref, ascii, &width) != PPPOE_PLUS_OK) {
+            if (FieldWidth(ref, id, ascii, &width) != PPPOE_PLUS_OK) {
                 return Fail(__LINE__);
             }
             const PppoePlusKeyWordEncodeFn encode = g_pppoePlusKeyWordDict[id].encode;
@@ -877,10 +931,16 @@ extern "C" uint32_t PPPOE_PLUS_EncodeUdfData(const UserInfo *info, const char *f
         PPPOE_PLUS_MemFree(work);
         return Fail(__LINE__);
     }
-    (void)PppoePlusFill(work, PPPOE_PLUS_UDF_WORK_LEN, 0, PPPOE_PLUS_UDF_WORK_LEN);
+    // WalkFormat zeroes the buffer ahead of what it writes.
     uint32_t len = 0;
     uint32_t ret = WalkFormat(info, fmt, w, work, &len);
-    if (ret == PPPOE_PLUS_OK) {
+    // A format without optional parts was walked whole, every keyword of it
+    // recognised: without the word "length" in it, the length scan could
+    // find neither a length field nor a keyword to fail on.
+    const std::string_view whole(fmt, strnlen(fmt, PPPOE_PLUS_UDF_FMT_LEN));
+    const bool lengthScan = whole.find('[') != std::string_view::npos || whole.find(']') != std::string_view::npos ||
+                            whole.find("length") != std::string_view::npos;
+    if (ret == PPPOE_PLUS_OK && lengthScan) {
         ret = PPPOE_PLUS_ReBuildLength(fmt, work, &len);
     }
     if (ret == PPPOE_PLUS_OK && len > PPPOE_PLUS_UDF_OUT_MAX) {
