@@ -616,7 +616,21 @@ uint32_t db_create_child_node(DB_OBJ_S *obj, const char *node, DB_OBJ_S **child)
         GiveObject(made);
         return DB_ERR_NO_TABLE;
     }
-    static_cast<NodeObject<platform::IfRecord> *>(made)->Hold(*row);
+    // A node serves only the numbers of its part ("dev": placement, "l2":
+    // the trunk), so the interface's texts are not copied into it.
+    auto *part = static_cast<NodeObject<platform::IfRecord> *>(made);
+    part->Hold(*row, [](platform::IfRecord &to, const platform::IfRecord &from) {
+        to.ifIndex = from.ifIndex;
+        to.slot = from.slot;
+        to.card = from.card;
+        to.port = from.port;
+        to.l2TrunkId = from.l2TrunkId;
+        to.lagId = from.lagId;
+        to.portSwitch = from.portSwitch;
+        to.onBoard = from.onBoard;
+        to.trunkMode = from.trunkMode;
+        to.pvid = from.pvid;
+    });
     *child = made;
     return DB_OK;
 }

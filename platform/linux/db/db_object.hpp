@@ -305,8 +305,12 @@ public:
     void Recycle() override {}
 
     const Row *CurrentRow() const { return &row_; }
-    // Holds a copy of row (a reused node keeps its storage).
-    void Hold(const Row &row) { row_ = row; }
+    // Holds what copy takes of row (a reused node keeps its storage).
+    template <typename Copy>
+    void Hold(const Row &row, Copy copy)
+    {
+        copy(row_, row);
+    }
 
 private:
     Row row_;
