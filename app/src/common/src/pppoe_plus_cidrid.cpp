@@ -152,10 +152,10 @@ void KeepFormat(FormatChoice *choice, FormatSource source, uint8_t formatType, c
     }
 }
 
-// The device-wide format of one info type, copied under the lock.
-void GlobalFormat(uint8_t infoType, FormatChoice *choice)
+// The device-wide format of one info type; the caller holds the
+// configuration lock.
+void GlobalFormatLocked(uint8_t infoType, FormatChoice *choice)
 {
-    PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
     if (infoType == PPPOE_PLUS_INFO_CID) {
         KeepFormat(choice, FormatSource::Global, PPPOE_PLUS_GetGlobalCidFormat(), PPPOE_PLUS_GetGlobalCidUdfFormat());
     } else {
@@ -167,8 +167,8 @@ void GlobalFormat(uint8_t infoType, FormatChoice *choice)
 // when the outer VLAN is 0 or no node matches.
 void LookupFormat(const PortCB *cb, const UserInfo *info, uint8_t infoType, FormatChoice *choice)
 {
+    PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
     if (info->ulXpi != 0U) {
-        PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
         FormatSource source = FormatSource::Global;
         const InfoFormatNode *node = FindPortFormat(cb, info, infoType, &source);
         if (node != nullptr) {
@@ -181,7 +181,7 @@ void LookupFormat(const PortCB *cb, const UserInfo *info, uint8_t infoType, Form
             return;
         }
     }
-    GlobalFormat(infoType, choice);
+    GlobalFormatLocked(infoType, choice);
 }
 
 // A built value as terminated text for the debug lines.
