@@ -231,7 +231,9 @@ void *Take(size_t size)
         return TakeFromDepot(sizeClass, 1, &got);
     }
     if (cache.head[sizeClass] == nullptr) {
-        t_cacheGuard.armed = true;   // the thread's blocks go back when it ends
+        if (!t_cacheGuard.armed) {
+            t_cacheGuard.armed = true;   // the thread's blocks go back when it ends
+        }
         uint32_t got = 0;
         cache.head[sizeClass] = TakeFromDepot(sizeClass, kBatch, &got);
         cache.count[sizeClass] = got;
@@ -256,7 +258,9 @@ void Give(void *block)
         depot.free = block;
         return;
     }
-    t_cacheGuard.armed = true;
+    if (cache.count[sizeClass] == 0 && !t_cacheGuard.armed) {
+        t_cacheGuard.armed = true;
+    }
     SetNext(block, cache.head[sizeClass]);
     cache.head[sizeClass] = block;
     if (++cache.count[sizeClass] > kThreadMax) {

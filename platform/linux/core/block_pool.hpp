@@ -24,7 +24,11 @@ namespace block_pool {
 // their block size), so each thread remembers the ones it looked up last:
 // the same few objects are checked many times a frame.
 struct KnownBlocks {
-    static constexpr size_t kSlots = 16;
+    static constexpr size_t kSlots = 64;
+    static size_t SlotOf(const void *p)
+    {
+        return static_cast<size_t>((reinterpret_cast<uintptr_t>(p) * 0x9E3779B97F4A7C15ULL) >> 58U);
+    }
     std::array<const void *, kSlots> address{};
     std::array<void *, kSlots> block{};
 };
@@ -45,7 +49,7 @@ void Give(void *block);
 // one of the pool's blocks.
 inline void *BlockOf(const void *p)
 {
-    const size_t slot = (reinterpret_cast<uintptr_t>(p) >> 4U) % KnownBlocks::kSlots;
+    const size_t slot = KnownBlocks::SlotOf(p);
     if (t_knownBlocks.address[slot] == p && p != nullptr) {
         return t_knownBlocks.block[slot];
     }

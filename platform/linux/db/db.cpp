@@ -134,30 +134,39 @@ size_t SlotOf(uint32_t table)
     return table;
 }
 
+// A thread's waiting objects: a plain record (reached without a call), and
+// a guard made on the thread's first wait that destroys them when it ends.
+struct IdleList {
+    std::array<DB_OBJ *, kPooledPerTable> objs;
+    size_t count;
+};
 struct ThreadObjects {
-    std::array<std::vector<DB_OBJ *>, kTableSlots> idle;
+    std::array<IdleList, kTableSlots> idle;
+};
+thread_local ThreadObjects t_objects;
 
-    ~ThreadObjects()
+struct ThreadObjectsGuard {
+    bool armed = false;
+    ~ThreadObjectsGuard()
     {
-        for (auto &list : idle) {
-            for (DB_OBJ *obj : list) {
-                DestroyObject(obj);
+        for (IdleList &list : t_objects.idle) {
+            for (size_t i = 0; i < list.count; i++) {
+                DestroyObject(list.objs[i]);
             }
+            list.count = 0;
         }
     }
 };
-
-thread_local ThreadObjects t_objects;
+thread_local ThreadObjectsGuard t_objectsGuard;
 
 // A live object of the table: a waiting one of this thread's, else made.
 // Null when memory is out or the table is unknown.
 DB_OBJ *TakeObject(uint32_t table, std::unique_ptr<DB_OBJ, void (*)(DB_OBJ *)> (*make)(uint32_t))
 {
-    auto &idle = t_objects.idle[SlotOf(table)];
+    IdleList &idle = t_objects.idle[SlotOf(table)];
     DB_OBJ *obj = nullptr;
-    if (!idle.empty()) {
-        obj = idle.back();
-        idle.pop_back();
+    if (idle.count != 0) {
+        obj = idle.objs[--idle.count];
     } else {
         obj = make(table).release();
         if (obj == nullptr) {
@@ -178,14 +187,14 @@ void GiveObject(DB_OBJ *obj)
     }
     obj->children.clear();
     obj->iterLive = false;
-    auto &idle = t_objects.idle[SlotOf(obj->table)];
-    if (obj->sub == nullptr && idle.size() < kPooledPerTable) {
-        obj->Recycle();
-        try {
-            idle.push_back(obj);
-            return;
-        } catch (const std::bad_alloc &) {
+    IdleList &idle = t_objects.idle[SlotOf(obj->table)];
+    if (obj->sub == nullptr && idle.count < kPooledPerTable) {
+        if (idle.count == 0 && !t_objectsGuard.armed) {
+            t_objectsGuard.armed = true;   // the thread's end destroys what waits
         }
+        obj->Recycle();
+        idle.objs[idle.count++] = obj;
+        return;
     }
     DestroyObject(obj);
 }

@@ -16,6 +16,7 @@
 // read), and Send only queues the record's parts for the log sink, whose
 // thread renders the line. Registered id tables are kept for the life of
 // the process, so a queued record can point at its id.
+#include <array>
 #include <charconv>
 #include <cstdarg>
 #include <cstring>
@@ -159,28 +160,32 @@ bool IsLive(const IM_AGENT_OBJ *obj)
     return obj != nullptr && KnownRecord(obj) && obj->state.load(std::memory_order_acquire) == kLive;
 }
 
-// The calling thread's freed records; they go to the shared pool when the
-// thread ends.
+// The calling thread's freed records: a plain record (reached without a
+// call), and a guard made with the first that hands them to the shared pool
+// when the thread ends.
 struct ThreadRecords {
-    std::vector<IM_AGENT_OBJ *> free;
+    std::array<IM_AGENT_OBJ *, kThreadFreeMax> free;
+    size_t count;
+};
+thread_local ThreadRecords t_records;
 
-    ~ThreadRecords()
+struct ThreadRecordsGuard {
+    bool armed = false;
+    ~ThreadRecordsGuard()
     {
         Agent &agent = TheAgent();
         std::lock_guard lock(agent.mu);
-        agent.pool.insert(agent.pool.end(), free.begin(), free.end());
+        agent.pool.insert(agent.pool.end(), t_records.free.begin(), t_records.free.begin() + t_records.count);
+        t_records.count = 0;
     }
 };
-
-thread_local ThreadRecords t_records;
+thread_local ThreadRecordsGuard t_recordsGuard;
 
 // A free record: the thread's own, the shared pool's, or a new chunk's.
 IM_AGENT_OBJ *TakeRecord()
 {
-    if (!t_records.free.empty()) {
-        IM_AGENT_OBJ *obj = t_records.free.back();
-        t_records.free.pop_back();
-        return obj;
+    if (t_records.count != 0) {
+        return t_records.free[--t_records.count];
     }
     Agent &agent = TheAgent();
     std::lock_guard lock(agent.mu);
@@ -199,8 +204,11 @@ IM_AGENT_OBJ *TakeRecord()
 
 void GiveBack(IM_AGENT_OBJ *obj)
 {
-    if (t_records.free.size() < kThreadFreeMax) {
-        t_records.free.push_back(obj);
+    if (t_records.count < kThreadFreeMax) {
+        if (t_records.count == 0 && !t_recordsGuard.armed) {
+            t_recordsGuard.armed = true;
+        }
+        t_records.free[t_records.count++] = obj;
         return;
     }
     Agent &agent = TheAgent();
