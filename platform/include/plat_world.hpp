@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -106,6 +107,7 @@ struct Topology {
     std::vector<PortVlanRecord> portVlans;
     std::vector<AccessIsolateRecord> accessIsolation;
     std::vector<PortIsolateRecord> portIsolation;
+    std::map<uint32_t, std::string> netdevs;     // port ifIndex -> the Linux netdev it is bound to
 };
 
 // Parses a topology file (YAML). On error returns nullopt and a message

@@ -139,8 +139,8 @@ public:
         // A frame the kernel cannot send is skipped, not left blocking the ring.
         const int one = 1;
         (void)setsockopt(fd_, SOL_PACKET, PACKET_LOSS, &one, sizeof(one));
-        // Sending bypasses the netdev's queueing discipline, as a switch port would.
-        (void)setsockopt(fd_, SOL_PACKET, PACKET_QDISC_BYPASS, &one, sizeof(one));
+        // Sends go through the netdev's queueing discipline (no
+        // PACKET_QDISC_BYPASS), so that captures on the netdev see them.
         ignoresOutgoing_ = setsockopt(fd_, SOL_PACKET, PACKET_IGNORE_OUTGOING, &one, sizeof(one)) == 0;
         sockaddr_ll addr = {};
         addr.sll_family = AF_PACKET;
