@@ -33,6 +33,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 source scripts/lib/show-discovery.sh
+source scripts/lib/netns.sh
 
 P=${LAB_PREFIX:-ppl}
 build=${LAB_BUILD:-${root}/build/default}
@@ -66,73 +67,9 @@ cli() {
   "${bin}/pppoe-plus-cli" --socket "${state}/yangdb.sock" --control "${state}/control.sock" "$@"
 }
 
-# Starts NAME in namespace NS in the background, its output in
-# $state/NAME.log, its process id in $state/NAME.pid.
-start_in() {
-  local ns=$1 name=$2
-  shift 2
-  ip netns exec "${ns}" "$@" >"${state}/${name}.log" 2>&1 &
-  echo $! >"${state}/${name}.pid"
-}
-
-# Waits up to SECONDS for TEXT in FILE while process NAME lives.
-wait_for_line() {
-  local name=$1 file=$2 text=$3 seconds=$4
-  local pid
-  pid=$(cat "${state}/${name}.pid")
-  for _ in $(seq $((seconds * 10))); do
-    grep -qF -- "${text}" "${file}" 2>/dev/null && return 0
-    kill -0 "${pid}" 2>/dev/null || break
-    sleep 0.1
-  done
-  grep -qF -- "${text}" "${file}" 2>/dev/null
-}
-
-# A veth pair from A in namespace NSA to B in namespace NSB, both up, with
-# IPv6 off so that the kernel adds no chatter of its own.
-veth() {
-  local a=$1 nsa=$2 b=$3 nsb=$4
-  ip link add "${a}" netns "${nsa}" type veth peer name "${b}" netns "${nsb}"
-  ip -n "${nsa}" link set "${a}" up
-  ip -n "${nsb}" link set "${b}" up
-}
-
-# Stops a process the lab started, by the id it recorded, if it still runs
-# in one of the lab's namespaces.
-stop_recorded() {
-  local pidfile=$1 pid ns
-  pid=$(cat "${pidfile}" 2>/dev/null) || return 0
-  rm -f "${pidfile}"
-  [ -n "${pid}" ] && kill -0 "${pid}" 2>/dev/null || return 0
-  ns=$(ip netns identify "${pid}" 2>/dev/null || true)
-  case " ${namespaces[*]} " in
-    *" ${ns} "*) ;;
-    *) return 0 ;;
-  esac
-  kill -TERM "${pid}" 2>/dev/null || true
-  for _ in $(seq 50); do
-    kill -0 "${pid}" 2>/dev/null || return 0
-    sleep 0.1
-  done
-  kill -KILL "${pid}" 2>/dev/null || true
-}
-
 down() {
   need_root down
-  if [ -d "${state}" ]; then
-    for pidfile in "${state}"/*.pid; do
-      [ -e "${pidfile}" ] && stop_recorded "${pidfile}"
-    done
-  fi
-  for ns in "${namespaces[@]}"; do
-    ip netns list | grep -qx -- "${ns}\( (id: [0-9]*)\)\?" || continue
-    # Whatever still runs in the lab's own namespaces was started by the lab
-    # (children of pppoe-server, clients of an interrupted demo).
-    for pid in $(ip netns pids "${ns}" 2>/dev/null); do
-      kill -KILL "${pid}" 2>/dev/null || true
-    done
-    ip netns del "${ns}"
-  done
+  remove_namespaces
   rm -f "${state}/yangdb.sock" "${state}/control.sock"
   say "down: namespaces ${namespaces[*]} removed"
 }
@@ -162,11 +99,7 @@ up() {
   mkdir -p "${state}"
   rm -rf "${state:?}"/*
 
-  for ns in "${namespaces[@]}"; do
-    ip netns add "${ns}"
-    ip netns exec "${ns}" sysctl -qw net.ipv6.conf.default.disable_ipv6=1 net.ipv6.conf.all.disable_ipv6=1
-    ip -n "${ns}" link set lo up
-  done
+  make_namespaces
   veth "${P}-ge1" "${P}-sw" "${P}-c1" "${P}-sub1"
   veth "${P}-ge3" "${P}-sw" "${P}-c3" "${P}-sub2"
   for n in 1 2; do
@@ -273,7 +206,7 @@ demo() {
 
 status() {
   for ns in "${namespaces[@]}"; do
-    if ip netns list | grep -qx -- "${ns}\( (id: [0-9]*)\)\?"; then
+    if has_namespace "${ns}"; then
       echo "${ns}: $(ip netns pids "${ns}" | wc -l) process(es); netdevs: $(ip -n "${ns}" -br link | awk '$1 != "lo" {print $1 " " $2}' | tr '\n' ' ')"
     else
       echo "${ns}: absent"
