@@ -200,7 +200,7 @@ public:
 
     // Copies frame into the next transmit slot and marks it for sending;
     // false when the slot is still the kernel's (the ring is full) or the
-    // frame does not fit a slot.
+    // frame does not fit a slot. Flush sends what was queued.
     bool Queue(std::span<const uint8_t> frame)
     {
         if (kTxDataOffset + frame.size() > txFrameSize_) {
@@ -326,7 +326,11 @@ struct LivePorts::Port {
         bool queued = false;
         {
             std::lock_guard lock(txMu);
-            queued = onBoard.load(std::memory_order_relaxed) && socket.IsOpen() && socket.Queue(frame);
+            if (onBoard.load(std::memory_order_relaxed) && socket.IsOpen()) {
+                // A full ring while the port's thread is kept from flushing
+                // it: this thread flushes, then tries once more.
+                queued = socket.Queue(frame) || (socket.Flush() == 0 && socket.Queue(frame));
+            }
         }
         if (!queued) {
             txDropped.fetch_add(1, std::memory_order_relaxed);
