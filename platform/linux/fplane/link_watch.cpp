@@ -6,10 +6,12 @@
 //
 // Also here: the search of the other named network namespaces for a netdev,
 // so a port bound to a netdev that lives elsewhere gets a clear refusal.
+// A test can make opening the watcher fail ("plat::fplane::LinkWatcher::Open").
 #include <dirent.h>
 #include <fcntl.h>
 #include <net/if.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sched.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
@@ -26,12 +28,14 @@
 #include <mutex>
 #include <thread>
 
+#include "plat_control.h"
 #include "plat_live.hpp"
 
 namespace plat::fplane {
 namespace {
 
 constexpr const char *kNamedNamespaces = "/run/netns";
+constexpr const char *kOpenOp = "plat::fplane::LinkWatcher::Open";   // failure injection: the code is an errno
 
 LinkInfo InfoOf(rtnl_link *link, bool removed)
 {
@@ -105,6 +109,10 @@ LinkWatcher::~LinkWatcher()
 
 bool LinkWatcher::Open(std::string *error)
 {
+    if (uint32_t code = 0; PLAT_FailCheck(kOpenOp, &code) != 0) {
+        *error = std::string("cannot open a netlink socket to follow links: ") + std::strerror(static_cast<int>(code));
+        return false;
+    }
     int rc = nl_cache_mngr_alloc(nullptr, NETLINK_ROUTE, 0, &state_->manager);
     if (rc < 0) {
         *error = std::string("cannot open a netlink socket to follow links: ") + nl_geterror(rc);
@@ -116,7 +124,8 @@ bool LinkWatcher::Open(std::string *error)
         return false;
     }
     state_->sync = nl_socket_alloc();
-    if (state_->sync == nullptr || (rc = nl_connect(state_->sync, NETLINK_ROUTE)) < 0) {
+    rc = state_->sync == nullptr ? -NLE_NOMEM : nl_connect(state_->sync, NETLINK_ROUTE);
+    if (rc < 0) {
         *error = std::string("cannot open a netlink socket to follow links: ") + nl_geterror(rc);
         return false;
     }
@@ -147,7 +156,10 @@ bool LinkWatcher::Start(Handler handler, std::string *error)
         return false;
     }
     state_->handler = std::move(handler);
-    state_->thread = std::thread([state = state_.get()]() { state->Run(); });
+    state_->thread = std::thread([state = state_.get()]() {
+        (void)pthread_setname_np(pthread_self(), "linkwatch");
+        state->Run();
+    });
     return true;
 }
 

@@ -7,11 +7,15 @@
 // frames. A port's socket exists while its netdev is present and up: going
 // down or away closes it (queued frames are dropped with it) and takes the
 // port off board; back up, a fresh socket is bound and the port comes on
-// board. Everything a port drops is counted in its stats.
+// board. Everything a port drops is counted in its stats. A test can make
+// binding a socket fail ("plat::fplane::LivePorts::Bind", the code an errno):
+// at start that refuses the binding, later the port stays off board and
+// its thread tries again every second.
 #include <arpa/inet.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
+#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
@@ -26,6 +30,7 @@
 #include <set>
 #include <thread>
 
+#include "plat_control.h"
 #include "plat_live.hpp"
 
 namespace plat::fplane {
@@ -48,6 +53,8 @@ constexpr size_t kMaxFrameBuffer = 65536 + 2 * kVlanTagLen;
 constexpr uint16_t kTpidDot1q = 0x8100;
 constexpr int kRetryOpenMs = 1000;                 // a netdev that is up but could not be bound
 constexpr int kRetryKickMs = 1;                    // the kernel had no room for a whole flush
+constexpr size_t kThreadNameLen = 15;
+constexpr const char *kBindOp = "plat::fplane::LivePorts::Bind";
 
 uint16_t U16(const uint8_t *p)
 {
@@ -97,6 +104,10 @@ public:
     bool Open(int kernelIndex, uint32_t mtu, std::string *error)
     {
         Close();
+        if (uint32_t code = 0; PLAT_FailCheck(kBindOp, &code) != 0) {
+            errno = static_cast<int>(code);
+            return Fail("cannot open a packet socket", error);
+        }
         fd_ = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);   // protocol 0: nothing arrives before bind
         if (fd_ < 0) {
             return Fail("cannot open a packet socket", error);
@@ -628,7 +639,11 @@ bool LivePorts::Start(Receiver receiver, LinkHandler onLink, std::string *error)
     receiver_ = std::move(receiver);
     onLink_ = std::move(onLink);
     for (const auto &p : ports_) {
-        p->thread = std::thread([this, port = p.get()]() { port->Run(receiver_, onLink_, report_); });
+        p->thread = std::thread([this, port = p.get()]() {
+            // "port:<netdev>", as long as a thread name may be.
+            (void)pthread_setname_np(pthread_self(), ("port:" + port->netdev).substr(0, kThreadNameLen).c_str());
+            port->Run(receiver_, onLink_, report_);
+        });
     }
     if (!watcher_.Start([this](const LinkInfo &link) { OnLink(link); }, error)) {
         Stop();

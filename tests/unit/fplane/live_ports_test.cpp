@@ -14,6 +14,7 @@
 #include <fstream>
 #include <mutex>
 
+#include "plat_control.h"
 #include "plat_live.hpp"
 #include "pplus_test.hpp"
 #include "pppoe_frame.hpp"
@@ -28,6 +29,7 @@ constexpr uint32_t kPortA = 1;
 constexpr uint32_t kPortB = 2;
 constexpr uint16_t kTestEtherType = 0x88b5;   // local experimental: nothing else on the wire uses it
 constexpr uint32_t kWaitMs = 10000;
+constexpr const char *kBindOp = "plat::fplane::LivePorts::Bind";
 
 bool Sh(const std::string &command)
 {
@@ -68,6 +70,7 @@ protected:
         if (ports_) {
             ports_->Stop();
         }
+        PLAT_FailClearAll();
     }
 
     // Binds A to lva and B to lvb and starts them.
@@ -262,6 +265,32 @@ TEST_F(LivePortsTest, LinkChangesTakePortsOffAndOnBoardAndARecreatedNetdevIsBoun
     const auto again = NextFrame(kPortA);
     ASSERT_TRUE(again);
     EXPECT_EQ(*again, TestFrame(60, {{0x8100, 7}}));
+}
+
+TEST_F(LivePortsTest, ABindThatFailsIsRefusedAtStartAndRetriedAfterALinkChange)
+{
+    {
+        PLAT_FailSet(kBindOp, 0, 1, EBUSY);
+        LivePorts ports;
+        std::string error;
+        EXPECT_FALSE(ports.Open({{kPortA, "lva"}}, &error));
+        EXPECT_NE(error.find("port 1 (netdev lva): cannot open a packet socket: " + std::string(std::strerror(EBUSY))),
+                  std::string::npos)
+            << error;
+        PLAT_FailSet("plat::fplane::LinkWatcher::Open", 0, 1, EMFILE);
+        EXPECT_FALSE(ports.Open({{kPortB, "lvb"}}, &error));
+        EXPECT_NE(error.find("cannot open a netlink socket to follow links"), std::string::npos) << error;
+    }
+    StartPorts();
+    // Both ends rebind after the flap; the first two tries fail.
+    PLAT_FailSet(kBindOp, 0, 2, EBUSY);
+    ASSERT_TRUE(Sh("ip link set lvb down && ip link set lvb up"));
+    EXPECT_TRUE(WaitLink(kPortA, true));
+    EXPECT_TRUE(WaitLink(kPortB, true));
+    EXPECT_EQ(PLAT_FailHits(kBindOp), 3U);
+    EXPECT_NE(Notes().find(": cannot bind: cannot open a packet socket"), std::string::npos) << Notes();
+    ports_->Transmit(kPortA, TestFrame(60));
+    EXPECT_TRUE(NextFrame(kPortB));
 }
 
 TEST_F(LivePortsTest, BadBindingsAreRefusedAndAMissingNetdevStartsOffBoard)
