@@ -9,9 +9,9 @@
 #include <sstream>
 #include <thread>
 
-#include "plat_control.h"
-#include "plat_fwm.hpp"
-#include "plat_world.hpp"
+#include "device/fwm.hpp"
+#include "platform/control.h"
+#include "platform/world.hpp"
 #include "wick.h"
 
 namespace host {
@@ -32,7 +32,7 @@ bool SplitBinding(const std::string &binding, const char *option, uint32_t *ifIn
         return false;
     }
     const std::string port = binding.substr(0, eq);
-    const auto resolved = plat::fplane::ResolvePort(port);
+    const auto resolved = device::fplane::ResolvePort(port);
     if (!resolved) {
         *error = std::string(option) + " " + binding + ": unknown port " + port;
         return false;
@@ -73,9 +73,9 @@ void MakePathsAbsolute(PortOptions &opts)
 
 // What leaves the plane: through a live port when it is bound to a netdev,
 // into the captures otherwise.
-class HostPorts::Backends : public plat::fplane::PortBackend {
+class HostPorts::Backends : public device::fplane::PortBackend {
 public:
-    Backends(plat::fplane::LivePorts &live, plat::fplane::PcapCapture &capture) : live_(live), capture_(capture) {}
+    Backends(device::fplane::LivePorts &live, device::fplane::PcapCapture &capture) : live_(live), capture_(capture) {}
     void Transmit(uint32_t ifIndex, std::span<const uint8_t> frame) override
     {
         if (live_.Owns(ifIndex)) {
@@ -86,8 +86,8 @@ public:
     }
 
 private:
-    plat::fplane::LivePorts &live_;
-    plat::fplane::PcapCapture &capture_;
+    device::fplane::LivePorts &live_;
+    device::fplane::PcapCapture &capture_;
 };
 
 HostPorts::HostPorts()
@@ -106,7 +106,7 @@ namespace {
 // The topology's bindings with --netdev PORT=NETDEV over them; ports that
 // carry frames only (a trunk's own interface has none to carry).
 bool Bindings(const std::vector<std::string> &options, const std::map<uint32_t, std::string> &topology,
-              std::vector<plat::fplane::NetdevBinding> *out, std::string *error)
+              std::vector<device::fplane::NetdevBinding> *out, std::string *error)
 {
     std::map<uint32_t, std::string> byPort = topology;
     for (const std::string &binding : options) {
@@ -115,7 +115,7 @@ bool Bindings(const std::vector<std::string> &options, const std::map<uint32_t, 
             *error = "--netdev " + binding + ": expected PORT=NETDEV";
             return false;
         }
-        const auto port = plat::fplane::ResolvePort(binding.substr(0, eq));
+        const auto port = device::fplane::ResolvePort(binding.substr(0, eq));
         if (!port) {
             *error = "--netdev " + binding + ": unknown port " + binding.substr(0, eq);
             return false;
@@ -123,8 +123,8 @@ bool Bindings(const std::vector<std::string> &options, const std::map<uint32_t, 
         byPort[*port] = binding.substr(eq + 1);
     }
     for (const auto &[ifIndex, netdev] : byPort) {
-        const auto rec = plat::world::if_find(ifIndex);
-        if (rec && rec->lagId != plat::kNoId) {
+        const auto rec = platform::world::IfFind(ifIndex);
+        if (rec && rec->lagId != platform::kNoId) {
             *error = "port " + rec->name + " is a trunk's interface and carries no frames of its own: bind netdev " +
                      netdev + " to one of its members";
             return false;
@@ -138,13 +138,13 @@ bool Bindings(const std::vector<std::string> &options, const std::map<uint32_t, 
 
 bool HostPorts::Open(const PortOptions &opts, const std::map<uint32_t, std::string> &netdevs, std::string *error)
 {
-    std::vector<plat::fplane::NetdevBinding> bindings;
+    std::vector<device::fplane::NetdevBinding> bindings;
     if (!Bindings(opts.netdevs, netdevs, &bindings, error) || !live_.Open(bindings, error)) {
         return false;
     }
     hasLive_ = !bindings.empty();
-    for (const plat::fplane::NetdevBinding &b : bindings) {
-        (void)plat::world::if_set_on_board(b.ifIndex, live_.IsUp(b.ifIndex));
+    for (const device::fplane::NetdevBinding &b : bindings) {
+        (void)platform::world::IfSetOnBoard(b.ifIndex, live_.IsUp(b.ifIndex));
     }
     for (const std::string &binding : opts.inputs) {
         uint32_t ifIndex = 0;
@@ -164,9 +164,9 @@ bool HostPorts::Open(const PortOptions &opts, const std::map<uint32_t, std::stri
     if (!opts.captureDir.empty() && !capture_.SetFolder(opts.captureDir, error)) {
         return false;
     }
-    plane_ = std::make_unique<plat::fplane::ForwardingPlane>(*backends_);
+    plane_ = std::make_unique<device::fplane::ForwardingPlane>(*backends_);
     return live_.Start([this](uint32_t ifIndex, std::span<const uint8_t> frame) { plane_->Receive(ifIndex, frame); },
-                       [](uint32_t ifIndex, bool up) { (void)plat::world::if_set_on_board(ifIndex, up); }, error);
+                       [](uint32_t ifIndex, bool up) { (void)platform::world::IfSetOnBoard(ifIndex, up); }, error);
 }
 
 bool HostPorts::Replay()
@@ -179,7 +179,7 @@ bool HostPorts::ReplayMore(const std::string &binding, std::string *output)
 {
     uint32_t ifIndex = 0;
     std::string path;
-    plat::fplane::PcapReplay more;
+    device::fplane::PcapReplay more;
     if (!SplitBinding(binding, "replay", &ifIndex, &path, output) || !more.Add(ifIndex, path, output)) {
         return false;
     }
@@ -188,12 +188,12 @@ bool HostPorts::ReplayMore(const std::string &binding, std::string *output)
         *output = "the forwarding plane did not become idle after the replay";
         return false;
     }
-    *output = "replayed " + std::to_string(more.Size()) + " frame(s) into " + plat::fplane::PortName(ifIndex) +
+    *output = "replayed " + std::to_string(more.Size()) + " frame(s) into " + device::fplane::PortName(ifIndex) +
               "\n" + Describe();
     return true;
 }
 
-bool HostPorts::Run(const plat::fplane::PcapReplay &replay)
+bool HostPorts::Run(const device::fplane::PcapReplay &replay)
 {
     // Idle: nothing in the channels, nothing handled for a while, and the
     // agent's receive thread back in its wait.
@@ -214,7 +214,7 @@ bool HostPorts::Run(const plat::fplane::PcapReplay &replay)
     // answers follow the requests they answer; once the plane stalls, the
     // rest go in without waiting.
     bool ok = true;
-    replay.Run([&](const plat::fplane::ReplayFrame &frame) {
+    replay.Run([&](const device::fplane::ReplayFrame &frame) {
         plane_->Receive(frame.ifIndex, frame.bytes);
         ok = ok && settled(20ms, 2s);
     });
@@ -225,14 +225,14 @@ std::string HostPorts::Describe() const
 {
     std::ostringstream out;
     const auto portName = [](uint32_t ifIndex) {
-        const std::string name = plat::fplane::PortName(ifIndex);
+        const std::string name = device::fplane::PortName(ifIndex);
         return (name.empty() ? "?" : name) + " (" + std::to_string(ifIndex) + ")";
     };
     for (const auto &[ifIndex, c] : plane_->AllCounters()) {
         out << "port " << portName(ifIndex) << ": rx " << c.rx << " tx " << c.tx << " punted " << c.punted
             << " dropped " << c.dropped << "\n";
     }
-    for (const plat::fplane::LivePortStats &s : live_.Stats()) {
+    for (const device::fplane::LivePortStats &s : live_.Stats()) {
         out << "port " << portName(s.ifIndex) << " on netdev " << s.netdev << ": " << (s.up ? "up" : "down")
             << ", mtu " << s.mtu << ", rx " << s.rx << " tx " << s.tx << ", too long rx " << s.rxOversize
             << " tx " << s.txOversize << ", not sent " << s.txDropped << ", lost in the receive ring "
@@ -251,10 +251,10 @@ void HostPorts::PrintSummary() const
     for (std::string line; std::getline(lines, line);) {
         std::printf("pppoe-plus-switch: %s\n", line.c_str());
     }
-    std::printf("pppoe-plus-switch: fwm: %s\n", plat::fwm::describe(plat::fwm::state()).c_str());
+    std::printf("pppoe-plus-switch: fwm: %s\n", device::fwm::Describe(device::fwm::GetState()).c_str());
     for (const auto &[ifIndex, file] : capture_.Files()) {
         std::printf("pppoe-plus-switch: captured %llu frame(s) of port %s into %s\n",
-                    static_cast<unsigned long long>(file.second), plat::fplane::PortName(ifIndex).c_str(),
+                    static_cast<unsigned long long>(file.second), device::fplane::PortName(ifIndex).c_str(),
                     file.first.c_str());
     }
     for (const std::string &e : capture_.Errors()) {

@@ -15,8 +15,8 @@
 #include <CLI/CLI.hpp>
 #pragma GCC diagnostic pop
 
-#include "plat_fplane.hpp"
-#include "plat_live.hpp"
+#include "device/fplane.hpp"
+#include "device/live.hpp"
 
 namespace host {
 
@@ -64,15 +64,15 @@ public:
     void Close();
 
 private:
-    bool Run(const plat::fplane::PcapReplay &replay);
+    bool Run(const device::fplane::PcapReplay &replay);
 
     std::mutex replayLock_;
-    plat::fplane::PcapReplay replay_;
-    plat::fplane::PcapCapture capture_;
-    plat::fplane::LivePorts live_;
+    device::fplane::PcapReplay replay_;
+    device::fplane::PcapCapture capture_;
+    device::fplane::LivePorts live_;
     class Backends;
     std::unique_ptr<Backends> backends_;
-    std::unique_ptr<plat::fplane::ForwardingPlane> plane_;
+    std::unique_ptr<device::fplane::ForwardingPlane> plane_;
     bool hasInputs_ = false;
     bool hasLive_ = false;
 };

@@ -30,7 +30,7 @@
 #include <CLI/CLI.hpp>
 #pragma GCC diagnostic pop
 
-#include "plat_live.hpp"
+#include "device/live.hpp"
 
 namespace {
 
@@ -145,7 +145,7 @@ int Count(const std::string &netdev, double seconds, int vlan)
         std::atomic<int64_t> firstNs{-1};
         std::atomic<int64_t> lastNs{-1};
     } meter;
-    plat::fplane::LivePorts port([](const std::string &line) { std::fprintf(stderr, "padi-flood: %s\n", line.c_str()); });
+    device::fplane::LivePorts port([](const std::string &line) { std::fprintf(stderr, "padi-flood: %s\n", line.c_str()); });
     std::string error;
     if (!port.Open({{1, netdev}}, &error)) {
         std::fprintf(stderr, "padi-flood: %s\n", error.c_str());

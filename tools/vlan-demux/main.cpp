@@ -20,12 +20,12 @@
 #include <CLI/CLI.hpp>
 #pragma GCC diagnostic pop
 
-#include "plat_live.hpp"
+#include "device/live.hpp"
 
 namespace {
 
-using plat::fplane::kEthHeaderLen;
-using plat::fplane::kVlanTagLen;
+using device::fplane::kEthHeaderLen;
+using device::fplane::kVlanTagLen;
 
 constexpr uint32_t kTrunkPort = 0x10000;   // port numbers: VIDs for the VLAN netdevs, this for the trunk
 constexpr size_t kMacsLen = 12;
@@ -56,7 +56,7 @@ int main(int argc, char **argv)
     app.add_option("--vlan", vlanArgs, "VID=NETDEV: the untagged netdev of VLAN VID (repeatable)")->required();
     CLI11_PARSE(app, argc, argv);
 
-    std::vector<plat::fplane::NetdevBinding> bindings{{kTrunkPort, trunk}};
+    std::vector<device::fplane::NetdevBinding> bindings{{kTrunkPort, trunk}};
     for (const std::string &arg : vlanArgs) {
         const size_t eq = arg.find('=');
         unsigned long vid = 0;
@@ -78,7 +78,7 @@ int main(int argc, char **argv)
     sigaddset(&stopSignals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
-    plat::fplane::LivePorts ports([](const std::string &line) {
+    device::fplane::LivePorts ports([](const std::string &line) {
         std::printf("vlan-demux: %s\n", line.c_str());
         std::fflush(stdout);
     });

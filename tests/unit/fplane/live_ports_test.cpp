@@ -14,22 +14,22 @@
 #include <fstream>
 #include <mutex>
 
-#include "plat_control.h"
-#include "plat_live.hpp"
+#include "platform/control.h"
+#include "device/live.hpp"
 #include "pplus_test.hpp"
 #include "pppoe_frame.hpp"
 
 namespace {
 
-using plat::fplane::LivePorts;
-using plat::fplane::NetdevBinding;
+using device::fplane::LivePorts;
+using device::fplane::NetdevBinding;
 using pplus_test::Bytes;
 
 constexpr uint32_t kPortA = 1;
 constexpr uint32_t kPortB = 2;
 constexpr uint16_t kTestEtherType = 0x88b5;   // local experimental: nothing else on the wire uses it
 constexpr uint32_t kWaitMs = 10000;
-constexpr const char *kBindOp = "plat::fplane::LivePorts::Bind";
+constexpr const char *kBindOp = "device::fplane::LivePorts::Bind";
 
 bool Sh(const std::string &command)
 {
@@ -162,7 +162,7 @@ protected:
         });
     }
 
-    plat::fplane::LivePortStats StatsOf(uint32_t port) const
+    device::fplane::LivePortStats StatsOf(uint32_t port) const
     {
         for (const auto &s : ports_->Stats()) {
             if (s.ifIndex == port) {
@@ -277,16 +277,17 @@ TEST_F(LivePortsTest, ABindThatFailsIsRefusedAtStartAndRetriedAfterALinkChange)
         EXPECT_NE(error.find("port 1 (netdev lva): cannot open a packet socket: " + std::string(std::strerror(EBUSY))),
                   std::string::npos)
             << error;
-        PLAT_FailSet("plat::fplane::LinkWatcher::Open", 0, 1, EMFILE);
+        PLAT_FailSet("device::fplane::LinkWatcher::Open", 0, 1, EMFILE);
         EXPECT_FALSE(ports.Open({{kPortB, "lvb"}}, &error));
         EXPECT_NE(error.find("cannot open a netlink socket to follow links"), std::string::npos) << error;
     }
     StartPorts();
-    // Both ends rebind after the flap; the first two tries fail.
+    ASSERT_TRUE(Sh("ip link set lvb down"));
+    ASSERT_TRUE(pplus_test::WaitFor([this]() { return !ports_->IsUp(kPortA) && !ports_->IsUp(kPortB); }, kWaitMs));
+    // Back up, the first two binds fail: the ports come on board at a later try.
     PLAT_FailSet(kBindOp, 0, 2, EBUSY);
-    ASSERT_TRUE(Sh("ip link set lvb down && ip link set lvb up"));
-    EXPECT_TRUE(WaitLink(kPortA, true));
-    EXPECT_TRUE(WaitLink(kPortB, true));
+    ASSERT_TRUE(Sh("ip link set lvb up"));
+    EXPECT_TRUE(pplus_test::WaitFor([this]() { return ports_->IsUp(kPortA) && ports_->IsUp(kPortB); }, kWaitMs));
     EXPECT_EQ(PLAT_FailHits(kBindOp), 3U);
     EXPECT_NE(Notes().find(": cannot bind: cannot open a packet socket"), std::string::npos) << Notes();
     ports_->Transmit(kPortA, TestFrame(60));

@@ -8,7 +8,7 @@
 // down or away closes it (queued frames are dropped with it) and takes the
 // port off board; back up, a fresh socket is bound and the port comes on
 // board. Everything a port drops is counted in its stats. A test can make
-// binding a socket fail ("plat::fplane::LivePorts::Bind", the code an errno):
+// binding a socket fail ("device::fplane::LivePorts::Bind", the code an errno):
 // at start that refuses the binding, later the port stays off board and
 // its thread tries again every second.
 #include <arpa/inet.h>
@@ -30,10 +30,10 @@
 #include <set>
 #include <thread>
 
-#include "plat_control.h"
-#include "plat_live.hpp"
+#include "platform/control.h"
+#include "device/live.hpp"
 
-namespace plat::fplane {
+namespace device::fplane {
 namespace {
 
 constexpr uint32_t kRxBlockSize = 1U << 18;        // 256 KiB: many small frames per hand-over
@@ -54,7 +54,7 @@ constexpr uint16_t kTpidDot1q = 0x8100;
 constexpr int kRetryOpenMs = 1000;                 // a netdev that is up but could not be bound
 constexpr int kRetryKickMs = 1;                    // the kernel had no room for a whole flush
 constexpr size_t kThreadNameLen = 15;
-constexpr const char *kBindOp = "plat::fplane::LivePorts::Bind";
+constexpr const char *kBindOp = "device::fplane::LivePorts::Bind";
 
 uint16_t U16(const uint8_t *p)
 {
@@ -717,4 +717,4 @@ std::vector<LivePortStats> LivePorts::Stats() const
     return out;
 }
 
-}  // namespace plat::fplane
+}  // namespace device::fplane

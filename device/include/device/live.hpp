@@ -30,9 +30,9 @@
 #include <string>
 #include <vector>
 
-#include "plat_fplane.hpp"
+#include "device/fplane.hpp"
 
-namespace plat::fplane {
+namespace device::fplane {
 
 inline constexpr size_t kEthHeaderLen = 14;   // destination, source, ether type
 inline constexpr size_t kVlanTagLen = 4;
@@ -155,4 +155,4 @@ private:
     LinkHandler onLink_;
 };
 
-}  // namespace plat::fplane
+}  // namespace device::fplane

@@ -6,7 +6,7 @@
 //
 // Also here: the search of the other named network namespaces for a netdev,
 // so a port bound to a netdev that lives elsewhere gets a clear refusal.
-// A test can make opening the watcher fail ("plat::fplane::LinkWatcher::Open").
+// A test can make opening the watcher fail ("device::fplane::LinkWatcher::Open").
 #include <dirent.h>
 #include <fcntl.h>
 #include <net/if.h>
@@ -28,14 +28,14 @@
 #include <mutex>
 #include <thread>
 
-#include "plat_control.h"
-#include "plat_live.hpp"
+#include "platform/control.h"
+#include "device/live.hpp"
 
-namespace plat::fplane {
+namespace device::fplane {
 namespace {
 
 constexpr const char *kNamedNamespaces = "/run/netns";
-constexpr const char *kOpenOp = "plat::fplane::LinkWatcher::Open";   // failure injection: the code is an errno
+constexpr const char *kOpenOp = "device::fplane::LinkWatcher::Open";   // failure injection: the code is an errno
 
 LinkInfo InfoOf(rtnl_link *link, bool removed)
 {
@@ -214,4 +214,4 @@ std::vector<std::string> NamespacesHolding(const std::string &netdev)
     return found;
 }
 
-}  // namespace plat::fplane
+}  // namespace device::fplane
