@@ -65,13 +65,21 @@ std::string Literal(const std::string &text)
     return out + "'" + text.substr(start) + "')";
 }
 
-void SubtreePaths(const struct lyd_node *node, const std::string &parentPath, std::vector<std::string> *out)
+// A node's name in a path, prefixed by its module where that differs from
+// the parent's (the form the datastore and the agent read keys in).
+std::string StepName(const struct lys_module *module, const struct lys_module *parentModule, const char *name)
+{
+    return module == parentModule ? std::string(name) : std::string(module->name) + ":" + name;
+}
+
+void SubtreePaths(const struct lyd_node *node, const struct lys_module *parentModule, const std::string &parentPath,
+                  std::vector<std::string> *out)
 {
     const struct lys_module *module = ModuleOf(node);
     if (module == nullptr) {
         return;  // an element of no module we serve matches nothing
     }
-    const std::string step = parentPath + "/" + module->name + ":" + NameOf(node);
+    const std::string step = parentPath + "/" + StepName(module, parentModule, NameOf(node));
     if (lyd_child(node) == nullptr) {
         const std::string text = TextOf(node);
         out->push_back(text.empty() ? step : step + "[.=" + Literal(text) + "]");
@@ -90,7 +98,7 @@ void SubtreePaths(const struct lyd_node *node, const std::string &parentPath, st
         if (childModule == nullptr) {
             return;  // a content match on an unknown node can never hold
         }
-        const std::string name = std::string(childModule->name) + ":" + NameOf(child);
+        const std::string name = StepName(childModule, module, NameOf(child));
         predicates += "[" + name + "=" + Literal(text) + "]";
         matches.push_back(name);
     }
@@ -104,7 +112,7 @@ void SubtreePaths(const struct lyd_node *node, const std::string &parentPath, st
         out->push_back(selected + "/" + name);
     }
     for (const struct lyd_node *child : selections) {
-        SubtreePaths(child, selected, out);
+        SubtreePaths(child, module, selected, out);
     }
 }
 
@@ -124,7 +132,7 @@ std::vector<std::string> SubtreeXPaths(const struct lyd_node *filterContent)
 {
     std::vector<std::string> out;
     for (const struct lyd_node *node = filterContent; node != nullptr; node = node->next) {
-        SubtreePaths(node, "", &out);
+        SubtreePaths(node, nullptr, "", &out);
     }
     return out;
 }

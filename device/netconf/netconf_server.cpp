@@ -82,14 +82,27 @@ std::string DatastoreOf(const struct lyd_node *op, const char *container)
     return choice != nullptr && choice->schema != nullptr ? choice->schema->name : "";
 }
 
-// The XML text of an anyxml node's content.
+// The XML text of an anyxml node's content. A tree is printed whole: an
+// empty container there (libyang marks it as default) may carry an
+// operation.
 std::string AnyText(const struct lyd_node *node)
 {
-    char *text = nullptr;
-    if (node == nullptr || lyd_any_value_str(node, &text) != LY_SUCCESS || text == nullptr) {
+    if (node == nullptr) {
         return "";
     }
-    std::string out = text;
+    const auto *any = reinterpret_cast<const struct lyd_node_any *>(node);
+    char *text = nullptr;
+    LY_ERR rc = LY_SUCCESS;
+    if (any->value_type == LYD_ANYDATA_DATATREE) {
+        if (any->value.tree == nullptr) {
+            return "";
+        }
+        rc = lyd_print_mem(&text, any->value.tree, LYD_XML,
+                           LYD_PRINT_WITHSIBLINGS | LYD_PRINT_WD_ALL | LYD_PRINT_KEEPEMPTYCONT | LYD_PRINT_SHRINK);
+    } else {
+        rc = lyd_any_value_str(node, &text);
+    }
+    std::string out = rc == LY_SUCCESS && text != nullptr ? text : "";
     std::free(text);
     return out;
 }

@@ -39,6 +39,24 @@ bool OpFromText(std::string_view text, Op *op)
     return false;
 }
 
+// Whether node is configured rather than there by default: a default leaf
+// or a non-presence container holding nothing but defaults is not.
+bool Explicit(const struct lyd_node *node)
+{
+    if ((node->flags & LYD_DEFAULT) != 0) {
+        return false;
+    }
+    if (node->schema->nodetype != LYS_CONTAINER || (node->schema->flags & LYS_PRESENCE) != 0) {
+        return true;
+    }
+    for (const struct lyd_node *child = lyd_child(node); child != nullptr; child = child->next) {
+        if (Explicit(child)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 std::string PathOf(const struct lyd_node *node)
 {
     char *text = lyd_path(node, LYD_PATH_STD, nullptr, 0);
@@ -149,7 +167,7 @@ private:
             return false;
         }
         struct lyd_node *match = Find(node, parent);
-        const bool exists = match != nullptr && (match->flags & LYD_DEFAULT) == 0;
+        const bool exists = match != nullptr && Explicit(match);
         const bool inner = (node->schema->nodetype & (LYS_CONTAINER | LYS_LIST)) != 0;
         switch (op) {
         case Op::kCreate:
