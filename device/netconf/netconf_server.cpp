@@ -363,7 +363,8 @@ void Server::Impl::AcceptLoop()
         nc_ps_add_session(ps, session);
         cv.notify_all();
         const char *host = nc_session_get_host(session);
-        Log("session " + std::to_string(id) + " of " + nc_session_get_username(session) + " from " +
+        const char *user = nc_session_get_username(session);
+        Log("session " + std::to_string(id) + " of " + (user != nullptr ? user : "?") + " from " +
             (host != nullptr ? host : "?") + " opened");
     }
 }
