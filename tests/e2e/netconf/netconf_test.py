@@ -43,7 +43,8 @@ class Netconf(unittest.TestCase):
         status, output = cls.switch.stop(), cls.switch.output()
         cls.switch.remove()
         # A clean stop with no sanitizer report (the asan preset runs this too).
-        if status != 0 or "AddressSanitizer" in output or "runtime error:" in output:
+        reports = ("AddressSanitizer", "ThreadSanitizer", "runtime error:")
+        if status != 0 or any(report in output for report in reports):
             raise AssertionError("the switch ended with %s:\n%s" % (status, output))
 
     def setUp(self):
@@ -280,6 +281,7 @@ class NetconfEditReachesFrames(unittest.TestCase):
             self.assertTrue(ok, output)
             m.close_session()
             self.assertEqual(switch.stop(), 0, switch.output())
+            self.assertNotIn("Sanitizer", switch.output())
             frames = pcap_frames(uplink)
             self.assertEqual(len(frames), 2, "the PADI and the PADR go up")
             self.assertIn(b"line-AccessSwitch-1", frames[0])
