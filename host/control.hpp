@@ -9,7 +9,7 @@
 #include <memory>
 #include <string>
 
-namespace pplus_host {
+namespace host {
 
 // Where the host listens and the tool connects unless told otherwise:
 // $XDG_RUNTIME_DIR/pppoe-plus-switch.sock, or under /tmp without it.
@@ -54,4 +54,4 @@ private:
     std::unique_ptr<State> state_;
 };
 
-}  // namespace pplus_host
+}  // namespace host

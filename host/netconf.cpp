@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <filesystem>
 
-#include "plat_control.h"
+#include "platform/control.h"
 
 namespace host {
 

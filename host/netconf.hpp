@@ -12,7 +12,7 @@
 #pragma GCC diagnostic pop
 
 #include "datastore.hpp"
-#include "netconf_server.hpp"
+#include "device/netconf.hpp"
 
 namespace host {
 

@@ -14,7 +14,7 @@
 #include <CLI/CLI.hpp>
 #pragma GCC diagnostic pop
 
-#include "plat_fplane.hpp"
+#include "device/fplane.hpp"
 
 namespace host {
 
@@ -50,12 +50,12 @@ public:
     void Close();
 
 private:
-    bool Run(const plat::fplane::PcapReplay &replay);
+    bool Run(const device::fplane::PcapReplay &replay);
 
     std::mutex replayLock_;
-    plat::fplane::PcapReplay replay_;
-    plat::fplane::PcapCapture capture_;
-    std::unique_ptr<plat::fplane::ForwardingPlane> plane_;
+    device::fplane::PcapReplay replay_;
+    device::fplane::PcapCapture capture_;
+    std::unique_ptr<device::fplane::ForwardingPlane> plane_;
     bool hasInputs_ = false;
 };
 

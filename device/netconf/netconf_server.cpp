@@ -7,13 +7,13 @@
 // open sessions and runs their RPCs one at a time. Every RPC is turned into
 // a request of the session's own datastore connection; the datastore's
 // refusals come back as <rpc-error> with its error-tag and error-path.
-#include <netconf_server.hpp>
+#include <device/netconf.hpp>
 
 #include "filter.hpp"
 #include "ssh_keys.hpp"
 
 #include <nc_server.h>
-#include <plat_yangdb.hpp>
+#include <device/yangdb.hpp>
 
 #include <algorithm>
 #include <atomic>
@@ -32,8 +32,8 @@ namespace device::netconf {
 
 namespace {
 
-using plat::yangdb::Admin;
-using plat::yangdb::Reply;
+using device::yangdb::Admin;
+using device::yangdb::Reply;
 
 constexpr const char kEndpoint[] = "ssh";
 constexpr int kPollMs = 200;
@@ -597,7 +597,7 @@ struct nc_server_reply *Server::Impl::EditConfig(const struct lyd_node *op, Admi
     if (config == nullptr) {
         return Error("missing-element", "the edit has no config", "config");
     }
-    plat::yangdb::EditConfigOptions edit;
+    device::yangdb::EditConfigOptions edit;
     edit.defaultOperation = LeafText(op, "default-operation", "merge");
     edit.testOnly = LeafText(op, "test-option", "test-then-set") == "test-only";
     return Done(admin.EditConfig(AnyText(config), edit));
@@ -615,7 +615,7 @@ struct nc_server_reply *Server::Impl::CopyConfig(const struct lyd_node *op, Admi
     if (source != "config") {
         return Error("operation-not-supported", "copy-config takes the running configuration or inline config");
     }
-    return Done(admin.Edit(AnyText(Child(Child(op, "source"), "config")), plat::yangdb::EditMode::kReplace));
+    return Done(admin.Edit(AnyText(Child(Child(op, "source"), "config")), device::yangdb::EditMode::kReplace));
 }
 
 struct nc_server_reply *Server::Impl::Validate(const struct lyd_node *op, Admin &admin)
@@ -627,7 +627,7 @@ struct nc_server_reply *Server::Impl::Validate(const struct lyd_node *op, Admin 
     if (source != "config") {
         return Error("operation-not-supported", "validate takes the running configuration or inline config");
     }
-    plat::yangdb::EditConfigOptions edit;
+    device::yangdb::EditConfigOptions edit;
     edit.defaultOperation = "replace";
     edit.testOnly = true;
     return Done(admin.EditConfig(AnyText(Child(Child(op, "source"), "config")), edit));

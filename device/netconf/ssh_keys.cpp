@@ -3,7 +3,7 @@
 // public-key logins are checked against.
 #include "ssh_keys.hpp"
 
-#include <netconf_server.hpp>
+#include <device/netconf.hpp>
 
 #include <arpa/inet.h>
 #include <fcntl.h>

@@ -26,7 +26,7 @@
 #include <vector>
 
 #include "core/internal.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 #include "zavk.h"
 
 namespace {
@@ -47,7 +47,7 @@ struct Asserts {
 
 Asserts &TheAsserts()
 {
-    return plat::internal::Leaky<Asserts>();
+    return platform::internal::Leaky<Asserts>();
 }
 
 // ---- Dead-loop watchdog ----
@@ -68,7 +68,7 @@ struct Watchdog {
 
 Watchdog &TheWatchdog()
 {
-    return plat::internal::Leaky<Watchdog>();
+    return platform::internal::Leaky<Watchdog>();
 }
 
 // One pass over the registered threads; returns the report lines.
@@ -98,7 +98,7 @@ std::vector<std::string> Inspect(Watchdog &dog)
             watched.levelsReported++;
             // The time inside the unit of work, in platform seconds.
             const uint64_t platformSec = elapsed / (1000 * scale);
-            lines.push_back(plat::internal::Format(
+            lines.push_back(platform::internal::Format(
                 "ZAVK deadloop: task %s (tid %d) inside one unit of work for %llu s, over the %s threshold",
                 watched.name.c_str(), static_cast<int>(tid), static_cast<unsigned long long>(platformSec),
                 kLevelNames[level]));
@@ -111,10 +111,10 @@ void WatchLoop()
 {
     Watchdog &dog = TheWatchdog();
     for (;;) {
-        const uint64_t periodUs = std::max<uint64_t>(plat::internal::ScaledMicros(kWatchPeriodMs), 1000);
+        const uint64_t periodUs = std::max<uint64_t>(platform::internal::ScaledMicros(kWatchPeriodMs), 1000);
         std::this_thread::sleep_for(std::chrono::microseconds(periodUs));
         for (std::string &line : Inspect(dog)) {
-            plat::internal::LogLine(PLAT_LOG_PLATFORM, std::move(line));
+            platform::internal::LogLine(PLAT_LOG_PLATFORM, std::move(line));
             dog.reports.fetch_add(1, std::memory_order_relaxed);
         }
     }
@@ -122,7 +122,7 @@ void WatchLoop()
 
 std::string NameOfTid(pid_t tid)
 {
-    std::string name = plat::internal::TaskNameOfTid(tid);
+    std::string name = platform::internal::TaskNameOfTid(tid);
     if (!name.empty()) {
         return name;
     }
@@ -183,7 +183,7 @@ uint32_t ZAVK_RegDeadloopMon(pid_t tid, uint32_t warnSec, uint32_t errorSec, uin
                              uint32_t resetSec)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("ZAVK_RegDeadloopMon", &code)) {
+    if (platform::internal::Injected("ZAVK_RegDeadloopMon", &code)) {
         return code;
     }
     if (tid <= 0) {
@@ -210,7 +210,7 @@ uint32_t ZAVK_RegDeadloopMon(pid_t tid, uint32_t warnSec, uint32_t errorSec, uin
 
 void ZAVK_DmOpers(uint32_t op)
 {
-    const pid_t tid = plat::internal::CurrentTid();
+    const pid_t tid = platform::internal::CurrentTid();
     Watchdog &dog = TheWatchdog();
     std::lock_guard lock(dog.mu);
     const auto it = dog.byTid.find(tid);

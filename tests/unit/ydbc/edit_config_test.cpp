@@ -6,9 +6,9 @@
 namespace ydbc_test {
 namespace {
 
-using plat::yangdb::EditConfigOptions;
-using plat::yangdb::EditMode;
-using plat::yangdb::Reply;
+using device::yangdb::EditConfigOptions;
+using device::yangdb::EditMode;
+using device::yangdb::Reply;
 
 const std::string kGigabit = "XGigabitEthernet0/0/1";
 const std::string kNcNs = "xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.0\"";
@@ -93,7 +93,7 @@ TEST_F(DatastoreTest, ALockRefusesEveryOtherSessionUntilItsHolderLetsGoOrLeaves)
 {
     StartServer();
     std::string error;
-    auto other = plat::yangdb::Admin::Connect(options_.socketPath, &error);
+    auto other = device::yangdb::Admin::Connect(options_.socketPath, &error);
     ASSERT_NE(other, nullptr) << error;
     ASSERT_TRUE(admin_->Hello("holder").ok);
     ASSERT_TRUE(admin_->Lock().ok);

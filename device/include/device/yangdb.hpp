@@ -1,4 +1,4 @@
-// The YANG configuration datastore of the Linux platform (libyangdb.so):
+// The YANG configuration datastore of the device layer (libyangdb.so):
 // the server that the host embeds, and the management session that
 // pppoe-plus-cli and the host use to edit, read and call operations.
 // Subscribers (the agent) talk to the same server through libydbc.so.
@@ -10,7 +10,7 @@
 #include <string_view>
 #include <utility>
 
-namespace plat::yangdb {
+namespace device::yangdb {
 
 // "/var/orvale/yangdb.sock", or the path $YDBC_SOCKET names.
 std::string DefaultSocketPath();
@@ -121,4 +121,4 @@ private:
     std::unique_ptr<Impl> impl_;
 };
 
-}  // namespace plat::yangdb
+}  // namespace device::yangdb

@@ -18,7 +18,7 @@
 #include <cstring>
 #include <string_view>
 
-namespace plat::yangdb {
+namespace device::yangdb {
 
 namespace {
 
@@ -285,4 +285,4 @@ bool YangStore::EditConfigCandidate(std::string_view xml, const std::string &def
     return true;
 }
 
-}  // namespace plat::yangdb
+}  // namespace device::yangdb
