@@ -558,7 +558,7 @@ Reply Server::Impl::Get(const std::string &path)
 {
     const struct lysc_node *node = store.FindSchema(path);
     if (node == nullptr || (node->nodetype & (LYS_RPC | LYS_ACTION | LYS_NOTIF)) != 0) {
-        return {false, "unknown path " + path};
+        return {false, "unknown path " + path, "invalid-value", path};
     }
     const auto subs = ActiveSubs(YDBC_SUB_GET);
     auto ask = [this](const ConnectionPtr &conn, const Subscription *sub, const std::string &asked,
@@ -612,7 +612,7 @@ Reply Server::Impl::Get(const std::string &path)
         }
     }
     if (!served) {
-        return {false, "no subscriber serves " + path};
+        return {false, "no subscriber serves " + path, "operation-failed", path};
     }
     return {true, YangStore::PrintAll(result.get())};
 }
@@ -643,7 +643,7 @@ Reply Server::Impl::Rpc(const std::string &xml)
         }
         return {true, result.Field(1)};
     }
-    return {false, "no subscriber serves " + opPath};
+    return {false, "no subscriber serves " + opPath, "operation-not-supported", opPath};
 }
 
 void Server::Impl::Handle(Job &job)

@@ -197,6 +197,10 @@ class Netconf(unittest.TestCase):
         everything = self.m.get()
         self.assertEqual(texts(everything, "//pp:query-policy/pp:policy"), ["1"])
         self.assertEqual(texts(everything, "//pp:global-enable/pp:enable"), ["true"])
+        # An expression that names no single path is evaluated over all the data.
+        anywhere = self.m.get(filter=("xpath", ({"p": PLUS_NS}, "//p:query-policy/p:ignore-reply")))
+        self.assertEqual(texts(anywhere, "//pp:ignore-reply"), ["1"])
+        self.assertEqual(texts(anywhere, "//pp:policy"), [])
 
         check = self.m.get(filter=("subtree", plus(
             '<query-format-check><query-format-check-list><user-define-text>"line-%sysname"</user-define-text>'
