@@ -62,9 +62,13 @@ class Switch:
         self.log_path = os.path.join(self.dir, "host.log")
         self.log = open(self.log_path, "wb")
         self.process = subprocess.Popen(args, stdout=self.log, stderr=subprocess.STDOUT)
-        found = self.wait_for(r"NETCONF over SSH on 127\.0\.0\.1:(\d+)", 60)
-        self.port = int(found.group(1))
-        self.wait_for(r"control socket", 30)
+        try:
+            found = self.wait_for(r"NETCONF over SSH on 127\.0\.0\.1:(\d+)", 60)
+            self.port = int(found.group(1))
+            self.wait_for(r"control socket", 30)
+        except AssertionError:
+            self.remove()  # a switch that did not come up is not left behind
+            raise
 
     def output(self):
         with open(self.log_path, "rb") as log:
@@ -110,7 +114,8 @@ class Switch:
         if self.process.poll() is None:
             self.process.terminate()
             self.process.wait(60)
-        self.log.close()
+        if not self.log.closed:
+            self.log.close()
         return self.process.returncode
 
     def remove(self):
