@@ -45,12 +45,14 @@ struct FakeLib {
     std::atomic<uint32_t> activations{0};
     std::atomic<uint32_t> connects{0};
     std::atomic<uint32_t> runs{0};
+    std::atomic<uint32_t> clientNews{0};
     std::atomic<int> readFd{-1};
     std::atomic<int> writeFd{-1};
 };
 FakeLib *g_lib = nullptr;
-int g_clientToken = 0;
-auto *const kClient = reinterpret_cast<ydbc_client *>(&g_clientToken);
+int g_clientTokens[2] = {};
+auto *const kClient = reinterpret_cast<ydbc_client *>(&g_clientTokens[0]);
+auto *const kLaterClient = reinterpret_cast<ydbc_client *>(&g_clientTokens[1]);
 
 ydbc_bytes *NewBytes(const char *text, uint32_t length, uint32_t kind)
 {
@@ -87,9 +89,13 @@ uint32_t Subscribe(ydbc_client *, const ydbc_subscription *row)
     return 0;
 }
 
+// The first client made is kClient, every later one kLaterClient.
 ydbc_client *ClientNew(const char *, uint32_t mode, void *)
 {
-    return mode == 1 ? kClient : nullptr;
+    if (mode != 1) {
+        return nullptr;
+    }
+    return g_lib->clientNews++ == 0 ? kClient : kLaterClient;
 }
 
 // Each connect hands out the read end of a fresh pipe; closing the write
@@ -518,6 +524,14 @@ TEST_F(YangDbTest, ClientTaskServesRequestsAndReactivatesAfterAHangUp)
     EXPECT_EQ(lib.activations.load(), 1U);
     EXPECT_EQ(PPPOE_PLUS_GetYdbcClient(), kClient);
     EXPECT_EQ(PPPOE_PLUS_GetYdbcConnectFd(), lib.readFd.load());
+
+    // A repeated start of work leaves the serving client in place.
+    ASSERT_EQ(PPPOE_PLUS_YdbcRun(), 0U);
+    ASSERT_TRUE(WaitFor([&] {
+        return lib.clientNews.load() > 1 || LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] Ydbc client serves already");
+    }));
+    EXPECT_EQ(lib.clientNews.load(), 1U);
+    EXPECT_EQ(PPPOE_PLUS_GetYdbcClient(), kClient);
 
     // A pending request is dispatched with the run budget.
     ASSERT_EQ(write(lib.writeFd, "x", 1), 1);
