@@ -243,9 +243,12 @@ TEST_F(YangDbTest, XmlHelpersReadLeavesKeysAndWriteOneLineReplies)
     const std::string base = std::string(kCheckPath) + "[user-define-text=";
     EXPECT_EQ(PPPOE_PLUS_YangGetKeyValueByPath((base + "'%a']").c_str(), "user-define-text", buf, sizeof(buf)), 0U);
     EXPECT_STREQ(buf, "%a");
-    // The value ends at the first "]", escaped or not.
+    // A backslash escapes the next character of this key: an escaped "]"
+    // or backslash stays in the value, as it was sent.
     EXPECT_EQ(PPPOE_PLUS_YangGetKeyValueByPath((base + "'\"x\\]\"']").c_str(), "user-define-text", buf, 32), 0U);
-    EXPECT_STREQ(buf, "\"x");
+    EXPECT_STREQ(buf, "\"x\\]\"");
+    EXPECT_EQ(PPPOE_PLUS_YangGetKeyValueByPath((base + "'x\\\\']").c_str(), "user-define-text", buf, 32), 0U);
+    EXPECT_STREQ(buf, "x\\\\");
     EXPECT_EQ(PPPOE_PLUS_YangGetKeyValueByPath((base + "'']").c_str(), "user-define-text", buf, sizeof(buf)), 1U);
     EXPECT_EQ(PPPOE_PLUS_YangGetKeyValueByPath(kCheckPath, "user-define-text", buf, sizeof(buf)), 1U);
     EXPECT_EQ(PPPOE_PLUS_YangGetKeyValueByPath((base + "'%a'").c_str(), "user-define-text", buf, sizeof(buf)), 1U);
@@ -455,6 +458,37 @@ TEST_F(YangDbTest, QueriesAnswerFromTheLiveState)
     EXPECT_EQ(Query(PPPOE_PLUS_GetFormatCheckResult, kCheckPath), "<refused>");
     EXPECT_EQ(Query(PPPOE_PLUS_GetFormatCheckResult, (std::string(kCheckPath) + "[user-define-text='']").c_str()),
               "<refused>");
+}
+
+TEST_F(YangDbTest, FormatCheckQueryChecksEveryFormatAsTyped)
+{
+    ASSERT_EQ(PPPOE_PLUS_InitKeyWordDict(), 0U);
+    // One format per result code. In the request key a backslash and a "]"
+    // travel escaped by a backslash; the reply names the format as typed.
+    struct Row {
+        const char *format;
+        uint32_t code;
+    };
+    const Row rows[] = {
+        {"\"[%svlan/]%cvlan\"", 0}, {"\"a\\]b\\\\\"", 0}, {"\"%12345slot\"", 1}, {"\"%foo\"", 2},
+        {"\"a\\b\"", 3},            {"\"[%svlan-%cvlan]\"", 4},  {"\"[%slot]\"", 5},        {"\"[[%svlan]]\"", 6},
+        {"\"[abc]\"", 7},             {"\"a]\"", 8},               {"\"%slot%port\"", 9},     {"\"[%svlan:]%svlan:\"", 10},
+        {"\"%0257slot\"", 11},        {"\"ab\"cd\"", 12},           {"\"\"", 13},                {"0x01", 14},
+        {"4294967296", 15},           {"%sysname", 16},              {"%3slot", 17},            {"\"%length:%length-\"", 18},
+        {"\"a%length\"", 19},
+    };
+    for (const Row &row : rows) {
+        std::string key;
+        for (const char c : std::string(row.format)) {
+            key += (c == '\\' || c == ']') ? std::string("\\") + c : std::string(1, c);
+        }
+        const std::string reply =
+            Query(PPPOE_PLUS_GetFormatCheckResult, (std::string(kCheckPath) + "[user-define-text='" + key + "']").c_str());
+        EXPECT_NE(reply.find("<check-result>" + std::to_string(row.code) + "</check-result><user-define-text>" +
+                             row.format + "</user-define-text>"),
+                  std::string::npos)
+            << row.format << " sent as " << key << ": " << reply;
+    }
 }
 
 TEST_F(YangDbTest, OperationsSwitchDebugLevelsAndClearCounters)

@@ -77,6 +77,19 @@ xmlNodePtr ParseText(const char *text)
     return copy;
 }
 
+// The first "]" of text that no backslash escapes, or null.
+const char *EscapedKeyEnd(const char *text)
+{
+    for (const char *at = text; *at != '\0'; at++) {
+        if (*at == '\\' && at[1] != '\0') {
+            at++;
+        } else if (*at == ']') {
+            return at;
+        }
+    }
+    return nullptr;
+}
+
 const char *NodeName(xmlNodePtr node)
 {
     return (node != nullptr && node->name != nullptr) ? reinterpret_cast<const char *>(node->name) : "";
@@ -426,11 +439,11 @@ uint32_t PPPOE_PLUS_YangGetKeyValueByPath(const char *path, const char *key, cha
         return 1;
     }
     // Skip the pattern and the opening quote; the value ends before the
-    // character that precedes the next "]" (the closing quote). A "]"
-    // inside the value ends it there: such a text cannot be passed as a key.
+    // character that precedes the next "]" (the closing quote). In the
+    // format-check key an escaped "]" is part of the value.
     const size_t patternLen = strlen(pattern);
     const char *start = found + patternLen + (found[patternLen] != '\0' ? 1 : 0);
-    const char *end = strchr(start, ']');
+    const char *end = strcmp(key, PPPOE_PLUS_YANG_FORMAT_CHECK_KEY) == 0 ? EscapedKeyEnd(start) : strchr(start, ']');
     if (end == nullptr) {
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "[PPLUS-CFG] cannot find key end flag, keyname=%s.", key);
         return 1;
