@@ -8,10 +8,12 @@
 //
 // A subscriber that refuses a change (non-zero result under YDBC_EV_VERIFY),
 // does not answer within the reply timeout, or disconnects while a change is
-// with it fails the whole transaction: the changes already accepted are
-// undone with their inverses, in reverse order, and the running
-// configuration stays as it was. A subscriber that timed out is sent the
-// inverse of its pending change as well, since it may still apply it.
+// with it fails the whole transaction: the running configuration stays as
+// it was, and every subscriber is brought back to it (the abort phase). The
+// refused change comes first, since its subscriber may have applied part of
+// it before refusing, then the accepted ones, each undone with its inverse
+// in reverse order. A subscriber that timed out is sent the inverse of its
+// pending change without waiting, since it may still apply it.
 #include <device/yangdb.hpp>
 
 #include "platform/ydbc_wire.hpp"
@@ -476,6 +478,8 @@ Reply Server::Impl::Apply(Tree candidate)
         case Outcome::kDone:
             text = "refused by " + who + ": " + OpName(change.op) + " of " + change.path + " (result " +
                    std::to_string(code) + ")";
+            // Undone like the accepted ones: its subscriber may hold part of it.
+            done.push_back(change);
             break;
         case Outcome::kTimeout: {
             text = "no answer from " + who + " within " + std::to_string(timeout.count()) + " ms: " +

@@ -191,18 +191,22 @@ TEST_F(DatastoreTest, RefusedChangeIsRolledBack)
     EXPECT_EQ(admin_->Export().text, before);
     EXPECT_NE(admin_->Get(kEnable).text.find("<enable>false</enable>"), std::string::npos);
 
-    // The accepted switch is put back with the inverse modify.
+    // The refusing subscriber may have applied part of its change: it gets
+    // the previous value back first, then the accepted switch, in reverse.
     const std::vector<Delivery> got = subscriber_->Changes();
-    ASSERT_EQ(got.size(), 3U);
+    ASSERT_EQ(got.size(), 4U);
     EXPECT_EQ(got[0].path, kEnable);
     EXPECT_EQ(got[1].path, kVendor);
-    EXPECT_EQ(got[2].op, YDBC_OP_MODIFY);
-    EXPECT_EQ(got[2].path, kEnable);
-    EXPECT_EQ(got[2].oldXml, got[0].newXml);
-    EXPECT_EQ(got[2].newXml, got[0].oldXml);
+    for (const size_t undo : {2U, 3U}) {
+        const Delivery &done = got[3 - undo];  // undone in reverse
+        EXPECT_EQ(got[undo].op, YDBC_OP_MODIFY);
+        EXPECT_EQ(got[undo].path, done.path);
+        EXPECT_EQ(got[undo].oldXml, done.newXml);
+        EXPECT_EQ(got[undo].newXml, done.oldXml);
+    }
 
-    // A refused create needs no undoing; the accepted one before it in the
-    // same edit is deleted again.
+    // A refused create is deleted again, and so is the accepted one before
+    // it in the same edit.
     subscriber_->Forget();
     const std::string trunk1 = PortItem("Eth-Trunk1", "trusted-port");
     const std::string trunk2 = PortItem("Eth-Trunk2", "trusted-port");
@@ -213,13 +217,16 @@ TEST_F(DatastoreTest, RefusedChangeIsRolledBack)
     EXPECT_EQ(reply.text, "refused by pppoe_plus: create of " + trunk2 + " (result 23)");
     EXPECT_EQ(admin_->Export().text, before);
     const std::vector<Delivery> undone = subscriber_->Changes();
-    ASSERT_EQ(undone.size(), 3U);
+    ASSERT_EQ(undone.size(), 4U);
     EXPECT_EQ(undone[0].op, YDBC_OP_CREATE);
     EXPECT_EQ(undone[0].path, trunk1);
     EXPECT_EQ(undone[1].path, trunk2);
     EXPECT_EQ(undone[2].op, YDBC_OP_DELETE);
-    EXPECT_EQ(undone[2].path, trunk1);
-    EXPECT_EQ(undone[2].oldXml, TrustedXml(1, false));
+    EXPECT_EQ(undone[2].path, trunk2);
+    EXPECT_EQ(undone[2].oldXml, TrustedXml(2, false));
+    EXPECT_EQ(undone[3].op, YDBC_OP_DELETE);
+    EXPECT_EQ(undone[3].path, trunk1);
+    EXPECT_EQ(undone[3].oldXml, TrustedXml(1, false));
 }
 
 TEST_F(DatastoreTest, AnEditThatCannotBeSavedIsUndone)
