@@ -12,6 +12,7 @@
 #include <cstring>
 #include <filesystem>
 #include <mutex>
+#include <set>
 
 namespace device::yangdb {
 
@@ -106,6 +107,54 @@ std::string Location(const char *path)
         return std::string(text);
     }
     return std::string(text.substr(open + 1, close - open - 1));
+}
+
+// Whether node carries no data of its own: only its list keys, default
+// values and non-presence containers that carry nothing either.
+bool CarriesNothing(const struct lyd_node *node)
+{
+    const struct lyd_node *child = nullptr;
+    LY_LIST_FOR(lyd_child_no_keys(node), child)
+    {
+        if ((child->flags & LYD_DEFAULT) != 0) {
+            continue;
+        }
+        const bool plainContainer =
+            child->schema->nodetype == LYS_CONTAINER && (child->schema->flags & LYS_PRESENCE) == 0;
+        if (!plainContainer || !CarriesNothing(child)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The nearest list entry above node, or null.
+struct lyd_node *ListEntryAbove(const struct lyd_node *node)
+{
+    struct lyd_node *up = lyd_parent(node);
+    while (up != nullptr && up->schema->nodetype != LYS_LIST) {
+        up = lyd_parent(up);
+    }
+    return up;
+}
+
+// Removes, from the list entry at path upwards, each entry a delete left
+// without data of its own (an interface whose last setting went): such an
+// entry configures nothing.
+void PruneEmptyEntries(struct lyd_node **tree, const std::string &path)
+{
+    struct lyd_node *entry = nullptr;
+    if (lyd_find_path(*tree, path.c_str(), 0, &entry) != LY_SUCCESS) {
+        return;
+    }
+    while (entry != nullptr && CarriesNothing(entry)) {
+        struct lyd_node *above = ListEntryAbove(entry);
+        if (entry == *tree) {
+            *tree = (*tree)->next;
+        }
+        lyd_free_tree(entry);
+        entry = above;
+    }
 }
 
 }  // namespace
@@ -285,12 +334,22 @@ bool YangStore::DeleteCandidate(std::string_view path, Tree *candidate, std::str
         *error = "no data at " + text;
         return false;
     }
+    std::set<std::string> entries;  // list entries that may be left empty
+    for (const struct lyd_node *node : doomed) {
+        if (const struct lyd_node *entry = ListEntryAbove(node); entry != nullptr) {
+            CText entryPath{lyd_path(entry, LYD_PATH_STD, nullptr, 0)};
+            entries.insert(entryPath.str());
+        }
+    }
     struct lyd_node *tree = result.release();
     for (struct lyd_node *node : doomed) {
         if (node == tree) {
             tree = tree->next;
         }
         lyd_free_tree(node);
+    }
+    for (const std::string &entry : entries) {
+        PruneEmptyEntries(&tree, entry);
     }
     LY_ERR rc = lyd_validate_all(&tree, ctx_, LYD_VALIDATE_NO_STATE, nullptr);
     result.reset(tree);

@@ -119,6 +119,26 @@ TEST_F(DatastoreTest, ChangesReachTheSubscriberWithTheirTypePathAndData)
     }
 }
 
+TEST_F(DatastoreTest, DeletingAPortsLastItemTakesItsInterfaceEntryAlong)
+{
+    StartServer();
+    const std::string format = "<port-tags-formats><port-tags-format><vlan-id>10</vlan-id><cevlan-id>0</cevlan-id>"
+                               "<tags-encapsulation-type>circuit-id</tags-encapsulation-type><ifIndex>49</ifIndex>"
+                               "</port-tags-format></port-tags-formats>";
+    ASSERT_TRUE(admin_->Edit(PortXml(kGigabit, "<trusted-port><ifindex>49</ifindex></trusted-port>" + format) +
+                                 PortXml("Eth-Trunk1", "<trusted-port><ifindex>1</ifindex></trusted-port>"),
+                             EditMode::kMerge).ok);
+    ASSERT_TRUE(admin_->Delete(PortItem(kGigabit, "port-tags-formats/port-tags-format[vlan-id='10'][cevlan-id='0']"
+                                                  "[tags-encapsulation-type='circuit-id']")).ok);
+    EXPECT_NE(admin_->Export().text.find("<name>" + kGigabit + "</name>"), std::string::npos);
+    ASSERT_TRUE(admin_->Delete(PortItem(kGigabit, "trusted-port")).ok);
+    const std::string left = admin_->Export().text;
+    EXPECT_EQ(left.find(kGigabit), std::string::npos) << left;
+    EXPECT_NE(left.find("<name>Eth-Trunk1</name>"), std::string::npos) << left;
+    ASSERT_TRUE(admin_->Delete(PortItem("Eth-Trunk1", "trusted-port")).ok);
+    EXPECT_EQ(admin_->Export().text.find("<interface>"), std::string::npos) << admin_->Export().text;
+}
+
 TEST_F(DatastoreTest, PullReadsBelowTheChangedNode)
 {
     StartServer();
