@@ -158,6 +158,32 @@ TEST_F(DatastoreTest, PullReadsBelowTheChangedNode)
     ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 1; }));
     EXPECT_EQ(subscriber_->Changes()[0].below, "<user-define-text xmlns=\"" + kNs + "\">%b</user-define-text>");
 
+    // A depth keeps that many levels of elements, the node pulled being the
+    // first; a depth of 0 asks for nothing.
+    const struct {
+        uint32_t depth;
+        std::string below;
+    } depths[] = {
+        {1, "<port-tags-formats xmlns=\"" + kNs + "\"></port-tags-formats>"},
+        {2, "<port-tags-formats xmlns=\"" + kNs + "\"><port-tags-format></port-tags-format>"
+            "<port-tags-format></port-tags-format></port-tags-formats>"},
+        {0, "-"},
+    };
+    std::string text = "%c";
+    for (const auto &row : depths) {
+        subscriber_->Forget();
+        subscriber_->With([&row](Subscriber &s) {
+            s.pullBelow.clear();
+            s.pullDepth = row.depth;
+        });
+        text += "c";
+        ASSERT_TRUE(admin_->Edit(PortXml(kGigabit, "<port-tags-formats>" + format("remote-id", text) +
+                                                       "</port-tags-formats>"),
+                                 EditMode::kMerge).ok);
+        ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 1; }));
+        EXPECT_EQ(subscriber_->Changes()[0].below, row.below) << row.depth;
+    }
+
     // Below a path that is not there, or beside the changed node: nothing.
     subscriber_->Forget();
     subscriber_->With([](Subscriber &s) { s.pullBelow = "/port-tags-format[vlan-id='11']"; });
