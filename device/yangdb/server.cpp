@@ -568,9 +568,19 @@ Reply Server::Impl::Get(const std::string &path)
         *text = result.Field(1);
         return "";
     };
+    // A list answered per key has nothing to say without its key, so it is
+    // not asked without one.
+    auto needsKey = [](const Subscription *sub) {
+        return sub->path + " is answered only for a key: ask for " +
+               YangStore::WithKeyPlaceholders(sub->path, sub->schema);
+    };
     // A path at or below a state subscription goes to its subscriber as given.
     for (const auto &[conn, sub] : subs) {
         if (IsAncestorOrSelf(sub->schema, node)) {
+            if (YangStore::AnsweredPerKey(sub->schema) &&
+                path.find(std::string(sub->schema->name) + "[") == std::string::npos) {
+                return {false, needsKey(sub)};
+            }
             std::string text;
             std::string error = ask(conn, sub, path, &text);
             if (!error.empty()) {
@@ -590,10 +600,15 @@ Reply Server::Impl::Get(const std::string &path)
         served = true;
     }
     // An ancestor of state subscriptions: their answers join the data.
-    // Those that fail (a list that needs its key, say) are left out.
+    // Those that fail are left out.
+    const Subscription *keyed = nullptr;
     if (path.find('[') == std::string::npos) {
         for (const auto &[conn, sub] : subs) {
             if (sub->schema != node && IsAncestorOrSelf(node, sub->schema)) {
+                if (YangStore::AnsweredPerKey(sub->schema)) {
+                    keyed = sub;
+                    continue;
+                }
                 std::string text;
                 if (ask(conn, sub, sub->path, &text).empty()) {
                     YangStore::Merge(&result, store.ParseState(text));
@@ -603,7 +618,7 @@ Reply Server::Impl::Get(const std::string &path)
         }
     }
     if (!served) {
-        return {false, "no subscriber serves " + path};
+        return {false, keyed != nullptr ? needsKey(keyed) : "no subscriber serves " + path};
     }
     return {true, YangStore::PrintAll(result.get())};
 }

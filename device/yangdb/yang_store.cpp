@@ -403,6 +403,32 @@ const struct lysc_node *YangStore::FindSchema(std::string_view path) const
     return node;
 }
 
+bool YangStore::AnsweredPerKey(const struct lysc_node *node)
+{
+    if (node == nullptr || node->nodetype != LYS_LIST) {
+        return false;
+    }
+    LY_ARRAY_COUNT_TYPE i = 0;
+    LY_ARRAY_FOR(node->exts, i)
+    {
+        const struct lysc_ext *def = node->exts[i].def;
+        if (def != nullptr && def->name != nullptr && std::strcmp(def->name, "answered-per-key") == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string YangStore::WithKeyPlaceholders(const std::string &path, const struct lysc_node *list)
+{
+    std::string out = path;
+    for (const struct lysc_node *child = lysc_node_child(list); child != nullptr && lysc_is_key(child);
+         child = child->next) {
+        out += "[" + std::string(child->name) + "='...']";
+    }
+    return out;
+}
+
 bool YangStore::CheckSubscription(const std::string &path, uint32_t kind, std::string *error) const
 {
     if (path.find('[') != std::string::npos) {

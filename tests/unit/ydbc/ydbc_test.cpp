@@ -5,6 +5,7 @@
 
 #include <platform/control.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -341,6 +342,13 @@ TEST_F(DatastoreTest, GetsGoToTheStateSubscriberWithTheirKeys)
         ASSERT_EQ(subscriber_->getPaths.size(), 1U);
         EXPECT_EQ(subscriber_->getPaths[0], asked);
     }
+    // An escaped "]" inside the quoted key does not end it.
+    const std::string escaped = check + "[user-define-text='\"[%svlan\\]\"']";
+    ASSERT_TRUE(admin_->Get(escaped).ok);
+    {
+        std::lock_guard<std::mutex> lock(subscriber_->mu);
+        EXPECT_EQ(subscriber_->getPaths.back(), escaped);
+    }
     // A reply that is not even XML comes back as it is.
     subscriber_->With([&](Subscriber &s) { s.getReply = "not xml <"; });
     EXPECT_EQ(admin_->Get(asked).text, "not xml <");
@@ -356,6 +364,15 @@ TEST_F(DatastoreTest, GetsGoToTheStateSubscriberWithTheirKeys)
     ASSERT_TRUE(reply.ok) << reply.text;
     EXPECT_NE(reply.text.find("<policy>1</policy>"), std::string::npos) << reply.text;
     EXPECT_NE(reply.text.find("<tags-policy>replace</tags-policy>"), std::string::npos) << reply.text;
+    // The format check exists only for the text its key names: it is not
+    // asked without one, and asking for it without one names the key.
+    const std::string hint = "answered only for a key: ask for " + check + "[user-define-text='...']";
+    EXPECT_EQ(admin_->Get(check).text, check + " is " + hint);
+    EXPECT_EQ(admin_->Get(kPlus + "/query-format-check").text, check + " is " + hint);
+    {
+        std::lock_guard<std::mutex> lock(subscriber_->mu);
+        EXPECT_EQ(std::count(subscriber_->getPaths.begin(), subscriber_->getPaths.end(), check), 0);
+    }
     EXPECT_EQ(admin_->Get(kPlus + "/query-encapsulation").text, "no subscriber serves " + kPlus + "/query-encapsulation");
     EXPECT_EQ(admin_->Get("/quendal-pppoe-plus:nothing").text, "unknown path /quendal-pppoe-plus:nothing");
 }
