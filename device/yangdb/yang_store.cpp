@@ -128,35 +128,6 @@ bool CarriesNothing(const struct lyd_node *node)
     return true;
 }
 
-// The nearest list entry above node, or null.
-struct lyd_node *ListEntryAbove(const struct lyd_node *node)
-{
-    struct lyd_node *up = lyd_parent(node);
-    while (up != nullptr && up->schema->nodetype != LYS_LIST) {
-        up = lyd_parent(up);
-    }
-    return up;
-}
-
-// Removes, from the list entry at path upwards, each entry a delete left
-// without data of its own (an interface whose last setting went): such an
-// entry configures nothing.
-void PruneEmptyEntries(struct lyd_node **tree, const std::string &path)
-{
-    struct lyd_node *entry = nullptr;
-    if (lyd_find_path(*tree, path.c_str(), 0, &entry) != LY_SUCCESS) {
-        return;
-    }
-    while (entry != nullptr && CarriesNothing(entry)) {
-        struct lyd_node *above = ListEntryAbove(entry);
-        if (entry == *tree) {
-            *tree = (*tree)->next;
-        }
-        lyd_free_tree(entry);
-        entry = above;
-    }
-}
-
 // The NETCONF error-tag that fits a libyang error: constraint violations
 // (must, unique, element counts) fail the operation, a missing instance or
 // mandatory node is missing data, an unknown node is an unknown element,
@@ -181,6 +152,31 @@ std::string ErrorTag(const struct ly_err_item *e)
 }
 
 }  // namespace
+
+struct lyd_node *ListEntryAbove(const struct lyd_node *node)
+{
+    struct lyd_node *up = lyd_parent(node);
+    while (up != nullptr && up->schema->nodetype != LYS_LIST) {
+        up = lyd_parent(up);
+    }
+    return up;
+}
+
+void PruneEmptyEntries(struct lyd_node **tree, const std::string &path)
+{
+    struct lyd_node *entry = nullptr;
+    if (lyd_find_path(*tree, path.c_str(), 0, &entry) != LY_SUCCESS) {
+        return;
+    }
+    while (entry != nullptr && CarriesNothing(entry)) {
+        struct lyd_node *above = ListEntryAbove(entry);
+        if (entry == *tree) {
+            *tree = (*tree)->next;
+        }
+        lyd_free_tree(entry);
+        entry = above;
+    }
+}
 
 std::string SchemaPathOf(std::string_view path)
 {

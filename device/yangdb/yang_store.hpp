@@ -133,4 +133,11 @@ private:
 // A path with its list predicates removed: the schema path it names.
 std::string SchemaPathOf(std::string_view path);
 
+// The nearest list entry above node, or null.
+struct lyd_node *ListEntryAbove(const struct lyd_node *node);
+// Removes the list entry at entryPath, and each list entry above it, that
+// a delete left without data of its own (an interface whose last setting
+// went): such an entry configures nothing.
+void PruneEmptyEntries(struct lyd_node **tree, const std::string &entryPath);
+
 }  // namespace device::yangdb
