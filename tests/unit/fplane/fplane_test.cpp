@@ -252,6 +252,109 @@ TEST_F(PlaneTest, DiscoveryFramesArePuntedOnlyWhileTheFeatureIsOn)
     EXPECT_EQ(plane_->Counters(6).punted, 0U);
 }
 
+TEST_F(PlaneTest, WorldChangesApplyFromTheNextFrame)
+{
+    const auto floodReaches = [this](uint32_t port) {
+        plane_->Receive(5, Plain(pplus_test::kBroadcast, kHostA));
+        EXPECT_TRUE(Idle());
+        const bool reached = ports_.Pending(port) > 0;
+        for (const uint32_t p : {6U, 27U, 28U, 49U}) {
+            while (ports_.Take(p, 0ms)) {
+            }
+        }
+        return reached;
+    };
+
+    // A VLAN added to a trunk port.
+    plane_->Receive(49, Plain(kHostA, kHostB, 102));
+    EXPECT_EQ(plane_->Counters(49).dropped, 1U);
+    platform::world::PortVlanSet(49, 102, true);
+    plane_->Receive(49, Plain(kHostA, kHostB, 102));
+    EXPECT_EQ(plane_->Counters(49).dropped, 1U);
+    EXPECT_EQ(plane_->Lookup(102, kHostB), 49U);
+
+    // A port leaving the board.
+    EXPECT_TRUE(floodReaches(6));
+    platform::world::IfSetOnBoard(6, false);
+    EXPECT_FALSE(floodReaches(6));
+
+    // A member leaving its trunk is a port of its own.
+    EXPECT_FALSE(floodReaches(28));
+    platform::world::TrunkPortRemove(28);
+    EXPECT_TRUE(floodReaches(28));
+}
+
+TEST_F(PlaneTest, ReceiversOnSeveralPortsAtOnceWhileTheWorldChanges)
+{
+    // The server is learnt on the uplink; three ports' threads send to it
+    // while the uplink goes off and on board and its VLANs change.
+    plane_->Receive(49, Plain(kHostA, kHostB, 100));
+    plane_->Receive(49, Plain(kHostA, kHostB, 101));
+    constexpr uint64_t kFrames = 2000;
+    const uint32_t senders[] = {5, 6, 7};
+    std::atomic<int> running{static_cast<int>(std::size(senders))};
+    std::vector<std::thread> threads;
+    for (const uint32_t port : senders) {
+        threads.emplace_back([this, port, &running]() {
+            const Bytes frame = Plain(kHostB, pplus_test::Mac{0x02, 0, 0, 0, 1, static_cast<uint8_t>(port)});
+            for (uint64_t i = 0; i < kFrames; i++) {
+                plane_->Receive(port, frame);
+            }
+            running--;
+        });
+    }
+    for (bool on = false; running.load() > 0; on = !on) {
+        platform::world::IfSetOnBoard(49, on);
+        platform::world::PortVlanSet(49, 300, on);
+        std::this_thread::yield();
+    }
+    for (std::thread &t : threads) {
+        t.join();
+    }
+    platform::world::IfSetOnBoard(49, true);
+
+    ASSERT_TRUE(Idle());
+    for (const uint32_t port : senders) {
+        EXPECT_EQ(plane_->Counters(port).rx, kFrames);
+        EXPECT_EQ(plane_->Counters(port).dropped, 0U);
+        EXPECT_EQ(plane_->Lookup(port == 7 ? 101 : 100, pplus_test::Mac{0x02, 0, 0, 0, 1, static_cast<uint8_t>(port)}),
+                  port);
+    }
+    const auto uplink = plane_->Counters(49);
+    EXPECT_EQ(uplink.tx + uplink.dropped, kFrames * std::size(senders)) << "every frame left or was dropped on the uplink";
+    EXPECT_EQ(ports_.Pending(49), uplink.tx);
+
+    // A new plane starts from nothing, on this thread too.
+    plane_.reset();
+    plane_ = std::make_unique<ForwardingPlane>(ports_);
+    plane_->Receive(5, Plain(pplus_test::kBroadcast, kHostA));
+    EXPECT_EQ(plane_->Counters(5).rx, 1U);
+    EXPECT_EQ(plane_->AllCounters().size(), 4U) << "port 5 and the three ports the broadcast left through";
+}
+
+TEST_F(PlaneTest, AFloodOfSourceMacsNeitherGrowsTheMacTableNorStopsLearning)
+{
+    struct Discard : device::fplane::PortBackend {
+        void Transmit(uint32_t, std::span<const uint8_t>) override {}
+    } discard;
+    plane_.reset();
+    plane_ = std::make_unique<ForwardingPlane>(discard);
+    const size_t macs = device::fplane::kMacTableSlots + device::fplane::kMacTableSlots / 8;
+    Bytes frame = Plain(pplus_test::kBroadcast, kHostA);
+    for (size_t i = 0; i < macs; i++) {
+        frame[9] = static_cast<uint8_t>(i >> 16);
+        frame[10] = static_cast<uint8_t>(i >> 8);
+        frame[11] = static_cast<uint8_t>(i);
+        plane_->Receive(5, frame);
+    }
+    const size_t learnt = plane_->MacTable().size();
+    EXPECT_LE(learnt, device::fplane::kMacTableSlots);
+    EXPECT_GT(learnt, device::fplane::kMacTableSlots / 2) << "the table holds what it can";
+    plane_->Receive(6, Plain(pplus_test::kBroadcast, kHostB));
+    EXPECT_EQ(plane_->Lookup(100, kHostB), 6U) << "a new station is learnt in a full table";
+    plane_.reset();
+}
+
 TEST_F(PlaneTest, AgentFramesLeaveThroughTheNamedPort)
 {
     const Bytes tagged = Frame().src(pplus_test::kServerMac).dst(pplus_test::kSubscriberMac).vlan(100).pado().eol().bytes();
