@@ -38,6 +38,7 @@ constexpr size_t kTagLen = 4;                // TPID and TCI
 constexpr size_t kTciOffset = 2;             // within a tag
 constexpr size_t kTypeLen = 2;
 constexpr uint16_t kVidMask = 0x0FFF;
+constexpr uint16_t kPriorityVid = 0;         // a priority tag: priority only, no VLAN
 constexpr uint16_t kTpidDot1q = 0x8100;
 constexpr uint16_t kTpidQinq = 0x9100;
 constexpr uint16_t kTpidDot1ad = 0x88a8;
@@ -324,9 +325,10 @@ void ForwardingPlane::Receive(uint32_t ifIndex, std::span<const uint8_t> frame)
 }
 
 // Ingress: the port must be a wire on board, and the frame must belong to
-// one of its VLANs. An access port takes untagged frames into its PVID and
-// tagged ones of its PVID; a trunk port takes tagged frames of its member
-// VLANs. The internal form carries the VLAN as the outer tag.
+// one of its VLANs. An access port takes untagged and priority-tagged
+// frames into its PVID and tagged ones of its PVID; a trunk port takes
+// tagged frames of its member VLANs. The internal form carries the VLAN as
+// the outer tag.
 bool ForwardingPlane::Classify(const PortView &view, uint32_t ifIndex, std::span<const uint8_t> frame,
                                Ingress &in) const
 {
@@ -339,12 +341,20 @@ bool ForwardingPlane::Classify(const PortView &view, uint32_t ifIndex, std::span
         if (frame.size() < kMacHeader + kTagLen + kTypeLen) {
             return false;
         }
-        in.vlan = U16(frame, kMacHeader + kTciOffset) & kVidMask;
-        if (!port->Member(in.vlan)) {
-            return false;
-        }
+        const uint16_t tci = U16(frame, kMacHeader + kTciOffset);
         const std::span<uint8_t> out = in.ResizeFrame(frame.size());
         std::copy(frame.begin(), frame.end(), out.begin());
+        in.vlan = tci & kVidMask;
+        if (in.vlan != kPriorityVid) {
+            return port->Member(in.vlan);
+        }
+        // A priority tag (802.1p) names no VLAN: the frame classifies as an
+        // untagged one and keeps its priority.
+        if (port->trunkMode) {
+            return false;
+        }
+        in.vlan = port->pvid;
+        PutU16(out, kMacHeader + kTciOffset, static_cast<uint16_t>((tci & ~kVidMask) | in.vlan));
         return true;
     }
     if (port->trunkMode) {

@@ -44,14 +44,15 @@ trunks:
 constexpr pplus_test::Mac kHostA{0x02, 0, 0, 0, 0, 0x0a};
 constexpr pplus_test::Mac kHostB{0x02, 0, 0, 0, 0, 0x0b};
 
-// A plain IPv4-typed frame between two hosts, optionally tagged.
-Bytes Plain(const pplus_test::Mac &dst, const pplus_test::Mac &src, int vlan = -1)
+// A plain IPv4-typed frame between two hosts, optionally tagged (0x8100,
+// the TCI given: priority, VID).
+Bytes Plain(const pplus_test::Mac &dst, const pplus_test::Mac &src, int tci = -1)
 {
     Bytes b(dst.begin(), dst.end());
     b.insert(b.end(), src.begin(), src.end());
-    if (vlan >= 0) {
+    if (tci >= 0) {
         pplus_test::PutU16(b, 0x8100);
-        pplus_test::PutU16(b, static_cast<uint16_t>(vlan));
+        pplus_test::PutU16(b, static_cast<uint16_t>(tci));
     }
     pplus_test::PutU16(b, 0x0800);
     b.resize(b.size() + 46, 0x5a);
@@ -125,7 +126,7 @@ TEST_F(PlaneTest, IngressClassifiesByPortModeAndVlanMembership)
     struct Row {
         const char *why;
         uint32_t port;
-        int vlan;            // -1: untagged
+        int tci;             // of a 0x8100 tag; -1: untagged
         bool accepted;
         uint16_t learntVlan;
     };
@@ -133,6 +134,8 @@ TEST_F(PlaneTest, IngressClassifiesByPortModeAndVlanMembership)
         {"untagged on an access port enters in its PVID", 5, -1, true, 100},
         {"tagged with the PVID on an access port enters", 6, 100, true, 100},
         {"tagged with another VID on an access port is dropped", 5, 101, false, 0},
+        {"priority-tagged (VID 0) on an access port enters in its PVID", 6, 0x6000, true, 100},
+        {"priority-tagged on a trunk port is untagged there: dropped", 49, 0x6000, false, 0},
         {"tagged in a member VLAN on a trunk port enters", 49, 101, true, 101},
         {"tagged in a foreign VLAN on a trunk port is dropped", 49, 200, false, 0},
         {"untagged on a trunk port is dropped", 49, -1, false, 0},
@@ -145,7 +148,7 @@ TEST_F(PlaneTest, IngressClassifiesByPortModeAndVlanMembership)
     for (const Row &row : rows) {
         const pplus_test::Mac src{0x02, 0, 0, 0, 0, host++};
         const auto before = plane_->Counters(row.port);
-        plane_->Receive(row.port, Plain(pplus_test::kBroadcast, src, row.vlan));
+        plane_->Receive(row.port, Plain(pplus_test::kBroadcast, src, row.tci));
         const auto after = plane_->Counters(row.port);
         EXPECT_EQ(after.rx, before.rx + 1) << row.why;
         EXPECT_EQ(after.dropped, before.dropped + (row.accepted ? 0U : 1U)) << row.why;
@@ -193,6 +196,16 @@ TEST_F(PlaneTest, FloodsWithinTheVlanTaggedOnTrunksUntaggedOnAccessThenSendsToTh
     EXPECT_EQ(plane_->Lookup(101, kHostB), 49U);
     EXPECT_EQ(plane_->Lookup(100, kHostB), 6U);
     EXPECT_EQ(plane_->MacTable().size(), 3U);
+
+    // A priority tag (VID 0) classifies like no tag: the frame joins the
+    // PVID and keeps its priority.
+    plane_->Receive(5, Plain(pplus_test::kBroadcast, kHostA, 0xA000));
+    ASSERT_TRUE(Idle());
+    const auto prioUp = ports_.Take(49, 0ms);
+    const auto prioSub2 = ports_.Take(6, 0ms);
+    ASSERT_TRUE(prioUp && prioSub2);
+    EXPECT_EQ(*prioUp, Plain(pplus_test::kBroadcast, kHostA, 0xA000 | 100));
+    EXPECT_EQ(*prioSub2, Plain(pplus_test::kBroadcast, kHostA));
 }
 
 TEST_F(PlaneTest, DiscoveryFramesArePuntedOnlyWhileTheFeatureIsOn)
