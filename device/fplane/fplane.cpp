@@ -79,16 +79,31 @@ Mac MacAt(std::span<const uint8_t> frame, size_t off)
     return m;
 }
 
-// Whether a frame in the internal form (outer tag first) is a PPPoE
-// discovery frame: the ether type behind the outer tag and an optional
-// inner 802.1Q tag.
-bool IsDiscovery(std::span<const uint8_t> tagged)
+// Whether the agent reads a tag with this TPID at this place of the stack:
+// an outer 802.1Q or 0x9100 tag, and one inner 802.1Q tag.
+bool AgentReadsTag(size_t index, uint16_t tpid)
 {
-    size_t typeOff = kMacHeader + kTagLen;
-    if (tagged.size() >= typeOff + kTagLen + kTypeLen && U16(tagged, typeOff) == kTpidDot1q) {
-        typeOff += kTagLen;
+    return index == 0 ? tpid == kTpidDot1q || tpid == kTpidQinq : index == 1 && tpid == kTpidDot1q;
+}
+
+enum class Discovery { None, ForTheAgent, Unreadable };
+
+// Whether a frame in the internal form is a PPPoE discovery frame, behind
+// however many tags, and whether the agent can read its tag stack.
+Discovery DiscoveryOf(std::span<const uint8_t> tagged)
+{
+    size_t off = kMacHeader;
+    size_t tags = 0;
+    bool readable = true;
+    while (off + kTypeLen <= tagged.size() && IsTagTpid(U16(tagged, off))) {
+        readable = readable && AgentReadsTag(tags, U16(tagged, off));
+        off += kTagLen;
+        tags++;
     }
-    return tagged.size() >= typeOff + kTypeLen && U16(tagged, typeOff) == kEtherPppoeDiscovery;
+    if (off + kTypeLen > tagged.size() || U16(tagged, off) != kEtherPppoeDiscovery) {
+        return Discovery::None;
+    }
+    return readable ? Discovery::ForTheAgent : Discovery::Unreadable;
 }
 
 // The bytes of one frame: on the stack up to kInlineFrame, on the heap
@@ -317,11 +332,15 @@ void ForwardingPlane::Receive(uint32_t ifIndex, std::span<const uint8_t> frame)
         return;
     }
     const std::optional<uint32_t> learnt = Learn(in);
-    if (IsDiscovery(in.Frame()) && fwm::FeatureEnabled()) {
+    const Discovery discovery = DiscoveryOf(in.Frame());
+    if (discovery == Discovery::None || !fwm::FeatureEnabled()) {
+        Switch(view, in, learnt);
+    } else if (discovery == Discovery::ForTheAgent) {
         Punt(in, learnt);
-        return;
+    } else {
+        // Switching it would let it past the agent.
+        in.port->counters->Add(Counter::Dropped);
     }
-    Switch(view, in, learnt);
 }
 
 // Ingress: the port must be a wire on board, and the frame must belong to

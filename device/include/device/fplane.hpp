@@ -16,8 +16,14 @@
 //    with VID == PVID (anything else is dropped); frames leave untagged.
 //  - Trunk port: tagged frames of member VLANs enter, untagged frames are
 //    dropped; frames leave tagged, as they are.
+//  - A priority-tagged frame (VID 0) classifies as an untagged one and keeps
+//    its priority.
 //  - Inside the plane every frame carries its VLAN as the outer tag; this is
 //    also the form the agent receives.
+//  - Tags are 0x8100, 0x9100 and 0x88a8. The agent reads an outer 0x8100 or
+//    0x9100 tag and one inner 0x8100 tag: while the feature is on, a
+//    discovery frame behind any other tag stack is dropped and counted on
+//    its port, never switched past the agent.
 //
 // Frames reach the world through a PortBackend: in memory (tests) or pcap
 // files (the host's replay and capture).

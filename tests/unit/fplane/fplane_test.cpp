@@ -233,11 +233,11 @@ TEST_F(PlaneTest, DiscoveryFramesArePuntedOnlyWhileTheFeatureIsOn)
     EXPECT_EQ(plane_->Counters(5).punted, 1U);
 
     // A reply from the server on trunk member 28 (double tagged, outer TPID
-    // 0x88a8): egress is the learnt subscriber port, ingress the member.
+    // 0x9100): egress is the learnt subscriber port, ingress the member.
     const Bytes pado = Frame()
                            .src(pplus_test::kServerMac)
                            .dst(pplus_test::kSubscriberMac)
-                           .vlan(100, 0x88a8)
+                           .vlan(100, 0x9100)
                            .qinq(7)
                            .pado()
                            .eol()
@@ -366,6 +366,62 @@ TEST_F(PlaneTest, AFloodOfSourceMacsNeitherGrowsTheMacTableNorStopsLearning)
     plane_->Receive(6, Plain(pplus_test::kBroadcast, kHostB));
     EXPECT_EQ(plane_->Lookup(100, kHostB), 6U) << "a new station is learnt in a full table";
     plane_.reset();
+}
+
+TEST_F(PlaneTest, DiscoveryBehindATagStackTheAgentCannotParseIsDroppedNeverSwitched)
+{
+    // The agent reads an outer 0x8100 or 0x9100 tag and an inner 0x8100 one.
+    SetFeature(true);
+    enum class Fate { Punted, Dropped, Switched };
+    struct Tag {
+        uint16_t tpid;
+        uint16_t vid;
+    };
+    struct Row {
+        const char *why;
+        std::vector<Tag> tags;
+        uint16_t etherType;
+        Fate fate;
+    };
+    const Row rows[] = {
+        {"one C-tag", {{0x8100, 100}}, 0x8863, Fate::Punted},
+        {"an 0x9100 tag outside a C-tag", {{0x9100, 100}, {0x8100, 7}}, 0x8863, Fate::Punted},
+        {"an 802.1ad outer tag", {{0x88a8, 100}}, 0x8863, Fate::Dropped},
+        {"an 802.1ad tag outside a C-tag", {{0x88a8, 100}, {0x8100, 7}}, 0x8863, Fate::Dropped},
+        {"0x9100 as the inner tag", {{0x8100, 100}, {0x9100, 7}}, 0x8863, Fate::Dropped},
+        {"0x88a8 as the inner tag", {{0x8100, 100}, {0x88a8, 7}}, 0x8863, Fate::Dropped},
+        {"three tags", {{0x8100, 100}, {0x8100, 7}, {0x8100, 8}}, 0x8863, Fate::Dropped},
+        {"session traffic behind three tags", {{0x8100, 100}, {0x8100, 7}, {0x8100, 8}}, 0x8864, Fate::Switched},
+    };
+    for (const Row &row : rows) {
+        Frame builder = Frame().src(pplus_test::kServerMac).dst(pplus_test::kSubscriberMac).pado();
+        for (const Tag &t : row.tags) {
+            builder.vlan(t.vid, t.tpid);
+        }
+        Bytes frame = builder.eol().bytes();
+        const size_t typeOff = 12 + 4 * row.tags.size();
+        frame[typeOff] = static_cast<uint8_t>(row.etherType >> 8);
+        frame[typeOff + 1] = static_cast<uint8_t>(row.etherType);
+
+        const auto before = plane_->Counters(49);
+        plane_->Receive(49, frame);
+        const auto punt = TakePunt(0);
+        EXPECT_EQ(punt.has_value(), row.fate == Fate::Punted) << row.why;
+        if (punt) {
+            EXPECT_EQ(punt->frame, frame) << row.why;
+        }
+        ASSERT_TRUE(Idle()) << row.why;
+        const auto after = plane_->Counters(49);
+        EXPECT_EQ(after.punted - before.punted, row.fate == Fate::Punted ? 1U : 0U) << row.why;
+        EXPECT_EQ(after.dropped - before.dropped, row.fate == Fate::Dropped ? 1U : 0U) << row.why;
+        size_t sent = 0;
+        for (const uint32_t port : {5U, 6U, 7U, 10U, 27U, 28U, 49U}) {
+            while (ports_.Take(port, 0ms)) {
+                sent++;
+            }
+        }
+        EXPECT_EQ(sent > 0, row.fate == Fate::Switched) << row.why;
+    }
 }
 
 TEST_F(PlaneTest, AgentFramesLeaveThroughTheNamedPort)
