@@ -147,18 +147,31 @@ thread_local ThreadView t_view;
 }  // namespace
 
 // A frame that entered a port and was accepted there: the port, the VLAN,
-// and the frame in the internal form (the VLAN as its outer tag) behind room
-// for the agent's head, so that a punt copies nothing more.
+// and the frame in the internal form (the VLAN as its outer tag). A frame
+// that came tagged is used where it lies; one the plane rewrites is built
+// behind room for the agent's head, so that a punt copies nothing more.
 struct ForwardingPlane::Ingress {
     const PortEntry *port = nullptr;
     uint16_t vlan = 0;
+    std::span<const uint8_t> frame;
     FrameBuf message;
+    bool built = false;   // frame lies in message
 
-    std::span<uint8_t> ResizeFrame(size_t n) { return message.Resize(sizeof(DpxPktHead) + n).subspan(sizeof(DpxPktHead)); }
-    std::span<const uint8_t> Frame() const { return message.Bytes().subspan(sizeof(DpxPktHead)); }
-    // The head written in front of the frame: the message for the agent.
+    // Room for an n-byte frame built by the plane.
+    std::span<uint8_t> Build(size_t n)
+    {
+        const std::span<uint8_t> out = message.Resize(sizeof(DpxPktHead) + n).subspan(sizeof(DpxPktHead));
+        frame = out;
+        built = true;
+        return out;
+    }
+    // The message for the agent: head, then frame.
     std::span<const uint8_t> WithHead(const DpxPktHead &head)
     {
+        if (!built) {
+            const std::span<const uint8_t> received = frame;
+            std::copy(received.begin(), received.end(), Build(received.size()).begin());
+        }
         const std::span<uint8_t> all = message.Bytes();
         std::memcpy(all.data(), &head, sizeof(head));
         return all;
@@ -325,21 +338,23 @@ void ForwardingPlane::Receive(uint32_t ifIndex, std::span<const uint8_t> frame)
 {
     const FrameScope scope(*this);
     const PortView &view = scope.View();
-    Count(view, ifIndex, Counter::Rx);
+    const PortEntry *port = view.Find(ifIndex);
+    PortCounterBlock &counters = port != nullptr ? *port->counters : *CounterBlock(ifIndex);
+    counters.Add(Counter::Rx);
     Ingress in;
-    if (!Classify(view, ifIndex, frame, in)) {
-        Count(view, ifIndex, Counter::Dropped);
+    if (!Classify(port, frame, in)) {
+        counters.Add(Counter::Dropped);
         return;
     }
     const std::optional<uint32_t> learnt = Learn(in);
-    const Discovery discovery = DiscoveryOf(in.Frame());
+    const Discovery discovery = DiscoveryOf(in.frame);
     if (discovery == Discovery::None || !fwm::FeatureEnabled()) {
         Switch(view, in, learnt);
     } else if (discovery == Discovery::ForTheAgent) {
         Punt(in, learnt);
     } else {
         // Switching it would let it past the agent.
-        in.port->counters->Add(Counter::Dropped);
+        counters.Add(Counter::Dropped);
     }
 }
 
@@ -348,10 +363,8 @@ void ForwardingPlane::Receive(uint32_t ifIndex, std::span<const uint8_t> frame)
 // frames into its PVID and tagged ones of its PVID; a trunk port takes
 // tagged frames of its member VLANs. The internal form carries the VLAN as
 // the outer tag.
-bool ForwardingPlane::Classify(const PortView &view, uint32_t ifIndex, std::span<const uint8_t> frame,
-                               Ingress &in) const
+bool ForwardingPlane::Classify(const PortEntry *port, std::span<const uint8_t> frame, Ingress &in) const
 {
-    const PortEntry *port = view.Find(ifIndex);
     if (port == nullptr || !port->wire || !port->logicalKnown || frame.size() < kMacHeader + kTypeLen) {
         return false;
     }
@@ -361,10 +374,9 @@ bool ForwardingPlane::Classify(const PortView &view, uint32_t ifIndex, std::span
             return false;
         }
         const uint16_t tci = U16(frame, kMacHeader + kTciOffset);
-        const std::span<uint8_t> out = in.ResizeFrame(frame.size());
-        std::copy(frame.begin(), frame.end(), out.begin());
         in.vlan = tci & kVidMask;
         if (in.vlan != kPriorityVid) {
+            in.frame = frame;
             return port->Member(in.vlan);
         }
         // A priority tag (802.1p) names no VLAN: the frame classifies as an
@@ -373,6 +385,8 @@ bool ForwardingPlane::Classify(const PortView &view, uint32_t ifIndex, std::span
             return false;
         }
         in.vlan = port->pvid;
+        const std::span<uint8_t> out = in.Build(frame.size());
+        std::copy(frame.begin(), frame.end(), out.begin());
         PutU16(out, kMacHeader + kTciOffset, static_cast<uint16_t>((tci & ~kVidMask) | in.vlan));
         return true;
     }
@@ -380,7 +394,7 @@ bool ForwardingPlane::Classify(const PortView &view, uint32_t ifIndex, std::span
         return false;
     }
     in.vlan = port->pvid;
-    const std::span<uint8_t> out = in.ResizeFrame(frame.size() + kTagLen);
+    const std::span<uint8_t> out = in.Build(frame.size() + kTagLen);
     std::copy_n(frame.begin(), kMacHeader, out.begin());
     PutU16(out, kMacHeader, kTpidDot1q);
     PutU16(out, kMacHeader + kTciOffset, in.vlan);
@@ -392,8 +406,8 @@ bool ForwardingPlane::Classify(const PortView &view, uint32_t ifIndex, std::span
 // learnt on, if it is a single station that was.
 std::optional<uint32_t> ForwardingPlane::Learn(const Ingress &in)
 {
-    const Mac src = MacAt(in.Frame(), kSrcMacOffset);
-    const Mac dst = MacAt(in.Frame(), kDstMacOffset);
+    const Mac src = MacAt(in.frame, kSrcMacOffset);
+    const Mac dst = MacAt(in.frame, kDstMacOffset);
     if (!IsGroupMac(src)) {
         fdb_->Learn(in.vlan, src, in.port->ifIndex);
     }
@@ -423,7 +437,7 @@ void ForwardingPlane::Punt(Ingress &in, std::optional<uint32_t> learnt)
 // once, through one member).
 void ForwardingPlane::Switch(const PortView &view, const Ingress &in, std::optional<uint32_t> learnt)
 {
-    Outgoing out(in.Frame());
+    Outgoing out(in.frame);
     if (learnt) {
         if (view.Logical(*learnt) == in.port->logical) {
             in.port->counters->Add(Counter::Dropped);

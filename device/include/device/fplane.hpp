@@ -144,7 +144,7 @@ private:
     struct Activity;
 
     // The decisions on a frame, in the order they are taken.
-    bool Classify(const PortView &view, uint32_t ifIndex, std::span<const uint8_t> frame, Ingress &in) const;
+    bool Classify(const PortEntry *port, std::span<const uint8_t> frame, Ingress &in) const;
     std::optional<uint32_t> Learn(const Ingress &in);
     void Punt(Ingress &in, std::optional<uint32_t> learnt);
     void Switch(const PortView &view, const Ingress &in, std::optional<uint32_t> learnt);
