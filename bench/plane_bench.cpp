@@ -64,20 +64,6 @@ Mac HostOf(int thread)
     return Mac{0x02, 0, 0, 0, 0x01, static_cast<uint8_t>(thread)};
 }
 
-// A 64-byte IPv4-typed frame, tagged when vlan is given.
-Bytes Ipv4(const Mac &dst, const Mac &src, int vlan = -1)
-{
-    Bytes b(dst.begin(), dst.end());
-    b.insert(b.end(), src.begin(), src.end());
-    if (vlan >= 0) {
-        pplus_test::PutU16(b, 0x8100);
-        pplus_test::PutU16(b, static_cast<uint16_t>(vlan));
-    }
-    pplus_test::PutU16(b, 0x0800);
-    b.resize(60, 0x5a);
-    return b;
-}
-
 Bytes Padi(const Mac &src)
 {
     return pplus_test::Frame().src(src).padi().serviceName().hostUniq("bench-0001").eol().bytes();
@@ -99,12 +85,12 @@ void Through(benchmark::State &state, const Bytes &frame)
 
 void BM_Switched(benchmark::State &state)
 {
-    Through(state, Ipv4(kServer, HostOf(state.thread_index())));
+    Through(state, pplus_test::PlainFrame(kServer, HostOf(state.thread_index())));
 }
 
 void BM_Flooded(benchmark::State &state)
 {
-    Through(state, Ipv4(pplus_test::kBroadcast, HostOf(state.thread_index())));
+    Through(state, pplus_test::PlainFrame(pplus_test::kBroadcast, HostOf(state.thread_index())));
 }
 
 void BM_Punted(benchmark::State &state)
@@ -135,10 +121,10 @@ BENCHMARK(BM_Punted)->Threads(1)->Threads(2)->Threads(4)->UseRealTime();
 void Prepare()
 {
     for (const Lane &lane : kLanes) {
-        g_plane->Receive(kUplink, Ipv4(HostOf(0), kServer, lane.vlan));
+        g_plane->Receive(kUplink, pplus_test::PlainFrame(HostOf(0), kServer, lane.vlan));
     }
     const auto uplinkTx = g_plane->Counters(kUplink).tx;
-    g_plane->Receive(kLanes[0].port, Ipv4(kServer, HostOf(0)));
+    g_plane->Receive(kLanes[0].port, pplus_test::PlainFrame(kServer, HostOf(0)));
     if (g_plane->Counters(kUplink).tx != uplinkTx + 1 || g_plane->Counters(kLanes[0].port).dropped != 0) {
         Die("a unicast frame did not reach the uplink");
     }

@@ -23,6 +23,7 @@ using device::fplane::ForwardingPlane;
 using device::fplane::MemoryPorts;
 using pplus_test::Bytes;
 using pplus_test::Frame;
+using pplus_test::PlainFrame;
 
 // Access ports 5, 6 (VLAN 100), 7 (VLAN 101), 10 (VLAN 100, off board);
 // uplink trunk port 49 (VLANs 100, 101); trunk 100 of members 27, 28
@@ -43,21 +44,6 @@ trunks:
 
 constexpr pplus_test::Mac kHostA{0x02, 0, 0, 0, 0, 0x0a};
 constexpr pplus_test::Mac kHostB{0x02, 0, 0, 0, 0, 0x0b};
-
-// A plain IPv4-typed frame between two hosts, optionally tagged (0x8100,
-// the TCI given: priority, VID).
-Bytes Plain(const pplus_test::Mac &dst, const pplus_test::Mac &src, int tci = -1)
-{
-    Bytes b(dst.begin(), dst.end());
-    b.insert(b.end(), src.begin(), src.end());
-    if (tci >= 0) {
-        pplus_test::PutU16(b, 0x8100);
-        pplus_test::PutU16(b, static_cast<uint16_t>(tci));
-    }
-    pplus_test::PutU16(b, 0x0800);
-    b.resize(b.size() + 46, 0x5a);
-    return b;
-}
 
 std::vector<uint16_t> Vlans(const Bytes &frame)
 {
@@ -148,7 +134,7 @@ TEST_F(PlaneTest, IngressClassifiesByPortModeAndVlanMembership)
     for (const Row &row : rows) {
         const pplus_test::Mac src{0x02, 0, 0, 0, 0, host++};
         const auto before = plane_->Counters(row.port);
-        plane_->Receive(row.port, Plain(pplus_test::kBroadcast, src, row.tci));
+        plane_->Receive(row.port, PlainFrame(pplus_test::kBroadcast, src, row.tci));
         const auto after = plane_->Counters(row.port);
         EXPECT_EQ(after.rx, before.rx + 1) << row.why;
         EXPECT_EQ(after.dropped, before.dropped + (row.accepted ? 0U : 1U)) << row.why;
@@ -164,16 +150,16 @@ TEST_F(PlaneTest, FloodsWithinTheVlanTaggedOnTrunksUntaggedOnAccessThenSendsToTh
 {
     // Unknown destination from access port 5 (VLAN 100): every other on-board
     // member of VLAN 100, once per trunk, never back to 5, never to VLAN 101.
-    plane_->Receive(5, Plain(kHostB, kHostA));
+    plane_->Receive(5, PlainFrame(kHostB, kHostA));
     ASSERT_TRUE(Idle());
     const auto toSub2 = ports_.Take(6, 0ms);
     const auto toUp = ports_.Take(49, 0ms);
     const auto toRing = ports_.Take(27, 0ms);
     ASSERT_TRUE(toSub2 && toUp && toRing);
     EXPECT_TRUE(Vlans(*toSub2).empty()) << "access ports send untagged";
-    EXPECT_EQ(*toSub2, Plain(kHostB, kHostA));
+    EXPECT_EQ(*toSub2, PlainFrame(kHostB, kHostA));
     EXPECT_EQ(Vlans(*toUp), std::vector<uint16_t>{100}) << "trunk ports send tagged";
-    EXPECT_EQ(*toUp, Plain(kHostB, kHostA, 100));
+    EXPECT_EQ(*toUp, PlainFrame(kHostB, kHostA, 100));
     EXPECT_EQ(Vlans(*toRing), std::vector<uint16_t>{100});
     EXPECT_EQ(ports_.Pending(28), 0U) << "a trunk is flooded through one member only";
     EXPECT_EQ(ports_.Pending(5), 0U) << "never back out of the ingress port";
@@ -183,29 +169,29 @@ TEST_F(PlaneTest, FloodsWithinTheVlanTaggedOnTrunksUntaggedOnAccessThenSendsToTh
     EXPECT_EQ(plane_->Counters(27).tx, 1U);
 
     // B answers from the uplink; A is known by now: only port 5 gets it.
-    plane_->Receive(49, Plain(kHostA, kHostB, 100));
+    plane_->Receive(49, PlainFrame(kHostA, kHostB, 100));
     ASSERT_TRUE(Idle());
     const auto reply = ports_.Take(5, 0ms);
     ASSERT_TRUE(reply);
-    EXPECT_EQ(*reply, Plain(kHostA, kHostB));
+    EXPECT_EQ(*reply, PlainFrame(kHostA, kHostB));
     EXPECT_EQ(ports_.Pending(6) + ports_.Pending(27) + ports_.Pending(28), 0U);
 
     // Same MAC in another VLAN is another entry; a move relearns.
-    plane_->Receive(49, Plain(kHostA, kHostB, 101));
-    plane_->Receive(6, Plain(kHostA, kHostB));
+    plane_->Receive(49, PlainFrame(kHostA, kHostB, 101));
+    plane_->Receive(6, PlainFrame(kHostA, kHostB));
     EXPECT_EQ(plane_->Lookup(101, kHostB), 49U);
     EXPECT_EQ(plane_->Lookup(100, kHostB), 6U);
     EXPECT_EQ(plane_->MacTable().size(), 3U);
 
     // A priority tag (VID 0) classifies like no tag: the frame joins the
     // PVID and keeps its priority.
-    plane_->Receive(5, Plain(pplus_test::kBroadcast, kHostA, 0xA000));
+    plane_->Receive(5, PlainFrame(pplus_test::kBroadcast, kHostA, 0xA000));
     ASSERT_TRUE(Idle());
     const auto prioUp = ports_.Take(49, 0ms);
     const auto prioSub2 = ports_.Take(6, 0ms);
     ASSERT_TRUE(prioUp && prioSub2);
-    EXPECT_EQ(*prioUp, Plain(pplus_test::kBroadcast, kHostA, 0xA000 | 100));
-    EXPECT_EQ(*prioSub2, Plain(pplus_test::kBroadcast, kHostA));
+    EXPECT_EQ(*prioUp, PlainFrame(pplus_test::kBroadcast, kHostA, 0xA000 | 100));
+    EXPECT_EQ(*prioSub2, PlainFrame(pplus_test::kBroadcast, kHostA));
 }
 
 TEST_F(PlaneTest, DiscoveryFramesArePuntedOnlyWhileTheFeatureIsOn)
@@ -268,7 +254,7 @@ TEST_F(PlaneTest, DiscoveryFramesArePuntedOnlyWhileTheFeatureIsOn)
 TEST_F(PlaneTest, WorldChangesApplyFromTheNextFrame)
 {
     const auto floodReaches = [this](uint32_t port) {
-        plane_->Receive(5, Plain(pplus_test::kBroadcast, kHostA));
+        plane_->Receive(5, PlainFrame(pplus_test::kBroadcast, kHostA));
         EXPECT_TRUE(Idle());
         const bool reached = ports_.Pending(port) > 0;
         for (const uint32_t p : {6U, 27U, 28U, 49U}) {
@@ -279,10 +265,10 @@ TEST_F(PlaneTest, WorldChangesApplyFromTheNextFrame)
     };
 
     // A VLAN added to a trunk port.
-    plane_->Receive(49, Plain(kHostA, kHostB, 102));
+    plane_->Receive(49, PlainFrame(kHostA, kHostB, 102));
     EXPECT_EQ(plane_->Counters(49).dropped, 1U);
     platform::world::PortVlanSet(49, 102, true);
-    plane_->Receive(49, Plain(kHostA, kHostB, 102));
+    plane_->Receive(49, PlainFrame(kHostA, kHostB, 102));
     EXPECT_EQ(plane_->Counters(49).dropped, 1U);
     EXPECT_EQ(plane_->Lookup(102, kHostB), 49U);
 
@@ -301,15 +287,15 @@ TEST_F(PlaneTest, ReceiversOnSeveralPortsAtOnceWhileTheWorldChanges)
 {
     // The server is learnt on the uplink; three ports' threads send to it
     // while the uplink goes off and on board and its VLANs change.
-    plane_->Receive(49, Plain(kHostA, kHostB, 100));
-    plane_->Receive(49, Plain(kHostA, kHostB, 101));
+    plane_->Receive(49, PlainFrame(kHostA, kHostB, 100));
+    plane_->Receive(49, PlainFrame(kHostA, kHostB, 101));
     constexpr uint64_t kFrames = 2000;
     const uint32_t senders[] = {5, 6, 7};
     std::atomic<int> running{static_cast<int>(std::size(senders))};
     std::vector<std::thread> threads;
     for (const uint32_t port : senders) {
         threads.emplace_back([this, port, &running]() {
-            const Bytes frame = Plain(kHostB, pplus_test::Mac{0x02, 0, 0, 0, 1, static_cast<uint8_t>(port)});
+            const Bytes frame = PlainFrame(kHostB, pplus_test::Mac{0x02, 0, 0, 0, 1, static_cast<uint8_t>(port)});
             for (uint64_t i = 0; i < kFrames; i++) {
                 plane_->Receive(port, frame);
             }
@@ -340,7 +326,7 @@ TEST_F(PlaneTest, ReceiversOnSeveralPortsAtOnceWhileTheWorldChanges)
     // A new plane starts from nothing, on this thread too.
     plane_.reset();
     plane_ = std::make_unique<ForwardingPlane>(ports_);
-    plane_->Receive(5, Plain(pplus_test::kBroadcast, kHostA));
+    plane_->Receive(5, PlainFrame(pplus_test::kBroadcast, kHostA));
     EXPECT_EQ(plane_->Counters(5).rx, 1U);
     EXPECT_EQ(plane_->AllCounters().size(), 4U) << "port 5 and the three ports the broadcast left through";
 }
@@ -353,7 +339,7 @@ TEST_F(PlaneTest, AFloodOfSourceMacsNeitherGrowsTheMacTableNorStopsLearning)
     plane_.reset();
     plane_ = std::make_unique<ForwardingPlane>(discard);
     const size_t macs = device::fplane::kMacTableSlots + device::fplane::kMacTableSlots / 8;
-    Bytes frame = Plain(pplus_test::kBroadcast, kHostA);
+    Bytes frame = PlainFrame(pplus_test::kBroadcast, kHostA);
     for (size_t i = 0; i < macs; i++) {
         frame[9] = static_cast<uint8_t>(i >> 16);
         frame[10] = static_cast<uint8_t>(i >> 8);
@@ -363,7 +349,7 @@ TEST_F(PlaneTest, AFloodOfSourceMacsNeitherGrowsTheMacTableNorStopsLearning)
     const size_t learnt = plane_->MacTable().size();
     EXPECT_LE(learnt, device::fplane::kMacTableSlots);
     EXPECT_GT(learnt, device::fplane::kMacTableSlots / 2) << "the table holds what it can";
-    plane_->Receive(6, Plain(pplus_test::kBroadcast, kHostB));
+    plane_->Receive(6, PlainFrame(pplus_test::kBroadcast, kHostB));
     EXPECT_EQ(plane_->Lookup(100, kHostB), 6U) << "a new station is learnt in a full table";
     plane_.reset();
 }
