@@ -106,6 +106,7 @@ bool Fdb::TryLearn(uint64_t key, uint32_t port, uint32_t now)
 {
     Slot *stalest = nullptr;
     uint64_t stalestKey = 0;
+    uint32_t stalestSeen = 0;
     for (size_t probe = 0; probe < kWindow; probe++) {
         Slot &slot = At(key, probe);
         const Content c = Read(slot);
@@ -121,9 +122,11 @@ bool Fdb::TryLearn(uint64_t key, uint32_t port, uint32_t now)
         if (c.key == 0) {
             return Replace(slot, 0, key, port, now);
         }
-        if (stalest == nullptr || slot.seen.load(std::memory_order_relaxed) < stalest->seen.load(std::memory_order_relaxed)) {
+        const uint32_t seen = slot.seen.load(std::memory_order_relaxed);
+        if (stalest == nullptr || seen < stalestSeen) {
             stalest = &slot;
             stalestKey = c.key;
+            stalestSeen = seen;
         }
     }
     return Replace(*stalest, stalestKey, key, port, now);

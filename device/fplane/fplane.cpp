@@ -187,7 +187,8 @@ public:
     // What leaves a port: untagged out of an access port, as it is out of a trunk port.
     std::span<const uint8_t> For(const PortEntry &sender)
     {
-        if (sender.trunkMode || tagged_.size() < kMacHeader + kTagLen + kTypeLen || !IsTagTpid(U16(tagged_, kMacHeader))) {
+        const bool tagged = tagged_.size() >= kMacHeader + kTagLen + kTypeLen && IsTagTpid(U16(tagged_, kMacHeader));
+        if (sender.trunkMode || !tagged) {
             return tagged_;
         }
         if (!untaggedMade_) {

@@ -80,7 +80,8 @@ std::shared_ptr<const PortView> PortView::Build(const platform::PortTables &tabl
         vlanSetOf.emplace_back(pv.ifIndex, v.vlanSets_.size());
         v.vlanSets_.push_back(ToVlanSet(pv));
     }
-    std::stable_sort(vlanSetOf.begin(), vlanSetOf.end(), [](const auto &a, const auto &b) { return a.first < b.first; });
+    std::stable_sort(vlanSetOf.begin(), vlanSetOf.end(),
+                     [](const auto &a, const auto &b) { return a.first < b.first; });
 
     v.entries_.reserve(tables.interfaces.size());
     for (size_t i = 0; i < tables.interfaces.size(); i++) {

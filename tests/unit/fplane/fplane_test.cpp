@@ -320,7 +320,7 @@ TEST_F(PlaneTest, ReceiversOnSeveralPortsAtOnceWhileTheWorldChanges)
                   port);
     }
     const auto uplink = plane_->Counters(49);
-    EXPECT_EQ(uplink.tx + uplink.dropped, kFrames * std::size(senders)) << "every frame left or was dropped on the uplink";
+    EXPECT_EQ(uplink.tx + uplink.dropped, kFrames * std::size(senders)) << "each frame left or dropped on the uplink";
     EXPECT_EQ(ports_.Pending(49), uplink.tx);
 
     // A new plane starts from nothing, on this thread too.
