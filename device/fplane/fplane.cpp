@@ -463,7 +463,6 @@ void ForwardingPlane::Egress(const PortView &view, uint32_t ifIndex, const PortE
         Count(view, ifIndex, Counter::Dropped);
         return;
     }
-    // Per-frame checks of what leaves a port go here.
     // Counted before the port has it, so whoever takes the frame sees the count.
     sender->counters->Add(Counter::Tx);
     backend_.Transmit(sender->ifIndex, out.For(*sender));
@@ -483,6 +482,8 @@ void ForwardingPlane::SendFromAgent(const PortView &view, std::span<const uint8_
         Count(view, taken >= sizeof(head) ? head.egrIfindex : kNoPort, Counter::Dropped);
         return;
     }
+    // Per-frame checks of what the agent sends (a subscriber table) decide
+    // here, before the frame leaves.
     Outgoing out(message.subspan(sizeof(head), taken - sizeof(head)));
     Egress(view, head.egrIfindex, view.Find(head.egrIfindex), out);
 }
