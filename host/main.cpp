@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <thread>
 
@@ -27,6 +28,7 @@
 #include "datastore.hpp"
 #include "devm.h"
 #include "example_topology.hpp"
+#include "netconf.hpp"
 #include "platform/control.h"
 #include "device/fwm.hpp"
 #include "device/ha.hpp"
@@ -47,6 +49,7 @@ struct Options {
     std::string logFile;
     bool stay = false;
     host::DatastoreOptions datastore;
+    host::NetconfOptions netconf;
 };
 
 // Framework instance states the agent's readiness wait accepts.
@@ -123,7 +126,7 @@ struct HaPlan {
     uint32_t mainBoardId = 1;
 };
 
-bool SetUpWorld(const Options &opts, HaPlan *ha)
+bool SetUpWorld(const Options &opts, HaPlan *ha, std::map<uint32_t, std::string> *netdevs)
 {
     std::string error;
     const auto topology = opts.topologyFile.empty() ? device::world::LoadTopologyText(kExampleTopology, &error)
@@ -140,6 +143,7 @@ bool SetUpWorld(const Options &opts, HaPlan *ha)
     instance.state = 1;
     platform::world::FrmInstPut(instance);
     *ha = HaPlan{topology->haRole, sys.chassisId, sys.mainBoardId};
+    *netdevs = topology->netdevs;
     std::printf("pppoe-plus-switch: switch \"%s\", chassis %u, board %u (main board %u)\n", sys.sysName.c_str(),
                 sys.chassisId, sys.selfBoardId, sys.mainBoardId);
     return true;
@@ -242,6 +246,7 @@ int main(int argc, char **argv)
     host::PortOptions portOpts;
     host::AddPortOptions(app, portOpts);
     host::AddDatastoreOptions(app, opts.datastore);
+    host::AddNetconfOptions(app, opts.netconf);
     app.add_option("--control", opts.controlPath, "Control socket for pppoe-plus-cli")
         ->default_str(opts.controlPath);
     app.add_option("--log-file", opts.logFile,
@@ -273,18 +278,20 @@ int main(int argc, char **argv)
     }
     host::MakePathsAbsolute(portOpts);
     host::MakeDatastorePathsAbsolute(opts.datastore);
+    host::MakeNetconfPathsAbsolute(opts.netconf);
     if (!ChangeToOwnFolder()) {
         Say("cannot change to the host's own folder");
         return 1;
     }
     HaPlan haPlan;
-    if (!SetUpWorld(opts, &haPlan)) {
+    std::map<uint32_t, std::string> netdevs;
+    if (!SetUpWorld(opts, &haPlan, &netdevs)) {
         return 1;
     }
     // Ports are checked before the agent starts.
     host::HostPorts ports;
     std::string portError;
-    if (!ports.Open(portOpts, &portError)) {
+    if (!ports.Open(portOpts, netdevs, &portError)) {
         std::fprintf(stderr, "pppoe-plus-switch: %s\n", portError.c_str());
         return 1;
     }
@@ -369,10 +376,20 @@ int main(int argc, char **argv)
         }
         Say("agent configured from the datastore");
     }
+    std::string netconfError;
+    auto netconf = host::StartNetconf(opts.netconf, opts.datastore, &netconfError);
+    if (!netconf && !netconfError.empty()) {
+        std::fprintf(stderr, "pppoe-plus-switch: NETCONF: %s\n", netconfError.c_str());
+        ReportLeaks();
+        (void)PLAT_LogSetFile(nullptr, 0);
+        std::fflush(stdout);
+        _exit(1);
+    }
     host::ControlServer control;
     hooks.replay = [&ports](const std::string &binding, std::string *output) {
         return ports.ReplayMore(binding, output);
     };
+    hooks.ports = [&ports]() { return ports.Describe(); };
     if (std::string error; !control.Start(opts.controlPath, hooks, &error)) {
         Say(("control socket not available: " + error).c_str());
     } else {
@@ -400,7 +417,11 @@ int main(int argc, char **argv)
         PLAT_LogFlush();
         std::printf("pppoe-plus-switch: %s, stopping\n", sig > 0 ? "signal received" : "run time over");
     }
+    netconf.reset();
     control.Stop();
+    if (ports.HasLivePorts()) {
+        ports.PrintSummary();
+    }
     ports.Close();
     const uint32_t exitRet = mainExit();
     PLAT_LogFlush();

@@ -4,7 +4,7 @@
 # the ThreadSanitizer preset too).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/install-deps.sh
+bash scripts/install-deps.sh --lab
 presets=(default asan "$@")
 for preset in "${presets[@]}"; do
   echo "== preset ${preset}"

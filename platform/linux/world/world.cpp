@@ -152,6 +152,9 @@ struct World {
     Table<PortIsolateRecord> portIsolation;
     Table<BoardRecord> boards;
     platform::world::ChangeListener listener = nullptr;
+    // Bumped under mu by every write of the switching tables and the board
+    // registry; read without it.
+    std::atomic<uint64_t> generation{0};
 };
 
 World &TheWorld()
@@ -168,6 +171,12 @@ Table<PortVlanRecord> &TableOf(World &w, const PortVlanRecord *) { return w.port
 Table<AccessIsolateRecord> &TableOf(World &w, const AccessIsolateRecord *) { return w.accessIsolation; }
 Table<PortIsolateRecord> &TableOf(World &w, const PortIsolateRecord *) { return w.portIsolation; }
 Table<BoardRecord> &TableOf(World &w, const BoardRecord *) { return w.boards; }
+
+// A table changed. Caller holds World::mu.
+void Touch(World &w)
+{
+    w.generation.fetch_add(1, std::memory_order_release);
+}
 
 // Publishes a changed device view. Caller holds World::mu.
 template <typename Edit>
@@ -194,6 +203,7 @@ void Put(Table<Row> World::*table, const Row &record, SameKey same)
         rows.push_back(record);
     }
     (w.*table).Publish(std::move(rows));
+    Touch(w);
 }
 
 template <typename Row, typename Match>
@@ -208,6 +218,7 @@ bool Remove(Table<Row> World::*table, Match match)
     }
     rows.erase(it);
     (w.*table).Publish(std::move(rows));
+    Touch(w);
     return true;
 }
 
@@ -271,6 +282,7 @@ bool SameGroup(const PortIsolateRecord &a, const PortIsolateRecord &b)
 // Caller holds World::mu.
 void ClearTables(World &w)
 {
+    Touch(w);
     w.ifs.Publish({});
     w.trunks.Publish({});
     w.trunkPorts.Publish({});
@@ -334,9 +346,20 @@ void FrmInstClear()
     w.frmInst.Publish({});
 }
 
+// Not a table the generation follows: written directly, not through Put.
 void FrmInstPut(const FrmInstRecord &record)
 {
-    Put(&World::frmInst, record, [](const FrmInstRecord &a, const FrmInstRecord &b) { return a.localSlot == b.localSlot; });
+    World &w = TheWorld();
+    std::lock_guard lock(w.mu);
+    std::vector<FrmInstRecord> rows = w.frmInst.Rows();
+    const auto it = std::find_if(rows.begin(), rows.end(),
+                                 [&record](const FrmInstRecord &r) { return r.localSlot == record.localSlot; });
+    if (it != rows.end()) {
+        *it = record;
+    } else {
+        rows.push_back(record);
+    }
+    w.frmInst.Publish(std::move(rows));
 }
 
 std::vector<FrmInstRecord> FrmInstRecords()
@@ -360,6 +383,7 @@ void IfPut(const IfRecord &record)
         w.ifs.Publish(std::move(ifs));
         Notify(w, IfChange(DB_CHANGE_CREATE, std::nullopt, record));
     }
+    Touch(w);
 }
 
 bool IfRemove(uint32_t ifIndex)
@@ -374,6 +398,7 @@ bool IfRemove(uint32_t ifIndex)
     const IfRecord before = *it;
     ifs.erase(it);
     w.ifs.Publish(std::move(ifs));
+    Touch(w);
     Notify(w, IfChange(DB_CHANGE_DELETE, before, std::nullopt));
     return true;
 }
@@ -403,6 +428,7 @@ bool IfSetOnBoard(uint32_t ifIndex, bool onBoard)
     it->onBoard = onBoard;
     const IfRecord after = *it;
     w.ifs.Publish(std::move(ifs));
+    Touch(w);
     Notify(w, IfChange(DB_CHANGE_UPDATE, before, after));
     return true;
 }
@@ -425,6 +451,7 @@ void BoardPut(const BoardRecord &record)
         w.boards.Publish(std::move(boards));
         Notify(w, BoardChange(DB_CHANGE_CREATE, std::nullopt, record));
     }
+    Touch(w);
 }
 
 bool BoardRemove(uint32_t chassisId, uint32_t slotId)
@@ -440,6 +467,7 @@ bool BoardRemove(uint32_t chassisId, uint32_t slotId)
     const BoardRecord before = *it;
     boards.erase(it);
     w.boards.Publish(std::move(boards));
+    Touch(w);
     Notify(w, BoardChange(DB_CHANGE_DELETE, before, std::nullopt));
     return true;
 }
@@ -516,6 +544,7 @@ void PortVlanSet(uint32_t ifIndex, uint16_t vlan, bool member)
         it->bitmap[(vlan / 8U) % kVlanBitmapBytes] &= static_cast<uint8_t>(~(1U << (vlan % 8U)));
     }
     w.portVlans.Publish(std::move(maps));
+    Touch(w);
 }
 
 bool PortVlanRemove(uint32_t ifIndex)
@@ -565,6 +594,19 @@ void SetSysName(const std::string &name)
     EditDevice(w, [&name](DeviceView &view) { view.identity.sysName = name; });
 }
 
+uint64_t TablesGeneration()
+{
+    return TheWorld().generation.load(std::memory_order_acquire);
+}
+
+PortTables GetPortTables()
+{
+    World &w = TheWorld();
+    std::lock_guard lock(w.mu);
+    return PortTables{w.generation.load(std::memory_order_relaxed), w.ifs.Rows(), w.trunkPorts.Rows(),
+                      w.portVlans.Rows()};
+}
+
 void TablesClear()
 {
     World &w = TheWorld();
@@ -584,6 +626,7 @@ void ApplyTopology(const Topology &topology)
     w.accessIsolation.Publish(topology.accessIsolation);
     w.portIsolation.Publish(topology.portIsolation);
     w.boards.Publish({BoardRecord{topology.system.chassisId, topology.system.selfBoardId, kBoardRegistered}});
+    Touch(w);
 }
 
 void Reset()
