@@ -13,12 +13,27 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
 namespace platform::internal {
 
 namespace block_pool {
+
+// What a user of the pool keeps in the first 32 bytes of a block, in front
+// of what it hands out: a state word, which stays the user's while the
+// block is free (so a stale or double release is told from a live one),
+// a word of its own, the pool's link while the block is free (the user's
+// while it lives), and two more words.
+struct alignas(16) BlockHead {
+    std::atomic<uint32_t> state;
+    uint32_t word;
+    uint64_t link;
+    void *owner;
+    uint64_t spare;
+};
+static_assert(sizeof(BlockHead) == 32, "what a user hands out starts 32 bytes into its block");
 
 // The block of an address in a slab never changes (slabs stay, and keep
 // their block size), so each thread remembers the ones it looked up last:

@@ -60,15 +60,9 @@ uint64_t SysInfoSerial()
 
 namespace pool = platform::internal::block_pool;
 
-// In front of every object, in its pool block. The state word tells a live
+// In front of every object, in its pool block: its state word tells a live
 // object from one waiting for reuse (or none at all).
-struct alignas(16) ObjHead {
-    std::atomic<uint32_t> state;
-    uint32_t reserved;
-    uint64_t poolLink;   // the pool's while the block is free
-    uint64_t reserved2[2];
-};
-static_assert(sizeof(ObjHead) == 32, "objects start 32 bytes into their block");
+using ObjHead = pool::BlockHead;
 constexpr uint32_t kObjLive = 0x44424F4CU;
 constexpr uint32_t kObjIdle = 0x44424F49U;
 

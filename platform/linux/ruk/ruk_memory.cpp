@@ -60,16 +60,9 @@ struct Site {
     std::atomic<uint64_t> bytes{0};
 };
 
-// In front of every block. The state word stays the memory service's
-// while a pool block is free (the pool links free blocks through size).
-struct alignas(16) BlockHeader {
-    std::atomic<uint32_t> magic;
-    uint32_t handle;
-    uint64_t size;
-    Site *site;
-    uint64_t reserved;
-};
-static_assert(sizeof(BlockHeader) == 32, "user memory starts 32 bytes into a block");
+// In front of every block (heap blocks too): state, handle (word), size
+// (link, the pool's while a pooled block is free) and call site (owner).
+using BlockHeader = pool::BlockHead;
 
 // A call site as the caller names it (its file pointer), for the lookup
 // cache; kept for good once made.
@@ -235,17 +228,17 @@ void *RUK_MemAlloc_F(uint32_t handle, uint32_t ptNo, size_t size, const char *fi
     }
     Site *site = SiteOf(mem, handle, file, line);
     auto *header = static_cast<BlockHeader *>(raw);
-    header->handle = handle;
-    header->size = size;
-    header->site = site;
-    header->reserved = 0;
+    header->word = handle;
+    header->link = size;
+    header->owner = site;
+    header->spare = 0;
     void *user = static_cast<void *>(header + 1);
     if (pooled) {
         const size_t room = pool::BlockSize(raw) - sizeof(BlockHeader);
         Unpoison(user, room);
         Poison(static_cast<char *>(user) + (total - sizeof(BlockHeader)), room - (total - sizeof(BlockHeader)));
     } else {
-        new (&header->magic) std::atomic<uint32_t>(0);
+        new (&header->state) std::atomic<uint32_t>(0);
         std::lock_guard lock(mem.mu);
         mem.heapBlocks.insert(user);
     }
@@ -253,7 +246,7 @@ void *RUK_MemAlloc_F(uint32_t handle, uint32_t ptNo, size_t size, const char *fi
     // updates a block instead of four.
     site->blocks.fetch_add(1, std::memory_order_relaxed);
     site->bytes.fetch_add(size, std::memory_order_relaxed);
-    header->magic.store(kLiveMagic, std::memory_order_release);
+    header->state.store(kLiveMagic, std::memory_order_release);
     return user;
 }
 
@@ -285,19 +278,20 @@ uint32_t RUK_MemFree_F(uint32_t handle, void *ptr, const char *file, uint32_t li
         }
         header = static_cast<BlockHeader *>(ptr) - 1;
     }
-    if (header->magic.load(std::memory_order_acquire) != kLiveMagic) {
+    if (header->state.load(std::memory_order_acquire) != kLiveMagic) {
         return RUK_ERR_BAD_FREE;
     }
-    if (header->handle != handle) {
+    if (header->word != handle) {
         return RUK_ERR_NO_HANDLE;
     }
     uint32_t live = kLiveMagic;
-    if (!header->magic.compare_exchange_strong(live, kFreedMagic, std::memory_order_acq_rel)) {
+    if (!header->state.compare_exchange_strong(live, kFreedMagic, std::memory_order_acq_rel)) {
         return RUK_ERR_BAD_FREE;   // freed by another thread meanwhile
     }
-    const uint64_t size = header->size;
-    header->site->blocks.fetch_sub(1, std::memory_order_relaxed);
-    header->site->bytes.fetch_sub(size, std::memory_order_relaxed);
+    const uint64_t size = header->link;
+    Site *site = static_cast<Site *>(header->owner);
+    site->blocks.fetch_sub(1, std::memory_order_relaxed);
+    site->bytes.fetch_sub(size, std::memory_order_relaxed);
     if (block != nullptr) {
         Poison(ptr, pool::BlockSize(block) - sizeof(BlockHeader));
         pool::Give(block);

@@ -121,16 +121,9 @@ struct KnownSite {
 };
 constexpr unsigned kSiteSlotBits = 8;
 
-// In front of every buffer's descriptor. The state word stays ours while a
-// pool block is free (the pool links free blocks through the next 8 bytes).
-struct alignas(16) BufferHead {
-    std::atomic<uint32_t> state;
-    uint32_t reserved;
-    uint64_t poolLink;
-    Site *site;
-    uint64_t reserved2;
-};
-static_assert(sizeof(BufferHead) == 32, "the descriptor starts 32 bytes into a block");
+// In front of every buffer's descriptor (heap buffers too): state and the
+// allocation site (owner).
+using BufferHead = pool::BlockHead;
 constexpr uint32_t kLive = 0x4D425546U;
 constexpr uint32_t kFreed = 0x46524545U;
 
@@ -241,7 +234,7 @@ FpcMbuf *NewBuffer(uint32_t bufLen, const char *file, uint32_t line)
             return nullptr;
         }
     }
-    head->site = site;
+    head->owner = site;
     m->pData = reinterpret_cast<uint8_t *>(m + 1);
     m->dataOff = 0;
     m->dataLen = 0;
@@ -295,7 +288,7 @@ void FreeBuffer(FpcMbuf *m, const char *file, uint32_t line)
         PLAT_LogWrite(PLAT_LOG_PLATFORM, "wick: bad free at %s:%u", file != nullptr ? file : "?", line);
         return;
     }
-    head->site->live.fetch_sub(1, std::memory_order_relaxed);
+    static_cast<Site *>(head->owner)->live.fetch_sub(1, std::memory_order_relaxed);
     Buffers().live.fetch_sub(1, std::memory_order_relaxed);
     const size_t total = sizeof(BufferHead) + sizeof(FpcMbuf) + size_t{m->bufLen};
     if (total <= pool::kMaxBlock) {
