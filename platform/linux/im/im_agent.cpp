@@ -108,7 +108,7 @@ public:
 private:
     std::atomic<const std::vector<T> *> current_{nullptr};
     std::vector<std::unique_ptr<std::vector<T>>> kept_;
-    const std::vector<T> empty_;
+    const std::vector<T> empty_{};
 };
 
 struct Agent {

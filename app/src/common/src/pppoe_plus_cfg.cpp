@@ -194,15 +194,15 @@ void TrustViewBuild()
     view.listEpoch = g_portListEpoch.load(std::memory_order_acquire);
     view.count = 0;
     view.overflow = false;
-    (void)DllFind<PortCB>(&g_pppoePlusGlobalInfo.portList, [&view](PortCB *cb) {
+    (void)DllFind<PortCB>(&g_pppoePlusGlobalInfo.portList, [](PortCB *cb) {
         if (cb->trust.load(std::memory_order_relaxed) != 1) {
             return false;
         }
-        if (view.count == kTrustViewMax) {
-            view.overflow = true;
+        if (g_trustView.count == kTrustViewMax) {
+            g_trustView.overflow = true;
             return true;
         }
-        view.ports[view.count++] = cb;
+        g_trustView.ports[g_trustView.count++] = cb;
         return false;
     });
     view.built = true;
