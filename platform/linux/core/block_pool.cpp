@@ -11,6 +11,17 @@
 
 #include "core/internal.hpp"
 
+#if defined(__SANITIZE_ADDRESS__)
+#define BLOCK_POOL_POISONS 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define BLOCK_POOL_POISONS 1
+#endif
+#endif
+#ifdef BLOCK_POOL_POISONS
+#include <sanitizer/asan_interface.h>
+#endif
+
 namespace platform::internal::block_pool {
 
 namespace {
@@ -216,9 +227,30 @@ void *TakeFromDepot(size_t sizeClass, uint32_t n, uint32_t *got)
     return list;
 }
 
-}  // namespace
+// Under AddressSanitizer a free block is poisoned past its head, which
+// stays the user's and the pool's: whoever takes it next (any user of the
+// pool) finds it whole, and a touch of a given-back block is reported.
+void PoisonFree(void *block)
+{
+#ifdef BLOCK_POOL_POISONS
+    ASAN_POISON_MEMORY_REGION(static_cast<char *>(block) + sizeof(BlockHead), BlockSize(block) - sizeof(BlockHead));
+#else
+    (void)block;
+#endif
+}
 
-void *Take(size_t size)
+void *Taken(void *block)
+{
+#ifdef BLOCK_POOL_POISONS
+    if (block != nullptr) {
+        ASAN_UNPOISON_MEMORY_REGION(static_cast<char *>(block) + sizeof(BlockHead),
+                                    BlockSize(block) - sizeof(BlockHead));
+    }
+#endif
+    return block;
+}
+
+void *TakeBlock(size_t size)
 {
     const int found = ClassOf(size);
     if (found < 0) {
@@ -247,8 +279,16 @@ void *Take(size_t size)
     return block;
 }
 
+}  // namespace
+
+void *Take(size_t size)
+{
+    return Taken(TakeBlock(size));
+}
+
 void Give(void *block)
 {
+    PoisonFree(block);
     const size_t sizeClass = SlabOf(block)->sizeClass;
     Cache &cache = t_cache;
     if (cache.closed) {

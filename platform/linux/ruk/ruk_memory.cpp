@@ -132,21 +132,12 @@ Site *SiteOf(Memory &mem, uint32_t handle, const char *file, uint32_t line)
     return site.get();
 }
 
-// Memory of a block's user part that must not be touched until handed out.
+// Memory of a block's user part beyond what was asked for (the pool
+// poisons and unpoisons the rest as blocks go back and out).
 void Poison(void *user, size_t size)
 {
 #ifdef RUK_POISONS
     ASAN_POISON_MEMORY_REGION(user, size);
-#else
-    (void)user;
-    (void)size;
-#endif
-}
-
-void Unpoison(void *user, size_t size)
-{
-#ifdef RUK_POISONS
-    ASAN_UNPOISON_MEMORY_REGION(user, size);
 #else
     (void)user;
     (void)size;
@@ -235,7 +226,6 @@ void *RUK_MemAlloc_F(uint32_t handle, uint32_t ptNo, size_t size, const char *fi
     void *user = static_cast<void *>(header + 1);
     if (pooled) {
         const size_t room = pool::BlockSize(raw) - sizeof(BlockHeader);
-        Unpoison(user, room);
         Poison(static_cast<char *>(user) + (total - sizeof(BlockHeader)), room - (total - sizeof(BlockHeader)));
     } else {
         new (&header->state) std::atomic<uint32_t>(0);
@@ -293,7 +283,6 @@ uint32_t RUK_MemFree_F(uint32_t handle, void *ptr, const char *file, uint32_t li
     site->blocks.fetch_sub(1, std::memory_order_relaxed);
     site->bytes.fetch_sub(size, std::memory_order_relaxed);
     if (block != nullptr) {
-        Poison(ptr, pool::BlockSize(block) - sizeof(BlockHeader));
         pool::Give(block);
         return RUK_OK;
     }

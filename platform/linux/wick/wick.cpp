@@ -53,17 +53,6 @@
 #include "platform/control.h"
 #include "wick.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-#define WICK_POISONS 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define WICK_POISONS 1
-#endif
-#endif
-#ifdef WICK_POISONS
-#include <sanitizer/asan_interface.h>
-#endif
-
 namespace {
 
 namespace pool = platform::internal::block_pool;
@@ -172,26 +161,6 @@ Site *SiteFor(BufferRegistry &reg, const char *file, uint32_t line)
     }
 }
 
-void Poison(void *p, size_t n)
-{
-#ifdef WICK_POISONS
-    ASAN_POISON_MEMORY_REGION(p, n);
-#else
-    (void)p;
-    (void)n;
-#endif
-}
-
-void Unpoison(void *p, size_t n)
-{
-#ifdef WICK_POISONS
-    ASAN_UNPOISON_MEMORY_REGION(p, n);
-#else
-    (void)p;
-    (void)n;
-#endif
-}
-
 // Heap buffers (beyond the pool's largest block), which the pool cannot
 // tell from foreign memory: listed here.
 struct HeapBuffers {
@@ -221,9 +190,7 @@ FpcMbuf *NewBuffer(uint32_t bufLen, const char *file, uint32_t line)
     }
     auto *head = static_cast<BufferHead *>(block);
     auto *m = reinterpret_cast<FpcMbuf *>(head + 1);
-    if (pooled) {
-        Unpoison(m, total - sizeof(BufferHead));
-    } else {
+    if (!pooled) {
         new (block) BufferHead{};
         try {
             HeapBuffers &heap = Heap();
@@ -292,7 +259,6 @@ void FreeBuffer(FpcMbuf *m, const char *file, uint32_t line)
     Buffers().live.fetch_sub(1, std::memory_order_relaxed);
     const size_t total = sizeof(BufferHead) + sizeof(FpcMbuf) + size_t{m->bufLen};
     if (total <= pool::kMaxBlock) {
-        Poison(m, total - sizeof(BufferHead));
         pool::Give(head);
         return;
     }

@@ -13,6 +13,7 @@
 #include "db.h"
 #include "platform/control.h"
 #include "platform/world.hpp"
+#include "ruk.h"
 
 namespace {
 
@@ -347,4 +348,56 @@ TEST(DbTables, ReadersNeverSeeAHalfWrittenTableWhileItChanges)
     stop = true;
     writer.join();
     EXPECT_EQ(oddA + oddB, 0U);
+}
+
+TEST(DbTables, ObjectsMadeInMemoryTheMemoryServiceGaveBackAreWhole)
+{
+    // The memory service and the database share one pool of blocks: blocks
+    // of every size a module freed are the next ones the database's objects
+    // (more than it keeps aside for reuse) are made in. Under
+    // AddressSanitizer a freed block stays poisoned until the pool hands it
+    // out again, whoever takes it.
+    platform::world::Reset();
+    platform::IfRecord port = Port("GigabitEthernet0/0/7", 11, 1, 2, 7);
+    port.l2TrunkId = 4;
+    platform::world::IfPut(port);
+    uint32_t h = 0;
+    uint32_t pt = 0;
+    ASSERT_EQ(RUK_HandleInitialize("reuse", &h), RUK_OK);
+    ASSERT_EQ(RUK_MemPtNoGet("EXTPT", &pt), RUK_OK);
+    std::vector<void *> blocks;
+    for (size_t size = 1; size <= 16384; size += 8) {
+        void *p = RUK_MemAlloc_F(h, pt, size, "reuse.c", 1);
+        ASSERT_NE(p, nullptr);
+        std::memset(p, 0xA5, size);
+        blocks.push_back(p);
+    }
+    for (void *p : blocks) {
+        ASSERT_EQ(RUK_MemFree_F(h, p, "reuse.c", 2), RUK_OK);
+    }
+
+    std::vector<DB_OBJ_S *> objs;
+    for (int i = 0; i < 48; i++) {
+        DB_OBJ_S *obj = nullptr;
+        ASSERT_EQ(db_create_if_object(&obj), DB_OK);
+        objs.push_back(obj);
+        ASSERT_EQ(db_set_if_ifindex(obj, 11), DB_OK);
+        ASSERT_EQ(db_read_if_object(obj), DB_OK);
+        DB_OBJ_S *dev = nullptr;
+        DB_OBJ_S *l2 = nullptr;
+        ASSERT_EQ(db_create_child_node(obj, "dev", &dev), DB_OK);
+        ASSERT_EQ(db_create_child_node(obj, "l2", &l2), DB_OK);
+        uint32_t v = 0;
+        uint16_t num = 0;
+        EXPECT_EQ(db_get_if_dev_port_num(dev, &num), DB_OK);
+        EXPECT_EQ(num, 7);
+        EXPECT_EQ(db_get_if_l2_trunk_id(l2, &v), DB_OK);
+        EXPECT_EQ(v, 4U);
+        char name[32] = {};
+        EXPECT_EQ(db_get_if_name(obj, name, sizeof(name)), DB_OK);
+        EXPECT_STREQ(name, "GigabitEthernet0/0/7");
+    }
+    for (DB_OBJ_S *obj : objs) {
+        EXPECT_EQ(db_release_if_object(obj), DB_OK);
+    }
 }
