@@ -36,6 +36,8 @@ public:
         return {rate_.load(std::memory_order_relaxed), burst_.load(std::memory_order_relaxed)};
     }
 
+    bool Limits() const { return interval_.load(std::memory_order_relaxed) != 0; }
+
     // Whether a frame at nowNs (a monotonic clock) conforms; it is counted
     // against the bucket when it does.
     bool Take(uint64_t nowNs)
