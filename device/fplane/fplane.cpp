@@ -441,12 +441,14 @@ void ForwardingPlane::Punt(Ingress &in, std::optional<uint32_t> learnt)
     head.egrIfindex = learnt.value_or(kNoPort);
     head.igrIfindex = in.port->ifIndex;
     const std::span<const uint8_t> message = in.WithHead(head);
+    // Into the table before the agent can answer, so that what it sends back
+    // for this frame finds the entry.
+    subscribers_->Punted(in.port->ifIndex, in.frame);
     if (WICK_ChannelPut(kPuntChannel, message.data(), static_cast<uint32_t>(message.size())) != 0) {
         in.port->block->Add(Counter::Dropped);
         return;
     }
     in.port->block->Add(Counter::Punted);
-    subscribers_->Punted(in.port->ifIndex, in.frame);
 }
 
 // Whether a discovery frame from port may go to the agent: within the

@@ -4,8 +4,8 @@
 // VLANs, the access concentrator it chose, the session id of the PADS and
 // the Circuit ID and Remote ID sent up on its behalf.
 //
-// A client is one (MAC, outer VLAN, inner VLAN). PADI and PADR punted from
-// a port create or refresh its entry there; PADO and PADS (either way)
+// A client is one (MAC, outer VLAN, inner VLAN). PADI and PADR on their way
+// from a port to the agent create or refresh its entry there; PADO and PADS (either way)
 // refresh only an entry that exists; the agent's PADI and PADR towards the
 // concentrator give the Circuit ID and Remote ID; a PADT from either side
 // removes the entry. Frames from or to group MACs are ignored.
@@ -46,7 +46,7 @@ public:
     bool Enabled() const { return capacity_ != 0; }
 
     // A discovery frame in the plane's internal form (its VLAN as the
-    // outer tag) that entered port ifIndex and went to the agent.
+    // outer tag) that entered port ifIndex, on its way to the agent.
     void Punted(uint32_t ifIndex, std::span<const uint8_t> frame);
     // A discovery frame the agent sent out of port ifIndex.
     void Sent(uint32_t ifIndex, std::span<const uint8_t> frame);
