@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <tuple>
 
+#include "hash_mix.hpp"
+
 namespace device::fplane {
 
 namespace {
@@ -138,16 +140,6 @@ uint64_t KeyOf(const Mac &mac, uint16_t vlan, uint16_t innerVlan)
         key = key << 8 | byte;
     }
     return key << 24 | uint64_t{vlan} << 12 | innerVlan;
-}
-
-uint64_t Mix(uint64_t k)
-{
-    k ^= k >> 33;
-    k *= 0xff51afd7ed558ccdULL;
-    k ^= k >> 33;
-    k *= 0xc4ceb9fe1a85ec53ULL;
-    k ^= k >> 33;
-    return k;
 }
 
 // Clocks cheap enough for every discovery frame: wall time for what the
