@@ -647,10 +647,10 @@ TEST_F(OperatorViewTest, PolicingCountsAddUpAndAFloodingPortLeavesOthersTheirRat
             plane_->Receive(5, padi);
         }
     });
-    flood.join();
     for (uint32_t i = 0; i < 10; i++) {
-        plane_->Receive(7, PadiFrom(Client(100 + i)));
+        plane_->Receive(7, PadiFrom(Client(100 + i)));   // while the flood runs
     }
+    flood.join();
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
     const auto flooded = plane_->Counters(5);
     const auto other = plane_->Counters(7);
