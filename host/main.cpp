@@ -95,6 +95,24 @@ bool ChangeToOwnFolder()
     return chdir(dir.c_str()) == 0;
 }
 
+// The switch's own libraries that the agent opens by bare name. They are
+// loaded from the host's ../lib first, so that the agent's dlopen finds the
+// library already loaded by its name whatever the run path of the caller
+// (a sanitizer's dlopen interceptor calls from its own library, whose run
+// path does not hold our lib/). No environment variable is needed.
+constexpr const char *kPreloadedLibraries[] = {"../lib/libydbc.so"};
+
+bool PreloadSwitchLibraries()
+{
+    for (const char *path : kPreloadedLibraries) {
+        if (dlopen(path, RTLD_NOW | RTLD_GLOBAL) == nullptr) {
+            std::fprintf(stderr, "pppoe-plus-switch: cannot load %s: %s\n", path, dlerror());
+            return false;
+        }
+    }
+    return true;
+}
+
 // The board's HA role and the master board, as the topology gives them.
 struct HaPlan {
     uint32_t role = plat::ha::kRoleMaster;
@@ -296,6 +314,9 @@ int main(int argc, char **argv)
         return 1;
     }
 
+    if (!PreloadSwitchLibraries()) {
+        return 1;
+    }
     void *module = dlopen("../lib/libpppoe_plus_frame.so", RTLD_NOW | RTLD_GLOBAL);
     if (module == nullptr) {
         std::fprintf(stderr, "pppoe-plus-switch: cannot load the agent: %s\n", dlerror());

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -27,7 +28,8 @@ struct ProgramRun {
 
 // Starts exe with args (in cwd when given), its standard output and error
 // into a pipe: the child's pid and the pipe's read end; -1 and -1 when the
-// pipe cannot be made.
+// pipe cannot be made. The program runs as a user starts it: without the
+// loader variables a developer's shell may carry.
 inline std::pair<pid_t, int> Spawn(const std::string &exe, std::vector<std::string> args, const char *cwd = nullptr)
 {
     int fds[2];
@@ -39,6 +41,8 @@ inline std::pair<pid_t, int> Spawn(const std::string &exe, std::vector<std::stri
         if (cwd != nullptr && chdir(cwd) != 0) {
             _exit(126);
         }
+        unsetenv("LD_LIBRARY_PATH");
+        unsetenv("LD_PRELOAD");
         dup2(fds[1], STDOUT_FILENO);
         dup2(fds[1], STDERR_FILENO);
         close(fds[0]);
