@@ -397,6 +397,7 @@ int main(int argc, char **argv)
     const uint32_t exitRet = mainExit();
     std::printf("pppoe-plus-switch: agent exit returned %u\n", exitRet);
     PLAT_LogWrite(PLAT_LOG_PLATFORM, "[fwm] state: %s", plat::fwm::describe(plat::fwm::state()).c_str());
+    PLAT_AssertFlushReports();
     ReportLeaks();
     (void)PLAT_LogSetFile(nullptr, 0);  // writes what is pending
     std::fflush(stdout);
