@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <string>
 
+#include "fuzz_support.hpp"
 #include "plat_control.h"
 #include "plat_world.hpp"
 #include "pppoe_plus_log.h"
@@ -14,16 +15,11 @@
 #include "pppoe_plus_tlv.h"
 #include "pppoe_plus_udfchk.h"
 
+using pplus_fuzz::Require;
+
 namespace {
 
 UserInfo g_info = {};
-
-void Require(bool holds)
-{
-    if (!holds) {
-        __builtin_trap();
-    }
-}
 
 void ReadyModule()
 {
