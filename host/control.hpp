@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <string>
 
 namespace pplus_host {
@@ -34,24 +33,5 @@ struct ControlHooks {
 // Runs one command line against the world model and the forwarding
 // manager; returns the reply as ControlRequest hands it back.
 std::string RunControlCommand(const std::string &line, const ControlHooks &hooks);
-
-// Serves the control socket on a thread of its own.
-class ControlServer {
-public:
-    ControlServer();
-    ~ControlServer();
-    ControlServer(const ControlServer &) = delete;
-    ControlServer &operator=(const ControlServer &) = delete;
-
-    // Listens at path (a stale socket file there is replaced); false with
-    // *error when the socket cannot be set up.
-    bool Start(const std::string &path, const ControlHooks &hooks, std::string *error);
-    // Stops serving and removes the socket file.
-    void Stop();
-
-private:
-    struct State;
-    std::unique_ptr<State> state_;
-};
 
 }  // namespace pplus_host

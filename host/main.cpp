@@ -24,6 +24,7 @@
 #pragma GCC diagnostic pop
 
 #include "control.hpp"
+#include "control_server.hpp"
 #include "datastore.hpp"
 #include "devm.h"
 #include "example_topology.hpp"
