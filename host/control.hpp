@@ -14,9 +14,10 @@ namespace pplus_host {
 // $XDG_RUNTIME_DIR/pppoe-plus-switch.sock, or under /tmp without it.
 std::string DefaultControlPath();
 
-// Sends one command line and reads the whole reply. The reply's first line
-// is "ok" or "error: <why>", further lines are the command's output. False,
-// with *error set, when the host cannot be reached.
+// Sends one command line and reads the whole reply (waiting up to 10 s,
+// or as long as a "port replay" takes). The reply's first line is "ok" or
+// "error: <why>", further lines are the command's output. False, with
+// *error set, when the host cannot be reached.
 bool ControlRequest(const std::string &path, const std::string &line, std::string *reply, std::string *error);
 
 // What the control socket asks of the rest of the host.

@@ -7,6 +7,7 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cerrno>
 #include <climits>
@@ -219,6 +220,23 @@ bool WaitAgentReady(unsigned timeoutSec)
            PLAT_TaskWaitUntilWaiting("PPPoE_Plus_Main", "FPC_EventRead", remainingMs()) != 0;
 }
 
+// Waits for SIGINT or SIGTERM, or until done() holds (looked at every
+// 100 ms); what stopped the switch ("" when done).
+template <typename Done>
+std::string WaitForStop(const sigset_t &signals, Done done)
+{
+    constexpr timespec kLook{0, 100 * 1000 * 1000};
+    for (;;) {
+        const int sig = sigtimedwait(&signals, nullptr, &kLook);
+        if (sig == SIGINT || sig == SIGTERM) {
+            return std::string(sig == SIGINT ? "SIGINT" : "SIGTERM") + " received, stopping";
+        }
+        if (done()) {
+            return "";
+        }
+    }
+}
+
 }  // namespace
 
 int main(int argc, char **argv)
@@ -375,23 +393,39 @@ int main(int argc, char **argv)
         std::printf("pppoe-plus-switch: control socket %s\n", opts.controlPath.c_str());
         std::fflush(stdout);
     }
+    // The inputs replay on a thread of their own, so that a signal stops
+    // the switch (and the replay) at any time.
+    std::atomic<bool> replayDone{!ports.HasInputs()};
+    std::thread replayer;
     if (ports.HasInputs()) {
-        if (!ports.Replay()) {
-            Say("the forwarding plane did not become idle after the replay");
-        }
-        ports.PrintSummary();
+        replayer = std::thread([&ports, &replayDone]() {
+            const host::ReplayResult result = ports.Replay();
+            Say(result.Describe().c_str());
+            if (!result.idle && !result.stopped) {
+                Say("the forwarding plane did not become idle after the replay");
+            }
+            ports.PrintSummary();
+            replayDone = true;
+        });
     }
-
-    if (ports.HasInputs() && opts.runForSec == 0 && !opts.stay) {
-        // Replayed: done.
-    } else if (opts.runForSec == 0) {
-        int sig = 0;
-        sigwait(&stopSignals, &sig);
-        std::printf("pppoe-plus-switch: %s received, stopping\n", sig == SIGINT ? "SIGINT" : "SIGTERM");
-    } else {
-        timespec wait{static_cast<time_t>(opts.runForSec), 0};
-        const int sig = sigtimedwait(&stopSignals, nullptr, &wait);
-        std::printf("pppoe-plus-switch: %s, stopping\n", sig > 0 ? "signal received" : "run time over");
+    // Replayed and nothing more asked: done. Otherwise until a signal or
+    // the end of --run-for.
+    const bool endsWithReplay = ports.HasInputs() && opts.runForSec == 0 && !opts.stay;
+    const auto runUntil = std::chrono::steady_clock::now() + std::chrono::seconds(opts.runForSec);
+    const std::string stopReason = WaitForStop(stopSignals, [&]() {
+        if (endsWithReplay) {
+            return replayDone.load();
+        }
+        return opts.runForSec != 0 && std::chrono::steady_clock::now() >= runUntil;
+    });
+    if (!stopReason.empty()) {
+        Say(stopReason.c_str());
+    } else if (!endsWithReplay) {
+        Say("run time over, stopping");
+    }
+    ports.StopReplays();
+    if (replayer.joinable()) {
+        replayer.join();
     }
     control.Stop();
     ports.Close();

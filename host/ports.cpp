@@ -17,9 +17,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The agent's receive thread: idle while it waits for frames.
-constexpr const char *kAgentRxThread = "thread/dpx2ppplus";
-
 // PORT=FILE, PORT a name or an ifIndex.
 bool SplitBinding(const std::string &binding, const char *option, uint32_t *ifIndex, std::string *path,
                   std::string *error)
@@ -47,6 +44,7 @@ void AddPortOptions(CLI::App &app, PortOptions &opts)
     app.add_option("--in", opts.inputs, "Replay FILE.pcap into PORT (PORT=FILE.pcap, PORT a name or ifIndex)");
     app.add_option("--out", opts.outputs, "Capture what leaves PORT into FILE.pcap (PORT=FILE.pcap)");
     app.add_option("--capture-dir", opts.captureDir, "Capture every other port that sends into DIR/<port-name>.pcap");
+    AddReplayOptions(app, opts.pace);
 }
 
 void MakePathsAbsolute(PortOptions &opts)
@@ -88,13 +86,22 @@ bool HostPorts::Open(const PortOptions &opts, std::string *error)
         return false;
     }
     plane_ = std::make_unique<plat::fplane::ForwardingPlane>(capture_);
+    pace_ = opts.pace;
+    replayer_ = std::make_unique<Replayer>(*plane_);
     return true;
 }
 
-bool HostPorts::Replay()
+ReplayResult HostPorts::Replay()
 {
-    const std::lock_guard<std::mutex> lock(replayLock_);
-    return Run(replay_);
+    const std::lock_guard<std::timed_mutex> lock(replayLock_);
+    return replayer_->Run(replay_.Merged(), pace_);
+}
+
+void HostPorts::StopReplays()
+{
+    if (replayer_) {
+        replayer_->Stop();
+    }
 }
 
 bool HostPorts::ReplayMore(const std::string &binding, std::string *output)
@@ -105,48 +112,33 @@ bool HostPorts::ReplayMore(const std::string &binding, std::string *output)
     if (!SplitBinding(binding, "replay", &ifIndex, &path, output) || !more.Add(ifIndex, path, output)) {
         return false;
     }
-    const std::lock_guard<std::mutex> lock(replayLock_);
-    if (!Run(more)) {
+    // One replay at a time, in the order asked; none once the host stops.
+    std::unique_lock<std::timed_mutex> lock(replayLock_, std::defer_lock);
+    while (!lock.try_lock_for(50ms)) {
+        if (replayer_->Stopping()) {
+            break;
+        }
+    }
+    if (replayer_->Stopping()) {
+        *output = "the switch is stopping";
+        return false;
+    }
+    ReplayPace once = pace_;
+    once.loops = 1;
+    const ReplayResult result = replayer_->Run(more.Merged(), once);
+    if (!result.idle) {
         *output = "the forwarding plane did not become idle after the replay";
         return false;
     }
     const auto c = plane_->AllCounters();
     std::ostringstream out;
-    out << "replayed " << more.Size() << " frame(s) into " << plat::fplane::PortName(ifIndex);
+    out << result.Describe() << " into " << plat::fplane::PortName(ifIndex);
     for (const auto &[port, counters] : c) {
         out << "\nport " << plat::fplane::PortName(port) << " (" << port << "): rx " << counters.rx << " tx "
             << counters.tx << " punted " << counters.punted << " dropped " << counters.dropped;
     }
     *output = out.str();
     return true;
-}
-
-bool HostPorts::Run(const plat::fplane::PcapReplay &replay)
-{
-    // Idle: nothing in the channels, nothing handled for a while, and the
-    // agent's receive thread back in its wait.
-    const auto settled = [this](std::chrono::milliseconds quiet, std::chrono::milliseconds timeout) {
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (std::chrono::steady_clock::now() < deadline) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now());
-            if (plane_->WaitIdle(quiet, left) && WICK_ThreadIsWaiting(kAgentRxThread) != 0 &&
-                plane_->WaitIdle(quiet, quiet * 4)) {
-                return true;
-            }
-            std::this_thread::sleep_for(5ms);
-        }
-        return false;
-    };
-    // Each frame goes in once the previous one has been handled, so that
-    // answers follow the requests they answer; once the plane stalls, the
-    // rest go in without waiting.
-    bool ok = true;
-    replay.Run([&](const plat::fplane::ReplayFrame &frame) {
-        plane_->Receive(frame.ifIndex, frame.bytes);
-        ok = ok && settled(20ms, 2s);
-    });
-    return settled(200ms, ok ? 10s : 2s) && ok;
 }
 
 void HostPorts::PrintSummary() const
@@ -172,6 +164,13 @@ void HostPorts::PrintSummary() const
 
 void HostPorts::Close()
 {
+    // Frames a stopped replay left in the channels are handled first, so
+    // that the exit report counts no frame buffer still on its way.
+    constexpr auto kDrainQuiet = 20ms;
+    constexpr auto kDrainLimit = 1s;
+    if (plane_) {
+        (void)plane_->WaitIdle(kDrainQuiet, kDrainLimit);
+    }
     plane_.reset();
     capture_.Close();
 }

@@ -15,6 +15,7 @@
 #pragma GCC diagnostic pop
 
 #include "plat_fplane.hpp"
+#include "replay.hpp"
 
 namespace host {
 
@@ -22,9 +23,10 @@ struct PortOptions {
     std::vector<std::string> inputs;    // PORT=FILE.pcap
     std::vector<std::string> outputs;   // PORT=FILE.pcap
     std::string captureDir;
+    ReplayPace pace;
 };
 
-// --in, --out, --capture-dir.
+// --in, --out, --capture-dir and the replay's pace.
 void AddPortOptions(CLI::App &app, PortOptions &opts);
 // Paths on the command line are relative to where the host was started;
 // call before the host changes folder.
@@ -37,22 +39,25 @@ public:
     // the plane; false and a message when anything is wrong.
     bool Open(const PortOptions &opts, std::string *error);
     bool HasInputs() const { return hasInputs_; }
-    // Replays the inputs into their ports, each frame once the previous one
-    // has been handled, then waits until the plane and the agent are idle.
-    // false when they did not become idle in time.
-    bool Replay();
-    // Replays one more file into a port while the host runs ("PORT=FILE");
-    // false with the reason in *output, else the port counters after it.
+    // Replays the inputs into their ports at the pace of the options, then
+    // waits until the plane and the agent are idle.
+    ReplayResult Replay();
+    // Replays one more file into a port while the host runs ("PORT=FILE"),
+    // once, at the same pace; false with the reason in *output, else the
+    // port counters after it.
     bool ReplayMore(const std::string &binding, std::string *output);
+    // Ends the running replay and refuses later ones (the host is stopping).
+    void StopReplays();
     // Per-port counters and the files written.
     void PrintSummary() const;
-    // Stops the plane and closes the captures.
+    // Lets the plane and the agent finish the frames under way (up to a
+    // second), stops the plane and closes the captures.
     void Close();
 
 private:
-    bool Run(const plat::fplane::PcapReplay &replay);
-
-    std::mutex replayLock_;
+    std::timed_mutex replayLock_;
+    ReplayPace pace_;
+    std::unique_ptr<Replayer> replayer_;
     plat::fplane::PcapReplay replay_;
     plat::fplane::PcapCapture capture_;
     std::unique_ptr<plat::fplane::ForwardingPlane> plane_;
