@@ -9,18 +9,24 @@
 //   ha start-work <role> | ha new-backup <chassis> <board> | ha backup-removed |
 //   ha promote | ha demote | ha master <chassis> <board> | ha show
 //   port replay <PORT>=<FILE.pcap>
+//   stats
 //
 // The agent itself is configured through the datastore, not through here.
 
+#include <unistd.h>
+
 #include <charconv>
+#include <cstdio>
 #include <optional>
 #include <sstream>
 #include <vector>
 
 #include "control.hpp"
+#include "plat_control.h"
 #include "plat_fwm.hpp"
 #include "plat_ha.hpp"
 #include "plat_world.hpp"
+#include "wick.h"
 
 namespace pplus_host {
 
@@ -240,6 +246,25 @@ std::string HaCommand(const std::vector<std::string> &w, const ControlHooks &age
     return Error(usage);
 }
 
+// The switch's memory, one "name value" per line for programs (the soak)
+// to read: resident size, the agent's outstanding allocations and bytes,
+// frame buffers not yet freed.
+std::string StatsCommand()
+{
+    long pages = 0;
+    long resident = 0;
+    if (std::FILE *statm = std::fopen("/proc/self/statm", "r")) {
+        if (std::fscanf(statm, "%ld %ld", &pages, &resident) != 2) {
+            resident = 0;
+        }
+        std::fclose(statm);
+    }
+    std::ostringstream out;
+    out << "rss-kb " << resident * (sysconf(_SC_PAGESIZE) / 1024) << "\nallocations " << PLAT_MemOutstanding()
+        << "\nallocated-bytes " << PLAT_MemOutstandingBytes() << "\nframe-buffers " << WICK_MbufOutstanding();
+    return Ok(out.str());
+}
+
 }  // namespace
 
 std::string RunControlCommand(const std::string &line, const ControlHooks &hooks)
@@ -257,6 +282,9 @@ std::string RunControlCommand(const std::string &line, const ControlHooks &hooks
     if (w[0] == "fwm" && w.size() == 1) {
         return Ok(plat::fwm::describe(plat::fwm::state()));
     }
+    if (w[0] == "stats" && w.size() == 1) {
+        return StatsCommand();
+    }
     if (w[0] == "port" && w.size() == 3 && w[1] == "replay") {
         if (!hooks.replay) {
             return Error("this host has no ports to replay into");
@@ -267,7 +295,7 @@ std::string RunControlCommand(const std::string &line, const ControlHooks &hooks
     if (w[0] == "ha") {
         return HaCommand(w, hooks);
     }
-    return Error("unknown command \"" + line + "\" (commands: if, board, fwm, ha, port replay)");
+    return Error("unknown command \"" + line + "\" (commands: if, board, fwm, ha, port replay, stats)");
 }
 
 }  // namespace pplus_host

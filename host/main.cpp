@@ -41,6 +41,7 @@ namespace {
 struct Options {
     std::string topologyFile;
     bool verbose = false;
+    bool quiet = false;
     unsigned devmDelayMs = 0;
     unsigned readyTimeoutSec = 60;
     unsigned runForSec = 0;
@@ -68,10 +69,17 @@ const char *KindName(uint32_t kind)
     }
 }
 
+// What the log printer shows.
+struct PrintFilter {
+    bool verbose = false;  // debug lines too
+    bool quiet = false;    // neither system-log lines nor diagnostic records
+};
+
 void PrintLine(uint32_t kind, const char *line, void *arg)
 {
-    const bool verbose = *static_cast<const bool *>(arg);
-    if (kind == PLAT_LOG_DEBUG && !verbose) {
+    const auto *filter = static_cast<const PrintFilter *>(arg);
+    if ((kind == PLAT_LOG_DEBUG && !filter->verbose) ||
+        (filter->quiet && (kind == PLAT_LOG_SYSLOG || kind == PLAT_LOG_DIAG))) {
         return;
     }
     std::printf("[%s] %s\n", KindName(kind), line);
@@ -246,6 +254,8 @@ int main(int argc, char **argv)
     app.add_option("-t,--topology", opts.topologyFile, "Topology file (YAML); default: the bundled example")
         ->check(CLI::ExistingFile);
     app.add_flag("-v,--verbose", opts.verbose, "Show debug lines and switch every debug level on");
+    app.add_flag("-q,--quiet", opts.quiet,
+                 "Show neither system-log lines nor diagnostic records (--log-file still gets them)");
     app.add_option("--devm-delay-ms", opts.devmDelayMs, "Keep the device database unready for this long");
     app.add_option("--ready-timeout", opts.readyTimeoutSec, "Seconds to wait for the agent to become ready");
     app.add_option("--run-for", opts.runForSec, "Stop after this many seconds (0: run until SIGINT/SIGTERM)");
@@ -272,7 +282,9 @@ int main(int argc, char **argv)
     sigaddset(&stopSignals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
-    PLAT_LogSetPrinter(PrintLine, &opts.verbose);
+    static PrintFilter filter;
+    filter = {opts.verbose, opts.quiet};
+    PLAT_LogSetPrinter(PrintLine, &filter);
     // The host reads no call counts: operations skip the counting.
     PLAT_CallCountEnable(0);
     if (!opts.logFile.empty() && PLAT_LogSetFile(opts.logFile.c_str(), kLogFileRotateBytes) != 0) {
