@@ -21,8 +21,8 @@
 #include <string>
 #include <vector>
 
-#include "plat_control.h"
-#include "plat_world.hpp"
+#include "platform/control.h"
+#include "device/world.hpp"
 #include "pppoe_frame.hpp"
 #include "pppoe_plus_cfg.h"
 #include "pppoe_plus_fpc.h"
@@ -57,27 +57,27 @@ constexpr uint64_t kLogFileRotateBytes = 64ULL * 1024 * 1024;  // as the host's 
 void BuildWorld()
 {
     std::string error;
-    auto topology = plat::load_topology_file(PPLUS_SOURCE_DIR "/examples/topology.yaml", &error);
+    auto topology = device::world::LoadTopologyFile(PPLUS_SOURCE_DIR "/examples/topology.yaml", &error);
     if (!topology) {
         Die(error.c_str());
     }
-    plat::world::apply_topology(*topology);
+    platform::world::ApplyTopology(*topology);
     for (uint32_t i = 0; i < kFloodUplinks; i++) {
-        plat::IfRecord uplink;
+        platform::IfRecord uplink;
         uplink.name = "XGigabitEthernet0/1/" + std::to_string(i + 1);
         uplink.ifIndex = kFloodUplinkBase + i;
         uplink.card = 1;
         uplink.slot = 1;
         uplink.port = static_cast<uint16_t>(i + 1);
         uplink.trunkMode = true;
-        plat::world::if_put(uplink);
-        plat::world::port_vlan_set(uplink.ifIndex, kFloodVlan, true);
+        platform::world::IfPut(uplink);
+        platform::world::PortVlanSet(uplink.ifIndex, kFloodVlan, true);
     }
-    plat::FrmInstRecord rec;
+    platform::FrmInstRecord rec;
     rec.localSlot = 1;
     rec.modState = 12;
-    plat::world::frm_inst_put(rec);
-    plat::world::set_devm_ready(true);
+    platform::world::FrmInstPut(rec);
+    platform::world::SetDevmReady(true);
 }
 
 void StartModule()

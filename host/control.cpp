@@ -22,13 +22,13 @@
 #include <vector>
 
 #include "control.hpp"
-#include "plat_control.h"
-#include "plat_fwm.hpp"
-#include "plat_ha.hpp"
-#include "plat_world.hpp"
+#include "device/fwm.hpp"
+#include "device/ha.hpp"
+#include "platform/control.h"
+#include "platform/world.hpp"
 #include "wick.h"
 
-namespace pplus_host {
+namespace host {
 
 namespace {
 
@@ -64,14 +64,14 @@ std::string Error(const std::string &why)
 }
 
 // An interface named by its name or its ifIndex.
-std::optional<plat::IfRecord> FindInterface(const std::string &port)
+std::optional<platform::IfRecord> FindInterface(const std::string &port)
 {
     if (const auto ifIndex = Number(port)) {
-        if (auto found = plat::world::if_find(*ifIndex)) {
+        if (auto found = platform::world::IfFind(*ifIndex)) {
             return found;
         }
     }
-    for (const plat::IfRecord &rec : plat::world::if_records()) {
+    for (const platform::IfRecord &rec : platform::world::IfRecords()) {
         if (rec.name == port) {
             return rec;
         }
@@ -79,7 +79,7 @@ std::optional<plat::IfRecord> FindInterface(const std::string &port)
     return std::nullopt;
 }
 
-std::string Describe(const plat::IfRecord &rec)
+std::string Describe(const platform::IfRecord &rec)
 {
     return "interface " + rec.name + " (ifIndex " + std::to_string(rec.ifIndex) + ")";
 }
@@ -89,7 +89,7 @@ std::string InterfaceCommand(const std::vector<std::string> &w)
     if (w.size() == 2 && w[1] == "list") {
         std::ostringstream out;
         out << "ifIndex  on-board  name";
-        for (const plat::IfRecord &rec : plat::world::if_records()) {
+        for (const platform::IfRecord &rec : platform::world::IfRecords()) {
             out << "\n" << rec.ifIndex << "  " << (rec.onBoard ? "yes" : "no") << "  " << rec.name;
         }
         return Ok(out.str());
@@ -102,7 +102,7 @@ std::string InterfaceCommand(const std::vector<std::string> &w)
         return Error("no interface named or numbered " + w[2]);
     }
     const bool onBoard = w[1] == "on";
-    if (!plat::world::if_set_on_board(rec->ifIndex, onBoard)) {
+    if (!platform::world::IfSetOnBoard(rec->ifIndex, onBoard)) {
         return Error(Describe(*rec) + " disappeared");
     }
     return Ok(Describe(*rec) + (onBoard ? " is on board" : " is off board"));
@@ -110,16 +110,16 @@ std::string InterfaceCommand(const std::vector<std::string> &w)
 
 std::string BoardCommand(const std::vector<std::string> &w)
 {
-    const uint32_t chassisId = plat::world::identity().chassisId;
+    const uint32_t chassisId = platform::world::Identity().chassisId;
     if (w.size() == 2 && w[1] == "list") {
         std::ostringstream out;
         out << "chassis  slot  state";
-        for (const plat::BoardRecord &rec : plat::world::board_records()) {
+        for (const platform::BoardRecord &rec : platform::world::BoardRecords()) {
             out << "\n" << rec.chassisId << "  " << rec.slotId << "  ";
             if (!rec.registerStatus) {
                 out << "unknown";
             } else {
-                out << (*rec.registerStatus == plat::kBoardRegistered ? "registered" : "unregistered");
+                out << (*rec.registerStatus == platform::kBoardRegistered ? "registered" : "unregistered");
             }
         }
         return Ok(out.str());
@@ -132,11 +132,11 @@ std::string BoardCommand(const std::vector<std::string> &w)
         return Error("not a slot number: " + w[2]);
     }
     const bool registered = w[1] == "register";
-    plat::BoardRecord rec;
+    platform::BoardRecord rec;
     rec.chassisId = chassisId;
     rec.slotId = *slot;
-    rec.registerStatus = registered ? plat::kBoardRegistered : plat::kBoardUnregistered;
-    plat::world::board_put(rec);
+    rec.registerStatus = registered ? platform::kBoardRegistered : platform::kBoardUnregistered;
+    platform::world::BoardPut(rec);
     return Ok("board " + std::to_string(*slot) + " of chassis " + std::to_string(chassisId) +
               (registered ? " is registered" : " is unregistered"));
 }
@@ -161,12 +161,12 @@ std::string Dotted(uint32_t ip)
 }
 
 // Waits for the event's delivery and says who was called and what each returned.
-std::string Delivered(const std::string &what, plat::ha::Seq seq)
+std::string Delivered(const std::string &what, device::ha::Seq seq)
 {
-    if (!plat::ha::wait_delivered(seq, kHaDeliveryWaitMs)) {
+    if (!device::ha::WaitDelivered(seq, kHaDeliveryWaitMs)) {
         return Error(what + " queued as event " + std::to_string(seq) + " but not delivered in time");
     }
-    const auto d = plat::ha::delivery(seq);
+    const auto d = device::ha::GetDelivery(seq);
     std::ostringstream out;
     out << what << " delivered";
     if (!d || d->names.empty()) {
@@ -196,15 +196,15 @@ std::string HaShow(const ControlHooks &agent)
     if (agent.haGetMMBInfo != nullptr && agent.haGetMMBInfo(&chassis, &board, &ip) == 0) {
         out << "\nagent master " << chassis << "/" << board << " ip " << Dotted(ip);
     }
-    out << "\nservice " << plat::ha::describe(plat::ha::state());
-    for (const plat::ha::Registration &reg : plat::ha::registrations()) {
+    out << "\nservice " << device::ha::Describe(device::ha::GetState());
+    for (const device::ha::Registration &reg : device::ha::Registrations()) {
         out << "\ncomponent " << reg.name << " type " << (reg.type.empty() ? "-" : reg.type) << " pid " << reg.pid
             << (reg.mmbSubscribed ? " follows the master" : "");
     }
-    const auto reports = plat::ha::switchover_reports();
+    const auto reports = device::ha::SwitchoverReports();
     out << "\nswitchover reports " << reports.size();
-    for (const plat::ha::SwitchoverReport &report : reports) {
-        out << "\nreport " << plat::ha::describe(report);
+    for (const device::ha::SwitchoverReport &report : reports) {
+        out << "\nreport " << device::ha::Describe(report);
     }
     return Ok(out.str());
 }
@@ -218,20 +218,20 @@ std::string HaCommand(const std::vector<std::string> &w, const ControlHooks &age
         return HaShow(agent);
     }
     if (w.size() == 2 && w[1] == "backup-removed") {
-        return Delivered("backup-removed", plat::ha::backup_removed());
+        return Delivered("backup-removed", device::ha::BackupRemoved());
     }
     if (w.size() == 2 && w[1] == "promote") {
-        return Delivered("promote", plat::ha::promote());
+        return Delivered("promote", device::ha::Promote());
     }
     if (w.size() == 2 && w[1] == "demote") {
-        return Delivered("demote", plat::ha::demote());
+        return Delivered("demote", device::ha::Demote());
     }
     if (w.size() == 3 && w[1] == "start-work") {
         const auto role = Number(w[2]);
         if (!role) {
             return Error("not a role number: " + w[2]);
         }
-        return Delivered("start-work " + w[2], plat::ha::start_work(*role));
+        return Delivered("start-work " + w[2], device::ha::StartWork(*role));
     }
     if (w.size() == 4 && (w[1] == "new-backup" || w[1] == "master")) {
         const auto chassis = Number(w[2]);
@@ -240,8 +240,8 @@ std::string HaCommand(const std::vector<std::string> &w, const ControlHooks &age
             return Error("expected chassis and board numbers, got " + w[2] + " " + w[3]);
         }
         const std::string what = w[1] + " " + w[2] + "/" + w[3];
-        return Delivered(what, w[1] == "master" ? plat::ha::master_change(*chassis, *board)
-                                                : plat::ha::new_backup(*chassis, *board));
+        return Delivered(what, w[1] == "master" ? device::ha::MasterChange(*chassis, *board)
+                                                : device::ha::NewBackup(*chassis, *board));
     }
     return Error(usage);
 }
@@ -280,7 +280,7 @@ std::string RunControlCommand(const std::string &line, const ControlHooks &hooks
         return BoardCommand(w);
     }
     if (w[0] == "fwm" && w.size() == 1) {
-        return Ok(plat::fwm::describe(plat::fwm::state()));
+        return Ok(device::fwm::Describe(device::fwm::GetState()));
     }
     if (w[0] == "stats" && w.size() == 1) {
         return StatsCommand();
@@ -298,4 +298,4 @@ std::string RunControlCommand(const std::string &line, const ControlHooks &hooks
     return Error("unknown command \"" + line + "\" (commands: if, board, fwm, ha, port replay, stats)");
 }
 
-}  // namespace pplus_host
+}  // namespace host

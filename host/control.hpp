@@ -8,7 +8,7 @@
 #include <functional>
 #include <string>
 
-namespace pplus_host {
+namespace host {
 
 // Where the host listens and the tool connects unless told otherwise:
 // $XDG_RUNTIME_DIR/pppoe-plus-switch.sock, or under /tmp without it.
@@ -35,4 +35,4 @@ struct ControlHooks {
 // manager; returns the reply as ControlRequest hands it back.
 std::string RunControlCommand(const std::string &line, const ControlHooks &hooks);
 
-}  // namespace pplus_host
+}  // namespace host

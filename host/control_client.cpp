@@ -11,7 +11,7 @@
 
 #include "control.hpp"
 
-namespace pplus_host {
+namespace host {
 
 namespace {
 
@@ -100,4 +100,4 @@ bool ControlRequest(const std::string &path, const std::string &line, std::strin
     return true;
 }
 
-}  // namespace pplus_host
+}  // namespace host

@@ -21,7 +21,7 @@
 #include <utility>
 #include <vector>
 
-namespace pplus_host {
+namespace host {
 
 namespace {
 
@@ -380,4 +380,4 @@ void ControlServer::Stop()
     ::unlink(state_->path.c_str());
 }
 
-}  // namespace pplus_host
+}  // namespace host

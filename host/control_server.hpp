@@ -16,7 +16,7 @@
 #include "control.hpp"
 #include "unix_listener.hpp"
 
-namespace pplus_host {
+namespace host {
 
 struct ControlServerLimits {
     size_t maxConnections = 64;
@@ -46,4 +46,4 @@ private:
     std::unique_ptr<State> state_;
 };
 
-}  // namespace pplus_host
+}  // namespace host

@@ -41,15 +41,15 @@ void MakeDatastorePathsAbsolute(DatastoreOptions &opts)
     opts.yangDir = Absolute(opts.yangDir);
 }
 
-std::unique_ptr<plat::yangdb::Server> StartDatastore(const DatastoreOptions &opts, std::string *error)
+std::unique_ptr<device::yangdb::Server> StartDatastore(const DatastoreOptions &opts, std::string *error)
 {
     std::error_code ec;
     const bool saved = std::filesystem::exists(opts.storePath, ec);
-    plat::yangdb::ServerOptions serverOptions;
+    device::yangdb::ServerOptions serverOptions;
     serverOptions.socketPath = opts.socketPath;
     serverOptions.storePath = opts.storePath;
     serverOptions.yangDir = opts.yangDir.empty() ? Absolute("../share/yang") : opts.yangDir;
-    auto server = plat::yangdb::Server::Start(serverOptions, error);
+    auto server = device::yangdb::Server::Start(serverOptions, error);
     if (!server) {
         return nullptr;
     }
@@ -60,11 +60,11 @@ std::unique_ptr<plat::yangdb::Server> StartDatastore(const DatastoreOptions &opt
         std::ifstream in(opts.startupConfig);
         std::ostringstream text;
         text << in.rdbuf();
-        auto admin = plat::yangdb::Admin::Connect(opts.socketPath, error);
+        auto admin = device::yangdb::Admin::Connect(opts.socketPath, error);
         if (!admin) {
             return nullptr;
         }
-        const plat::yangdb::Reply reply = admin->Edit(text.str(), plat::yangdb::EditMode::kReplace);
+        const device::yangdb::Reply reply = admin->Edit(text.str(), device::yangdb::EditMode::kReplace);
         if (!reply.ok) {
             *error = opts.startupConfig + ": " + reply.text;
             return nullptr;

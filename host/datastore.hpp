@@ -13,12 +13,12 @@
 #include <CLI/CLI.hpp>
 #pragma GCC diagnostic pop
 
-#include "plat_yangdb.hpp"
+#include "device/yangdb.hpp"
 
 namespace host {
 
 struct DatastoreOptions {
-    std::string socketPath = plat::yangdb::DefaultSocketPath();
+    std::string socketPath = device::yangdb::DefaultSocketPath();
     std::string storePath = "/var/orvale/yangdb/running.xml";
     std::string startupConfig;  // XML, applied when storePath holds nothing yet
     std::string yangDir;        // default: share/yang beside the host's bin folder
@@ -32,6 +32,6 @@ void MakeDatastorePathsAbsolute(DatastoreOptions &opts);
 // Starts the datastore, applies the startup configuration when there is
 // no saved one, and points the agent's client library at the socket. Null
 // with *error when any of it fails.
-std::unique_ptr<plat::yangdb::Server> StartDatastore(const DatastoreOptions &opts, std::string *error);
+std::unique_ptr<device::yangdb::Server> StartDatastore(const DatastoreOptions &opts, std::string *error);
 
 }  // namespace host

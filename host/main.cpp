@@ -29,10 +29,10 @@
 #include "datastore.hpp"
 #include "devm.h"
 #include "example_topology.hpp"
-#include "plat_control.h"
-#include "plat_fwm.hpp"
-#include "plat_ha.hpp"
-#include "plat_world.hpp"
+#include "platform/control.h"
+#include "device/fwm.hpp"
+#include "device/ha.hpp"
+#include "device/world.hpp"
 #include "ports.hpp"
 #include "wick.h"
 
@@ -46,7 +46,7 @@ struct Options {
     unsigned readyTimeoutSec = 60;
     unsigned runForSec = 0;
     unsigned timeScale = 1000;
-    std::string controlPath = pplus_host::DefaultControlPath();
+    std::string controlPath = host::DefaultControlPath();
     std::string logFile;
     bool stay = false;
     host::DatastoreOptions datastore;
@@ -125,7 +125,7 @@ bool PreloadSwitchLibraries()
 
 // The board's HA role and the master board, as the topology gives them.
 struct HaPlan {
-    uint32_t role = plat::ha::kRoleMaster;
+    uint32_t role = device::ha::kRoleMaster;
     uint32_t chassisId = 1;
     uint32_t mainBoardId = 1;
 };
@@ -133,19 +133,19 @@ struct HaPlan {
 bool SetUpWorld(const Options &opts, HaPlan *ha)
 {
     std::string error;
-    const auto topology = opts.topologyFile.empty() ? plat::load_topology_text(kExampleTopology, &error)
-                                                    : plat::load_topology_file(opts.topologyFile, &error);
+    const auto topology = opts.topologyFile.empty() ? device::world::LoadTopologyText(kExampleTopology, &error)
+                                                    : device::world::LoadTopologyFile(opts.topologyFile, &error);
     if (!topology) {
         std::fprintf(stderr, "pppoe-plus-switch: %s\n", error.c_str());
         return false;
     }
-    const plat::SystemIdentity &sys = topology->system;
-    plat::world::apply_topology(*topology);
-    plat::FrmInstRecord instance;
+    const platform::SystemIdentity &sys = topology->system;
+    platform::world::ApplyTopology(*topology);
+    platform::FrmInstRecord instance;
     instance.localSlot = static_cast<int32_t>(sys.selfBoardId);
     instance.modState = sys.selfBoardId == sys.mainBoardId ? kModStateMainReady : kModStateRunning;
     instance.state = 1;
-    plat::world::frm_inst_put(instance);
+    platform::world::FrmInstPut(instance);
     *ha = HaPlan{topology->haRole, sys.chassisId, sys.mainBoardId};
     std::printf("pppoe-plus-switch: switch \"%s\", chassis %u, board %u (main board %u)\n", sys.sysName.c_str(),
                 sys.chassisId, sys.selfBoardId, sys.mainBoardId);
@@ -159,9 +159,9 @@ Fn Symbol(void *module, const char *name)
 }
 
 // The agent's HA accessors, which "ha show" and the start of work read.
-pplus_host::ControlHooks AgentHaOf(void *module)
+host::ControlHooks AgentHaOf(void *module)
 {
-    pplus_host::ControlHooks hooks;
+    host::ControlHooks hooks;
     hooks.haGetRole = Symbol<decltype(hooks.haGetRole)>(module, "PPPOE_PLUS_HaGetRole");
     hooks.haGetSmbInstId = Symbol<decltype(hooks.haGetSmbInstId)>(module, "PPPOE_PLUS_HaGetSmbInstId");
     hooks.haGetMMBInfo = Symbol<decltype(hooks.haGetMMBInfo)>(module, "PPPOE_PLUS_HaGetMMBInfo");
@@ -189,12 +189,12 @@ void ReportLeaks()
 // The HA service reports the start of work with the topology's role, then
 // names the master board; waits until the agent's role is set (the role is
 // applied on the agent's init task after delivery).
-void StartHa(const HaPlan &ha, const pplus_host::ControlHooks &agent)
+void StartHa(const HaPlan &ha, const host::ControlHooks &agent)
 {
     constexpr uint32_t kWaitMs = 5000;
-    const plat::ha::Seq started = plat::ha::start_work(ha.role);
-    const plat::ha::Seq named = plat::ha::master_change(ha.chassisId, ha.mainBoardId);
-    const bool delivered = plat::ha::wait_delivered(started, kWaitMs) && plat::ha::wait_delivered(named, kWaitMs);
+    const device::ha::Seq started = device::ha::StartWork(ha.role);
+    const device::ha::Seq named = device::ha::MasterChange(ha.chassisId, ha.mainBoardId);
+    const bool delivered = device::ha::WaitDelivered(started, kWaitMs) && device::ha::WaitDelivered(named, kWaitMs);
     uint32_t role = 0;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
     while (agent.haGetRole != nullptr && (role = agent.haGetRole()) == 0 &&
@@ -210,7 +210,7 @@ void StartHa(const HaPlan &ha, const pplus_host::ControlHooks &agent)
 // single box.
 bool BoardServesConfiguration()
 {
-    const uint32_t type = plat::world::identity().boardType;
+    const uint32_t type = platform::world::Identity().boardType;
     return type == DEVM_BOARD_TYPE_MPU || type == DEVM_BOARD_TYPE_BOX;
 }
 
@@ -316,23 +316,23 @@ int main(int argc, char **argv)
     }
     std::thread devmBoot;
     if (opts.devmDelayMs == 0) {
-        plat::world::set_devm_ready(true);
+        platform::world::SetDevmReady(true);
     } else {
         devmBoot = std::thread([delay = opts.devmDelayMs]() {
             std::this_thread::sleep_for(std::chrono::milliseconds(delay));
-            plat::world::set_devm_ready(true);
+            platform::world::SetDevmReady(true);
         });
     }
 
     // The forwarding manager serves before the agent connects to it.
-    plat::fwm::set_observer([](const plat::fwm::Request *request, const std::string &client) {
+    device::fwm::SetObserver([](const device::fwm::Request *request, const std::string &client) {
         if (request != nullptr) {
-            PLAT_LogWrite(PLAT_LOG_PLATFORM, "[fwm] %s", plat::fwm::describe(*request).c_str());
+            PLAT_LogWrite(PLAT_LOG_PLATFORM, "[fwm] %s", device::fwm::Describe(*request).c_str());
         } else {
             PLAT_LogWrite(PLAT_LOG_PLATFORM, "[fwm] client %s attached", client.c_str());
         }
     });
-    if (!plat::fwm::start()) {
+    if (!device::fwm::Start()) {
         Say("cannot start the forwarding manager");
         return 1;
     }
@@ -380,7 +380,7 @@ int main(int argc, char **argv)
         _exit(1);
     }
     Say("agent ready: task PPPoE_Plus_Init serves its event loop, task PPPoE_Plus_Main waits on channel/dpx2ppplus");
-    pplus_host::ControlHooks hooks = AgentHaOf(module);
+    host::ControlHooks hooks = AgentHaOf(module);
     StartHa(haPlan, hooks);
     // The configuration client runs on the main board once HA has told the
     // agent to start work; traffic waits until the saved configuration has
@@ -395,7 +395,7 @@ int main(int argc, char **argv)
         }
         Say("agent configured from the datastore");
     }
-    pplus_host::ControlServer control;
+    host::ControlServer control;
     hooks.replay = [&ports](const std::string &binding, std::string *output) {
         return ports.ReplayMore(binding, output);
     };
@@ -443,7 +443,7 @@ int main(int argc, char **argv)
     ports.Close();
     const uint32_t exitRet = mainExit();
     std::printf("pppoe-plus-switch: agent exit returned %u\n", exitRet);
-    PLAT_LogWrite(PLAT_LOG_PLATFORM, "[fwm] state: %s", plat::fwm::describe(plat::fwm::state()).c_str());
+    PLAT_LogWrite(PLAT_LOG_PLATFORM, "[fwm] state: %s", device::fwm::Describe(device::fwm::GetState()).c_str());
     PLAT_AssertFlushReports();
     ReportLeaks();
     (void)PLAT_LogSetFile(nullptr, 0);  // writes what is pending

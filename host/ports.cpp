@@ -9,7 +9,7 @@
 #include <sstream>
 #include <thread>
 
-#include "plat_fwm.hpp"
+#include "device/fwm.hpp"
 #include "wick.h"
 
 namespace host {
@@ -27,7 +27,7 @@ bool SplitBinding(const std::string &binding, const char *option, uint32_t *ifIn
         return false;
     }
     const std::string port = binding.substr(0, eq);
-    const auto resolved = plat::fplane::ResolvePort(port);
+    const auto resolved = device::fplane::ResolvePort(port);
     if (!resolved) {
         *error = std::string(option) + " " + binding + ": unknown port " + port;
         return false;
@@ -85,7 +85,7 @@ bool HostPorts::Open(const PortOptions &opts, std::string *error)
     if (!opts.captureDir.empty() && !capture_.SetFolder(opts.captureDir, error)) {
         return false;
     }
-    plane_ = std::make_unique<plat::fplane::ForwardingPlane>(capture_);
+    plane_ = std::make_unique<device::fplane::ForwardingPlane>(capture_);
     pace_ = opts.pace;
     replayer_ = std::make_unique<Replayer>(*plane_);
     return true;
@@ -108,7 +108,7 @@ bool HostPorts::ReplayMore(const std::string &binding, std::string *output)
 {
     uint32_t ifIndex = 0;
     std::string path;
-    plat::fplane::PcapReplay more;
+    device::fplane::PcapReplay more;
     if (!SplitBinding(binding, "replay", &ifIndex, &path, output) || !more.Add(ifIndex, path, output)) {
         return false;
     }
@@ -132,9 +132,9 @@ bool HostPorts::ReplayMore(const std::string &binding, std::string *output)
     }
     const auto c = plane_->AllCounters();
     std::ostringstream out;
-    out << result.Describe() << " into " << plat::fplane::PortName(ifIndex);
+    out << result.Describe() << " into " << device::fplane::PortName(ifIndex);
     for (const auto &[port, counters] : c) {
-        out << "\nport " << plat::fplane::PortName(port) << " (" << port << "): rx " << counters.rx << " tx "
+        out << "\nport " << device::fplane::PortName(port) << " (" << port << "): rx " << counters.rx << " tx "
             << counters.tx << " punted " << counters.punted << " dropped " << counters.dropped;
     }
     *output = out.str();
@@ -144,16 +144,16 @@ bool HostPorts::ReplayMore(const std::string &binding, std::string *output)
 void HostPorts::PrintSummary() const
 {
     for (const auto &[ifIndex, c] : plane_->AllCounters()) {
-        const std::string name = plat::fplane::PortName(ifIndex);
+        const std::string name = device::fplane::PortName(ifIndex);
         std::printf("pppoe-plus-switch: port %s (%u): rx %llu tx %llu punted %llu dropped %llu\n",
                     name.empty() ? "?" : name.c_str(), ifIndex, static_cast<unsigned long long>(c.rx),
                     static_cast<unsigned long long>(c.tx), static_cast<unsigned long long>(c.punted),
                     static_cast<unsigned long long>(c.dropped));
     }
-    std::printf("pppoe-plus-switch: fwm: %s\n", plat::fwm::describe(plat::fwm::state()).c_str());
+    std::printf("pppoe-plus-switch: fwm: %s\n", device::fwm::Describe(device::fwm::GetState()).c_str());
     for (const auto &[ifIndex, file] : capture_.Files()) {
         std::printf("pppoe-plus-switch: captured %llu frame(s) of port %s into %s\n",
-                    static_cast<unsigned long long>(file.second), plat::fplane::PortName(ifIndex).c_str(),
+                    static_cast<unsigned long long>(file.second), device::fplane::PortName(ifIndex).c_str(),
                     file.first.c_str());
     }
     for (const std::string &e : capture_.Errors()) {

@@ -14,7 +14,7 @@
 #include <CLI/CLI.hpp>
 #pragma GCC diagnostic pop
 
-#include "plat_fplane.hpp"
+#include "device/fplane.hpp"
 #include "replay.hpp"
 
 namespace host {
@@ -58,9 +58,9 @@ private:
     std::timed_mutex replayLock_;
     ReplayPace pace_;
     std::unique_ptr<Replayer> replayer_;
-    plat::fplane::PcapReplay replay_;
-    plat::fplane::PcapCapture capture_;
-    std::unique_ptr<plat::fplane::ForwardingPlane> plane_;
+    device::fplane::PcapReplay replay_;
+    device::fplane::PcapCapture capture_;
+    std::unique_ptr<device::fplane::ForwardingPlane> plane_;
     bool hasInputs_ = false;
 };
 

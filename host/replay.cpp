@@ -80,8 +80,8 @@ bool Replayer::WaitUntil(Clock::time_point due)
 
 bool Replayer::WaitForRoom()
 {
-    while (WICK_ChannelDepth(plat::fplane::kPuntChannel) >= kPuntHighWater ||
-           WICK_ChannelDepth(plat::fplane::kSendChannel) >= kSendHighWater) {
+    while (WICK_ChannelDepth(device::fplane::kPuntChannel) >= kPuntHighWater ||
+           WICK_ChannelDepth(device::fplane::kSendChannel) >= kSendHighWater) {
         if (stopping_) {
             return false;
         }
@@ -105,7 +105,7 @@ bool Replayer::Settled(std::chrono::milliseconds quiet, std::chrono::millisecond
     return false;
 }
 
-ReplayResult Replayer::Run(const std::vector<plat::fplane::ReplayFrame> &frames, const ReplayPace &pace)
+ReplayResult Replayer::Run(const std::vector<device::fplane::ReplayFrame> &frames, const ReplayPace &pace)
 {
     ReplayResult result;
     result.planned = pace.loops == 0 ? 0 : frames.size() * pace.loops;
@@ -115,7 +115,7 @@ ReplayResult Replayer::Run(const std::vector<plat::fplane::ReplayFrame> &frames,
     bool stepping = pace.step;
     for (unsigned loop = 0; !frames.empty() && (pace.loops == 0 || loop < pace.loops); loop++) {
         const auto loopStart = Clock::now();
-        for (const plat::fplane::ReplayFrame &frame : frames) {
+        for (const device::fplane::ReplayFrame &frame : frames) {
             Clock::time_point due = loopStart;
             if (pace.pps > 0) {
                 due = start + std::chrono::duration_cast<Clock::duration>(

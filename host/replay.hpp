@@ -19,7 +19,7 @@
 #include <CLI/CLI.hpp>
 #pragma GCC diagnostic pop
 
-#include "plat_fplane.hpp"
+#include "device/fplane.hpp"
 
 namespace host {
 
@@ -47,11 +47,11 @@ struct ReplayResult {
 
 class Replayer {
 public:
-    explicit Replayer(plat::fplane::ForwardingPlane &plane) : plane_(plane) {}
+    explicit Replayer(device::fplane::ForwardingPlane &plane) : plane_(plane) {}
 
     // Puts frames into the plane as pace says, then waits until the plane
     // and the agent are idle. Runs on the caller's thread.
-    ReplayResult Run(const std::vector<plat::fplane::ReplayFrame> &frames, const ReplayPace &pace);
+    ReplayResult Run(const std::vector<device::fplane::ReplayFrame> &frames, const ReplayPace &pace);
     // Ends a running replay (and every later one) within one frame.
     void Stop() { stopping_ = true; }
     bool Stopping() const { return stopping_.load(); }
@@ -63,7 +63,7 @@ private:
     // The plane and the agent idle: nothing in the channels, nothing handled for quiet.
     bool Settled(std::chrono::milliseconds quiet, std::chrono::milliseconds timeout);
 
-    plat::fplane::ForwardingPlane &plane_;
+    device::fplane::ForwardingPlane &plane_;
     std::atomic<bool> stopping_{false};
 };
 

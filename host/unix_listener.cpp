@@ -16,7 +16,7 @@
 #include <filesystem>
 #include <vector>
 
-namespace pplus_host {
+namespace host {
 
 namespace {
 
@@ -129,4 +129,4 @@ int ListenUnix(const std::string &path, const SocketAccess &access, int backlog,
     return fd;
 }
 
-}  // namespace pplus_host
+}  // namespace host

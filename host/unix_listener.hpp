@@ -7,7 +7,7 @@
 
 #include <string>
 
-namespace pplus_host {
+namespace host {
 
 struct SocketAccess {
     std::string group;  // group that may connect besides the owner; empty: the owner's group
@@ -24,4 +24,4 @@ int ListenUnix(const std::string &path, const SocketAccess &access, int backlog,
 // The group id of a group name; false with *error when there is none.
 bool GroupId(const std::string &name, unsigned *gid, std::string *error);
 
-}  // namespace pplus_host
+}  // namespace host

@@ -40,7 +40,7 @@ std::string Control(const std::string &path, const std::string &line)
 {
     std::string reply;
     std::string error;
-    return pplus_host::ControlRequest(path, line, &reply, &error) ? reply : "";
+    return host::ControlRequest(path, line, &reply, &error) ? reply : "";
 }
 
 }  // namespace

@@ -17,7 +17,8 @@
 #include "control.hpp"
 #include "control_server.hpp"
 #include "fuzz_support.hpp"
-#include "plat_world.hpp"
+#include "device/world.hpp"
+#include "platform/world.hpp"
 
 using pplus_fuzz::Require;
 
@@ -26,8 +27,8 @@ namespace {
 using namespace std::chrono_literals;
 
 std::string g_path;
-plat::Topology g_topology;
-pplus_host::ControlServer *g_server = nullptr;
+platform::Topology g_topology;
+host::ControlServer *g_server = nullptr;
 
 constexpr const char *kTopology = R"(system: {name: FuzzSwitch, mac: "00:e0:fc:12:34:56"}
 interfaces:
@@ -52,13 +53,13 @@ int Connect()
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     std::string error;
-    auto topology = plat::load_topology_text(kTopology, &error);
+    auto topology = device::world::LoadTopologyText(kTopology, &error);
     Require(topology.has_value());
     g_topology = *topology;
     g_path = "/tmp/pplus-control-fuzz-" + std::to_string(getpid()) + ".sock";
-    pplus_host::ControlServerLimits limits;
+    host::ControlServerLimits limits;
     limits.readTimeout = 2000ms;
-    g_server = new pplus_host::ControlServer();  // serves for the life of the process
+    g_server = new host::ControlServer();  // serves for the life of the process
     Require(g_server->Start(g_path, {}, &error, {}, limits));
     return 0;
 }
@@ -68,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (size == 0) {
         return 0;
     }
-    plat::world::apply_topology(g_topology);
+    platform::world::ApplyTopology(g_topology);
     // The first byte cuts the rest into pieces of 1 to 256 bytes.
     const size_t piece = static_cast<size_t>(data[0]) + 1;
     const int fd = Connect();

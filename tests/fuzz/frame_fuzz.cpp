@@ -20,8 +20,8 @@
 #include <vector>
 
 #include "fuzz_support.hpp"
-#include "plat_control.h"
-#include "plat_world.hpp"
+#include "platform/control.h"
+#include "platform/world.hpp"
 #include "pppoe_plus_cfg.h"
 #include "pppoe_plus_fpc.h"
 #include "pppoe_plus_ha.h"
@@ -61,23 +61,23 @@ uint16_t U16(std::span<const uint8_t> b, size_t off)
 
 void BuildWorld()
 {
-    using namespace plat::world;
-    reset();
-    plat::SystemIdentity id;
+    using namespace platform::world;
+    Reset();
+    platform::SystemIdentity id;
     id.sysName = "FuzzSwitch";
     id.sysMac = {0x00, 0xe0, 0xfc, 0x01, 0x02, 0x03};
     id.chassisId = 1;
     id.selfBoardId = 1;
     id.mainBoardId = 1;
-    set_identity(id);
-    set_devm_ready(true);
-    auto port = [](uint32_t ifIndex, uint32_t trunkId = plat::kNoId) {
-        plat::IfRecord rec;
+    SetIdentity(id);
+    SetDevmReady(true);
+    auto port = [](uint32_t ifIndex, uint32_t trunkId = platform::kNoId) {
+        platform::IfRecord rec;
         rec.name = "GE0/0/" + std::to_string(ifIndex);
         rec.ifIndex = ifIndex;
         rec.port = static_cast<uint16_t>(ifIndex);
         rec.l2TrunkId = trunkId;
-        if_put(rec);
+        IfPut(rec);
     };
     for (uint32_t p : kSubscribers) {
         port(p);
@@ -85,18 +85,18 @@ void BuildWorld()
     port(kMember, 5);
     for (uint32_t p : kTrusted) {
         port(p);
-        port_vlan_set(p, 100, true);
+        PortVlanSet(p, 100, true);
     }
     port(kUntrusted);
-    plat::IfRecord trunk;
+    platform::IfRecord trunk;
     trunk.name = "Eth-Trunk5";
     trunk.ifIndex = kTrunk;
     trunk.lagId = 5;
-    if_put(trunk);
-    trunk_put({5, kTrunk});
-    trunk_port_put({kMember, kTrunk});
-    port_isolate_put({1, 1});
-    port_isolate_put({3, 1});
+    IfPut(trunk);
+    TrunkPut({5, kTrunk});
+    TrunkPortPut({kMember, kTrunk});
+    PortIsolatePut({1, 1});
+    PortIsolatePut({3, 1});
 }
 
 bool Trusted(uint32_t ifIndex)

@@ -9,7 +9,8 @@
 #include <string>
 
 #include "fuzz_support.hpp"
-#include "plat_world.hpp"
+#include "device/world.hpp"
+#include "platform/world.hpp"
 
 using pplus_fuzz::Require;
 
@@ -17,27 +18,27 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     const std::string text(reinterpret_cast<const char *>(data), size);
     std::string error;
-    const auto topology = plat::load_topology_text(text, &error);
+    const auto topology = device::world::LoadTopologyText(text, &error);
     if (!topology) {
         Require(!error.empty());
         return 0;
     }
     std::set<std::string> names;
     std::set<uint32_t> ifIndexes;
-    for (const plat::IfRecord &rec : topology->interfaces) {
+    for (const platform::IfRecord &rec : topology->interfaces) {
         Require(names.insert(rec.name).second);
         Require(ifIndexes.insert(rec.ifIndex).second);
     }
-    for (const plat::TrunkRecord &trunk : topology->trunks) {
+    for (const platform::TrunkRecord &trunk : topology->trunks) {
         Require(ifIndexes.contains(trunk.trunkIfIndex));
     }
-    for (const plat::TrunkPortRecord &member : topology->trunkPorts) {
+    for (const platform::TrunkPortRecord &member : topology->trunkPorts) {
         Require(ifIndexes.contains(member.memberIfIndex) && ifIndexes.contains(member.trunkIfIndex));
     }
-    plat::world::apply_topology(*topology);
-    Require(plat::world::if_records().size() == topology->interfaces.size());
-    for (const plat::IfRecord &rec : topology->interfaces) {
-        const auto found = plat::world::if_find(rec.ifIndex);
+    platform::world::ApplyTopology(*topology);
+    Require(platform::world::IfRecords().size() == topology->interfaces.size());
+    for (const platform::IfRecord &rec : topology->interfaces) {
+        const auto found = platform::world::IfFind(rec.ifIndex);
         Require(found.has_value() && found->name == rec.name);
     }
     return 0;

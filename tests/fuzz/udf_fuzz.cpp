@@ -8,8 +8,8 @@
 #include <string>
 
 #include "fuzz_support.hpp"
-#include "plat_control.h"
-#include "plat_world.hpp"
+#include "platform/control.h"
+#include "platform/world.hpp"
 #include "pppoe_plus_log.h"
 #include "pppoe_plus_mem.h"
 #include "pppoe_plus_tlv.h"
@@ -23,15 +23,15 @@ UserInfo g_info = {};
 
 void ReadyModule()
 {
-    plat::world::reset();
-    plat::SystemIdentity id;
+    platform::world::Reset();
+    platform::SystemIdentity id;
     id.sysName = "FuzzSwitch";
     id.sysMac = {0x00, 0xe0, 0xfc, 0x01, 0x02, 0x03};
     id.chassisId = 1;
     id.selfBoardId = 1;
     id.mainBoardId = 1;
-    plat::world::set_identity(id);
-    plat::world::set_devm_ready(true);
+    platform::world::SetIdentity(id);
+    platform::world::SetDevmReady(true);
     Require(PPPOE_PLUS_InitMemHandle() == 0U);
     Require(PPPOE_PLUS_InitIMAgent() == 0U);
     Require(PPPOE_PLUS_InitKeyWordDict() == 0U);

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "plat_safe.h"
-#include "plat_world.hpp"
+#include "platform/world.hpp"
 #include "pplus_test.hpp"
 #include "pppoe_plus_cfg.h"
 #include "pppoe_plus_ha.h"
@@ -47,11 +47,11 @@ protected:
     // The switch's system name and MAC, as the tag builders read them.
     static void UseIdentity(const std::string &sysName, const std::array<uint8_t, 6> &sysMac)
     {
-        plat::SystemIdentity id = plat::world::identity();
+        platform::SystemIdentity id = platform::world::Identity();
         id.sysName = sysName;
         id.sysMac = sysMac;
-        plat::world::set_identity(id);
-        plat::world::set_sys_name(sysName);
+        platform::world::SetIdentity(id);
+        platform::world::SetSysName(sysName);
     }
 
     // What the tag builders need: the keyword dictionary, the system MAC

@@ -4,19 +4,19 @@ namespace pplus_test {
 
 void UseReadyWorld(uint32_t selfBoard, uint32_t mainBoard)
 {
-    plat::world::reset();
-    plat::SystemIdentity id;
+    platform::world::Reset();
+    platform::SystemIdentity id;
     id.sysName = "TestSwitch";
     id.sysMac = {0x00, 0xe0, 0xfc, 0x01, 0x02, 0x03};
     id.chassisId = 1;
     id.selfBoardId = selfBoard;
     id.mainBoardId = mainBoard;
-    plat::world::set_identity(id);
-    plat::FrmInstRecord rec;
+    platform::world::SetIdentity(id);
+    platform::FrmInstRecord rec;
     rec.localSlot = static_cast<int32_t>(selfBoard);
     rec.modState = selfBoard == mainBoard ? 12 : 8;
-    plat::world::frm_inst_put(rec);
-    plat::world::set_devm_ready(true);
+    platform::world::FrmInstPut(rec);
+    platform::world::SetDevmReady(true);
     PLAT_SetTimeScale(1);
 }
 

@@ -7,8 +7,8 @@
 #include <string>
 #include <thread>
 
-#include "plat_control.h"
-#include "plat_world.hpp"
+#include "platform/control.h"
+#include "platform/world.hpp"
 
 namespace pplus_test {
 

@@ -23,20 +23,20 @@
 
 #include "agent_requests.hpp"
 #include "control.hpp"
-#include "plat_yangdb.hpp"
+#include "device/yangdb.hpp"
 
 namespace {
 
-using plat::yangdb::Admin;
-using plat::yangdb::EditMode;
-using plat::yangdb::Reply;
+using device::yangdb::Admin;
+using device::yangdb::EditMode;
+using device::yangdb::Reply;
 
 constexpr int kExitRefused = 1;
 constexpr int kExitUnreachable = 2;
 
 struct Globals {
-    std::string socketPath = plat::yangdb::DefaultSocketPath();
-    std::string controlPath = pplus_host::DefaultControlPath();
+    std::string socketPath = device::yangdb::DefaultSocketPath();
+    std::string controlPath = host::DefaultControlPath();
 };
 
 // What the parsed command line asks for: returns the exit code.
@@ -135,7 +135,7 @@ bool ResolvePort(const Globals &g, const std::string &name, int64_t ifIndex, ppl
     }
     std::string reply;
     std::string error;
-    if (!pplus_host::ControlRequest(g.controlPath, "if list", &reply, &error)) {
+    if (!host::ControlRequest(g.controlPath, "if list", &reply, &error)) {
         std::fprintf(stderr, "pppoe-plus-cli: cannot look up the ifIndex of %s (%s); give it with --ifindex\n",
                      name.c_str(), error.c_str());
         return false;
@@ -448,7 +448,7 @@ int main(int argc, char **argv)
     if (!worldLine.empty()) {
         std::string reply;
         std::string error;
-        if (!pplus_host::ControlRequest(g.controlPath, worldLine, &reply, &error)) {
+        if (!host::ControlRequest(g.controlPath, worldLine, &reply, &error)) {
             return Fail(error, kExitUnreachable);
         }
         return ShowControlReply(reply);

@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "core/internal.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 
 namespace {
 
@@ -57,7 +57,7 @@ struct Registry {
 
 Registry &Reg()
 {
-    return plat::internal::Leaky<Registry>();
+    return platform::internal::Leaky<Registry>();
 }
 
 OpEntry &EntryFor(std::string_view op)

@@ -14,9 +14,9 @@
 #include <string_view>
 #include <thread>
 
-#include "plat_control.h"
+#include "platform/control.h"
 
-namespace plat::internal {
+namespace platform::internal {
 
 // State that lives as long as the process. Tasks are detached threads that
 // may still run while static destructors execute at exit, so service state
@@ -95,4 +95,4 @@ void TaskFinished(uint32_t exitStatus);
 // Name of the task or thread with this kernel thread id ("" when unknown).
 std::string TaskNameOfTid(pid_t tid);
 
-}  // namespace plat::internal
+}  // namespace platform::internal

@@ -35,7 +35,7 @@
 #include <vector>
 
 #include "core/internal.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 
 namespace {
 
@@ -171,7 +171,7 @@ private:
 };
 
 struct Sink {
-    plat::internal::SpinMutex mu;
+    platform::internal::SpinMutex mu;
     std::vector<Line> ring = std::vector<Line>(PLAT_LOG_RING);
     uint64_t lastSeq = 0;   // last sequence number written
     uint64_t firstSeq = 1;  // oldest kept line (firstSeq > lastSeq: none kept)
@@ -188,7 +188,7 @@ std::atomic<bool> g_forwardSyslog{false};
 
 Sink &TheSink()
 {
-    return plat::internal::Leaky<Sink>();
+    return platform::internal::Leaky<Sink>();
 }
 
 Line &Slot(Sink &sink, uint64_t seq)
@@ -219,8 +219,8 @@ void SyslogV(int priority, const char *fmt, va_list ap)
     }
     va_list forward;
     va_copy(forward, ap);
-    plat::internal::LogLine(PLAT_LOG_SYSLOG,
-                            plat::internal::Format("<%d> ", priority & LOG_PRIMASK) + plat::internal::FormatV(fmt, ap));
+    platform::internal::LogLine(PLAT_LOG_SYSLOG,
+                            platform::internal::Format("<%d> ", priority & LOG_PRIMASK) + platform::internal::FormatV(fmt, ap));
     if (g_forwardSyslog.load(std::memory_order_relaxed)) {
         ForwardToLibc(priority, fmt, forward);
     }
@@ -229,7 +229,7 @@ void SyslogV(int priority, const char *fmt, va_list ap)
 
 }  // namespace
 
-namespace plat::internal {
+namespace platform::internal {
 
 std::string FormatV(const char *fmt, va_list ap)
 {
@@ -297,14 +297,14 @@ void LogLine(uint32_t kind, std::string_view line)
     }
 }
 
-}  // namespace plat::internal
+}  // namespace platform::internal
 
 extern "C" {
 
 void PLAT_LogWriteV(uint32_t kind, const char *fmt, va_list ap)
 {
     if (fmt != nullptr) {
-        plat::internal::LogLine(kind, plat::internal::FormatV(fmt, ap));
+        platform::internal::LogLine(kind, platform::internal::FormatV(fmt, ap));
     }
 }
 

@@ -17,9 +17,9 @@
 #include <string>
 
 #include "core/internal.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 
-namespace plat::internal {
+namespace platform::internal {
 
 struct TaskRecord {
     std::string name;
@@ -31,11 +31,11 @@ struct TaskRecord {
     std::string waitingIn;
 };
 
-}  // namespace plat::internal
+}  // namespace platform::internal
 
 namespace {
 
-using plat::internal::TaskRecord;
+using platform::internal::TaskRecord;
 
 struct Tasks {
     std::mutex mu;
@@ -45,7 +45,7 @@ struct Tasks {
 
 Tasks &TheTasks()
 {
-    return plat::internal::Leaky<Tasks>();
+    return platform::internal::Leaky<Tasks>();
 }
 
 // The record of the calling thread, set when a task starts or when a
@@ -56,14 +56,14 @@ std::string ThreadName()
 {
     char name[32] = {};
     if (pthread_getname_np(pthread_self(), name, sizeof(name)) != 0 || name[0] == '\0') {
-        return "tid-" + std::to_string(plat::internal::CurrentTid());
+        return "tid-" + std::to_string(platform::internal::CurrentTid());
     }
     return name;
 }
 
 }  // namespace
 
-namespace plat::internal {
+namespace platform::internal {
 
 std::shared_ptr<TaskRecord> TaskRegister(const std::string &name, uint32_t id)
 {
@@ -117,7 +117,7 @@ std::string TaskNameOfTid(pid_t tid)
     return std::string();
 }
 
-}  // namespace plat::internal
+}  // namespace platform::internal
 
 extern "C" {
 
@@ -155,7 +155,7 @@ void PLAT_TaskMarkWaiting(const char *what)
     if (!t_current) {
         auto task = std::make_shared<TaskRecord>();
         task->name = ThreadName();
-        task->tid = plat::internal::CurrentTid();
+        task->tid = platform::internal::CurrentTid();
         std::lock_guard lock(tasks.mu);
         tasks.byName[task->name] = task;
         t_current = std::move(task);

@@ -15,14 +15,14 @@
 #include <thread>
 
 #include "core/internal.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 #include "plat_safe.h"
 
 namespace {
 std::atomic<uint32_t> g_timeScale{1000};
 }  // namespace
 
-namespace plat::internal {
+namespace platform::internal {
 
 uint64_t ScaledMicros(uint64_t ms)
 {
@@ -30,7 +30,7 @@ uint64_t ScaledMicros(uint64_t ms)
     return ms * g_timeScale.load(std::memory_order_relaxed);
 }
 
-}  // namespace plat::internal
+}  // namespace platform::internal
 
 extern "C" {
 
@@ -47,7 +47,7 @@ uint32_t PLAT_GetTimeScale(void)
 
 void PLAT_ScaledSleep(uint32_t ms)
 {
-    std::this_thread::sleep_for(std::chrono::microseconds(plat::internal::ScaledMicros(ms)));
+    std::this_thread::sleep_for(std::chrono::microseconds(platform::internal::ScaledMicros(ms)));
 }
 
 // sleep(3) follows the time scale too: modules wait between connection
@@ -89,7 +89,7 @@ int snprintf_truncated_s(char *dest, size_t dmax, const char *fmt, ...)
 int eventfd_s(unsigned int initval, int flags)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("eventfd_s", &code)) {
+    if (platform::internal::Injected("eventfd_s", &code)) {
         errno = static_cast<int>(code);
         return -1;
     }
@@ -99,7 +99,7 @@ int eventfd_s(unsigned int initval, int flags)
 int close_s(int fd)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("close_s", &code)) {
+    if (platform::internal::Injected("close_s", &code)) {
         errno = static_cast<int>(code);
         return -1;
     }

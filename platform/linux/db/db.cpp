@@ -27,21 +27,21 @@
 #include "core/internal.hpp"
 #include "db.h"
 #include "db/db_object.hpp"
-#include "plat_world.hpp"
+#include "platform/world.hpp"
 
 namespace {
 
-using plat::db::NodeObject;
-using plat::db::TableObject;
+using platform::db::NodeObject;
+using platform::db::TableObject;
 
 // The one record of the system-information table.
 struct SysInfoRecord {
     std::string sysName;
 };
 
-void SysInfoRecords(const plat::world::RowFilter<SysInfoRecord> &keep, std::vector<SysInfoRecord> &out)
+void SysInfoRecords(const platform::world::RowFilter<SysInfoRecord> &keep, std::vector<SysInfoRecord> &out)
 {
-    SysInfoRecord only{plat::world::identity().sysName};
+    SysInfoRecord only{platform::world::Identity().sysName};
     out.clear();
     if (!keep || keep(only)) {
         out.push_back(std::move(only));
@@ -53,7 +53,7 @@ void SysInfoRecords(const plat::world::RowFilter<SysInfoRecord> &keep, std::vect
 constexpr size_t kPooledPerTable = 64;
 
 struct Db {
-    plat::internal::SpinMutex mu;  // guards every object's state and the members below
+    platform::internal::SpinMutex mu;  // guards every object's state and the members below
     // Every object that exists, handed out (DB_OBJ::live) or pooled.
     std::unordered_set<DB_OBJ *> objs;
     std::unordered_set<DB_ITER *> liveIters;
@@ -62,30 +62,30 @@ struct Db {
 
 Db &TheDb()
 {
-    return plat::internal::Leaky<Db>();
+    return platform::internal::Leaky<Db>();
 }
 
 // An object of one of the world's tables.
 template <typename Row>
 std::unique_ptr<DB_OBJ> WorldObject(uint32_t table)
 {
-    return std::make_unique<TableObject<Row>>(table, &plat::world::select_rows<Row>,
-                                              &plat::world::select_rows_where<Row>);
+    return std::make_unique<TableObject<Row>>(table, &platform::world::SelectRows<Row>,
+                                              &platform::world::SelectRowsWhere<Row>);
 }
 
 // The tables this client serves.
 std::unique_ptr<DB_OBJ> MakeObject(uint32_t table)
 {
     switch (table) {
-        case DB_TABLE_FRM_INST: return WorldObject<plat::FrmInstRecord>(table);
-        case DB_TABLE_IF: return WorldObject<plat::IfRecord>(table);
-        case DB_TABLE_TRUNK: return WorldObject<plat::TrunkRecord>(table);
-        case DB_TABLE_TRUNK_PORT: return WorldObject<plat::TrunkPortRecord>(table);
-        case DB_TABLE_PORT_VLAN_MAP: return WorldObject<plat::PortVlanRecord>(table);
-        case DB_TABLE_ACCESS_ISOLATE: return WorldObject<plat::AccessIsolateRecord>(table);
-        case DB_TABLE_PORT_ISOLATE: return WorldObject<plat::PortIsolateRecord>(table);
+        case DB_TABLE_FRM_INST: return WorldObject<platform::FrmInstRecord>(table);
+        case DB_TABLE_IF: return WorldObject<platform::IfRecord>(table);
+        case DB_TABLE_TRUNK: return WorldObject<platform::TrunkRecord>(table);
+        case DB_TABLE_TRUNK_PORT: return WorldObject<platform::TrunkPortRecord>(table);
+        case DB_TABLE_PORT_VLAN_MAP: return WorldObject<platform::PortVlanRecord>(table);
+        case DB_TABLE_ACCESS_ISOLATE: return WorldObject<platform::AccessIsolateRecord>(table);
+        case DB_TABLE_PORT_ISOLATE: return WorldObject<platform::PortIsolateRecord>(table);
         case DB_TABLE_SYS_INFO: return std::make_unique<TableObject<SysInfoRecord>>(table, &SysInfoRecords);
-        case DB_TABLE_DEVM: return WorldObject<plat::BoardRecord>(table);
+        case DB_TABLE_DEVM: return WorldObject<platform::BoardRecord>(table);
         default: return nullptr;
     }
 }
@@ -122,7 +122,7 @@ struct Table {
     static uint32_t Create(const char *op, DB_OBJ_S **obj, uint32_t asked = Id)
     {
         uint32_t code = 0;
-        if (plat::internal::Injected(op, &code)) {
+        if (platform::internal::Injected(op, &code)) {
             return code;
         }
         if (obj == nullptr) {
@@ -154,7 +154,7 @@ struct Table {
     static uint32_t Release(const char *op, DB_OBJ_S *obj)
     {
         uint32_t code = 0;
-        if (plat::internal::Injected(op, &code)) {
+        if (platform::internal::Injected(op, &code)) {
             return code;
         }
         std::unique_ptr<DB_OBJ> owned;
@@ -192,7 +192,7 @@ struct Table {
     static uint32_t WithObject(const char *op, DB_OBJ *obj, bool outMissing, Use use)
     {
         uint32_t code = 0;
-        if (plat::internal::Injected(op, &code)) {
+        if (platform::internal::Injected(op, &code)) {
             return code;
         }
         if (outMissing) {
@@ -253,13 +253,13 @@ struct Table {
     }
 };
 
-using plat::AccessIsolateRecord;
-using plat::FrmInstRecord;
-using plat::IfRecord;
-using plat::PortIsolateRecord;
-using plat::PortVlanRecord;
-using plat::TrunkPortRecord;
-using plat::TrunkRecord;
+using platform::AccessIsolateRecord;
+using platform::FrmInstRecord;
+using platform::IfRecord;
+using platform::PortIsolateRecord;
+using platform::PortVlanRecord;
+using platform::TrunkPortRecord;
+using platform::TrunkRecord;
 
 using FrmInst = Table<DB_TABLE_FRM_INST, FrmInstRecord>;
 using If = Table<DB_TABLE_IF, IfRecord>;
@@ -271,7 +271,7 @@ using PortVlan = Table<DB_TABLE_PORT_VLAN_MAP, PortVlanRecord>;
 using AccessIsolate = Table<DB_TABLE_ACCESS_ISOLATE, AccessIsolateRecord>;
 using PortIsolate = Table<DB_TABLE_PORT_ISOLATE, PortIsolateRecord>;
 using SysInfo = Table<DB_TABLE_SYS_INFO, SysInfoRecord>;
-using Devm = Table<DB_TABLE_DEVM, plat::BoardRecord>;
+using Devm = Table<DB_TABLE_DEVM, platform::BoardRecord>;
 
 // The fields a subscription may name, per table.
 bool KnownField(uint32_t table, const char *tableName, const char *field)
@@ -298,7 +298,7 @@ uint32_t CreateSubObject(uint32_t code, DB_OBJ_S **obj, uint32_t table)
     }
     Db &db = TheDb();
     std::lock_guard lock(db.mu);
-    (*obj)->sub = std::make_unique<plat::db::SubDescription>();
+    (*obj)->sub = std::make_unique<platform::db::SubDescription>();
     (*obj)->sub->table = table;
     return DB_OK;
 }
@@ -309,7 +309,7 @@ template <typename Use>
 uint32_t WithSubDescription(const char *op, DB_OBJ *obj, Use use)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected(op, &code)) {
+    if (platform::internal::Injected(op, &code)) {
         return code;
     }
     Db &db = TheDb();
@@ -345,7 +345,7 @@ uint32_t CopyText(const std::string &text, char *buf, uint32_t size)
 
 }  // namespace
 
-namespace plat::db {
+namespace platform::db {
 
 uint32_t CopySubDescription(DB_OBJ *obj, SubDescription *out)
 {
@@ -358,12 +358,12 @@ uint32_t CopySubDescription(DB_OBJ *obj, SubDescription *out)
     return DB_OK;
 }
 
-DB_OBJ *MakeChangeObject(const plat::IfRecord &row)
+DB_OBJ *MakeChangeObject(const platform::IfRecord &row)
 {
     return AdoptChange(DB_TABLE_IF, row);
 }
 
-DB_OBJ *MakeChangeObject(const plat::BoardRecord &row)
+DB_OBJ *MakeChangeObject(const platform::BoardRecord &row)
 {
     return AdoptChange(DB_TABLE_DEVM, row);
 }
@@ -380,7 +380,7 @@ void DropChangeObject(DB_OBJ *obj)
     delete obj;
 }
 
-}  // namespace plat::db
+}  // namespace platform::db
 
 extern "C" {
 
@@ -394,7 +394,7 @@ uint32_t db_reset_frm_inst_object(DB_OBJ_S *obj, uint32_t mode)
 {
     (void)mode;
     uint32_t code = 0;
-    if (plat::internal::Injected("db_reset_frm_inst_object", &code)) {
+    if (platform::internal::Injected("db_reset_frm_inst_object", &code)) {
         return code;
     }
     Db &db = TheDb();
@@ -482,7 +482,7 @@ uint32_t db_get_if_on_board(DB_OBJ_S *obj, uint32_t *onBoard)
 uint32_t db_create_child_node(DB_OBJ_S *obj, const char *node, DB_OBJ_S **child)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("db_create_child_node", &code)) {
+    if (platform::internal::Injected("db_create_child_node", &code)) {
         return code;
     }
     if (node == nullptr || child == nullptr) {
@@ -498,15 +498,15 @@ uint32_t db_create_child_node(DB_OBJ_S *obj, const char *node, DB_OBJ_S **child)
     }
     Db &db = TheDb();
     std::lock_guard lock(db.mu);
-    auto *parent = Typed<TableObject<plat::IfRecord>>(db, obj, DB_TABLE_IF);
+    auto *parent = Typed<TableObject<platform::IfRecord>>(db, obj, DB_TABLE_IF);
     if (parent == nullptr) {
         return DB_ERR_PARAM;
     }
-    const plat::IfRecord *row = parent->CurrentRow();
+    const platform::IfRecord *row = parent->CurrentRow();
     if (row == nullptr) {
         return DB_ERR_NO_RECORD;
     }
-    auto made = std::make_unique<NodeObject<plat::IfRecord>>(table, *row);
+    auto made = std::make_unique<NodeObject<platform::IfRecord>>(table, *row);
     *child = made.get();
     made->live = true;
     parent->children.push_back(made.get());
@@ -695,7 +695,7 @@ uint32_t db_get_sys_info_sys_name(DB_OBJ_S *obj, char *name, uint32_t size, uint
 uint32_t db_get_table_record_count(DB_OBJ_S *obj, uint32_t *count)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("db_get_table_record_count", &code)) {
+    if (platform::internal::Injected("db_get_table_record_count", &code)) {
         return code;
     }
     if (count == nullptr) {
@@ -715,7 +715,7 @@ uint32_t db_create_root_iter(DB_OBJ_S *obj, uint32_t keyMask, uint32_t filter, D
     (void)keyMask;
     (void)filter;
     uint32_t code = 0;
-    if (plat::internal::Injected("db_create_root_iter", &code)) {
+    if (platform::internal::Injected("db_create_root_iter", &code)) {
         return code;
     }
     if (iter == nullptr) {
@@ -736,7 +736,7 @@ uint32_t db_create_root_iter(DB_OBJ_S *obj, uint32_t keyMask, uint32_t filter, D
 uint32_t db_root_iterator_next(DB_ITER_S *iter)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("db_root_iterator_next", &code)) {
+    if (platform::internal::Injected("db_root_iterator_next", &code)) {
         return code;
     }
     Db &db = TheDb();
@@ -770,7 +770,7 @@ uint32_t db_create_if_obj(uint32_t mode, uint32_t flags, DB_OBJ_S **obj)
 
 uint32_t db_sub_add_event(DB_OBJ_S *obj, uint32_t eventMask)
 {
-    return WithSubDescription(__func__, obj, [eventMask](plat::db::SubDescription &desc) {
+    return WithSubDescription(__func__, obj, [eventMask](platform::db::SubDescription &desc) {
         const uint32_t all = DB_CHANGE_CREATE | DB_CHANGE_UPDATE | DB_CHANGE_DELETE;
         if (eventMask == 0 || (eventMask & ~all) != 0) {
             return DB_ERR_PARAM;
@@ -785,7 +785,7 @@ uint32_t db_sub_add_field(DB_OBJ_S *obj, const char *table, const char *field, u
     (void)a;
     (void)b;
     (void)c;
-    return WithSubDescription(__func__, obj, [table, field](plat::db::SubDescription &desc) {
+    return WithSubDescription(__func__, obj, [table, field](platform::db::SubDescription &desc) {
         if (table == nullptr || field == nullptr || !KnownField(desc.table, table, field)) {
             return DB_ERR_PARAM;
         }
@@ -796,7 +796,7 @@ uint32_t db_sub_add_field(DB_OBJ_S *obj, const char *table, const char *field, u
 
 uint32_t db_sub_add_push_op(DB_OBJ_S *obj, uint32_t pushOp)
 {
-    return WithSubDescription(__func__, obj, [pushOp](plat::db::SubDescription &desc) {
+    return WithSubDescription(__func__, obj, [pushOp](platform::db::SubDescription &desc) {
         if (pushOp != DB_SUB_PUSH_OBJECT) {
             return DB_ERR_PARAM;
         }
@@ -807,7 +807,7 @@ uint32_t db_sub_add_push_op(DB_OBJ_S *obj, uint32_t pushOp)
 
 uint32_t db_sub_reg_callback(DB_OBJ_S *obj, DB_SUB_CALLBACK_FN callback, void *userCallback)
 {
-    return WithSubDescription(__func__, obj, [callback, userCallback](plat::db::SubDescription &desc) {
+    return WithSubDescription(__func__, obj, [callback, userCallback](platform::db::SubDescription &desc) {
         if (callback == nullptr) {
             return DB_ERR_PARAM;
         }
@@ -819,17 +819,17 @@ uint32_t db_sub_reg_callback(DB_OBJ_S *obj, DB_SUB_CALLBACK_FN callback, void *u
 
 uint32_t db_get_devm_Chassis_ID(DB_OBJ_S *obj, uint32_t *chassisId)
 {
-    return Devm::GetField<&plat::BoardRecord::chassisId>(__func__, obj, chassisId);
+    return Devm::GetField<&platform::BoardRecord::chassisId>(__func__, obj, chassisId);
 }
 
 uint32_t db_get_devm_Slot_ID(DB_OBJ_S *obj, uint32_t *slotId)
 {
-    return Devm::GetField<&plat::BoardRecord::slotId>(__func__, obj, slotId);
+    return Devm::GetField<&platform::BoardRecord::slotId>(__func__, obj, slotId);
 }
 
 uint32_t db_get_devm_Register_status(DB_OBJ_S *obj, uint32_t *status)
 {
-    return Devm::WithRow(__func__, obj, status == nullptr, [status](const plat::BoardRecord &r) {
+    return Devm::WithRow(__func__, obj, status == nullptr, [status](const platform::BoardRecord &r) {
         if (!r.registerStatus) {
             return DB_NO_VALUE;
         }

@@ -2,7 +2,7 @@
 // table of the world model, with at most one iterator of its own.
 //
 // A table is a row type plus a function returning the table's rows in order
-// (from plat_world.hpp). TableObject<Row> keeps a snapshot taken when an
+// (from platform/world.hpp). TableObject<Row> keeps a snapshot taken when an
 // iteration starts, a read is made (or the object is reset), so concurrent
 // changes to the world never move rows under an iteration. A key narrows
 // the snapshot to the matching rows. A further table is added by naming
@@ -19,10 +19,10 @@
 #include <vector>
 
 #include "db.h"
-#include "plat_world.hpp"
+#include "platform/world.hpp"
 #include "world/world_internal.hpp"
 
-namespace plat::db {
+namespace platform::db {
 
 // What an object created for a subscription describes: the table, the
 // change types, the fields, the push operation and the callback.
@@ -35,7 +35,7 @@ struct SubDescription {
     void *userCallback = nullptr;
 };
 
-}  // namespace plat::db
+}  // namespace platform::db
 
 struct DB_ITER {
     DB_OBJ *owner = nullptr;
@@ -82,19 +82,19 @@ struct DB_OBJ {
     const uint32_t table;
     DB_ITER iter;
     std::vector<DB_OBJ *> children;   // child nodes, released with this object
-    std::unique_ptr<plat::db::SubDescription> sub;   // objects describing a subscription only
+    std::unique_ptr<platform::db::SubDescription> sub;   // objects describing a subscription only
     bool live = false;        // handed out and not released (pooled objects are not)
     bool started = false;     // Next was called since the last rewind
     bool hasCurrent = false;
     size_t current = 0;
 };
 
-namespace plat::db {
+namespace platform::db {
 
 template <typename Row>
 class TableObject final : public DB_OBJ {
 public:
-    using Match = plat::world::RowFilter<Row>;
+    using Match = platform::world::RowFilter<Row>;
     using Source = void (*)(const Match &, std::vector<Row> &);
     using KeyedSource = void (*)(uint32_t Row::*field, uint32_t key, std::vector<Row> &);
 
@@ -209,17 +209,17 @@ private:
     Row row_;
 };
 
-}  // namespace plat::db
+}  // namespace platform::db
 
-namespace plat::db {
+namespace platform::db {
 
 // Between the object side (db.cpp) and the subscription side (db_sub.cpp).
 // A copy of the description of a live subscription object; DB_ERR_PARAM
 // for any other object.
 uint32_t CopySubDescription(DB_OBJ *obj, SubDescription *out);
 // Live objects holding one record of a change, for the length of a callback.
-DB_OBJ *MakeChangeObject(const plat::IfRecord &row);
-DB_OBJ *MakeChangeObject(const plat::BoardRecord &row);
+DB_OBJ *MakeChangeObject(const platform::IfRecord &row);
+DB_OBJ *MakeChangeObject(const platform::BoardRecord &row);
 void DropChangeObject(DB_OBJ *obj);
 
-}  // namespace plat::db
+}  // namespace platform::db

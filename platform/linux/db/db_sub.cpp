@@ -29,7 +29,7 @@
 #include "world/world_internal.hpp"
 
 struct DB_SUB {
-    plat::db::SubDescription desc;
+    platform::db::SubDescription desc;
 };
 
 struct DB_SUB_CONN {
@@ -42,14 +42,14 @@ struct DB_SUB_CONN {
     struct Pending {
         DB_SUB_CALLBACK_FN callback = nullptr;
         void *userCallback = nullptr;
-        plat::world::Change change;
+        platform::world::Change change;
     };
     std::deque<Pending> pending;
 };
 
 namespace {
 
-using plat::world::ChangedTable;
+using platform::world::ChangedTable;
 
 struct Connections {
     std::mutex mu;  // taken after the world's lock, before a connection's
@@ -60,7 +60,7 @@ struct Connections {
 
 Connections &TheConnections()
 {
-    return plat::internal::Leaky<Connections>();
+    return platform::internal::Leaky<Connections>();
 }
 
 uint32_t TableOf(ChangedTable table)
@@ -70,7 +70,7 @@ uint32_t TableOf(ChangedTable table)
 
 // The world's change listener: queues the change on every connection that
 // follows it and wakes the connection's descriptor.
-void OnWorldChange(const plat::world::Change &change)
+void OnWorldChange(const platform::world::Change &change)
 {
     Connections &all = TheConnections();
     std::lock_guard lock(all.mu);
@@ -113,12 +113,12 @@ bool IsConnection(const Connections &all, const DB_SUB_CONN *conn)
 template <typename Row>
 DB_OBJ *ObjectOf(const std::optional<Row> &row)
 {
-    return row ? plat::db::MakeChangeObject(*row) : nullptr;
+    return row ? platform::db::MakeChangeObject(*row) : nullptr;
 }
 
 void Deliver(DB_SUB_CONN *conn, const DB_SUB_CONN::Pending &pending)
 {
-    const plat::world::Change &change = pending.change;
+    const platform::world::Change &change = pending.change;
     DB_SUB_CHANGE_S record = {};
     record.changeType = change.type;
     if (change.table == ChangedTable::If) {
@@ -129,8 +129,8 @@ void Deliver(DB_SUB_CONN *conn, const DB_SUB_CONN::Pending &pending)
         record.oldObj = ObjectOf(change.oldBoard);
     }
     pending.callback(conn, &record, nullptr, pending.userCallback);
-    plat::db::DropChangeObject(record.newObj);
-    plat::db::DropChangeObject(record.oldObj);
+    platform::db::DropChangeObject(record.newObj);
+    platform::db::DropChangeObject(record.oldObj);
 }
 
 }  // namespace
@@ -140,7 +140,7 @@ extern "C" {
 uint32_t db_create_sub_connect(const DB_CONN_PARAM_S *params, DB_EPOLL_CTRL_FN epollCtrl, DB_SUB_CONN_S **conn)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("db_create_sub_connect", &code)) {
+    if (platform::internal::Injected("db_create_sub_connect", &code)) {
         return code;
     }
     if (params == nullptr || params->serverLocator == nullptr || epollCtrl == nullptr || conn == nullptr) {
@@ -149,7 +149,7 @@ uint32_t db_create_sub_connect(const DB_CONN_PARAM_S *params, DB_EPOLL_CTRL_FN e
     if (std::strcmp(params->serverLocator, DB_SUB_SERVER_LOCATOR) != 0) {
         return DB_ERR_NO_SERVER;
     }
-    plat::world::set_change_listener(&OnWorldChange);
+    platform::world::SetChangeListener(&OnWorldChange);
     auto made = std::make_shared<DB_SUB_CONN>();
     made->fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (made->fd < 0) {
@@ -171,7 +171,7 @@ uint32_t db_create_sub_connect(const DB_CONN_PARAM_S *params, DB_EPOLL_CTRL_FN e
 uint32_t db_handle_event(uint32_t fd)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("db_handle_event", &code)) {
+    if (platform::internal::Injected("db_handle_event", &code)) {
         return code;
     }
     const std::shared_ptr<DB_SUB_CONN> conn = FindByFd(static_cast<int>(fd));
@@ -196,7 +196,7 @@ uint32_t db_handle_event(uint32_t fd)
 uint32_t db_disconnect(DB_SUB_CONN_S *conn)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("db_disconnect", &code)) {
+    if (platform::internal::Injected("db_disconnect", &code)) {
         return code;
     }
     std::shared_ptr<DB_SUB_CONN> owned;
@@ -223,7 +223,7 @@ uint32_t db_disconnect(DB_SUB_CONN_S *conn)
 uint32_t db_set_current_server_locator(const char *locator)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("db_set_current_server_locator", &code)) {
+    if (platform::internal::Injected("db_set_current_server_locator", &code)) {
         return code;
     }
     if (locator == nullptr) {
@@ -238,7 +238,7 @@ uint32_t db_set_current_server_locator(const char *locator)
 uint32_t db_set_current_user_name(const char *userName)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("db_set_current_user_name", &code)) {
+    if (platform::internal::Injected("db_set_current_user_name", &code)) {
         return code;
     }
     if (userName == nullptr) {
@@ -254,7 +254,7 @@ uint32_t db_close_connection_pool(const char *locator, const char *userName, uin
 {
     (void)flags;
     uint32_t code = 0;
-    if (plat::internal::Injected("db_close_connection_pool", &code)) {
+    if (platform::internal::Injected("db_close_connection_pool", &code)) {
         return code;
     }
     if (locator == nullptr || userName == nullptr) {
@@ -268,14 +268,14 @@ uint32_t db_close_connection_pool(const char *locator, const char *userName, uin
 uint32_t db_sub_with_conn(DB_SUB_CONN_S *conn, DB_OBJ_S *obj, DB_SUB_S **sub)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("db_sub_with_conn", &code)) {
+    if (platform::internal::Injected("db_sub_with_conn", &code)) {
         return code;
     }
     if (sub == nullptr || conn == nullptr) {
         return DB_ERR_PARAM;
     }
     auto made = std::make_unique<DB_SUB>();
-    if (const uint32_t ret = plat::db::CopySubDescription(obj, &made->desc); ret != DB_OK) {
+    if (const uint32_t ret = platform::db::CopySubDescription(obj, &made->desc); ret != DB_OK) {
         return ret;
     }
     if (made->desc.callback == nullptr || made->desc.eventMask == 0) {

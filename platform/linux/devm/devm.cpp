@@ -3,7 +3,7 @@
 // On the real switch the device database answers once the board has come
 // up, the main board's id first. Ours answers from the world model: the main
 // board id once the main board is readable, the self board id, chassis id
-// and board type once the self board is readable (set_devm_ready sets both),
+// and board type once the self board is readable (SetDevmReady sets both),
 // DEVM_ERR_NOT_READY before. Every read passes failure injection, so a test
 // can make any of them fail and count how often the module asks.
 #include "devm.h"
@@ -15,20 +15,20 @@
 
 namespace {
 
-using plat::world::DeviceView;
+using platform::world::DeviceView;
 
 // The common shape of every read: injection, argument, readiness, answer.
 template <typename Pick>
 uint32_t Read(const char *op, uint32_t *out, bool needsMainBoard, Pick pick)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected(op, &code)) {
+    if (platform::internal::Injected(op, &code)) {
         return code;
     }
     if (out == nullptr) {
         return DEVM_ERR_PARAM;
     }
-    const DeviceView view = plat::world::device_view();
+    const DeviceView view = platform::world::GetDeviceView();
     if (!(needsMainBoard ? view.mainBoardReadable : view.selfBoardReadable)) {
         return DEVM_ERR_NOT_READY;
     }
@@ -43,43 +43,43 @@ extern "C" {
 uint32_t DEVM_DB_GetSelfBoardId(uint32_t *boardId)
 {
     return Read("DEVM_DB_GetSelfBoardId", boardId, false,
-                [](const plat::SystemIdentity &id) { return id.selfBoardId; });
+                [](const platform::SystemIdentity &id) { return id.selfBoardId; });
 }
 
 uint32_t DEVM_DB_GetMainBoardId(uint32_t *boardId)
 {
     return Read("DEVM_DB_GetMainBoardId", boardId, true,
-                [](const plat::SystemIdentity &id) { return id.mainBoardId; });
+                [](const platform::SystemIdentity &id) { return id.mainBoardId; });
 }
 
 uint32_t DEVM_DB_GetSelfChassisId(uint32_t *chassisId)
 {
     return Read("DEVM_DB_GetSelfChassisId", chassisId, false,
-                [](const plat::SystemIdentity &id) { return id.chassisId; });
+                [](const platform::SystemIdentity &id) { return id.chassisId; });
 }
 
 uint32_t DEVM_GetSelfBoardType(uint32_t *boardType)
 {
     return Read("DEVM_GetSelfBoardType", boardType, false,
-                [](const plat::SystemIdentity &id) { return id.boardType; });
+                [](const platform::SystemIdentity &id) { return id.boardType; });
 }
 
 uint32_t DEVM_GetSelfBoardIp(uint32_t *ipAddr)
 {
-    return Read("DEVM_GetSelfBoardIp", ipAddr, false, [](const plat::SystemIdentity &id) { return id.boardIp; });
+    return Read("DEVM_GetSelfBoardIp", ipAddr, false, [](const platform::SystemIdentity &id) { return id.boardIp; });
 }
 
 uint32_t DEVM_DB_GetGlobalSlotIdByLocalSlotId(uint32_t chassisId, uint32_t localSlotId, uint32_t *globalSlotId)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("DEVM_DB_GetGlobalSlotIdByLocalSlotId", &code)) {
+    if (platform::internal::Injected("DEVM_DB_GetGlobalSlotIdByLocalSlotId", &code)) {
         return code;
     }
     if (globalSlotId == nullptr || chassisId == 0 || localSlotId >= DEVM_SLOTS_PER_CHASSIS ||
         chassisId > 0xFFFFFFFFU / DEVM_SLOTS_PER_CHASSIS) {
         return DEVM_ERR_PARAM;
     }
-    if (!plat::world::device_view().selfBoardReadable) {
+    if (!platform::world::GetDeviceView().selfBoardReadable) {
         return DEVM_ERR_NOT_READY;
     }
     *globalSlotId = (chassisId - 1U) * DEVM_SLOTS_PER_CHASSIS + localSlotId;
@@ -89,13 +89,13 @@ uint32_t DEVM_DB_GetGlobalSlotIdByLocalSlotId(uint32_t chassisId, uint32_t local
 uint32_t DEVM_DB_GetLocalSlotIdByGlobalSlotId(uint32_t globalSlotId, uint32_t *chassisId, uint32_t *localSlotId)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("DEVM_DB_GetLocalSlotIdByGlobalSlotId", &code)) {
+    if (platform::internal::Injected("DEVM_DB_GetLocalSlotIdByGlobalSlotId", &code)) {
         return code;
     }
     if (chassisId == nullptr || localSlotId == nullptr) {
         return DEVM_ERR_PARAM;
     }
-    if (!plat::world::device_view().selfBoardReadable) {
+    if (!platform::world::GetDeviceView().selfBoardReadable) {
         return DEVM_ERR_NOT_READY;
     }
     *chassisId = globalSlotId / DEVM_SLOTS_PER_CHASSIS + 1U;
@@ -105,14 +105,14 @@ uint32_t DEVM_DB_GetLocalSlotIdByGlobalSlotId(uint32_t globalSlotId, uint32_t *c
 
 uint32_t DEVM_GetSelfSlotId(uint32_t *slotId)
 {
-    return Read("DEVM_GetSelfSlotId", slotId, false, [](const plat::SystemIdentity &id) { return id.selfBoardId; });
+    return Read("DEVM_GetSelfSlotId", slotId, false, [](const platform::SystemIdentity &id) { return id.selfBoardId; });
 }
 
 uint32_t drv_board_get_self_logic_slotid(void)
 {
     uint32_t slot = 0;
     return Read("drv_board_get_self_logic_slotid", &slot, false,
-                [](const plat::SystemIdentity &id) { return id.selfBoardId; }) == DEVM_OK
+                [](const platform::SystemIdentity &id) { return id.selfBoardId; }) == DEVM_OK
                ? slot
                : 0xFFFFFFFFU;
 }
@@ -120,13 +120,13 @@ uint32_t drv_board_get_self_logic_slotid(void)
 uint32_t DEVM_DB_GetSysMac(uint8_t *mac)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("DEVM_DB_GetSysMac", &code)) {
+    if (platform::internal::Injected("DEVM_DB_GetSysMac", &code)) {
         return code;
     }
     if (mac == nullptr) {
         return DEVM_ERR_PARAM;
     }
-    const DeviceView view = plat::world::device_view();
+    const DeviceView view = platform::world::GetDeviceView();
     if (!view.selfBoardReadable) {
         return DEVM_ERR_NOT_READY;
     }

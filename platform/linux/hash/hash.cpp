@@ -56,13 +56,13 @@ struct Registry {
 
 Registry &TheRegistry()
 {
-    return plat::internal::Leaky<Registry>();
+    return platform::internal::Leaky<Registry>();
 }
 
 bool Injected(const char *op)
 {
     uint32_t code = 0;
-    return plat::internal::Injected(op, &code);
+    return platform::internal::Injected(op, &code);
 }
 
 // Caller holds Registry::mu.
@@ -118,7 +118,7 @@ HASH_TABLE_S *HASH_CreateNew(uint32_t bucketCount, uint32_t elementSize, HASH_GE
 uint32_t HASH_Destroy(HASH_TABLE_S *table)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("HASH_Destroy", &code)) {
+    if (platform::internal::Injected("HASH_Destroy", &code)) {
         return code;
     }
     std::unique_ptr<HASH_TABLE> owned;
@@ -153,7 +153,7 @@ void *HASH_NewData(HASH_TABLE_S *table)
 uint32_t HASH_AddNode(HASH_TABLE_S *table, void *elmtData, const void *key)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("HASH_AddNode", &code)) {
+    if (platform::internal::Injected("HASH_AddNode", &code)) {
         return code;
     }
     Registry &reg = TheRegistry();
@@ -178,7 +178,7 @@ uint32_t HASH_AddNode(HASH_TABLE_S *table, void *elmtData, const void *key)
 uint32_t HASH_FreeData(HASH_TABLE_S *table, void *elmtData)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("HASH_FreeData", &code)) {
+    if (platform::internal::Injected("HASH_FreeData", &code)) {
         return code;
     }
     Registry &reg = TheRegistry();
@@ -276,7 +276,7 @@ void *HASH_GetNextElmt(HASH_TABLE_S *table, const void *elmtData)
 uint32_t HASH_GetElmtCount(HASH_TABLE_S *table)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("HASH_GetElmtCount", &code)) {
+    if (platform::internal::Injected("HASH_GetElmtCount", &code)) {
         return 0;
     }
     Registry &reg = TheRegistry();

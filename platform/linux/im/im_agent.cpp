@@ -19,9 +19,9 @@
 
 #include "core/internal.hpp"
 #include "im_agent.h"
-#include "plat_control.h"
+#include "platform/control.h"
 
-namespace plat::im {
+namespace platform::im {
 
 struct LogId {
     uint32_t id = 0;
@@ -36,33 +36,33 @@ struct Param {
     std::string bytes;  // a number or a MAC fits the string's own storage
 };
 
-}  // namespace plat::im
+}  // namespace platform::im
 
 struct IM_AGENT_HANDLE {
     std::string module;
     // Shared with the records made against them: registering the table
     // again leaves records in flight their own id.
-    std::map<uint32_t, std::shared_ptr<const plat::im::LogId>> ids;  // guarded by Agent::mu
+    std::map<uint32_t, std::shared_ptr<const platform::im::LogId>> ids;  // guarded by Agent::mu
 };
 
 // Records are recycled (the diagnostic path makes one per frame): a freed
 // record goes back to the agent's pool with its storage, not to the heap.
 struct IM_AGENT_OBJ {
-    std::shared_ptr<const plat::im::LogId> logId;
-    std::vector<plat::im::Param> params;  // guarded by Agent::mu
+    std::shared_ptr<const platform::im::LogId> logId;
+    std::vector<platform::im::Param> params;  // guarded by Agent::mu
     bool live = false;                    // guarded by Agent::mu
 };
 
 namespace {
 
-using plat::im::LogId;
-using plat::im::Param;
+using platform::im::LogId;
+using platform::im::Param;
 
 constexpr uint32_t kImOk = 0;
 constexpr uint32_t kImErr = 1;
 
 struct Agent {
-    plat::internal::SpinMutex mu;
+    platform::internal::SpinMutex mu;
     // Handles live as long as the process: modules keep them in globals.
     std::map<std::string, std::unique_ptr<IM_AGENT_HANDLE>, std::less<>> handles;
     std::unordered_set<const IM_AGENT_HANDLE *> knownHandles;
@@ -79,7 +79,7 @@ bool IsLive(const Agent &agent, IM_AGENT_OBJ *obj)
 
 Agent &TheAgent()
 {
-    return plat::internal::Leaky<Agent>();
+    return platform::internal::Leaky<Agent>();
 }
 
 // "<NAME> <description>" into line, whose storage is reused from call to call.
@@ -119,7 +119,7 @@ extern "C" {
 IM_AGENT_HANDLE_S *IM_Agent_GetHandle(const char *module, const IM_AGENT_LOG_ID_S *ids, uint32_t count)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("IM_Agent_GetHandle", &code)) {
+    if (platform::internal::Injected("IM_Agent_GetHandle", &code)) {
         return nullptr;
     }
     if (module == nullptr || module[0] == '\0' || (ids == nullptr && count != 0)) {
@@ -155,7 +155,7 @@ IM_AGENT_HANDLE_S *IM_Agent_GetHandle(const char *module, const IM_AGENT_LOG_ID_
 IM_AGENT_OBJ_S *IM_Agent_ObjCreate(IM_AGENT_HANDLE_S *handle, uint32_t logId)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("IM_Agent_ObjCreate", &code)) {
+    if (platform::internal::Injected("IM_Agent_ObjCreate", &code)) {
         return nullptr;
     }
     Agent &agent = TheAgent();
@@ -184,7 +184,7 @@ IM_AGENT_OBJ_S *IM_Agent_ObjCreate(IM_AGENT_HANDLE_S *handle, uint32_t logId)
 uint32_t IM_Agent_AddPara(IM_AGENT_OBJ_S *obj, uint32_t type, uint32_t size, const void *value)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("IM_Agent_AddPara", &code)) {
+    if (platform::internal::Injected("IM_Agent_AddPara", &code)) {
         return code;
     }
     if (value == nullptr) {
@@ -224,7 +224,7 @@ uint32_t IM_Agent_AddPara(IM_AGENT_OBJ_S *obj, uint32_t type, uint32_t size, con
 uint32_t IM_Agent_Send(IM_AGENT_OBJ_S *obj)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("IM_Agent_Send", &code)) {
+    if (platform::internal::Injected("IM_Agent_Send", &code)) {
         return code;
     }
     thread_local std::string line;
@@ -236,14 +236,14 @@ uint32_t IM_Agent_Send(IM_AGENT_OBJ_S *obj)
         }
         Render(*obj, line);
     }
-    plat::internal::LogLine(PLAT_LOG_DIAG, line);
+    platform::internal::LogLine(PLAT_LOG_DIAG, line);
     return kImOk;
 }
 
 uint32_t IM_Agent_ObjFree(IM_AGENT_OBJ_S *obj)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("IM_Agent_ObjFree", &code)) {
+    if (platform::internal::Injected("IM_Agent_ObjFree", &code)) {
         return code;
     }
     Agent &agent = TheAgent();
@@ -261,7 +261,7 @@ uint32_t IM_Agent_Debug(IM_AGENT_HANDLE_S *handle, uint32_t debugId, const char 
 {
     (void)module;
     uint32_t code = 0;
-    if (plat::internal::Injected("IM_Agent_Debug", &code)) {
+    if (platform::internal::Injected("IM_Agent_Debug", &code)) {
         return code;
     }
     if (fmt == nullptr) {
@@ -277,9 +277,9 @@ uint32_t IM_Agent_Debug(IM_AGENT_HANDLE_S *handle, uint32_t debugId, const char 
     const std::string format = StripVsid(fmt);
     va_list ap;
     va_start(ap, fmt);
-    const std::string text = plat::internal::FormatV(format.c_str(), ap);
+    const std::string text = platform::internal::FormatV(format.c_str(), ap);
     va_end(ap);
-    plat::internal::LogLine(PLAT_LOG_DEBUG, plat::internal::Format("0x%x ", debugId) + text);
+    platform::internal::LogLine(PLAT_LOG_DEBUG, platform::internal::Format("0x%x ", debugId) + text);
     return kImOk;
 }
 

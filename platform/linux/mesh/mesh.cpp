@@ -21,7 +21,7 @@
 
 #include "core/internal.hpp"
 #include "mesh.h"
-#include "plat_control.h"
+#include "platform/control.h"
 
 namespace {
 
@@ -42,7 +42,7 @@ struct Mesh {
 
 Mesh &TheMesh()
 {
-    return plat::internal::Leaky<Mesh>();
+    return platform::internal::Leaky<Mesh>();
 }
 
 thread_local int32_t t_lastError = 0;
@@ -56,7 +56,7 @@ int32_t Fail(int err)
 bool Injected(const char *op)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected(op, &code)) {
+    if (platform::internal::Injected(op, &code)) {
         t_lastError = static_cast<int32_t>(code);
         return true;
     }
@@ -193,7 +193,7 @@ int32_t MESH_EpollWait(int32_t epfd, MESH_EPOLL_EVENT_S *events, int32_t maxEven
 int32_t MESH_GetErrorNo(void)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("MESH_GetErrorNo", &code)) {
+    if (platform::internal::Injected("MESH_GetErrorNo", &code)) {
         return -1;
     }
     return t_lastError;

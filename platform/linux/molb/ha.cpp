@@ -4,10 +4,11 @@
 // to start work and with which board role, that a standby board came or
 // went, that this board was promoted or demoted, and every change of the
 // master board; components answer switchover events with a state report.
-// Ours is driven through plat_ha.hpp: each call queues one event and a
-// thread of the service ("HA service") delivers the events in order,
-// calling the callbacks without holding the service's lock (a callback may
-// report its switchover state or register). It keeps what was registered,
+// Ours is driven through platform/ha.hpp (by the device layer's HA driver,
+// device/ha.hpp): each event is queued and a thread of the service ("HA
+// service") delivers the events in order, calling the callbacks without
+// holding the service's lock (a callback may report its switchover state or
+// register). It keeps what was registered,
 // reported and returned so the host can show it and tests can assert it.
 // Every MOLB_HA_ call passes failure injection.
 #include <pthread.h>
@@ -18,12 +19,11 @@
 #include <cstring>
 #include <deque>
 #include <mutex>
-#include <sstream>
 #include <thread>
 
 #include "core/internal.hpp"
 #include "molb.h"
-#include "plat_ha.hpp"
+#include "platform/ha.hpp"
 
 static_assert(sizeof(MOLB_HA_COMP_INFO_S) == 152, "the registration record is 152 bytes");
 static_assert(offsetof(MOLB_HA_COMP_INFO_S, compType) == 64, "type at offset 64");
@@ -33,14 +33,14 @@ static_assert(offsetof(MOLB_HA_COMP_INFO_S, reserved) == 136, "16 reserved bytes
 
 namespace {
 
-using plat::ha::Delivery;
-using plat::ha::Kind;
-using plat::ha::Seq;
+using platform::ha::Delivery;
+using platform::ha::Kind;
+using platform::ha::Seq;
 
 constexpr size_t kKeep = 256;
 
 struct Component {
-    plat::ha::Registration reg;
+    platform::ha::Registration reg;
     MOLB_HA_EVENT_FN onEvent = nullptr;
     MOLB_HA_MMB_FN onMasterChange = nullptr;
 };
@@ -59,14 +59,14 @@ struct Service {
     std::vector<Component> components;
     std::deque<Pending> queue;
     std::deque<Delivery> delivered;
-    std::deque<plat::ha::SwitchoverReport> reports;
-    plat::ha::State state;
+    std::deque<platform::ha::SwitchoverReport> reports;
+    platform::ha::State state;
     bool threadStarted = false;
 };
 
 Service &TheService()
 {
-    return plat::internal::Leaky<Service>();
+    return platform::internal::Leaky<Service>();
 }
 
 // A fixed-size field holds a terminated string.
@@ -104,7 +104,7 @@ void Keep(std::deque<T> &ring, T item)
     }
 }
 
-void ApplyLocked(plat::ha::State &state, const Pending &ev)
+void ApplyLocked(platform::ha::State &state, const Pending &ev)
 {
     // Events sent without their information tell nothing about the state.
     if (ev.kind == Kind::MasterChange) {
@@ -187,24 +187,6 @@ void ServiceLoop()
     }
 }
 
-Seq Queue(Kind kind, uint32_t eventType, std::vector<uint32_t> info)
-{
-    Service &svc = TheService();
-    Seq seq = 0;
-    {
-        std::lock_guard lock(svc.mu);
-        if (!svc.threadStarted) {
-            // The service runs for the life of the process, like the tasks.
-            std::thread(ServiceLoop).detach();
-            svc.threadStarted = true;
-        }
-        seq = ++svc.state.queued;
-        svc.queue.push_back(Pending{seq, kind, eventType, std::move(info)});
-    }
-    svc.queuedCv.notify_one();
-    return seq;
-}
-
 }  // namespace
 
 extern "C" {
@@ -213,7 +195,7 @@ uint32_t MOLB_HA_CompRegister(const MOLB_HA_COMP_INFO_S *info, MOLB_HA_EVENT_FN 
 {
     (void)reserved;
     uint32_t code = 0;
-    if (plat::internal::Injected("MOLB_HA_CompRegister", &code)) {
+    if (platform::internal::Injected("MOLB_HA_CompRegister", &code)) {
         return code;
     }
     if (info == nullptr || callback == nullptr || !Terminated(info->compName, sizeof(info->compName)) ||
@@ -234,7 +216,7 @@ uint32_t MOLB_HA_SubsAMMBPosition(const char *compName, MOLB_HA_MMB_FN callback,
 {
     (void)reserved;
     uint32_t code = 0;
-    if (plat::internal::Injected("MOLB_HA_SubsAMMBPosition", &code)) {
+    if (platform::internal::Injected("MOLB_HA_SubsAMMBPosition", &code)) {
         return code;
     }
     if (compName == nullptr || compName[0] == '\0' || callback == nullptr ||
@@ -252,7 +234,7 @@ uint32_t MOLB_HA_SubsAMMBPosition(const char *compName, MOLB_HA_MMB_FN callback,
 uint32_t MOLB_HA_ReportSwitchoverState(const char *compName, uint32_t state, uint32_t reserved)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("MOLB_HA_ReportSwitchoverState", &code)) {
+    if (platform::internal::Injected("MOLB_HA_ReportSwitchoverState", &code)) {
         return code;
     }
     if (compName == nullptr || !Terminated(compName, MOLB_HA_NAME_LEN)) {
@@ -264,50 +246,33 @@ uint32_t MOLB_HA_ReportSwitchoverState(const char *compName, uint32_t state, uin
     if (c == nullptr || c->onEvent == nullptr) {
         return MOLB_ERR_UNKNOWN_COMP;
     }
-    Keep(svc.reports, plat::ha::SwitchoverReport{compName, state, reserved});
+    Keep(svc.reports, platform::ha::SwitchoverReport{compName, state, reserved});
     return MOLB_OK;
 }
 
 }  // extern "C"
 
-namespace plat::ha {
+namespace platform::ha {
 
-Seq start_work(uint32_t role)
+Seq Queue(Kind kind, uint32_t eventType, std::vector<uint32_t> info)
 {
-    return Queue(Kind::Event, MOLB_HA_EVENT_START_WORK, {role});
+    Service &svc = TheService();
+    Seq seq = 0;
+    {
+        std::lock_guard lock(svc.mu);
+        if (!svc.threadStarted) {
+            // The service runs for the life of the process, like the tasks.
+            std::thread(ServiceLoop).detach();
+            svc.threadStarted = true;
+        }
+        seq = ++svc.state.queued;
+        svc.queue.push_back(Pending{seq, kind, eventType, std::move(info)});
+    }
+    svc.queuedCv.notify_one();
+    return seq;
 }
 
-Seq new_backup(uint32_t chassisId, uint32_t boardId)
-{
-    return Queue(Kind::Event, MOLB_HA_EVENT_NEW_BACKUP, {chassisId, boardId});
-}
-
-Seq backup_removed()
-{
-    return Queue(Kind::Event, MOLB_HA_EVENT_BACKUP_REMOVED, {});
-}
-
-Seq promote()
-{
-    return Queue(Kind::Event, MOLB_HA_EVENT_PROMOTE, {});
-}
-
-Seq demote()
-{
-    return Queue(Kind::Event, MOLB_HA_EVENT_DEMOTE, {});
-}
-
-Seq master_change(uint32_t chassisId, uint32_t boardId)
-{
-    return Queue(Kind::MasterChange, 0, {chassisId, boardId});
-}
-
-Seq send_event(uint32_t eventType, const std::vector<uint32_t> &info)
-{
-    return Queue(Kind::Event, eventType, info);
-}
-
-bool wait_delivered(Seq seq, uint32_t timeoutMs)
+bool WaitDelivered(Seq seq, uint32_t timeoutMs)
 {
     Service &svc = TheService();
     std::unique_lock lock(svc.mu);
@@ -315,7 +280,7 @@ bool wait_delivered(Seq seq, uint32_t timeoutMs)
                                     [&svc, seq]() { return svc.state.delivered >= seq; });
 }
 
-std::optional<Delivery> delivery(Seq seq)
+std::optional<Delivery> GetDelivery(Seq seq)
 {
     Service &svc = TheService();
     std::lock_guard lock(svc.mu);
@@ -327,7 +292,7 @@ std::optional<Delivery> delivery(Seq seq)
     return std::nullopt;
 }
 
-std::vector<Registration> registrations()
+std::vector<Registration> Registrations()
 {
     Service &svc = TheService();
     std::lock_guard lock(svc.mu);
@@ -338,32 +303,18 @@ std::vector<Registration> registrations()
     return out;
 }
 
-std::vector<SwitchoverReport> switchover_reports()
+std::vector<SwitchoverReport> SwitchoverReports()
 {
     Service &svc = TheService();
     std::lock_guard lock(svc.mu);
     return {svc.reports.begin(), svc.reports.end()};
 }
 
-State state()
+State GetState()
 {
     Service &svc = TheService();
     std::lock_guard lock(svc.mu);
     return svc.state;
 }
 
-std::string describe(const State &s)
-{
-    std::ostringstream out;
-    out << "role " << s.role << ", standby " << s.standbyChassis << "/" << s.standbyBoard << ", master "
-        << s.masterChassis << "/" << s.masterBoard << ", events " << s.queued << " queued " << s.delivered
-        << " delivered";
-    return out.str();
-}
-
-std::string describe(const SwitchoverReport &report)
-{
-    return report.name + " state " + std::to_string(report.state);
-}
-
-}  // namespace plat::ha
+}  // namespace platform::ha

@@ -19,7 +19,7 @@
 
 #include "core/internal.hpp"
 #include "molb.h"
-#include "plat_control.h"
+#include "platform/control.h"
 
 namespace {
 
@@ -42,7 +42,7 @@ struct Patches {
 
 Patches &ThePatches()
 {
-    return plat::internal::Leaky<Patches>();
+    return platform::internal::Leaky<Patches>();
 }
 
 }  // namespace
@@ -53,7 +53,7 @@ uint32_t MOLB_PAT_C2HRegisterHook(MOLB_PAT_C2H_HOOK_FN hook, uint32_t reserved)
 {
     (void)reserved;
     uint32_t code = 0;
-    if (plat::internal::Injected("MOLB_PAT_C2HRegisterHook", &code)) {
+    if (platform::internal::Injected("MOLB_PAT_C2HRegisterHook", &code)) {
         return code;
     }
     if (hook == nullptr) {
@@ -70,7 +70,7 @@ uint32_t MOLB_PAT_C2HRegisterHook(MOLB_PAT_C2H_HOOK_FN hook, uint32_t reserved)
 uint32_t MOLB_PAT_C2HReplyProcessResult(const void *requestHead, uint32_t result)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("MOLB_PAT_C2HReplyProcessResult", &code)) {
+    if (platform::internal::Injected("MOLB_PAT_C2HReplyProcessResult", &code)) {
         return code;
     }
     if (requestHead == nullptr) {
@@ -91,7 +91,7 @@ uint32_t MOLB_PAT_C2HReplyProcessResult(const void *requestHead, uint32_t result
 uint32_t MOLB_PAT_RestoreForDLL(void *dlHandle)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("MOLB_PAT_RestoreForDLL", &code)) {
+    if (platform::internal::Injected("MOLB_PAT_RestoreForDLL", &code)) {
         return code;
     }
     if (dlHandle == nullptr) {

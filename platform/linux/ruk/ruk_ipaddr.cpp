@@ -7,7 +7,7 @@
 extern "C" uint32_t RUK_IpAddrToStr(uint32_t ipAddr, char *str, uint32_t size)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("RUK_IpAddrToStr", &code)) {
+    if (platform::internal::Injected("RUK_IpAddrToStr", &code)) {
         return code;
     }
     if (str == nullptr || size == 0) {

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "core/internal.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 #include "ruk.h"
 
 namespace {
@@ -47,7 +47,7 @@ struct alignas(16) BlockHeader {
 };
 
 struct Memory {
-    plat::internal::SpinMutex mu;
+    platform::internal::SpinMutex mu;
     std::map<std::string, uint32_t, std::less<>> handleByName;
     std::map<uint32_t, std::string> handleNames;
     uint32_t nextHandle = 1;
@@ -62,7 +62,7 @@ struct Memory {
 
 Memory &TheMemory()
 {
-    return plat::internal::Leaky<Memory>();
+    return platform::internal::Leaky<Memory>();
 }
 
 bool KnownPartition(const Memory &mem, uint32_t ptNo)
@@ -77,7 +77,7 @@ extern "C" {
 uint32_t RUK_HandleInitialize(const char *name, uint32_t *handle)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("RUK_HandleInitialize", &code)) {
+    if (platform::internal::Injected("RUK_HandleInitialize", &code)) {
         return code;
     }
     if (name == nullptr || name[0] == '\0' || handle == nullptr) {
@@ -103,7 +103,7 @@ uint32_t RUK_HandleInitialize(const char *name, uint32_t *handle)
 uint32_t RUK_MemPtNoGet(const char *ptName, uint32_t *ptNo)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("RUK_MemPtNoGet", &code)) {
+    if (platform::internal::Injected("RUK_MemPtNoGet", &code)) {
         return code;
     }
     if (ptName == nullptr || ptName[0] == '\0' || ptNo == nullptr) {
@@ -122,7 +122,7 @@ uint32_t RUK_MemPtNoGet(const char *ptName, uint32_t *ptNo)
 void *RUK_MemAlloc_F(uint32_t handle, uint32_t ptNo, size_t size, const char *file, uint32_t line)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("RUK_MemAlloc_F", &code)) {
+    if (platform::internal::Injected("RUK_MemAlloc_F", &code)) {
         return nullptr;
     }
     if (size > (size_t{1} << 40)) {
@@ -166,7 +166,7 @@ uint32_t RUK_MemFree_F(uint32_t handle, void *ptr, const char *file, uint32_t li
     (void)file;
     (void)line;
     uint32_t code = 0;
-    if (plat::internal::Injected("RUK_MemFree_F", &code)) {
+    if (platform::internal::Injected("RUK_MemFree_F", &code)) {
         return code;
     }
     if (ptr == nullptr) {

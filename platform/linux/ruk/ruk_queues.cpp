@@ -39,7 +39,7 @@ struct Queues {
 
 Queues &TheQueues()
 {
-    return plat::internal::Leaky<Queues>();
+    return platform::internal::Leaky<Queues>();
 }
 
 std::shared_ptr<Queue> Find(uint32_t id)
@@ -58,7 +58,7 @@ uint32_t RUK_QueueCreate(const char *name, uint32_t depth, uint32_t *queueId, ui
 {
     (void)mode;
     uint32_t code = 0;
-    if (plat::internal::Injected("RUK_QueueCreate", &code)) {
+    if (platform::internal::Injected("RUK_QueueCreate", &code)) {
         return code;
     }
     if (queueId == nullptr || depth == 0 || msgLen == 0) {
@@ -88,7 +88,7 @@ uint32_t RUK_QueueCreate(const char *name, uint32_t depth, uint32_t *queueId, ui
 uint32_t RUK_QueueAsyWrite(uint32_t queueId, const void *msg, uint32_t len)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("RUK_QueueAsyWrite", &code)) {
+    if (platform::internal::Injected("RUK_QueueAsyWrite", &code)) {
         return code;
     }
     if (msg == nullptr) {
@@ -114,7 +114,7 @@ uint32_t RUK_QueueAsyWrite(uint32_t queueId, const void *msg, uint32_t len)
 uint32_t RUK_QueueAsyRead(uint32_t queueId, void *buf, uint32_t len)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("RUK_QueueAsyRead", &code)) {
+    if (platform::internal::Injected("RUK_QueueAsyRead", &code)) {
         return 0;
     }
     if (buf == nullptr || len == 0) {
@@ -138,7 +138,7 @@ uint32_t RUK_QueueAsyRead(uint32_t queueId, void *buf, uint32_t len)
 uint32_t RUK_QueueDelete(uint32_t queueId)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("RUK_QueueDelete", &code)) {
+    if (platform::internal::Injected("RUK_QueueDelete", &code)) {
         return code;
     }
     Queues &queues = TheQueues();

@@ -18,7 +18,7 @@
 #include <thread>
 
 #include "core/internal.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 #include "ruk.h"
 
 namespace {
@@ -28,14 +28,14 @@ std::atomic<uint32_t> g_nextTaskId{1};
 void DelayOp(const char *op, uint32_t ms)
 {
     uint32_t code = 0;
-    (void)plat::internal::Injected(op, &code);
+    (void)platform::internal::Injected(op, &code);
     PLAT_ScaledSleep(ms);
 }
 
 void RunDelayOp(const char *op)
 {
     uint32_t code = 0;
-    (void)plat::internal::Injected(op, &code);
+    (void)platform::internal::Injected(op, &code);
     std::this_thread::yield();
 }
 
@@ -51,14 +51,14 @@ uint32_t RUK_TaskCreate(const char *name, uint32_t *taskId, RUK_TASK_ENTRY_FN en
     (void)stackSize;
     (void)mode;
     uint32_t code = 0;
-    if (plat::internal::Injected("RUK_TaskCreate", &code)) {
+    if (platform::internal::Injected("RUK_TaskCreate", &code)) {
         return code;
     }
     if (name == nullptr || name[0] == '\0' || entry == nullptr) {
         return RUK_ERR_PARAM;
     }
     const uint32_t id = g_nextTaskId.fetch_add(1, std::memory_order_relaxed);
-    auto task = plat::internal::TaskRegister(name, id);
+    auto task = platform::internal::TaskRegister(name, id);
     std::promise<void> started;
     std::future<void> startedFuture = started.get_future();
     try {
@@ -67,15 +67,15 @@ uint32_t RUK_TaskCreate(const char *name, uint32_t *taskId, RUK_TASK_ENTRY_FN en
         std::thread thread([task, threadName = std::string(name).substr(0, 15), entry, arg0, arg1, arg2, arg3,
                              started = std::move(started)]() mutable {
             (void)pthread_setname_np(pthread_self(), threadName.c_str());
-            plat::internal::TaskStarted(task, plat::internal::CurrentTid());
+            platform::internal::TaskStarted(task, platform::internal::CurrentTid());
             started.set_value();
             const uint32_t status = entry(arg0, arg1, arg2, arg3);
-            plat::internal::TaskFinished(status);
+            platform::internal::TaskFinished(status);
         });
         thread.detach();
     } catch (const std::system_error &) {
-        plat::internal::TaskStarted(task, 0);
-        plat::internal::TaskFinished(RUK_ERR_TASK);
+        platform::internal::TaskStarted(task, 0);
+        platform::internal::TaskFinished(RUK_ERR_TASK);
         return RUK_ERR_TASK;
     }
     // Back to the caller only once the task's tid is known.
@@ -113,7 +113,7 @@ void RUK_T_RunDelay(uint32_t limit, uint32_t slice)
 int32_t RUK_StrCmp(const char *a, const char *b)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("RUK_StrCmp", &code)) {
+    if (platform::internal::Injected("RUK_StrCmp", &code)) {
         return -1;
     }
     if (a == nullptr || b == nullptr) {
@@ -125,7 +125,7 @@ int32_t RUK_StrCmp(const char *a, const char *b)
 int32_t RUK_Mem_Cmp(const void *a, const void *b, size_t len)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("RUK_Mem_Cmp", &code)) {
+    if (platform::internal::Injected("RUK_Mem_Cmp", &code)) {
         return -1;
     }
     if (len == 0) {

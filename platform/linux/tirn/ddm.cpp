@@ -6,7 +6,7 @@
 
 #include "core/internal.hpp"
 #include "ddm.h"
-#include "plat_tirn.hpp"
+#include "platform/tirn.hpp"
 
 namespace {
 
@@ -17,7 +17,7 @@ struct Roles {
 
 Roles &TheRoles()
 {
-    return plat::internal::Leaky<Roles>();
+    return platform::internal::Leaky<Roles>();
 }
 
 bool Named(const char (&text)[16])
@@ -27,21 +27,21 @@ bool Named(const char (&text)[16])
 
 }  // namespace
 
-namespace plat::tirn {
+namespace platform::tirn {
 
-std::optional<DDM_SELECTOR_ROLE_S> last_selector_role()
+std::optional<DDM_SELECTOR_ROLE_S> LastSelectorRole()
 {
     Roles &roles = TheRoles();
     std::lock_guard lock(roles.mu);
     return roles.last;
 }
 
-}  // namespace plat::tirn
+}  // namespace platform::tirn
 
 extern "C" uint32_t DDM_AuthorizeSetSelectorRole(const DDM_SELECTOR_ROLE_S *role)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("DDM_AuthorizeSetSelectorRole", &code)) {
+    if (platform::internal::Injected("DDM_AuthorizeSetSelectorRole", &code)) {
         return code;
     }
     if (role == nullptr || !Named(role->serviceName) || !Named(role->roleName)) {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "core/internal.hpp"
-#include "plat_tirn.hpp"
+#include "platform/tirn.hpp"
 #include "rpc.h"
 #include "tirn/tirn_internal.hpp"
 
@@ -26,7 +26,7 @@ struct Messages {
 
 Messages &Msgs()
 {
-    return plat::internal::Leaky<Messages>();
+    return platform::internal::Leaky<Messages>();
 }
 
 // The message's bytes when it was created here and holds at least need bytes.
@@ -38,38 +38,38 @@ bool Valid(const void *msg, uint32_t need)
     return it != m.live.end() && it->second.bytes.size() >= need;
 }
 
-uint32_t Send(const char *op, plat::tirn::Method method, const void *msg, uint32_t len,
+uint32_t Send(const char *op, platform::tirn::Method method, const void *msg, uint32_t len,
               RPC_ASYNC_CALLBACK_FN callback, const RPC_INVOKE_ATTR_S *attr)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected(op, &code)) {
+    if (platform::internal::Injected(op, &code)) {
         return code;
     }
     if (msg == nullptr || callback == nullptr || attr == nullptr || !Valid(msg, len)) {
         return RPC_ERR_PARAM;
     }
-    return plat::tirn::invoke(method, msg, len, callback);
+    return platform::tirn::Invoke(method, msg, len, callback);
 }
 
 }  // namespace
 
-namespace plat::tirn {
+namespace platform::tirn {
 
-uint32_t idl_messages_outstanding()
+uint32_t IdlMessagesOutstanding()
 {
     Messages &m = Msgs();
     std::lock_guard lock(m.mu);
     return static_cast<uint32_t>(m.live.size());
 }
 
-}  // namespace plat::tirn
+}  // namespace platform::tirn
 
 extern "C" {
 
 void *RPC_IdlMsgCreate(uint32_t size, uint32_t msgId, const char *owner)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("RPC_IdlMsgCreate", &code) || size == 0 || owner == nullptr) {
+    if (platform::internal::Injected("RPC_IdlMsgCreate", &code) || size == 0 || owner == nullptr) {
         return nullptr;
     }
     Message made;
@@ -85,7 +85,7 @@ void *RPC_IdlMsgCreate(uint32_t size, uint32_t msgId, const char *owner)
 uint32_t RPC_IdlMsgDestroy(void *msg, uint32_t msgId, const char *owner)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("RPC_IdlMsgDestroy", &code)) {
+    if (platform::internal::Injected("RPC_IdlMsgDestroy", &code)) {
         return code;
     }
     if (msg == nullptr || owner == nullptr) {
@@ -103,21 +103,21 @@ uint32_t RPC_IdlMsgDestroy(void *msg, uint32_t msgId, const char *owner)
 
 uint32_t PPPOE_PLUS_GlobalCfg_async(void *msg, RPC_ASYNC_CALLBACK_FN callback, void *, const RPC_INVOKE_ATTR_S *attr)
 {
-    return Send("PPPOE_PLUS_GlobalCfg_async", plat::tirn::Method::GlobalCfg, msg,
+    return Send("PPPOE_PLUS_GlobalCfg_async", platform::tirn::Method::GlobalCfg, msg,
                 sizeof(PPPOE_PLUS_GLOBAL_CFG_REQ_S), callback, attr);
 }
 
 uint32_t PPPOE_PLUS_IgnoreReplyCfg_async(void *msg, RPC_ASYNC_CALLBACK_FN callback, void *,
                                          const RPC_INVOKE_ATTR_S *attr)
 {
-    return Send("PPPOE_PLUS_IgnoreReplyCfg_async", plat::tirn::Method::IgnoreReplyCfg, msg,
+    return Send("PPPOE_PLUS_IgnoreReplyCfg_async", platform::tirn::Method::IgnoreReplyCfg, msg,
                 sizeof(PPPOE_PLUS_IGNORE_REPLY_CFG_REQ_S), callback, attr);
 }
 
 uint32_t PPPOE_PLUS_TrustPortCfg_async(void *msg, RPC_ASYNC_CALLBACK_FN callback, void *,
                                        const RPC_INVOKE_ATTR_S *attr)
 {
-    return Send("PPPOE_PLUS_TrustPortCfg_async", plat::tirn::Method::TrustPortCfg, msg,
+    return Send("PPPOE_PLUS_TrustPortCfg_async", platform::tirn::Method::TrustPortCfg, msg,
                 sizeof(PPPOE_PLUS_TRUST_PORT_CFG_REQ_S), callback, attr);
 }
 

@@ -24,7 +24,7 @@
 #include "core/internal.hpp"
 #include "mesh.h"
 #include "plat_safe.h"
-#include "plat_tirn.hpp"
+#include "platform/tirn.hpp"
 #include "tirn.h"
 #include "tirn/tirn_internal.hpp"
 
@@ -68,7 +68,7 @@ struct Server {
 
 struct Binding {
     TIRN_SERVER_HANDLE server = 0;   // 0: a platform service
-    plat::tirn::Service service;
+    platform::tirn::Service service;
 };
 
 struct Registry {
@@ -84,7 +84,7 @@ struct Registry {
 
 Registry &Reg()
 {
-    return plat::internal::Leaky<Registry>();
+    return platform::internal::Leaky<Registry>();
 }
 
 // Wakes the connection's task; called with the registry locked.
@@ -128,21 +128,21 @@ uint32_t DeliverPending(uint32_t, uint32_t, void *arg)
 
 bool Injected(const char *op, uint32_t *code)
 {
-    return plat::internal::Injected(op, code);
+    return platform::internal::Injected(op, code);
 }
 
 }  // namespace
 
-namespace plat::tirn {
+namespace platform::tirn {
 
-bool register_service(const std::string &uri, Service service)
+bool RegisterService(const std::string &uri, Service service)
 {
     Registry &reg = Reg();
     std::lock_guard lock(reg.mu);
     return reg.bindings.emplace(uri, Binding{0, std::move(service)}).second;
 }
 
-void unregister_service(const std::string &uri)
+void UnregisterService(const std::string &uri)
 {
     Registry &reg = Reg();
     std::lock_guard lock(reg.mu);
@@ -158,7 +158,7 @@ void unregister_service(const std::string &uri)
     }
 }
 
-uint32_t invoke(Method method, const void *request, uint32_t len, RPC_ASYNC_CALLBACK_FN callback)
+uint32_t Invoke(Method method, const void *request, uint32_t len, RPC_ASYNC_CALLBACK_FN callback)
 {
     Registry &reg = Reg();
     std::shared_ptr<Connection> conn;
@@ -193,7 +193,7 @@ uint32_t invoke(Method method, const void *request, uint32_t len, RPC_ASYNC_CALL
     return RPC_OK;
 }
 
-std::optional<int32_t> bound_server_epoll_fd(const std::string &uri)
+std::optional<int32_t> BoundServerEpollFd(const std::string &uri)
 {
     Registry &reg = Reg();
     std::lock_guard lock(reg.mu);
@@ -204,7 +204,7 @@ std::optional<int32_t> bound_server_epoll_fd(const std::string &uri)
     return reg.servers[it->second.server].epollFd;
 }
 
-std::string bound_server_name(const std::string &uri)
+std::string BoundServerName(const std::string &uri)
 {
     Registry &reg = Reg();
     std::lock_guard lock(reg.mu);
@@ -215,14 +215,14 @@ std::string bound_server_name(const std::string &uri)
     return reg.servers[it->second.server].serviceName;
 }
 
-uint32_t open_connections()
+uint32_t OpenConnections()
 {
     Registry &reg = Reg();
     std::lock_guard lock(reg.mu);
     return static_cast<uint32_t>(reg.conns.size());
 }
 
-}  // namespace plat::tirn
+}  // namespace platform::tirn
 
 extern "C" {
 

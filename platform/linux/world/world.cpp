@@ -6,40 +6,41 @@
 // device database answers yet (main board and self board separately), the
 // framework-instance table and the switching tables (interfaces, trunks,
 // trunk ports, port VLANs, access and port isolation) and the board registry.
-// The host fills it from a topology file (topology.cpp) and tests and the
-// host's control change it at any time; every access is locked. Writes of
-// interfaces and of the board registry are handed, under the same lock and
-// so in order, to the change listener of the database's subscription side.
+// The host fills it from a topology file (read by the device layer's
+// loader) and tests and the host's control change it at any time; every
+// access is locked. Writes of interfaces and of the board registry are
+// handed, under the same lock and so in order, to the change listener of the
+// database's subscription side.
 #include <algorithm>
 #include <mutex>
 
 #include "core/internal.hpp"
 #include "db.h"
-#include "plat_world.hpp"
+#include "platform/world.hpp"
 #include "world/world_internal.hpp"
 
 namespace {
 
 struct World {
-    plat::internal::SpinMutex mu;
-    plat::SystemIdentity identity;
+    platform::internal::SpinMutex mu;
+    platform::SystemIdentity identity;
     bool mainBoardReadable = false;
     bool selfBoardReadable = false;
-    std::vector<plat::FrmInstRecord> frmInst;  // in insertion order
+    std::vector<platform::FrmInstRecord> frmInst;  // in insertion order
     // Keyed tables, each in insertion order.
-    std::vector<plat::IfRecord> ifs;
-    std::vector<plat::TrunkRecord> trunks;
-    std::vector<plat::TrunkPortRecord> trunkPorts;
-    std::vector<plat::PortVlanRecord> portVlans;
-    std::vector<plat::AccessIsolateRecord> accessIsolation;
-    std::vector<plat::PortIsolateRecord> portIsolation;
-    std::vector<plat::BoardRecord> boards;
-    plat::world::ChangeListener listener = nullptr;
+    std::vector<platform::IfRecord> ifs;
+    std::vector<platform::TrunkRecord> trunks;
+    std::vector<platform::TrunkPortRecord> trunkPorts;
+    std::vector<platform::PortVlanRecord> portVlans;
+    std::vector<platform::AccessIsolateRecord> accessIsolation;
+    std::vector<platform::PortIsolateRecord> portIsolation;
+    std::vector<platform::BoardRecord> boards;
+    platform::world::ChangeListener listener = nullptr;
 };
 
 World &TheWorld()
 {
-    return plat::internal::Leaky<World>();
+    return platform::internal::Leaky<World>();
 }
 
 // Replaces the record with the same key in place, or appends.
@@ -79,42 +80,42 @@ std::vector<Row> Rows(std::vector<Row> World::*table)
     return w.*table;
 }
 
-// The table of each row type, for select_rows.
-std::vector<plat::FrmInstRecord> &TableOf(World &w, const plat::FrmInstRecord *) { return w.frmInst; }
-std::vector<plat::IfRecord> &TableOf(World &w, const plat::IfRecord *) { return w.ifs; }
-std::vector<plat::TrunkRecord> &TableOf(World &w, const plat::TrunkRecord *) { return w.trunks; }
-std::vector<plat::TrunkPortRecord> &TableOf(World &w, const plat::TrunkPortRecord *) { return w.trunkPorts; }
-std::vector<plat::PortVlanRecord> &TableOf(World &w, const plat::PortVlanRecord *) { return w.portVlans; }
-std::vector<plat::AccessIsolateRecord> &TableOf(World &w, const plat::AccessIsolateRecord *)
+// The table of each row type, for SelectRows.
+std::vector<platform::FrmInstRecord> &TableOf(World &w, const platform::FrmInstRecord *) { return w.frmInst; }
+std::vector<platform::IfRecord> &TableOf(World &w, const platform::IfRecord *) { return w.ifs; }
+std::vector<platform::TrunkRecord> &TableOf(World &w, const platform::TrunkRecord *) { return w.trunks; }
+std::vector<platform::TrunkPortRecord> &TableOf(World &w, const platform::TrunkPortRecord *) { return w.trunkPorts; }
+std::vector<platform::PortVlanRecord> &TableOf(World &w, const platform::PortVlanRecord *) { return w.portVlans; }
+std::vector<platform::AccessIsolateRecord> &TableOf(World &w, const platform::AccessIsolateRecord *)
 {
     return w.accessIsolation;
 }
-std::vector<plat::PortIsolateRecord> &TableOf(World &w, const plat::PortIsolateRecord *) { return w.portIsolation; }
-std::vector<plat::BoardRecord> &TableOf(World &w, const plat::BoardRecord *) { return w.boards; }
+std::vector<platform::PortIsolateRecord> &TableOf(World &w, const platform::PortIsolateRecord *) { return w.portIsolation; }
+std::vector<platform::BoardRecord> &TableOf(World &w, const platform::BoardRecord *) { return w.boards; }
 
 // Caller holds World::mu.
-void Notify(const World &w, const plat::world::Change &change)
+void Notify(const World &w, const platform::world::Change &change)
 {
     if (w.listener != nullptr) {
         w.listener(change);
     }
 }
 
-plat::world::Change IfChange(uint32_t type, std::optional<plat::IfRecord> before, std::optional<plat::IfRecord> after)
+platform::world::Change IfChange(uint32_t type, std::optional<platform::IfRecord> before, std::optional<platform::IfRecord> after)
 {
-    plat::world::Change change;
-    change.table = plat::world::ChangedTable::If;
+    platform::world::Change change;
+    change.table = platform::world::ChangedTable::If;
     change.type = type;
     change.oldIf = std::move(before);
     change.newIf = std::move(after);
     return change;
 }
 
-plat::world::Change BoardChange(uint32_t type, std::optional<plat::BoardRecord> before,
-                                std::optional<plat::BoardRecord> after)
+platform::world::Change BoardChange(uint32_t type, std::optional<platform::BoardRecord> before,
+                                std::optional<platform::BoardRecord> after)
 {
-    plat::world::Change change;
-    change.table = plat::world::ChangedTable::Board;
+    platform::world::Change change;
+    change.table = platform::world::ChangedTable::Board;
     change.type = type;
     change.oldBoard = std::move(before);
     change.newBoard = std::move(after);
@@ -122,23 +123,23 @@ plat::world::Change BoardChange(uint32_t type, std::optional<plat::BoardRecord> 
 }
 
 // Caller holds World::mu.
-std::vector<plat::IfRecord>::iterator FindIf(World &w, uint32_t ifIndex)
+std::vector<platform::IfRecord>::iterator FindIf(World &w, uint32_t ifIndex)
 {
     return std::find_if(w.ifs.begin(), w.ifs.end(),
-                        [ifIndex](const plat::IfRecord &r) { return r.ifIndex == ifIndex; });
+                        [ifIndex](const platform::IfRecord &r) { return r.ifIndex == ifIndex; });
 }
 
-bool SameBoard(const plat::BoardRecord &a, uint32_t chassisId, uint32_t slotId)
+bool SameBoard(const platform::BoardRecord &a, uint32_t chassisId, uint32_t slotId)
 {
     return a.chassisId == chassisId && a.slotId == slotId;
 }
 
-bool SameIsolation(const plat::AccessIsolateRecord &a, const plat::AccessIsolateRecord &b)
+bool SameIsolation(const platform::AccessIsolateRecord &a, const platform::AccessIsolateRecord &b)
 {
     return a.srcIfIndex == b.srcIfIndex && a.vlanId == b.vlanId && a.dstIfIndex == b.dstIfIndex;
 }
 
-bool SameGroup(const plat::PortIsolateRecord &a, const plat::PortIsolateRecord &b)
+bool SameGroup(const platform::PortIsolateRecord &a, const platform::PortIsolateRecord &b)
 {
     return a.ifIndex == b.ifIndex && a.groupId == b.groupId;
 }
@@ -157,23 +158,23 @@ void ClearTables(World &w)
 
 }  // namespace
 
-namespace plat::world {
+namespace platform::world {
 
-void set_identity(const SystemIdentity &identity)
+void SetIdentity(const SystemIdentity &identity)
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
     w.identity = identity;
 }
 
-SystemIdentity identity()
+SystemIdentity Identity()
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
     return w.identity;
 }
 
-void set_devm_ready(bool ready)
+void SetDevmReady(bool ready)
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
@@ -181,35 +182,35 @@ void set_devm_ready(bool ready)
     w.selfBoardReadable = ready;
 }
 
-void set_main_board_readable(bool readable)
+void SetMainBoardReadable(bool readable)
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
     w.mainBoardReadable = readable;
 }
 
-void set_self_board_readable(bool readable)
+void SetSelfBoardReadable(bool readable)
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
     w.selfBoardReadable = readable;
 }
 
-DeviceView device_view()
+DeviceView GetDeviceView()
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
     return DeviceView{w.identity, w.mainBoardReadable, w.selfBoardReadable};
 }
 
-void frm_inst_clear()
+void FrmInstClear()
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
     w.frmInst.clear();
 }
 
-void frm_inst_put(const FrmInstRecord &record)
+void FrmInstPut(const FrmInstRecord &record)
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
@@ -222,14 +223,14 @@ void frm_inst_put(const FrmInstRecord &record)
     }
 }
 
-std::vector<FrmInstRecord> frm_inst_records()
+std::vector<FrmInstRecord> FrmInstRecords()
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
     return w.frmInst;
 }
 
-void if_put(const IfRecord &record)
+void IfPut(const IfRecord &record)
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
@@ -244,7 +245,7 @@ void if_put(const IfRecord &record)
     }
 }
 
-bool if_remove(uint32_t ifIndex)
+bool IfRemove(uint32_t ifIndex)
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
@@ -258,7 +259,7 @@ bool if_remove(uint32_t ifIndex)
     return true;
 }
 
-std::optional<IfRecord> if_find(uint32_t ifIndex)
+std::optional<IfRecord> IfFind(uint32_t ifIndex)
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
@@ -269,7 +270,7 @@ std::optional<IfRecord> if_find(uint32_t ifIndex)
     return *it;
 }
 
-bool if_set_on_board(uint32_t ifIndex, bool onBoard)
+bool IfSetOnBoard(uint32_t ifIndex, bool onBoard)
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
@@ -283,7 +284,7 @@ bool if_set_on_board(uint32_t ifIndex, bool onBoard)
     return true;
 }
 
-void board_put(const BoardRecord &record)
+void BoardPut(const BoardRecord &record)
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
@@ -300,7 +301,7 @@ void board_put(const BoardRecord &record)
     }
 }
 
-bool board_remove(uint32_t chassisId, uint32_t slotId)
+bool BoardRemove(uint32_t chassisId, uint32_t slotId)
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
@@ -315,62 +316,62 @@ bool board_remove(uint32_t chassisId, uint32_t slotId)
     return true;
 }
 
-std::vector<BoardRecord> board_records()
+std::vector<BoardRecord> BoardRecords()
 {
     return Rows(&World::boards);
 }
 
-void set_change_listener(ChangeListener listener)
+void SetChangeListener(ChangeListener listener)
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
     w.listener = listener;
 }
 
-std::vector<IfRecord> if_records()
+std::vector<IfRecord> IfRecords()
 {
     return Rows(&World::ifs);
 }
 
-void trunk_put(const TrunkRecord &record)
+void TrunkPut(const TrunkRecord &record)
 {
     Put(&World::trunks, record, [](const TrunkRecord &a, const TrunkRecord &b) { return a.trunkId == b.trunkId; });
 }
 
-bool trunk_remove(uint32_t trunkId)
+bool TrunkRemove(uint32_t trunkId)
 {
     return Remove(&World::trunks, [trunkId](const TrunkRecord &r) { return r.trunkId == trunkId; });
 }
 
-std::vector<TrunkRecord> trunk_records()
+std::vector<TrunkRecord> TrunkRecords()
 {
     return Rows(&World::trunks);
 }
 
-void trunk_port_put(const TrunkPortRecord &record)
+void TrunkPortPut(const TrunkPortRecord &record)
 {
     Put(&World::trunkPorts, record,
         [](const TrunkPortRecord &a, const TrunkPortRecord &b) { return a.memberIfIndex == b.memberIfIndex; });
 }
 
-bool trunk_port_remove(uint32_t memberIfIndex)
+bool TrunkPortRemove(uint32_t memberIfIndex)
 {
     return Remove(&World::trunkPorts,
                   [memberIfIndex](const TrunkPortRecord &r) { return r.memberIfIndex == memberIfIndex; });
 }
 
-std::vector<TrunkPortRecord> trunk_port_records()
+std::vector<TrunkPortRecord> TrunkPortRecords()
 {
     return Rows(&World::trunkPorts);
 }
 
-void port_vlan_put(const PortVlanRecord &record)
+void PortVlanPut(const PortVlanRecord &record)
 {
     Put(&World::portVlans, record,
         [](const PortVlanRecord &a, const PortVlanRecord &b) { return a.ifIndex == b.ifIndex; });
 }
 
-void port_vlan_set(uint32_t ifIndex, uint16_t vlan, bool member)
+void PortVlanSet(uint32_t ifIndex, uint16_t vlan, bool member)
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
@@ -388,61 +389,61 @@ void port_vlan_set(uint32_t ifIndex, uint16_t vlan, bool member)
     }
 }
 
-bool port_vlan_remove(uint32_t ifIndex)
+bool PortVlanRemove(uint32_t ifIndex)
 {
     return Remove(&World::portVlans, [ifIndex](const PortVlanRecord &r) { return r.ifIndex == ifIndex; });
 }
 
-std::vector<PortVlanRecord> port_vlan_records()
+std::vector<PortVlanRecord> PortVlanRecords()
 {
     return Rows(&World::portVlans);
 }
 
-void access_isolate_put(const AccessIsolateRecord &record)
+void AccessIsolatePut(const AccessIsolateRecord &record)
 {
     Put(&World::accessIsolation, record, SameIsolation);
 }
 
-bool access_isolate_remove(const AccessIsolateRecord &record)
+bool AccessIsolateRemove(const AccessIsolateRecord &record)
 {
     return Remove(&World::accessIsolation, [&record](const AccessIsolateRecord &r) { return SameIsolation(r, record); });
 }
 
-std::vector<AccessIsolateRecord> access_isolate_records()
+std::vector<AccessIsolateRecord> AccessIsolateRecords()
 {
     return Rows(&World::accessIsolation);
 }
 
-void port_isolate_put(const PortIsolateRecord &record)
+void PortIsolatePut(const PortIsolateRecord &record)
 {
     Put(&World::portIsolation, record, SameGroup);
 }
 
-bool port_isolate_remove(const PortIsolateRecord &record)
+bool PortIsolateRemove(const PortIsolateRecord &record)
 {
     return Remove(&World::portIsolation, [&record](const PortIsolateRecord &r) { return SameGroup(r, record); });
 }
 
-std::vector<PortIsolateRecord> port_isolate_records()
+std::vector<PortIsolateRecord> PortIsolateRecords()
 {
     return Rows(&World::portIsolation);
 }
 
-void set_sys_name(const std::string &name)
+void SetSysName(const std::string &name)
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
     w.identity.sysName = name;
 }
 
-void tables_clear()
+void TablesClear()
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
     ClearTables(w);
 }
 
-void apply_topology(const Topology &topology)
+void ApplyTopology(const Topology &topology)
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
@@ -456,7 +457,7 @@ void apply_topology(const Topology &topology)
     w.boards = {BoardRecord{topology.system.chassisId, topology.system.selfBoardId, kBoardRegistered}};
 }
 
-void reset()
+void Reset()
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
@@ -467,9 +468,9 @@ void reset()
     ClearTables(w);
 }
 
-}  // namespace plat::world
+}  // namespace platform::world
 
-namespace plat::world {
+namespace platform::world {
 
 namespace {
 
@@ -496,7 +497,7 @@ void CopyKept(const std::vector<Row> &rows, Keep keep, std::vector<Row> &out)
 }  // namespace
 
 template <typename Row>
-void select_rows(const RowFilter<Row> &keep, std::vector<Row> &out)
+void SelectRows(const RowFilter<Row> &keep, std::vector<Row> &out)
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
@@ -505,7 +506,7 @@ void select_rows(const RowFilter<Row> &keep, std::vector<Row> &out)
 }
 
 template <typename Row>
-void select_rows_where(uint32_t Row::*field, uint32_t key, std::vector<Row> &out)
+void SelectRowsWhere(uint32_t Row::*field, uint32_t key, std::vector<Row> &out)
 {
     World &w = TheWorld();
     std::lock_guard lock(w.mu);
@@ -514,8 +515,8 @@ void select_rows_where(uint32_t Row::*field, uint32_t key, std::vector<Row> &out
 }
 
 #define PLAT_WORLD_SELECT(Row)                                                     \
-    template void select_rows(const RowFilter<Row> &, std::vector<Row> &);        \
-    template void select_rows_where(uint32_t Row::*, uint32_t, std::vector<Row> &)
+    template void SelectRows(const RowFilter<Row> &, std::vector<Row> &);        \
+    template void SelectRowsWhere(uint32_t Row::*, uint32_t, std::vector<Row> &)
 PLAT_WORLD_SELECT(FrmInstRecord);
 PLAT_WORLD_SELECT(IfRecord);
 PLAT_WORLD_SELECT(TrunkRecord);
@@ -526,4 +527,4 @@ PLAT_WORLD_SELECT(PortIsolateRecord);
 PLAT_WORLD_SELECT(BoardRecord);
 #undef PLAT_WORLD_SELECT
 
-}  // namespace plat::world
+}  // namespace platform::world

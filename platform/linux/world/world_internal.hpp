@@ -1,5 +1,5 @@
 // What the platform's services read from the world model beyond
-// plat_world.hpp: the identity together with which of its parts currently
+// platform/world.hpp: the identity together with which of its parts currently
 // answer, taken in one consistent snapshot (the device manager), and the
 // feed of interface and board-registry writes (the database's
 // subscriptions).
@@ -9,9 +9,9 @@
 #include <optional>
 #include <vector>
 
-#include "plat_world.hpp"
+#include "platform/world.hpp"
 
-namespace plat::world {
+namespace platform::world {
 
 struct DeviceView {
     SystemIdentity identity;
@@ -19,7 +19,7 @@ struct DeviceView {
     bool selfBoardReadable = false;
 };
 
-DeviceView device_view();
+DeviceView GetDeviceView();
 
 // Keyed reads of the database: the rows of Row's table that keep accepts
 // (all when keep is empty), copied into out over what it held so that a
@@ -28,10 +28,10 @@ DeviceView device_view();
 template <typename Row>
 using RowFilter = std::function<bool(const Row &)>;
 template <typename Row>
-void select_rows(const RowFilter<Row> &keep, std::vector<Row> &out);
+void SelectRows(const RowFilter<Row> &keep, std::vector<Row> &out);
 // The same for the rows whose field equals key.
 template <typename Row>
-void select_rows_where(uint32_t Row::*field, uint32_t key, std::vector<Row> &out);
+void SelectRowsWhere(uint32_t Row::*field, uint32_t key, std::vector<Row> &out);
 
 // One write of a table that subscriptions follow, with the record as it was
 // (none for a create) and as it is (none for a delete).
@@ -49,6 +49,6 @@ struct Change {
 // It is called under the world's lock, in the order of the writes, and must
 // not call back into the world.
 using ChangeListener = void (*)(const Change &change);
-void set_change_listener(ChangeListener listener);
+void SetChangeListener(ChangeListener listener);
 
-}  // namespace plat::world
+}  // namespace platform::world

@@ -14,9 +14,9 @@
 // Every entry point honours the platform's failure injection under its own
 // name: ydbc_connect fails with -1, the allocators with null, the others
 // with the injected code.
-#include "wire.hpp"
+#include "platform/ydbc_wire.hpp"
 
-#include <plat_control.h>
+#include <platform/control.h>
 
 #pragma GCC visibility push(default)
 #include <ydbc.h>
@@ -40,9 +40,9 @@
 
 namespace {
 
-using plat::yangdb::wire::Message;
-using plat::yangdb::wire::Type;
-namespace wire = plat::yangdb::wire;
+using platform::ydbc::wire::Message;
+using platform::ydbc::wire::Type;
+namespace wire = platform::ydbc::wire;
 
 constexpr auto kCallTimeout = std::chrono::seconds(10);
 

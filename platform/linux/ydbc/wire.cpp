@@ -1,5 +1,5 @@
 // Framing of the datastore protocol (see wire.hpp).
-#include "wire.hpp"
+#include "platform/ydbc_wire.hpp"
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -9,7 +9,7 @@
 #include <charconv>
 #include <cstring>
 
-namespace plat::yangdb::wire {
+namespace platform::ydbc::wire {
 
 namespace {
 
@@ -156,4 +156,4 @@ int ConnectUnix(const std::string &path)
     return fd;
 }
 
-}  // namespace plat::yangdb::wire
+}  // namespace platform::ydbc::wire

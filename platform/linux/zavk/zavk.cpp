@@ -31,7 +31,7 @@
 #include <vector>
 
 #include "core/internal.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 #include "zavk.h"
 
 namespace {
@@ -66,19 +66,19 @@ struct Asserts {
 
 Asserts &TheAsserts()
 {
-    return plat::internal::Leaky<Asserts>();
+    return platform::internal::Leaky<Asserts>();
 }
 
 Clock::duration AssertReportInterval()
 {
-    return std::chrono::microseconds(plat::internal::ScaledMicros(kAssertReportIntervalMs));
+    return std::chrono::microseconds(platform::internal::ScaledMicros(kAssertReportIntervalMs));
 }
 
 std::string RepeatSummary(const Site &site, SiteRecord &rec, Clock::time_point now)
 {
     const auto spanMs =
         std::chrono::duration_cast<std::chrono::milliseconds>(now - rec.firstUnreported).count();
-    std::string line = plat::internal::Format(
+    std::string line = platform::internal::Format(
         "ZAVK assert at %s:%u repeated %u more time(s) over %lld ms (%u in total)", site.first.c_str(),
         site.second, rec.unreported, static_cast<long long>(spanMs), rec.count);
     rec.unreported = 0;
@@ -106,7 +106,7 @@ void AssertReportLoop()
 {
     Asserts &asserts = TheAsserts();
     for (;;) {
-        const uint64_t periodUs = std::max<uint64_t>(plat::internal::ScaledMicros(kAssertReportIntervalMs / 10), 1000);
+        const uint64_t periodUs = std::max<uint64_t>(platform::internal::ScaledMicros(kAssertReportIntervalMs / 10), 1000);
         std::this_thread::sleep_for(std::chrono::microseconds(periodUs));
         std::vector<std::string> lines;
         {
@@ -114,7 +114,7 @@ void AssertReportLoop()
             lines = DueSummaries(asserts, false);
         }
         for (std::string &line : lines) {
-            plat::internal::LogLine(PLAT_LOG_PLATFORM, line);
+            platform::internal::LogLine(PLAT_LOG_PLATFORM, line);
         }
     }
 }
@@ -137,7 +137,7 @@ struct Watchdog {
 
 Watchdog &TheWatchdog()
 {
-    return plat::internal::Leaky<Watchdog>();
+    return platform::internal::Leaky<Watchdog>();
 }
 
 // One pass over the registered threads; returns the report lines.
@@ -167,7 +167,7 @@ std::vector<std::string> Inspect(Watchdog &dog)
             watched.levelsReported++;
             // The time inside the unit of work, in platform seconds.
             const uint64_t platformSec = elapsed / (1000 * scale);
-            lines.push_back(plat::internal::Format(
+            lines.push_back(platform::internal::Format(
                 "ZAVK deadloop: task %s (tid %d) inside one unit of work for %llu s, over the %s threshold",
                 watched.name.c_str(), static_cast<int>(tid), static_cast<unsigned long long>(platformSec),
                 kLevelNames[level]));
@@ -180,10 +180,10 @@ void WatchLoop()
 {
     Watchdog &dog = TheWatchdog();
     for (;;) {
-        const uint64_t periodUs = std::max<uint64_t>(plat::internal::ScaledMicros(kWatchPeriodMs), 1000);
+        const uint64_t periodUs = std::max<uint64_t>(platform::internal::ScaledMicros(kWatchPeriodMs), 1000);
         std::this_thread::sleep_for(std::chrono::microseconds(periodUs));
         for (std::string &line : Inspect(dog)) {
-            plat::internal::LogLine(PLAT_LOG_PLATFORM, std::move(line));
+            platform::internal::LogLine(PLAT_LOG_PLATFORM, std::move(line));
             dog.reports.fetch_add(1, std::memory_order_relaxed);
         }
     }
@@ -191,7 +191,7 @@ void WatchLoop()
 
 std::string NameOfTid(pid_t tid)
 {
-    std::string name = plat::internal::TaskNameOfTid(tid);
+    std::string name = platform::internal::TaskNameOfTid(tid);
     if (!name.empty()) {
         return name;
     }
@@ -252,7 +252,7 @@ void PLAT_AssertFlushReports(void)
         lines = DueSummaries(asserts, true);
     }
     for (std::string &text : lines) {
-        plat::internal::LogLine(PLAT_LOG_PLATFORM, text);
+        platform::internal::LogLine(PLAT_LOG_PLATFORM, text);
     }
 }
 
@@ -283,7 +283,7 @@ uint32_t ZAVK_RegDeadloopMon(pid_t tid, uint32_t warnSec, uint32_t errorSec, uin
                              uint32_t resetSec)
 {
     uint32_t code = 0;
-    if (plat::internal::Injected("ZAVK_RegDeadloopMon", &code)) {
+    if (platform::internal::Injected("ZAVK_RegDeadloopMon", &code)) {
         return code;
     }
     if (tid <= 0) {
@@ -310,7 +310,7 @@ uint32_t ZAVK_RegDeadloopMon(pid_t tid, uint32_t warnSec, uint32_t errorSec, uin
 
 void ZAVK_DmOpers(uint32_t op)
 {
-    const pid_t tid = plat::internal::CurrentTid();
+    const pid_t tid = platform::internal::CurrentTid();
     Watchdog &dog = TheWatchdog();
     std::lock_guard lock(dog.mu);
     const auto it = dog.byTid.find(tid);

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "plat_control.h"
+#include "platform/control.h"
 #include "pplus_test.hpp"
 #include "pppoe_plus_fpc.h"
 #include "pppoe_plus_mem.h"

@@ -7,10 +7,10 @@
 
 #include <cstring>
 
-#include "plat_control.h"
-#include "plat_fplane.hpp"
-#include "plat_fwm.hpp"
-#include "plat_world.hpp"
+#include "platform/control.h"
+#include "device/fplane.hpp"
+#include "device/fwm.hpp"
+#include "device/world.hpp"
 #include "pplus_test.hpp"
 #include "pppoe_frame.hpp"
 #include "wick.h"
@@ -18,9 +18,9 @@
 namespace {
 
 using namespace std::chrono_literals;
-using plat::fplane::DpxPktHead;
-using plat::fplane::ForwardingPlane;
-using plat::fplane::MemoryPorts;
+using device::fplane::DpxPktHead;
+using device::fplane::ForwardingPlane;
+using device::fplane::MemoryPorts;
 using pplus_test::Bytes;
 using pplus_test::Frame;
 
@@ -78,9 +78,9 @@ protected:
     {
         WICK_Reset();
         std::string error;
-        const auto topology = plat::load_topology_text(kTopology, &error);
+        const auto topology = device::world::LoadTopologyText(kTopology, &error);
         ASSERT_TRUE(topology) << error;
-        plat::world::apply_topology(*topology);
+        platform::world::ApplyTopology(*topology);
         SetFeature(false);
         plane_ = std::make_unique<ForwardingPlane>(ports_);
     }
@@ -90,13 +90,13 @@ protected:
         WICK_Reset();
     }
 
-    static void SetFeature(bool on) { plat::fwm::apply({plat::fwm::RequestKind::GlobalCfg, on ? 1U : 0U, 0}); }
+    static void SetFeature(bool on) { device::fwm::Apply({device::fwm::RequestKind::GlobalCfg, on ? 1U : 0U, 0}); }
 
     static std::optional<Punt> TakePunt(uint32_t waitMs = 1000)
     {
         std::vector<uint8_t> buf(4096);
         uint32_t len = 0;
-        if (WICK_ChannelTake(plat::fplane::kPuntChannel, buf.data(), static_cast<uint32_t>(buf.size()), &len,
+        if (WICK_ChannelTake(device::fplane::kPuntChannel, buf.data(), static_cast<uint32_t>(buf.size()), &len,
                              waitMs) != 0 ||
             len < sizeof(DpxPktHead)) {
             return std::nullopt;
@@ -111,7 +111,7 @@ protected:
     static void SendFromAgent(uint32_t egress, const Bytes &frame, uint32_t msgType = 133)
     {
         const Bytes msg = pplus_test::WithDpxHead(frame, egress, 0, msgType);
-        ASSERT_EQ(WICK_ChannelPut(plat::fplane::kSendChannel, msg.data(), static_cast<uint32_t>(msg.size())), 0U);
+        ASSERT_EQ(WICK_ChannelPut(device::fplane::kSendChannel, msg.data(), static_cast<uint32_t>(msg.size())), 0U);
     }
 
     bool Idle() { return plane_->WaitIdle(20ms, 2000ms); }
@@ -274,11 +274,11 @@ TEST_F(PlaneTest, AgentFramesLeaveThroughTheNamedPort)
     EXPECT_EQ(plane_->Counters(27).tx, 1U);
 
     // Member 27 leaves the board: member 28 takes over.
-    auto ring1 = plat::world::if_records();
+    auto ring1 = platform::world::IfRecords();
     for (auto &r : ring1) {
         if (r.ifIndex == 27) {
             r.onBoard = false;
-            plat::world::if_put(r);
+            platform::world::IfPut(r);
         }
     }
     SendFromAgent(100, tagged);

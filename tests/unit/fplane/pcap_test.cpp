@@ -9,14 +9,14 @@
 #include <filesystem>
 #include <fstream>
 
-#include "plat_fplane.hpp"
-#include "plat_world.hpp"
+#include "device/fplane.hpp"
+#include "device/world.hpp"
 #include "pppoe_frame.hpp"
 
 namespace {
 
 namespace fs = std::filesystem;
-using plat::fplane::PcapReplay;
+using device::fplane::PcapReplay;
 using pplus_test::Bytes;
 using pplus_test::Frame;
 
@@ -28,14 +28,14 @@ protected:
         fs::remove_all(dir_);
         fs::create_directories(dir_);
         std::string error;
-        const auto topology = plat::load_topology_text(
+        const auto topology = device::world::LoadTopologyText(
             "system: {name: Lab}\n"
             "interfaces:\n"
             "  - {name: GigabitEthernet0/0/1, ifindex: 5, pvid: 100}\n"
             "  - {name: XGigabitEthernet0/0/1, ifindex: 49, mode: trunk, vlans: [100]}\n",
             &error);
         ASSERT_TRUE(topology) << error;
-        plat::world::apply_topology(*topology);
+        platform::world::ApplyTopology(*topology);
     }
     void TearDown() override { fs::remove_all(dir_); }
 
@@ -100,11 +100,11 @@ TEST_F(PcapTest, BadInputsAndPortsAreRefusedByName)
     EXPECT_NE(error.find("raw.pcap: link type RAW is not Ethernet"), std::string::npos) << error;
     EXPECT_EQ(replay.Size(), 0U);
 
-    EXPECT_EQ(plat::fplane::ResolvePort("XGigabitEthernet0/0/1"), 49U);
-    EXPECT_EQ(plat::fplane::ResolvePort("5"), 5U);
-    EXPECT_FALSE(plat::fplane::ResolvePort("GigabitEthernet9/9/9"));
-    EXPECT_FALSE(plat::fplane::ResolvePort("6"));
-    EXPECT_FALSE(plat::fplane::ResolvePort("99999999999999"));
+    EXPECT_EQ(device::fplane::ResolvePort("XGigabitEthernet0/0/1"), 49U);
+    EXPECT_EQ(device::fplane::ResolvePort("5"), 5U);
+    EXPECT_FALSE(device::fplane::ResolvePort("GigabitEthernet9/9/9"));
+    EXPECT_FALSE(device::fplane::ResolvePort("6"));
+    EXPECT_FALSE(device::fplane::ResolvePort("99999999999999"));
 }
 
 }  // namespace

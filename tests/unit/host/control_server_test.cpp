@@ -67,7 +67,7 @@ std::string Request(const std::string &path, const std::string &line, std::chron
     const auto start = std::chrono::steady_clock::now();
     std::string reply;
     std::string error;
-    const bool ok = pplus_host::ControlRequest(path, line, &reply, &error);
+    const bool ok = host::ControlRequest(path, line, &reply, &error);
     if (took != nullptr) {
         *took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
     }
@@ -79,10 +79,10 @@ std::string Request(const std::string &path, const std::string &line, std::chron
 TEST(ControlServer, ServesAWellBehavedClientWhileOthersHoldConnectionsOrSendHalfALine)
 {
     const std::string path = SocketPath("busy");
-    pplus_host::ControlServerLimits limits;
+    host::ControlServerLimits limits;
     limits.maxConnections = 8;
     limits.readTimeout = 1500ms;
-    pplus_host::ControlServer server;
+    host::ControlServer server;
     std::string error;
     ASSERT_TRUE(server.Start(path, {}, &error, {}, limits)) << error;
 
@@ -118,13 +118,13 @@ TEST(ControlServer, ALongCommandDoesNotHoldUpTheOthersAndStopWaitsForIt)
 {
     const std::string path = SocketPath("long");
     std::atomic<bool> release{false};
-    pplus_host::ControlHooks hooks;
+    host::ControlHooks hooks;
     hooks.replay = [&release](const std::string &, std::string *output) {
         pplus_test::WaitFor([&release]() { return release.load(); }, 20000);
         *output = "replayed";
         return true;
     };
-    pplus_host::ControlServer server;
+    host::ControlServer server;
     std::string error;
     ASSERT_TRUE(server.Start(path, hooks, &error)) << error;
     const int slow = Connect(path);
@@ -145,7 +145,7 @@ TEST(ControlServer, SocketIsOwnerAndGroupOnlyWhateverTheUmaskAndALiveOneIsNotTak
 {
     const std::string path = SocketPath("mode");
     const mode_t old = umask(0);
-    pplus_host::ControlServer server;
+    host::ControlServer server;
     std::string error;
     ASSERT_TRUE(server.Start(path, {}, &error)) << error;
     umask(old);
@@ -153,7 +153,7 @@ TEST(ControlServer, SocketIsOwnerAndGroupOnlyWhateverTheUmaskAndALiveOneIsNotTak
     ASSERT_EQ(stat(path.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0660U);
 
-    pplus_host::ControlServer second;
+    host::ControlServer second;
     EXPECT_FALSE(second.Start(path, {}, &error));
     EXPECT_EQ(error, "another server listens on " + path);
     EXPECT_FALSE(second.Start(SocketPath("grp"), {}, &error, {"no-such-group-hd"}));

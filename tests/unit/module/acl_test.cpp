@@ -7,9 +7,9 @@
 #include <atomic>
 
 #include "module_fixture.hpp"
-#include "plat_control.h"
-#include "plat_fwm.hpp"
-#include "plat_tirn.hpp"
+#include "platform/control.h"
+#include "device/fwm.hpp"
+#include "platform/tirn.hpp"
 #include "pppoe_plus_acl.h"
 #include "pppoe_plus_cfg.h"
 #include "pppoe_plus_log.h"
@@ -51,7 +51,7 @@ TEST_F(AclTest, WithoutASessionEachRequestFailsLogsAndReturnsOne)
     EXPECT_EQ(PPPOE_PLUS_TrustPortAclProc(1, 9), 1U);
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "Set Trust port cfg. enable:1 ifIndex:9"));
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "Set trust port to fwm failed. enable:1 ifIndex = 9, ret:28674"));
-    EXPECT_EQ(plat::tirn::idl_messages_outstanding(), 0U);
+    EXPECT_EQ(platform::tirn::IdlMessagesOutstanding(), 0U);
 
     // A message that cannot be made fails quietly.
     PLAT_LogClear();
@@ -64,7 +64,7 @@ TEST_F(AclTest, WithoutASessionEachRequestFailsLogsAndReturnsOne)
 
 TEST_F(AclTest, RequestsReachFwmAndCompleteOnTheOrchClientTask)
 {
-    ASSERT_TRUE(plat::fwm::start());
+    ASSERT_TRUE(device::fwm::Start());
     ASSERT_EQ(PPPOE_PLUS_InitTirn(), 0U);
 
     EXPECT_EQ(PPPOE_PLUS_GlobalAclProc(1), 0U);
@@ -75,13 +75,13 @@ TEST_F(AclTest, RequestsReachFwmAndCompleteOnTheOrchClientTask)
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "Set pppoe plus cfg to fwm success. enable:1"));
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "Set ignore reply to fwm success. enable:1"));
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "Set trust port to fwm success. enable:0 ifIndex:12"));
-    EXPECT_EQ(plat::tirn::idl_messages_outstanding(), 0U);
+    EXPECT_EQ(platform::tirn::IdlMessagesOutstanding(), 0U);
 
-    const plat::fwm::State state = plat::fwm::state();
+    const device::fwm::State state = device::fwm::GetState();
     EXPECT_TRUE(state.enabled);
     EXPECT_TRUE(state.ignoreReply);
     EXPECT_EQ(state.trustedPorts, std::set<uint32_t>{13});
-    EXPECT_EQ(plat::fwm::request_count(plat::fwm::RequestKind::TrustPortCfg), 3U);
+    EXPECT_EQ(device::fwm::RequestCount(device::fwm::RequestKind::TrustPortCfg), 3U);
 
     ASSERT_TRUE(WaitFor([]() {
         return LogHas(PLAT_LOG_DEBUG, "Set pppoe+ trust port cfg tirn. status.rpc:0, enable:0, ifIndex = 12");
@@ -102,11 +102,11 @@ TEST_F(AclTest, RequestsReachFwmAndCompleteOnTheOrchClientTask)
     EXPECT_EQ(GlobalCfg(msg, RecordCompletion, nullptr, PPPOE_PLUS_GetInvokeAttr()), 0U);
     EXPECT_EQ(IgnoreReplyCfg(msg, RecordCompletion, nullptr, PPPOE_PLUS_GetInvokeAttr()), 0U);
     EXPECT_EQ(RPC_IdlMsgDestroy(msg, PPPOE_PLUS_IDL_MSG_ID, "test"), 0U);
-    EXPECT_FALSE(plat::fwm::state().enabled);  // the message's first word was 0
-    EXPECT_EQ(plat::fwm::request_count(plat::fwm::RequestKind::IgnoreReplyCfg), 2U);
+    EXPECT_FALSE(device::fwm::GetState().enabled);  // the message's first word was 0
+    EXPECT_EQ(device::fwm::RequestCount(device::fwm::RequestKind::IgnoreReplyCfg), 2U);
 
     // Once fwm is gone the requests fail again; completions ignore a null request.
-    plat::fwm::stop();
+    device::fwm::Stop();
     EXPECT_EQ(PPPOE_PLUS_GlobalAclProc(0), 1U);
     PPPOE_PLUS_GlobalCfgCallBack(0, nullptr);
     PPPOE_PLUS_IgnoreReplyCfgCallBack(0, nullptr);
@@ -116,10 +116,10 @@ TEST_F(AclTest, RequestsReachFwmAndCompleteOnTheOrchClientTask)
 
 TEST_F(AclTest, InterfaceChangeResendsOnlyForATrustedPort)
 {
-    ASSERT_TRUE(plat::fwm::start());
+    ASSERT_TRUE(device::fwm::Start());
     ASSERT_EQ(PPPOE_PLUS_InitTirn(), 0U);
     PPPOE_PLUS_InitGlobalCfgData();
-    const auto trustSent = []() { return plat::fwm::request_count(plat::fwm::RequestKind::TrustPortCfg); };
+    const auto trustSent = []() { return device::fwm::RequestCount(device::fwm::RequestKind::TrustPortCfg); };
 
     EXPECT_EQ(PPPOE_PLUS_UpdateTrustPortAcl4PortChg(21, 1), 0U);  // empty list
     PortCB *cb = nullptr;
@@ -132,11 +132,11 @@ TEST_F(AclTest, InterfaceChangeResendsOnlyForATrustedPort)
     EXPECT_EQ(trustSent(), 0U);
 
     EXPECT_EQ(PPPOE_PLUS_UpdateTrustPortAcl4PortChg(22, 1), 0U);
-    EXPECT_EQ(plat::fwm::state().trustedPorts, std::set<uint32_t>{22});
+    EXPECT_EQ(device::fwm::GetState().trustedPorts, std::set<uint32_t>{22});
     EXPECT_EQ(PPPOE_PLUS_UpdateTrustPortAcl4PortChg(22, 0), 0U);
     ASSERT_EQ(trustSent(), 2U);
-    EXPECT_EQ(plat::fwm::last_requests().back().enable, 0U);
-    EXPECT_TRUE(plat::fwm::state().trustedPorts.empty());
+    EXPECT_EQ(device::fwm::LastRequests().back().enable, 0U);
+    EXPECT_TRUE(device::fwm::GetState().trustedPorts.empty());
 
     // Only a trust flag of exactly 1 counts.
     cb->trust = 2;
@@ -144,7 +144,7 @@ TEST_F(AclTest, InterfaceChangeResendsOnlyForATrustedPort)
     EXPECT_EQ(trustSent(), 2U);
 
     cb->trust = 1;
-    plat::fwm::stop();
+    device::fwm::Stop();
     EXPECT_EQ(PPPOE_PLUS_UpdateTrustPortAcl4PortChg(22, 1), 1U);
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG,
                        "[PPPOE_PLUS_EVT] Proc ignore reply to update acl failed. enable:1 ifIndex:22 ret:1"));

@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "module_fixture.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 #include "plat_safe.h"
 #include "pppoe_plus_cfg.h"
 
@@ -232,9 +232,9 @@ TEST_F(CfgTest, TrustedPortsMatchByVlanInListOrderAtMostEight)
     // nine match besides the ingress port 2, the ninth (12) is left out.
     for (uint32_t port = 1; port <= 12; port++) {
         PPPOE_PLUS_SetPortTrust(port, port == 11 ? 2 : 1);
-        plat::world::port_vlan_set(port, 100, port != 4);
+        platform::world::PortVlanSet(port, 100, port != 4);
     }
-    plat::world::port_vlan_set(20, 4095, true);
+    platform::world::PortVlanSet(20, 4095, true);
     PPPOE_PLUS_SetPortTrust(20, 1);
 
     uint32_t ports[8] = {};

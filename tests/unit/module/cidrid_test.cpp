@@ -12,9 +12,9 @@
 #include <vector>
 
 #include "module_fixture.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 #include "plat_safe.h"
-#include "plat_world.hpp"
+#include "platform/world.hpp"
 #include "pplus_test.hpp"
 #include "pppoe_plus_cfg.h"
 #include "pppoe_plus_log.h"
@@ -49,10 +49,10 @@ protected:
 
     static void PutIf(const std::string &name, uint32_t ifIndex)
     {
-        plat::IfRecord r;
+        platform::IfRecord r;
         r.name = name;
         r.ifIndex = ifIndex;
-        plat::world::if_put(r);
+        platform::world::IfPut(r);
     }
 
     static UserInfo Info(uint32_t xpi, uint32_t xci, const char *portName = "GE0/0/1", uint32_t ifIndex = 5)
@@ -228,12 +228,12 @@ TEST_F(CidRidTest, CommonCircuitIdOf255CharactersPassesAnd256Fails)
 {
     // "eth 0/0/1:100.0 " and "/0/0/0/0/0" around the system name: 26 characters.
     const std::string name255(229, 'n');
-    plat::world::set_sys_name(name255);
+    platform::world::SetSysName(name255);
     const std::string expected = "eth 0/0/1:100.0 " + name255 + "/0/0/0/0/0";
     ASSERT_EQ(expected.size(), 255U);
     EXPECT_EQ(Value(PPPOE_PLUS_INFO_CID, Info(100, 0)), Text(expected));
 
-    plat::world::set_sys_name(name255 + "n");
+    platform::world::SetSysName(name255 + "n");
     UserInfo info = Info(100, 0);
     uint8_t value[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
     uint32_t len = 0xABCD;

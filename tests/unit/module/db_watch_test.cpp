@@ -12,8 +12,8 @@
 
 #include "mesh.h"
 #include "module_fixture.hpp"
-#include "plat_control.h"
-#include "plat_world.hpp"
+#include "platform/control.h"
+#include "platform/world.hpp"
 #include "pppoe_plus_cfg.h"
 #include "pppoe_plus_db.h"
 #include "pppoe_plus_evt.h"
@@ -37,9 +37,9 @@ uint32_t Collect(const void *record)
     return 0;
 }
 
-plat::IfRecord Port(uint32_t ifIndex, uint32_t portSwitch = plat::kPortSwitchL2, bool onBoard = true)
+platform::IfRecord Port(uint32_t ifIndex, uint32_t portSwitch = platform::kPortSwitchL2, bool onBoard = true)
 {
-    plat::IfRecord r;
+    platform::IfRecord r;
     r.name = "GE0/0/" + std::to_string(ifIndex);
     r.ifIndex = ifIndex;
     r.portSwitch = portSwitch;
@@ -98,26 +98,26 @@ protected:
 
 TEST_F(DbWatchTest, InterfaceAndBoardChangesBecomeBusEvents)
 {
-    plat::world::if_put(Port(5));
-    plat::world::if_put(Port(60, plat::kPortSwitchL3));
+    platform::world::IfPut(Port(5));
+    platform::world::IfPut(Port(60, platform::kPortSwitchL3));
     (void)PPPOE_PLUS_SetEnable(1);
     ConnectAndSubscribe();
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOE_PLUS_DB] Create sub connection ok"));
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOE_PLUS_DB] Subscribe devm reg status with conn ok."));
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOE_PLUS_DB] Subscribe if event with conn ok."));
 
-    plat::world::if_set_on_board(5, false);
-    plat::world::if_set_on_board(5, true);
-    plat::world::if_set_on_board(60, false);       // a routed port is not followed
-    plat::IfRecord described = Port(5);
+    platform::world::IfSetOnBoard(5, false);
+    platform::world::IfSetOnBoard(5, true);
+    platform::world::IfSetOnBoard(60, false);       // a routed port is not followed
+    platform::IfRecord described = Port(5);
     described.description = "uplink";
-    plat::world::if_put(described);                // on_board unchanged: nothing
-    plat::world::if_put(Port(7));                  // a new port on board
-    plat::world::board_put({1, 3, plat::kBoardRegistered});       // a board registers
-    plat::world::board_put({1, 3, plat::kBoardUnregistered});     // and leaves
-    plat::world::board_put({1, 4, std::nullopt});                 // no state reported: 0, nothing
-    plat::world::board_put({1, 4, plat::kBoardRegistered});       // the missing old state reads 0
-    plat::world::board_put({1, 4, plat::kBoardRegistered});       // same state again: nothing
+    platform::world::IfPut(described);                // on_board unchanged: nothing
+    platform::world::IfPut(Port(7));                  // a new port on board
+    platform::world::BoardPut({1, 3, platform::kBoardRegistered});       // a board registers
+    platform::world::BoardPut({1, 3, platform::kBoardUnregistered});     // and leaves
+    platform::world::BoardPut({1, 4, std::nullopt});                 // no state reported: 0, nothing
+    platform::world::BoardPut({1, 4, platform::kBoardRegistered});       // the missing old state reads 0
+    platform::world::BoardPut({1, 4, platform::kBoardRegistered});       // same state again: nothing
     Pump();
 
     const std::vector<Record> expected = {
@@ -139,8 +139,8 @@ TEST_F(DbWatchTest, InterfaceAndBoardChangesBecomeBusEvents)
     (void)PPPOE_PLUS_SetEnable(0);
     g_published.clear();
     PLAT_LogClear();
-    plat::world::if_set_on_board(5, false);
-    plat::world::board_put({1, 3, plat::kBoardRegistered});
+    platform::world::IfSetOnBoard(5, false);
+    platform::world::BoardPut({1, 3, platform::kBoardRegistered});
     Pump();
     EXPECT_TRUE(g_published.empty());
     EXPECT_FALSE(LogHas(PLAT_LOG_DEBUG, "[PPPOE_PLUS_DB]"));
@@ -150,7 +150,7 @@ TEST_F(DbWatchTest, InterfaceAndBoardChangesBecomeBusEvents)
     EXPECT_EQ(PPPOE_PLUS_DestroyDbSubConn(), 0U);
     EXPECT_EQ(PPPOE_PLUS_GetDbSubConn(), nullptr);
     EXPECT_EQ(PPPOE_PLUS_DestroyDbSubConn(), 0U);
-    plat::world::if_set_on_board(5, true);
+    platform::world::IfSetOnBoard(5, true);
     Pump();
     EXPECT_TRUE(g_published.empty());
 }
@@ -244,8 +244,8 @@ TEST_F(DbWatchTest, EachFailingSubscriptionStepIsLoggedAndTheObjectReleased)
 
 TEST_F(DbWatchTest, AFailedReadDropsTheOneChange)
 {
-    plat::world::if_put(Port(5));
-    plat::world::board_put({1, 3, plat::kBoardRegistered});
+    platform::world::IfPut(Port(5));
+    platform::world::BoardPut({1, 3, platform::kBoardRegistered});
     (void)PPPOE_PLUS_SetEnable(1);
     ConnectAndSubscribe();
     struct Row {
@@ -271,18 +271,18 @@ TEST_F(DbWatchTest, AFailedReadDropsTheOneChange)
          PLAT_LOG_DEBUG},
     };
     bool onBoard = true;
-    uint32_t state = plat::kBoardRegistered;
+    uint32_t state = platform::kBoardRegistered;
     for (const Row &row : rows) {
         SCOPED_TRACE(std::string(row.op) + " after " + std::to_string(row.skip));
         PLAT_LogClear();
         g_published.clear();
         PLAT_FailSet(row.op, row.skip, 1, 7);
         if (row.board) {
-            state = state == plat::kBoardRegistered ? plat::kBoardUnregistered : plat::kBoardRegistered;
-            plat::world::board_put({1, 3, state});
+            state = state == platform::kBoardRegistered ? platform::kBoardUnregistered : platform::kBoardRegistered;
+            platform::world::BoardPut({1, 3, state});
         } else {
             onBoard = !onBoard;
-            plat::world::if_set_on_board(5, onBoard);
+            platform::world::IfSetOnBoard(5, onBoard);
         }
         Pump();
         EXPECT_TRUE(LogHas(row.kind, row.text));
@@ -293,7 +293,7 @@ TEST_F(DbWatchTest, AFailedReadDropsTheOneChange)
     // A failed handling is reported and the change comes with the next wake-up.
     PLAT_LogClear();
     PLAT_FailSet("db_handle_event", 0, 1, 9);
-    plat::world::if_set_on_board(5, !onBoard);
+    platform::world::IfSetOnBoard(5, !onBoard);
     Pump();
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOE_PLUS_DB] DB event handle error, fd:"));
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, ", ret:9."));

@@ -10,7 +10,7 @@
 
 #include "mesh.h"
 #include "module_fixture.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 #include "pppoe_plus_cfg.h"
 #include "pppoe_plus_evt.h"
 #include "pppoe_plus_log.h"

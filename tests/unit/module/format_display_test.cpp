@@ -6,9 +6,9 @@
 #include <string>
 
 #include "module_fixture.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 #include "plat_safe.h"
-#include "plat_world.hpp"
+#include "platform/world.hpp"
 #include "pplus_test.hpp"
 #include "pppoe_plus_cfg.h"
 #include "pppoe_plus_log.h"
@@ -34,8 +34,8 @@ protected:
     {
         ModuleTest::SetUp();
         UseIdentity("SW1", {0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f});
-        PutIf("Vlanif1", 4, plat::kPortSwitchL3);
-        PutIf("GE0/0/1", 5, plat::kPortSwitchL2);
+        PutIf("Vlanif1", 4, platform::kPortSwitchL3);
+        PutIf("GE0/0/1", 5, platform::kPortSwitchL2);
         PPPOE_PLUS_InitGlobalCfgData();
         ReadyTagBuilders();
         PLAT_LogClear();
@@ -43,12 +43,12 @@ protected:
 
     static void PutIf(const std::string &name, uint32_t ifIndex, uint32_t portSwitch)
     {
-        plat::IfRecord r;
+        platform::IfRecord r;
         r.name = name;
         r.ifIndex = ifIndex;
         r.port = 1;
         r.portSwitch = portSwitch;
-        plat::world::if_put(r);
+        platform::world::IfPut(r);
     }
 
     // The whole display, or what was written before it failed.
@@ -128,7 +128,7 @@ TEST_F(FormatDisplayTest, UserDefinedValueIsTextOnlyWhenTheFormatStartsQuoted)
 TEST_F(FormatDisplayTest, DisplayFailsAfterTheFormatLinesWhenNoExampleCanBeBuilt)
 {
     // No layer-2 port.
-    PutIf("GE0/0/1", 5, plat::kPortSwitchL3);
+    PutIf("GE0/0/1", 5, platform::kPortSwitchL3);
     EXPECT_EQ(Display(1), kFormatsCommon);
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS_SHOW] Failed to get a layer 2 port"));
     uint8_t sub[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
@@ -136,7 +136,7 @@ TEST_F(FormatDisplayTest, DisplayFailsAfterTheFormatLinesWhenNoExampleCanBeBuilt
     EXPECT_EQ(PPPOE_PLUS_GetExampleFormatStr(PPPOE_PLUS_INFO_CID, sub, &len), 1U);
 
     // The Remote-ID cannot be built: the Circuit-ID block stays.
-    PutIf("GE0/0/1", 5, plat::kPortSwitchL2);
+    PutIf("GE0/0/1", 5, platform::kPortSwitchL2);
     PLAT_FailSet("DEVM_DB_GetSysMac", 0, PLAT_FAIL_FOREVER, 5);
     EXPECT_EQ(Display(1), std::string(kFormatsCommon) + kExampleHeader +
                               "\r\n  Circuit ID:eth 0/0/1:200.100 SW1/0/0/0/0/0");
@@ -154,12 +154,12 @@ TEST_F(FormatDisplayTest, DisplayFailsAfterTheFormatLinesWhenNoExampleCanBeBuilt
 
 TEST_F(FormatDisplayTest, SampleSubscriberOnATrunkIsNamedTrunk)
 {
-    plat::IfRecord trunk;
+    platform::IfRecord trunk;
     trunk.name = "Eth-Trunk3";
     trunk.ifIndex = 5;
     trunk.lagId = 3;
     trunk.port = 3;
-    plat::world::if_put(trunk);
+    platform::world::IfPut(trunk);
     uint8_t sub[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
     uint32_t len = 0;
     ASSERT_EQ(PPPOE_PLUS_GetExampleFormatStr(PPPOE_PLUS_INFO_CID, sub, &len), 0U);

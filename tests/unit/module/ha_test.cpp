@@ -10,8 +10,8 @@
 #include "devm.h"
 #include "mesh.h"
 #include "module_fixture.hpp"
-#include "plat_control.h"
-#include "plat_ha.hpp"
+#include "platform/control.h"
+#include "device/ha.hpp"
 #include "pppoe_plus_ha.h"
 #include "pppoe_plus_init.h"
 #include "pppoe_plus_main.h"
@@ -39,16 +39,16 @@ protected:
     static void UseBoard(uint32_t selfBoard, uint32_t mainBoard, uint32_t boardType)
     {
         pplus_test::UseReadyWorld(selfBoard, mainBoard);
-        plat::SystemIdentity id = plat::world::identity();
+        platform::SystemIdentity id = platform::world::Identity();
         id.boardType = boardType;
-        plat::world::set_identity(id);
+        platform::world::SetIdentity(id);
     }
 
     // Waits for the event's delivery; what the module's callback returned.
-    static uint32_t Delivered(plat::ha::Seq seq)
+    static uint32_t Delivered(device::ha::Seq seq)
     {
-        EXPECT_TRUE(plat::ha::wait_delivered(seq));
-        const auto d = plat::ha::delivery(seq);
+        EXPECT_TRUE(device::ha::WaitDelivered(seq));
+        const auto d = device::ha::GetDelivery(seq);
         if (!d || d->returns.size() != 1) {
             ADD_FAILURE() << "event " << seq << " did not reach exactly one component";
             return 0xFFFFFFFFU;
@@ -76,7 +76,7 @@ protected:
 
 TEST_F(HaTest, InitRegistersAHardwareComponentAndReportsEachFailure)
 {
-    const auto regs = plat::ha::registrations();
+    const auto regs = device::ha::Registrations();
     ASSERT_EQ(regs.size(), 1U);
     EXPECT_EQ(regs[0].name + " " + regs[0].type + " " + std::to_string(regs[0].flag), "pppoe_plus HARDWARE 1");
     EXPECT_EQ(regs[0].pid, static_cast<uint32_t>(getpid()));
@@ -108,7 +108,7 @@ TEST_F(HaTest, EventsThatPostNothing)
         {"types above 7 are ignored", 8, {1}, 0},
     };
     for (const Row &row : rows) {
-        EXPECT_EQ(Delivered(plat::ha::send_event(row.type, row.info)), row.result) << row.why;
+        EXPECT_EQ(Delivered(device::ha::SendEvent(row.type, row.info)), row.result) << row.why;
         EXPECT_EQ(DrainMainQueue(), 0) << row.why;
     }
     EXPECT_EQ(PPPOE_PLUS_HaGetRole(), PPPOE_PLUS_HA_ROLE_MASTER);
@@ -117,14 +117,14 @@ TEST_F(HaTest, EventsThatPostNothing)
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPLUS-HA] HaStartWork get startMsg fail."));
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPLUS-HA] HaStartWork get eventInfo null."));
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-HA] HaNewBackUp get eventInfo null."));
-    EXPECT_TRUE(plat::ha::switchover_reports().empty());
+    EXPECT_TRUE(device::ha::SwitchoverReports().empty());
 }
 
 TEST_F(HaTest, StartWorkAsMasterOnALineBoardLeavesTheRoleUnknownYetStartsTheClient)
 {
     UseBoard(2, 1, DEVM_BOARD_TYPE_LPU);
     g_pplusHaRole = PPPOE_PLUS_HA_ROLE_STANDBY;
-    EXPECT_EQ(Delivered(plat::ha::start_work(1)), 0U);
+    EXPECT_EQ(Delivered(device::ha::StartWork(1)), 0U);
     EXPECT_EQ(PPPOE_PLUS_HaGetRole(), PPPOE_PLUS_HA_ROLE_STANDBY);  // not applied on the service's thread
     EXPECT_EQ(DrainMainQueue(), 1);
     EXPECT_EQ(PPPOE_PLUS_HaGetRole(), PPPOE_PLUS_HA_ROLE_UNKNOWN);
@@ -139,14 +139,14 @@ TEST_F(HaTest, StartWorkPromoteAndDemoteMoveTheRoleOfAMainBoard)
 {
     UseBoard(1, 1, DEVM_BOARD_TYPE_MPU);
     g_pplusHaRole = PPPOE_PLUS_HA_ROLE_UNKNOWN;
-    EXPECT_EQ(Delivered(plat::ha::start_work(2)), 0U);
+    EXPECT_EQ(Delivered(device::ha::StartWork(2)), 0U);
     EXPECT_EQ(DrainMainQueue(), 1);
     EXPECT_EQ(PPPOE_PLUS_HaIsStandby(), 1U);
-    EXPECT_EQ(Delivered(plat::ha::promote()), 0U);
+    EXPECT_EQ(Delivered(device::ha::Promote()), 0U);
     EXPECT_EQ(DrainMainQueue(), 1);
     EXPECT_EQ(PPPOE_PLUS_HaIsMaster(), 1U);
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-HA] UpgradeMaster get ha role, role=1."));
-    EXPECT_EQ(Delivered(plat::ha::demote()), 0U);
+    EXPECT_EQ(Delivered(device::ha::Demote()), 0U);
     EXPECT_EQ(DrainMainQueue(), 1);
     EXPECT_EQ(PPPOE_PLUS_HaGetRole(), PPPOE_PLUS_HA_ROLE_STANDBY);
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-HA] UpgradeBackUp get ha role, role=2."));
@@ -158,29 +158,29 @@ TEST_F(HaTest, StartWorkPromoteAndDemoteMoveTheRoleOfAMainBoard)
 
 TEST_F(HaTest, NewBackupRecordsOrClearsTheStandbySlotAndAlwaysReports)
 {
-    EXPECT_EQ(Delivered(plat::ha::new_backup(2, 5)), 0U);
+    EXPECT_EQ(Delivered(device::ha::NewBackup(2, 5)), 0U);
     EXPECT_EQ(PPPOE_PLUS_HaGetSmbInstId(), 37U);  // (2 - 1) * 32 + 5
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPLUS-HA] HaNewBackUp get uiChassisID:2, uiBoardID:5."));
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-HA] Set smb inst to get global slot success. glbSlot:37"));
 
     // A pair without a global slot keeps the old value and still reports.
     PLAT_FailSet("DEVM_DB_GetGlobalSlotIdByLocalSlotId", 0, 1, 3);
-    EXPECT_EQ(Delivered(plat::ha::new_backup(1, 4)), 0U);
+    EXPECT_EQ(Delivered(device::ha::NewBackup(1, 4)), 0U);
     EXPECT_EQ(PPPOE_PLUS_HaGetSmbInstId(), 37U);
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-HA] Set smb inst to get global slot failed."));
 
-    EXPECT_EQ(Delivered(plat::ha::new_backup(0, 0)), 0U);
+    EXPECT_EQ(Delivered(device::ha::NewBackup(0, 0)), 0U);
     EXPECT_EQ(PPPOE_PLUS_HaGetSmbInstId(), 0U);
     EXPECT_EQ(PLAT_CallCount("DEVM_DB_GetGlobalSlotIdByLocalSlotId"), 2U);  // 0/0 is not converted
-    const auto reports = plat::ha::switchover_reports();
+    const auto reports = device::ha::SwitchoverReports();
     ASSERT_EQ(reports.size(), 3U);
-    EXPECT_EQ(plat::ha::describe(reports[2]), "pppoe_plus state 1");
+    EXPECT_EQ(device::ha::Describe(reports[2]), "pppoe_plus state 1");
 
     // The report's failure is what the service is told.
     PLAT_FailSet("MOLB_HA_ReportSwitchoverState", 0, 1, 9);
-    EXPECT_EQ(Delivered(plat::ha::new_backup(1, 6)), 9U);
+    EXPECT_EQ(Delivered(device::ha::NewBackup(1, 6)), 9U);
     EXPECT_EQ(PPPOE_PLUS_HaGetSmbInstId(), 6U);
-    EXPECT_EQ(Delivered(plat::ha::backup_removed()), 0U);
+    EXPECT_EQ(Delivered(device::ha::BackupRemoved()), 0U);
     EXPECT_EQ(PPPOE_PLUS_HaGetSmbInstId(), 0U);
     EXPECT_EQ(DrainMainQueue(), 0);
 }
@@ -189,7 +189,7 @@ TEST_F(HaTest, MasterChangeKeepsTheMasterAddressAndPromotesWhenItNamesThisBoard)
 {
     UseBoard(3, 3, DEVM_BOARD_TYPE_MPU);
     g_pplusHaRole = PPPOE_PLUS_HA_ROLE_STANDBY;
-    EXPECT_EQ(Delivered(plat::ha::master_change(1, 3)), 0U);
+    EXPECT_EQ(Delivered(device::ha::MasterChange(1, 3)), 0U);
     uint32_t chassis = 0;
     uint32_t board = 0;
     uint32_t ip = 0;
@@ -200,14 +200,14 @@ TEST_F(HaTest, MasterChangeKeepsTheMasterAddressAndPromotesWhenItNamesThisBoard)
     EXPECT_EQ(PPPOE_PLUS_HaGetRole(), PPPOE_PLUS_HA_ROLE_MASTER);  // set on the service's thread
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPLUS-HA] Ha notify new mmb(1/3), old mmb(0/0), masterIp(2886729987)."));
 
-    EXPECT_EQ(Delivered(plat::ha::master_change(2, 1)), 0U);
+    EXPECT_EQ(Delivered(device::ha::MasterChange(2, 1)), 0U);
     EXPECT_EQ(PPPOE_PLUS_HaGetRole(), PPPOE_PLUS_HA_ROLE_MASTER);  // another board: the role stays
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPLUS-HA] Ha notify new mmb(2/1), old mmb(1/3), masterIp(2886730241)."));
 
     // Named on a line board: the role becomes unknown, logged although unchanged.
     UseBoard(3, 1, DEVM_BOARD_TYPE_LPU);
     g_pplusHaRole = PPPOE_PLUS_HA_ROLE_UNKNOWN;
-    EXPECT_EQ(Delivered(plat::ha::master_change(1, 3)), 0U);
+    EXPECT_EQ(Delivered(device::ha::MasterChange(1, 3)), 0U);
     EXPECT_EQ(PPPOE_PLUS_HaGetRole(), PPPOE_PLUS_HA_ROLE_UNKNOWN);
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-HA] Set role 0. (0: unknown 1: master 2: standby 3: slave)"));
     EXPECT_EQ(PPPOE_PLUS_HaMMBChange(nullptr), 1U);

@@ -7,8 +7,8 @@
 #include "db.h"
 #include "devm.h"
 #include "module_fixture.hpp"
-#include "plat_control.h"
-#include "plat_world.hpp"
+#include "platform/control.h"
+#include "platform/world.hpp"
 #include "pplus_test.hpp"
 #include "pppoe_plus_intf.h"
 #include "pppoe_plus_log.h"
@@ -29,37 +29,37 @@ protected:
         ModuleTest::SetUp();
         Put("GigabitEthernet0/0/1", 5, 0, 255, 1);
         Put("GigabitEthernet0/0/2", 6, 1, 2, 65535);
-        plat::IfRecord routed = Put("GigabitEthernet0/0/3", 7, 0, 0, 3);
+        platform::IfRecord routed = Put("GigabitEthernet0/0/3", 7, 0, 0, 3);
         routed.portSwitch = 1;
-        plat::world::if_put(routed);
+        platform::world::IfPut(routed);
         for (uint32_t ifIndex : {27U, 28U}) {
-            plat::IfRecord m = Put("GigabitEthernet0/0/" + std::to_string(ifIndex - 4), ifIndex, 0, 0,
+            platform::IfRecord m = Put("GigabitEthernet0/0/" + std::to_string(ifIndex - 4), ifIndex, 0, 0,
                                    static_cast<uint16_t>(ifIndex - 4));
             m.l2TrunkId = 3;
-            plat::world::if_put(m);
-            plat::world::trunk_port_put({ifIndex, 100});
+            platform::world::IfPut(m);
+            platform::world::TrunkPortPut({ifIndex, 100});
         }
-        plat::IfRecord orphan = Put("GigabitEthernet0/0/25", 29, 0, 0, 25);
+        platform::IfRecord orphan = Put("GigabitEthernet0/0/25", 29, 0, 0, 25);
         orphan.l2TrunkId = 4;
-        plat::world::if_put(orphan);
-        plat::IfRecord trunk = Put("Eth-Trunk3", 100, 0, 0, 0);
+        platform::world::IfPut(orphan);
+        platform::IfRecord trunk = Put("Eth-Trunk3", 100, 0, 0, 0);
         trunk.lagId = 3;
-        plat::world::if_put(trunk);
-        plat::world::trunk_put({3, 100});
+        platform::world::IfPut(trunk);
+        platform::world::TrunkPut({3, 100});
         ASSERT_EQ(PPPOE_PLUS_UpdateDebugSwitch(PPPOE_PLUS_DBG_ALL, 1), 0U);
         PLAT_LogClear();
         PLAT_CallCountReset();
     }
 
-    static plat::IfRecord Put(const std::string &name, uint32_t ifIndex, uint32_t slot, uint32_t card, uint16_t port)
+    static platform::IfRecord Put(const std::string &name, uint32_t ifIndex, uint32_t slot, uint32_t card, uint16_t port)
     {
-        plat::IfRecord r;
+        platform::IfRecord r;
         r.name = name;
         r.ifIndex = ifIndex;
         r.slot = slot;
         r.card = card;
         r.port = port;
-        plat::world::if_put(r);
+        platform::world::IfPut(r);
         return r;
     }
 
@@ -186,13 +186,13 @@ TEST_F(IntfTest, PlacementSystemNameAndSwitchedPort)
 
     // The routed Gi3 is skipped; with no switched port the output stays.
     uint32_t first = 0;
-    plat::world::if_remove(5);
-    plat::world::if_remove(6);
+    platform::world::IfRemove(5);
+    platform::world::IfRemove(6);
     EXPECT_EQ(PPPOE_PLUS_GetFirstSwitchPort(&first), 0U);
     EXPECT_EQ(first, 27U);
     first = 1234;
     for (uint32_t ifIndex : {27U, 28U, 29U, 100U}) {
-        plat::world::if_remove(ifIndex);
+        platform::world::IfRemove(ifIndex);
     }
     EXPECT_EQ(PPPOE_PLUS_GetFirstSwitchPort(&first), 0U);
     EXPECT_EQ(first, 1234U);
@@ -204,8 +204,8 @@ TEST_F(IntfTest, PlacementSystemNameAndSwitchedPort)
 
 TEST_F(IntfTest, VlanMembershipAndIsolation)
 {
-    plat::world::port_vlan_set(5, 4095, true);
-    plat::world::port_vlan_set(5, 100, true);
+    platform::world::PortVlanSet(5, 4095, true);
+    platform::world::PortVlanSet(5, 100, true);
     uint8_t bitmap[PPPOE_PLUS_VLAN_BITMAP_LEN] = {};
     EXPECT_EQ(PPPOE_PLUS_GetPortVlanBitmap(5, bitmap, sizeof(bitmap)), 0U);
     EXPECT_EQ(bitmap[511], 0x80);
@@ -220,17 +220,17 @@ TEST_F(IntfTest, VlanMembershipAndIsolation)
     EXPECT_EQ(PPPOE_PLUS_IsPortInVlan(5, 100), 0U);
 
     // Access pair: one direction as the database holds it.
-    plat::world::access_isolate_put({5, 0, 6});
+    platform::world::AccessIsolatePut({5, 0, 6});
     EXPECT_EQ(PPPOE_PLUS_IsPortIsolate(5, 6), 1U);
     EXPECT_EQ(PPPOE_PLUS_IsPortIsolate(6, 5), 0U);
     // Shared group 7 isolates; group 70 is beyond the 64 that count.
-    plat::world::port_isolate_put({6, 3});
-    plat::world::port_isolate_put({6, 7});
-    plat::world::port_isolate_put({27, 7});
-    plat::world::port_isolate_put({28, 70});
-    plat::world::port_isolate_put({29, 70});
-    plat::world::port_isolate_put({29, 64});
-    plat::world::port_isolate_put({7, 64});
+    platform::world::PortIsolatePut({6, 3});
+    platform::world::PortIsolatePut({6, 7});
+    platform::world::PortIsolatePut({27, 7});
+    platform::world::PortIsolatePut({28, 70});
+    platform::world::PortIsolatePut({29, 70});
+    platform::world::PortIsolatePut({29, 64});
+    platform::world::PortIsolatePut({7, 64});
     EXPECT_EQ(PPPOE_PLUS_IsPortIsolate(6, 27), 1U);
     EXPECT_EQ(PPPOE_PLUS_IsPortIsolate(27, 6), 1U);
     EXPECT_EQ(PPPOE_PLUS_IsPortIsolate(28, 29), 0U);
@@ -283,18 +283,18 @@ TEST_F(IntfTest, DeviceManagerWrappersFollowTheBoardType)
 
     // A box answers with its slot, a chassis board with the chassis id and
     // the driver's logical slot.
-    plat::SystemIdentity id = plat::world::identity();
+    platform::SystemIdentity id = platform::world::Identity();
     id.chassisId = 4;
     id.selfBoardId = 9;
     id.boardType = DEVM_BOARD_TYPE_BOX;
-    plat::world::set_identity(id);
+    platform::world::SetIdentity(id);
     uint32_t value = 0;
     EXPECT_EQ(PPPOE_PLUS_GetSelfChassisOrSlotId(&value), 0U);
     EXPECT_EQ(value, 9U);
     PLAT_FailSet("drv_board_get_self_logic_slotid", 0, PLAT_FAIL_FOREVER, 1);
     EXPECT_EQ(PPPOE_PLUS_GetSelfLogicSlotId(), 9U);
     id.boardType = DEVM_BOARD_TYPE_LPU;
-    plat::world::set_identity(id);
+    platform::world::SetIdentity(id);
     EXPECT_EQ(PPPOE_PLUS_GetSelfChassisOrSlotId(&value), 0U);
     EXPECT_EQ(value, 4U);
     EXPECT_EQ(PPPOE_PLUS_GetSelfLogicSlotId(), kNone);
@@ -302,11 +302,11 @@ TEST_F(IntfTest, DeviceManagerWrappersFollowTheBoardType)
     EXPECT_EQ(PPPOE_PLUS_GetSelfLogicSlotId(), 9U);
     PLAT_FailSet("DEVM_DB_GetSelfChassisId", 0, 1, 6);
     EXPECT_EQ(PPPOE_PLUS_GetSelfChassisOrSlotId(&value), 1U);
-    plat::world::set_devm_ready(false);
+    platform::world::SetDevmReady(false);
     EXPECT_EQ(PPPOE_PLUS_GetSelfBoardId(), kNone);
 
     uint8_t mac[6] = {};
-    plat::world::set_devm_ready(true);
+    platform::world::SetDevmReady(true);
     EXPECT_EQ(DEVM_DB_GetSysMac(mac), DEVM_OK);
     EXPECT_EQ(mac[5], 0x03);
 }

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "plat_control.h"
+#include "platform/control.h"
 #include "module_fixture.hpp"
 #include "pplus_test.hpp"
 #include "pppoe_plus_ha.h"

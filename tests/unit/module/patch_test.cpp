@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "molb.h"
-#include "plat_control.h"
+#include "platform/control.h"
 #include "module_fixture.hpp"
 #include "pplus_test.hpp"
 #include "pppoe_plus_ha.h"

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "module_fixture.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 #include "pplus_test.hpp"
 #include "pppoe_frame.hpp"
 #include "pppoe_plus_cfg.h"
@@ -45,29 +45,29 @@ const std::string kRid = "00e0-fc01-0203";
 
 void BuildWorld()
 {
-    using namespace plat::world;
-    auto port = [](const char *name, uint32_t ifIndex, uint16_t num, uint32_t trunkId = plat::kNoId) {
-        plat::IfRecord rec;
+    using namespace platform::world;
+    auto port = [](const char *name, uint32_t ifIndex, uint16_t num, uint32_t trunkId = platform::kNoId) {
+        platform::IfRecord rec;
         rec.name = name;
         rec.ifIndex = ifIndex;
         rec.port = num;
         rec.l2TrunkId = trunkId;
-        if_put(rec);
+        IfPut(rec);
     };
     port("GE0/0/1", kSub, 1);
     port("GE0/0/2", kMember, 2, 5);
     port("GE0/0/10", kUpA, 10);
     port("GE0/0/11", kUpB, 11);
     port("GE0/0/12", kUpC, 12);
-    plat::IfRecord trunk;
+    platform::IfRecord trunk;
     trunk.name = "Eth-Trunk5";
     trunk.ifIndex = kTrunk;
     trunk.lagId = 5;
-    if_put(trunk);
-    trunk_put({5, kTrunk});
-    trunk_port_put({kMember, kTrunk});
+    IfPut(trunk);
+    TrunkPut({5, kTrunk});
+    TrunkPortPut({kMember, kTrunk});
     for (uint32_t up : {kUpA, kUpB, kUpC}) {
-        port_vlan_set(up, 100, true);
+        PortVlanSet(up, 100, true);
     }
 }
 
@@ -464,8 +464,8 @@ TEST_F(PktTest, SharedIsolationGroupDropsBelowId65Only)
 {
     Port(kUpA, 1);
     for (const uint32_t group : {7U, 70U}) {
-        plat::world::port_isolate_put({kSub, group});
-        plat::world::port_isolate_put({kUpA, group});
+        platform::world::PortIsolatePut({kSub, group});
+        platform::world::PortIsolatePut({kUpA, group});
         PPPOE_PLUS_ResetStatisticsProc();
         const Bytes frame = Frame().vlan(100).padt().bytes();
         FpcMbuf *mbuf = Mbuf(frame);
@@ -475,8 +475,8 @@ TEST_F(PktTest, SharedIsolationGroupDropsBelowId65Only)
         EXPECT_EQ(TakeAll().size(), group == 7 ? 0U : 1U) << group;
         EXPECT_EQ(Count(kSub, PPPOE_PLUS_CODE_PADT, PPPOE_PLUS_STAT_DISCARD), group == 7 ? 1U : 0U) << group;
         EXPECT_EQ(Count(kUpA, PPPOE_PLUS_CODE_PADT, PPPOE_PLUS_STAT_SEND), group == 7 ? 0U : 1U) << group;
-        plat::world::port_isolate_remove({kSub, group});
-        plat::world::port_isolate_remove({kUpA, group});
+        platform::world::PortIsolateRemove({kSub, group});
+        platform::world::PortIsolateRemove({kUpA, group});
     }
 }
 

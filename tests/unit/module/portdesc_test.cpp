@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "module_fixture.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 #include "pplus_test.hpp"
 #include "pppoe_plus_log.h"
 #include "pppoe_plus_portdesc.h"

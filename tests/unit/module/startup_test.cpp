@@ -4,7 +4,7 @@
 
 #include <thread>
 
-#include "plat_control.h"
+#include "platform/control.h"
 #include "pplus_test.hpp"
 #include "pppoe_plus_fpc.h"
 #include "pppoe_plus_ha.h"
@@ -116,13 +116,13 @@ TEST_F(StartupTest, FrameInitFailuresOfTheLaterSteps)
 
 TEST_F(StartupTest, DeviceDatabaseWaitLogsEachTryAndAsksMainBoardFirst)
 {
-    plat::world::set_devm_ready(false);
+    platform::world::SetDevmReady(false);
     std::thread waiter([]() { PPPOE_PLUS_WaitForDevmDBReady(); });
     ASSERT_TRUE(WaitFor([]() { return PLAT_LogCount(PLAT_LOG_SYSLOG, "MainBoardId is not ready.ret=") >= 3; }));
     EXPECT_EQ(PLAT_CallCount("DEVM_DB_GetSelfBoardId"), 0U);  // never asked while the main id is missing
-    plat::world::set_main_board_readable(true);
+    platform::world::SetMainBoardReadable(true);
     ASSERT_TRUE(WaitFor([]() { return PLAT_LogCount(PLAT_LOG_SYSLOG, "SelfBoardId is not ready.ret=") >= 2; }));
-    plat::world::set_self_board_readable(true);
+    platform::world::SetSelfBoardReadable(true);
     waiter.join();
     EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, "<6> DEVM_DB is ready. mainId= 1, selfId = 1.."));
     EXPECT_GE(PLAT_CallCount("RUK_TaskDelay"), 5U);
@@ -144,20 +144,20 @@ TEST_F(StartupTest, ReadinessRuleDependsOnWhetherThisIsTheMainBoard)
             << "slot " << row.slot << " modState " << row.modState;
     }
     FrmInstInfo info = {0, 12, 0, 1};
-    plat::world::set_main_board_readable(false);
+    platform::world::SetMainBoardReadable(false);
     EXPECT_EQ(PPPOE_PLUS_GetFrmReadyState(1, &info), 0U);
 }
 
 TEST_F(StartupTest, FrameworkInstanceLookup)
 {
-    plat::world::frm_inst_clear();
+    platform::world::FrmInstClear();
     FrmInstInfo info = {};
     EXPECT_EQ(PPPOE_PLUS_GetSelfFrmInstInfo(1, &info), 0U);  // empty table: success, zero record
     EXPECT_EQ(info.modState, 0U);
 
-    plat::world::frm_inst_put({1, 5, 2, 4});
-    plat::world::frm_inst_put({2, 12, 3, 1});
-    plat::world::frm_inst_put({3, 8, 4, 7});
+    platform::world::FrmInstPut({1, 5, 2, 4});
+    platform::world::FrmInstPut({2, 12, 3, 1});
+    platform::world::FrmInstPut({3, 8, 4, 7});
     info = {};
     EXPECT_EQ(PPPOE_PLUS_GetSelfFrmInstInfo(1, &info), 0U);
     EXPECT_EQ(info.role, 2U);
@@ -182,11 +182,11 @@ TEST_F(StartupTest, FrameworkInstanceLookup)
 
 TEST_F(StartupTest, ReadyWaitsUntilTheInstanceReachesItsState)
 {
-    plat::world::frm_inst_clear();
-    plat::world::frm_inst_put({0, 5, 0, 1});  // main board waiting for 12
+    platform::world::FrmInstClear();
+    platform::world::FrmInstPut({0, 5, 0, 1});  // main board waiting for 12
     std::thread waiter([]() { EXPECT_EQ(PPPOE_PLUS_WaitReady(), 0U); });
     ASSERT_TRUE(WaitFor([]() { return PLAT_CallCount("RUK_T_Delay") >= 3; }));
-    plat::world::frm_inst_put({0, 12, 0, 1});
+    platform::world::FrmInstPut({0, 12, 0, 1});
     waiter.join();
 }
 

@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 
 #include "module_fixture.hpp"
-#include "plat_control.h"
-#include "plat_fwm.hpp"
-#include "plat_tirn.hpp"
+#include "platform/control.h"
+#include "device/fwm.hpp"
+#include "platform/tirn.hpp"
 #include "pppoe_plus_db.h"
 #include "pppoe_plus_tirn.h"
 
@@ -19,9 +19,9 @@ constexpr const char *kAppUri = "talvo_mesh://ipv4:127.0.0.1:34584";
 
 void SetBoardType(uint32_t type)
 {
-    plat::SystemIdentity id = plat::world::identity();
+    platform::SystemIdentity id = platform::world::Identity();
     id.boardType = type;
-    plat::world::set_identity(id);
+    platform::world::SetIdentity(id);
 }
 
 bool TaskExists(const char *name)
@@ -45,12 +45,12 @@ class TirnTest : public pplus_test::ModuleTest {};
 
 TEST_F(TirnTest, ConnectsToFwmOnceAndMarksOnlyItsOwnPeerQuit)
 {
-    ASSERT_TRUE(plat::fwm::start());
+    ASSERT_TRUE(device::fwm::Start());
     ASSERT_EQ(PPPOE_PLUS_InitTirn(), 0U);
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPoE-Plus] Tirn WaitReady end."));
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPoE-Plus] TIRN_CreateClient connect to fwm success!!! ret=0"));
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPoE-Plus] TIRN create client success!!! ret=0"));
-    EXPECT_EQ(plat::fwm::state().clients, std::vector<std::string>{"PPPOE_PLUS"});
+    EXPECT_EQ(device::fwm::GetState().clients, std::vector<std::string>{"PPPOE_PLUS"});
     EXPECT_TRUE(PLAT_TaskWaitUntilWaiting("PPPoE_Plus_OrchClient", "MESH_EpollWait", 5000) != 0);
     const TIRN_CONN_HANDLE conn = g_pppoeplusTirnCtrl.connection.load();
     ASSERT_NE(conn, 0U);
@@ -60,23 +60,23 @@ TEST_F(TirnTest, ConnectsToFwmOnceAndMarksOnlyItsOwnPeerQuit)
     EXPECT_FALSE(LogHas(PLAT_LOG_SYSLOG, "Client keepalive attr set ret"));
 
     // A connected record is left as it is.
-    PPPOE_PLUS_TirnConnect("PPPOE_PLUS", &g_pppoeplusTirnCtrl, plat::fwm::kUri);
+    PPPOE_PLUS_TirnConnect("PPPOE_PLUS", &g_pppoeplusTirnCtrl, device::fwm::kUri);
     PPPOE_PLUS_ConnectFwmTirn();
     EXPECT_EQ(PLAT_CallCount("TIRN_Connect"), 1U);
     EXPECT_EQ(g_pppoeplusTirnCtrl.connection.load(), conn);
-    EXPECT_EQ(plat::tirn::open_connections(), 1U);
+    EXPECT_EQ(platform::tirn::OpenConnections(), 1U);
 
     PPPOE_PLUS_TirnClientPeerQuitNotify(conn + 100);
     EXPECT_EQ(PeerQuit(), 0U);
-    plat::fwm::stop();  // the library tells the session task
+    device::fwm::Stop();  // the library tells the session task
     ASSERT_TRUE(WaitFor([]() { return PeerQuit() == 1; }));
     EXPECT_EQ(g_pppoeplusTirnCtrl.connection.load(), conn);  // handles stay until destroyed
 
     PPPOE_PLUS_TirnDestroy(&g_pppoeplusTirnCtrl);
     EXPECT_EQ(g_pppoeplusTirnCtrl.connection.load(), 0U);
     EXPECT_EQ(g_pppoeplusTirnCtrl.client.load(), 0U);
-    EXPECT_EQ(plat::tirn::open_connections(), 0U);
-    ASSERT_TRUE(plat::fwm::start());
+    EXPECT_EQ(platform::tirn::OpenConnections(), 0U);
+    ASSERT_TRUE(device::fwm::Start());
     PPPOE_PLUS_ConnectFwmTirn();
     EXPECT_NE(g_pppoeplusTirnCtrl.connection.load(), 0U);
     EXPECT_EQ(PLAT_AssertCount(), 0U);
@@ -90,7 +90,7 @@ TEST_F(TirnTest, ConnectAndClientFailuresLeaveTheRecordUnconnected)
     EXPECT_EQ(g_pppoeplusTirnCtrl.connection.load(), 0U);
     EXPECT_EQ(g_pppoeplusTirnCtrl.ready.load(), 0U);
 
-    ASSERT_TRUE(plat::fwm::start());
+    ASSERT_TRUE(device::fwm::Start());
     PLAT_FailSet("TIRN_CreateClient", 0, 1, 0x55);
     PPPOE_PLUS_ConnectFwmTirn();
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPoE-Plus] TIRN_CreateClient connect to fwm success!!! ret=0"));
@@ -98,9 +98,9 @@ TEST_F(TirnTest, ConnectAndClientFailuresLeaveTheRecordUnconnected)
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPoE-Plus] TIRN create client success!!! ret=85"));
     EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, "<3> [PPPOE_PLUS] Client keepalive attr set ret 20484."));
     EXPECT_EQ(g_pppoeplusTirnCtrl.connection.load(), 0U);
-    EXPECT_EQ(plat::tirn::open_connections(), 0U);
+    EXPECT_EQ(platform::tirn::OpenConnections(), 0U);
     EXPECT_EQ(g_pppoeplusTirnCtrl.ready.load(), 1U);
-    EXPECT_TRUE(plat::fwm::state().clients.empty());
+    EXPECT_TRUE(device::fwm::GetState().clients.empty());
 
     PLAT_FailSet("TIRN_SetConnKeepAliveAttr", 0, 1, 7);
     PPPOE_PLUS_ConnectFwmTirn();  // keepalive faults are only logged
@@ -156,9 +156,9 @@ TEST_F(TirnTest, AppServerOnTheMainBoardWithBothTasksAndItsRole)
     EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, "[PPPOE_PLUS] Bind server ip, talvo_mesh://ipv4:127.0.0.1:34584."));
     EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, "<6> [PPPOE_PLUS] Create app tirn server successfully."));
     EXPECT_NE(g_pppoeplusAppTirnServer.load(), 0U);
-    EXPECT_EQ(plat::tirn::bound_server_name(kAppUri), "PPPOEPLUS_APP_INTF");
-    EXPECT_EQ(plat::tirn::bound_server_epoll_fd(kAppUri), g_pppoeplusAppTirnServerEpollFd.load());
-    const auto role = plat::tirn::last_selector_role();
+    EXPECT_EQ(platform::tirn::BoundServerName(kAppUri), "PPPOEPLUS_APP_INTF");
+    EXPECT_EQ(platform::tirn::BoundServerEpollFd(kAppUri), g_pppoeplusAppTirnServerEpollFd.load());
+    const auto role = platform::tirn::LastSelectorRole();
     ASSERT_TRUE(role.has_value());
     EXPECT_EQ(role->boardType, 1U);
     EXPECT_STREQ(role->serviceName, "pppoe_plus");
@@ -177,7 +177,7 @@ TEST_F(TirnTest, LineBoardRunsOnlyTheServerTaskAndBadBoardTypeStillServes)
     EXPECT_TRUE(TaskExists("PPPoE_Plus_AppServer"));
     EXPECT_FALSE(TaskExists("PPPoE_Plus_AppClient"));
     EXPECT_FALSE(LogHas(PLAT_LOG_SYSLOG, "Init app tirn task successfully."));
-    EXPECT_STREQ(plat::tirn::last_selector_role()->roleName, "lpu");
+    EXPECT_STREQ(platform::tirn::LastSelectorRole()->roleName, "lpu");
 
     // Board type 7: the role step fails, is logged, the server comes up anyway.
     ASSERT_EQ(TIRN_DestroyServer(g_pppoeplusAppTirnServer.load()), TIRN_OK);
@@ -188,7 +188,7 @@ TEST_F(TirnTest, LineBoardRunsOnlyTheServerTaskAndBadBoardTypeStillServes)
     EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, "[PPPOE_PLUS] Tirn set role failed, ret 1."));
     EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, "[PPPOE_PLUS] Tirn talvo auth failed, ret 1."));
     EXPECT_EQ(PLAT_CallCount("DDM_AuthorizeSetSelectorRole"), 1U);
-    EXPECT_EQ(plat::tirn::bound_server_name(kAppUri), "PPPOEPLUS_APP_INTF");
+    EXPECT_EQ(platform::tirn::BoundServerName(kAppUri), "PPPOEPLUS_APP_INTF");
     EXPECT_EQ(PLAT_AssertCount(), 0U);
 }
 
@@ -204,7 +204,7 @@ TEST_F(TirnTest, AppServerFaultsAreLoggedAndUnwound)
     EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, "[PPPOE_PLUS] Tirn init svr attr failed, ret 33"));
     EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, "[PPPOE_PLUS] Tirn talvo auth failed, ret 33."));
     EXPECT_EQ(PLAT_CallCount("DDM_AuthorizeSetSelectorRole"), 0U);
-    EXPECT_EQ(plat::tirn::bound_server_name("talvo_mesh://ipv4:127.0.0.1:1001"), "PPPOEPLUS_APP_INTF");
+    EXPECT_EQ(platform::tirn::BoundServerName("talvo_mesh://ipv4:127.0.0.1:1001"), "PPPOEPLUS_APP_INTF");
 
     PLAT_FailSet("DEVM_GetSelfBoardIp", 0, 1, 0x2001);
     EXPECT_EQ(PPPOE_PLUS_CreateAppTirnServer("PPPOEPLUS_APP_INTF", 1002, &server), 0x2001U);
@@ -226,7 +226,7 @@ TEST_F(TirnTest, AppServerFaultsAreLoggedAndUnwound)
         EXPECT_EQ(PPPOE_PLUS_CreateAppTirnServer("PPPOEPLUS_APP_INTF", step.port, &server), 1U) << step.op;
         EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, step.log)) << step.op;
         EXPECT_EQ(PLAT_CallCount("TIRN_DestroyServer"), ++destroyed) << step.op;
-        EXPECT_EQ(plat::tirn::bound_server_name("talvo_mesh://ipv4:127.0.0.1:" + std::to_string(step.port)), "");
+        EXPECT_EQ(platform::tirn::BoundServerName("talvo_mesh://ipv4:127.0.0.1:" + std::to_string(step.port)), "");
     }
 
     // Task faults assert at their lines and fail the application side.

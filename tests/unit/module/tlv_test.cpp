@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "module_fixture.hpp"
-#include "plat_control.h"
-#include "plat_world.hpp"
+#include "platform/control.h"
+#include "platform/world.hpp"
 #include "pplus_test.hpp"
 #include "pppoe_plus_log.h"
 #include "pppoe_plus_portdesc.h"
@@ -33,11 +33,11 @@ protected:
     {
         ModuleTest::SetUp();
         UseIdentity("AB", {0x00, 0x12, 0x34, 0x56, 0x78, 0x9a});
-        Put("GigabitEthernet0/0/1", 5, plat::kNoId, plat::kNoId);
-        Put("GigabitEthernet0/0/9", 9, 3, plat::kNoId);
-        Put("GigabitEthernet0/0/10", 10, 4, plat::kNoId);
-        Put("Eth-Trunk3", 100, plat::kNoId, 3);
-        plat::world::trunk_put({3, 100});
+        Put("GigabitEthernet0/0/1", 5, platform::kNoId, platform::kNoId);
+        Put("GigabitEthernet0/0/9", 9, 3, platform::kNoId);
+        Put("GigabitEthernet0/0/10", 10, 4, platform::kNoId);
+        Put("Eth-Trunk3", 100, platform::kNoId, 3);
+        platform::world::TrunkPut({3, 100});
         ReadyTagBuilders();
         info_.IfIndex = 5;
         info_.ulNas_Slot = 1;
@@ -50,12 +50,12 @@ protected:
 
     static void Put(const std::string &name, uint32_t ifIndex, uint32_t trunkId, uint32_t lagId)
     {
-        plat::IfRecord r;
+        platform::IfRecord r;
         r.name = name;
         r.ifIndex = ifIndex;
         r.l2TrunkId = trunkId;
         r.lagId = lagId;
-        plat::world::if_put(r);
+        platform::world::IfPut(r);
     }
 
     std::optional<Bytes> Encode(const std::string &fmt)
@@ -302,9 +302,9 @@ TEST_F(TlvTest, SystemMacInBothStretches)
 
 TEST_F(TlvTest, AllZeroMacIsADashAndBlanks)
 {
-    plat::SystemIdentity id = plat::world::identity();
+    platform::SystemIdentity id = platform::world::Identity();
     id.sysMac = {};
-    plat::world::set_identity(id);
+    platform::world::SetIdentity(id);
     EXPECT_EQ(Encode("\"%mac\""), Text("-             "));
     char text[32] = {};
     const uint8_t zero[6] = {};

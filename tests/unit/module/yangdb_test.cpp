@@ -15,7 +15,7 @@
 
 #include "devm.h"
 #include "module_fixture.hpp"
-#include "plat_control.h"
+#include "platform/control.h"
 #include "pplus_test.hpp"
 #include "pppoe_plus_cfg.h"
 #include "pppoe_plus_log.h"
@@ -404,10 +404,10 @@ TEST_F(YangDbTest, QueriesAnswerFromTheLiveState)
 
     // Ports 5 (trusted) and 6 have names; 7 has none and is left out.
     for (uint32_t ifIndex : {5U, 6U}) {
-        plat::IfRecord rec;
+        platform::IfRecord rec;
         rec.name = "GigabitEthernet0/0/" + std::to_string(ifIndex - 4);
         rec.ifIndex = ifIndex;
-        plat::world::if_put(rec);
+        platform::world::IfPut(rec);
     }
     PortCB *cb = nullptr;
     for (uint32_t ifIndex : {5U, 6U, 7U}) {
@@ -496,15 +496,15 @@ TEST_F(YangDbTest, ClientTaskServesRequestsAndReactivatesAfterAHangUp)
     FakeLib &lib = *g_lib;
     PLAT_SetTimeScale(1);
     // Not the main board: no client task.
-    plat::SystemIdentity id = plat::world::identity();
+    platform::SystemIdentity id = platform::world::Identity();
     id.boardType = DEVM_BOARD_TYPE_LPU;
-    plat::world::set_identity(id);
+    platform::world::SetIdentity(id);
     EXPECT_EQ(PPPOE_PLUS_YdbcRun(), 0U);
     PLAT_TASK_INFO_S info{};
     EXPECT_EQ(PLAT_TaskGetInfo(PPPOE_PLUS_YDBC_TASK_NAME, &info), 1U);
 
     id.boardType = DEVM_BOARD_TYPE_MPU;
-    plat::world::set_identity(id);
+    platform::world::SetIdentity(id);
     g_pplusYdbcCfg.clientNew = ClientNew;
     g_pplusYdbcCfg.connect = Connect;
     g_pplusYdbcCfg.activate = Activate;

@@ -22,7 +22,7 @@
 #include "im_agent.h"
 #include "mesh.h"
 #include "molb.h"
-#include "plat_control.h"
+#include "platform/control.h"
 #include "plat_safe.h"
 #include "pplus_test.hpp"
 #include "ruk.h"

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "db.h"
-#include "plat_control.h"
-#include "plat_world.hpp"
+#include "platform/control.h"
+#include "platform/world.hpp"
 
 namespace {
 
@@ -102,9 +102,9 @@ bool Readable(uint32_t fd)
     return poll(&p, 1, 0) == 1;
 }
 
-plat::IfRecord Port(uint32_t ifIndex, bool onBoard)
+platform::IfRecord Port(uint32_t ifIndex, bool onBoard)
 {
-    plat::IfRecord r;
+    platform::IfRecord r;
     r.name = "GE0/0/" + std::to_string(ifIndex);
     r.ifIndex = ifIndex;
     r.onBoard = onBoard;
@@ -115,7 +115,7 @@ class DbSub : public testing::Test {
 protected:
     void SetUp() override
     {
-        plat::world::reset();
+        platform::world::Reset();
         PLAT_FailClearAll();
         g_seen.clear();
         g_objectsSeen.clear();
@@ -128,7 +128,7 @@ protected:
 
 TEST_F(DbSub, WorldWritesArriveInOrderWithTheRecordBeforeAndAfter)
 {
-    plat::world::if_put(Port(5, true));  // before any connection: not pushed
+    platform::world::IfPut(Port(5, true));  // before any connection: not pushed
     DB_CONN_PARAM_S params = Params();
     DB_SUB_CONN_S *conn = nullptr;
     ASSERT_EQ(db_create_sub_connect(&params, EpollCtrl, &conn), DB_OK);
@@ -141,13 +141,13 @@ TEST_F(DbSub, WorldWritesArriveInOrderWithTheRecordBeforeAndAfter)
     ASSERT_NE(Subscribe(conn, true, DB_CHANGE_CREATE | DB_CHANGE_UPDATE, OnBoard, nullptr), nullptr);
     EXPECT_FALSE(Readable(fd));
 
-    ASSERT_TRUE(plat::world::if_set_on_board(5, false));
-    plat::world::if_put(Port(6, true));
-    ASSERT_TRUE(plat::world::if_remove(6));
-    plat::world::board_put({1, 3, std::nullopt});
-    plat::world::board_put({1, 3, plat::kBoardRegistered});
-    ASSERT_TRUE(plat::world::board_remove(1, 3));
-    EXPECT_FALSE(plat::world::if_set_on_board(99, true));  // no such interface, nothing pushed
+    ASSERT_TRUE(platform::world::IfSetOnBoard(5, false));
+    platform::world::IfPut(Port(6, true));
+    ASSERT_TRUE(platform::world::IfRemove(6));
+    platform::world::BoardPut({1, 3, std::nullopt});
+    platform::world::BoardPut({1, 3, platform::kBoardRegistered});
+    ASSERT_TRUE(platform::world::BoardRemove(1, 3));
+    EXPECT_FALSE(platform::world::IfSetOnBoard(99, true));  // no such interface, nothing pushed
     EXPECT_TRUE(Readable(fd));
     ASSERT_EQ(db_handle_event(fd), DB_OK);
     EXPECT_FALSE(Readable(fd));
@@ -185,7 +185,7 @@ TEST_F(DbSub, WorldWritesArriveInOrderWithTheRecordBeforeAndAfter)
     ASSERT_EQ(db_disconnect(conn), DB_OK);
     ASSERT_EQ(g_epollCalls.size(), 2U);
     EXPECT_EQ(g_epollCalls[1], std::make_pair(fd, DB_EPOLL_CTRL_DEL));
-    plat::world::if_set_on_board(5, true);
+    platform::world::IfSetOnBoard(5, true);
     EXPECT_EQ(db_handle_event(fd), DB_ERR_NO_CONN);
     EXPECT_EQ(db_disconnect(conn), DB_ERR_NO_CONN);
 }
@@ -234,7 +234,7 @@ TEST_F(DbSub, RefusalsAndInjectedFailures)
     // An injected handling failure leaves the changes for the next call.
     ASSERT_NE(Subscribe(conn, true, DB_CHANGE_CREATE, OnBoard, nullptr), nullptr);
     const uint32_t fd = g_epollCalls.back().first;
-    plat::world::board_put({1, 4, plat::kBoardRegistered});
+    platform::world::BoardPut({1, 4, platform::kBoardRegistered});
     PLAT_FailSet("db_handle_event", 0, 1, 9);
     EXPECT_EQ(db_handle_event(fd), 9U);
     EXPECT_TRUE(g_seen.empty());
@@ -251,15 +251,15 @@ TEST_F(DbSub, RefusalsAndInjectedFailures)
 
 TEST_F(DbSub, TopologyRegistersThisBoard)
 {
-    plat::Topology topology;
+    platform::Topology topology;
     topology.system.chassisId = 2;
     topology.system.selfBoardId = 5;
-    plat::world::apply_topology(topology);
-    const auto boards = plat::world::board_records();
+    platform::world::ApplyTopology(topology);
+    const auto boards = platform::world::BoardRecords();
     ASSERT_EQ(boards.size(), 1U);
     EXPECT_EQ(boards[0].chassisId, 2U);
     EXPECT_EQ(boards[0].slotId, 5U);
-    EXPECT_EQ(boards[0].registerStatus, std::optional<uint32_t>(plat::kBoardRegistered));
+    EXPECT_EQ(boards[0].registerStatus, std::optional<uint32_t>(platform::kBoardRegistered));
 }
 
 TEST(PlatTime, SleepFollowsTheTimeScale)

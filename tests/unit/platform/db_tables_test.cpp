@@ -8,14 +8,14 @@
 #include <vector>
 
 #include "db.h"
-#include "plat_control.h"
-#include "plat_world.hpp"
+#include "platform/control.h"
+#include "platform/world.hpp"
 
 namespace {
 
-plat::IfRecord Port(const std::string &name, uint32_t ifIndex, uint32_t slot, uint32_t card, uint16_t port)
+platform::IfRecord Port(const std::string &name, uint32_t ifIndex, uint32_t slot, uint32_t card, uint16_t port)
 {
-    plat::IfRecord r;
+    platform::IfRecord r;
     r.name = name;
     r.ifIndex = ifIndex;
     r.slot = slot;
@@ -38,16 +38,16 @@ DB_OBJ_S *ReadIf(uint32_t ifIndex, uint32_t *ret)
 
 TEST(DbTables, InterfacesReadByKeyWithTheirChildNodes)
 {
-    plat::world::reset();
-    plat::IfRecord member = Port("GigabitEthernet0/0/23", 27, 2, 255, 65535);
+    platform::world::Reset();
+    platform::IfRecord member = Port("GigabitEthernet0/0/23", 27, 2, 255, 65535);
     member.l2TrunkId = 3;
     member.portSwitch = 1;
     member.onBoard = false;
-    plat::world::if_put(Port("GigabitEthernet0/0/1", 5, 0, 0, 1));
-    plat::world::if_put(member);
-    plat::IfRecord trunk = Port("Eth-Trunk3", 100, 0, 0, 0);
+    platform::world::IfPut(Port("GigabitEthernet0/0/1", 5, 0, 0, 1));
+    platform::world::IfPut(member);
+    platform::IfRecord trunk = Port("Eth-Trunk3", 100, 0, 0, 0);
     trunk.lagId = 3;
-    plat::world::if_put(trunk);
+    platform::world::IfPut(trunk);
 
     DB_OBJ_S *obj = nullptr;
     ASSERT_EQ(db_create_if_object(&obj), DB_OK);
@@ -92,7 +92,7 @@ TEST(DbTables, InterfacesReadByKeyWithTheirChildNodes)
     EXPECT_EQ(db_create_root_iter(dev, 0, 0, &iter), DB_ERR_PARAM);
 
     // The read is a snapshot: the world changing under it does not move it.
-    plat::world::if_remove(27);
+    platform::world::IfRemove(27);
     EXPECT_EQ(db_get_if_ifindex(obj, &v), DB_OK);
     EXPECT_EQ(v, 27U);
     EXPECT_EQ(db_read_if_object(obj), DB_ERR_NO_RECORD);
@@ -132,18 +132,18 @@ TEST(DbTables, InterfacesReadByKeyWithTheirChildNodes)
 
 TEST(DbTables, TrunkVlanIsolationAndSystemTables)
 {
-    plat::world::reset();
-    plat::world::trunk_put({3, 100});
-    plat::world::trunk_put({3, 101});  // replaces
-    plat::world::trunk_port_put({27, 101});
-    plat::world::port_vlan_set(5, 4095, true);
-    plat::world::port_vlan_set(5, 100, true);
-    plat::world::port_vlan_set(5, 100, false);
-    plat::world::access_isolate_put({5, 0, 6});
-    plat::world::port_isolate_put({5, 7});
-    plat::world::port_isolate_put({6, 8});
-    plat::world::port_isolate_put({5, 70});
-    plat::world::set_sys_name("Edge-1");
+    platform::world::Reset();
+    platform::world::TrunkPut({3, 100});
+    platform::world::TrunkPut({3, 101});  // replaces
+    platform::world::TrunkPortPut({27, 101});
+    platform::world::PortVlanSet(5, 4095, true);
+    platform::world::PortVlanSet(5, 100, true);
+    platform::world::PortVlanSet(5, 100, false);
+    platform::world::AccessIsolatePut({5, 0, 6});
+    platform::world::PortIsolatePut({5, 7});
+    platform::world::PortIsolatePut({6, 8});
+    platform::world::PortIsolatePut({5, 70});
+    platform::world::SetSysName("Edge-1");
 
     uint32_t v = 0;
     DB_OBJ_S *obj = nullptr;
@@ -206,16 +206,16 @@ TEST(DbTables, TrunkVlanIsolationAndSystemTables)
     EXPECT_STREQ(name, "Edge-1");
     EXPECT_EQ(db_release_sys_info_obj(obj), DB_OK);
 
-    plat::world::tables_clear();
-    EXPECT_TRUE(plat::world::trunk_records().empty());
-    EXPECT_TRUE(plat::world::port_isolate_records().empty());
-    EXPECT_EQ(plat::world::identity().sysName, "Edge-1");  // the identity stays
+    platform::world::TablesClear();
+    EXPECT_TRUE(platform::world::TrunkRecords().empty());
+    EXPECT_TRUE(platform::world::PortIsolateRecords().empty());
+    EXPECT_EQ(platform::world::Identity().sysName, "Edge-1");  // the identity stays
 }
 
 TEST(DbTables, EveryCallFailsOnInjectionUnderItsOwnName)
 {
-    plat::world::reset();
-    plat::world::if_put(Port("GigabitEthernet0/0/1", 5, 0, 0, 1));
+    platform::world::Reset();
+    platform::world::IfPut(Port("GigabitEthernet0/0/1", 5, 0, 0, 1));
     uint32_t ret = 0;
     DB_OBJ_S *obj = ReadIf(5, &ret);
     ASSERT_EQ(ret, DB_OK);

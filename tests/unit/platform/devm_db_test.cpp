@@ -5,7 +5,7 @@
 
 #include "db.h"
 #include "devm.h"
-#include "plat_world.hpp"
+#include "platform/world.hpp"
 
 namespace {
 
@@ -44,26 +44,26 @@ std::vector<int32_t> Slots(DB_OBJ_S *obj)
 
 TEST(Devm, AnswersFollowTheMainAndSelfBoardFlags)
 {
-    plat::SystemIdentity id;
+    platform::SystemIdentity id;
     id.chassisId = 2;
     id.selfBoardId = 5;
     id.mainBoardId = 3;
     id.boardType = DEVM_BOARD_TYPE_LPU;
-    plat::world::set_identity(id);
+    platform::world::SetIdentity(id);
 
     auto all = [](uint32_t ret) { return Answers{ret, ret, ret, ret}; };
     auto same = [](const Answers &a, const Answers &b) {
         return a.main == b.main && a.self == b.self && a.chassis == b.chassis && a.type == b.type;
     };
     EXPECT_TRUE(same(Ask(), all(DEVM_ERR_NOT_READY)));
-    plat::world::set_main_board_readable(true);
+    platform::world::SetMainBoardReadable(true);
     uint32_t mainId = 0;
     EXPECT_TRUE(same(Ask(&mainId), {DEVM_OK, DEVM_ERR_NOT_READY, DEVM_ERR_NOT_READY, DEVM_ERR_NOT_READY}));
     EXPECT_EQ(mainId, 3U);
-    plat::world::set_main_board_readable(false);
-    plat::world::set_self_board_readable(true);
+    platform::world::SetMainBoardReadable(false);
+    platform::world::SetSelfBoardReadable(true);
     EXPECT_TRUE(same(Ask(), {DEVM_ERR_NOT_READY, DEVM_OK, DEVM_OK, DEVM_OK}));
-    plat::world::set_devm_ready(true);
+    platform::world::SetDevmReady(true);
     EXPECT_TRUE(same(Ask(), all(DEVM_OK)));
 
     uint32_t self = 0, chassis = 0, type = 0;
@@ -75,19 +75,19 @@ TEST(Devm, AnswersFollowTheMainAndSelfBoardFlags)
     EXPECT_EQ(type, DEVM_BOARD_TYPE_LPU);
     EXPECT_EQ(DEVM_DB_GetSelfBoardId(nullptr), DEVM_ERR_PARAM);
 
-    plat::world::reset();
+    platform::world::Reset();
     EXPECT_TRUE(same(Ask(), all(DEVM_ERR_NOT_READY)));
-    EXPECT_EQ(plat::world::identity().selfBoardId, 1U);
+    EXPECT_EQ(platform::world::Identity().selfBoardId, 1U);
 }
 
 TEST(DbFrmInst, IteratesInInsertionOrderOverASnapshot)
 {
     DB_OBJ_S *obj = nullptr;
     EXPECT_EQ(db_create_frm_inst_obj(4, 0, &obj), DB_ERR_NO_TABLE);
-    plat::world::frm_inst_put({1, 5, 2, 4});
-    plat::world::frm_inst_put({2, 12, 3, 1});
-    plat::world::frm_inst_put({3, 8, 4, 7});
-    plat::world::frm_inst_put({9, 9, 9, 1});  // replaces slot 1 in place
+    platform::world::FrmInstPut({1, 5, 2, 4});
+    platform::world::FrmInstPut({2, 12, 3, 1});
+    platform::world::FrmInstPut({3, 8, 4, 7});
+    platform::world::FrmInstPut({9, 9, 9, 1});  // replaces slot 1 in place
     ASSERT_EQ(db_create_frm_inst_obj(DB_TABLE_FRM_INST, 0, &obj), DB_OK);
 
     uint32_t v = 0;
@@ -114,11 +114,11 @@ TEST(DbFrmInst, IteratesInInsertionOrderOverASnapshot)
     EXPECT_EQ(db_get_frm_inst_role(obj, nullptr), DB_ERR_PARAM);
 
     // The world changes under the iteration: the snapshot holds until a reset.
-    plat::world::frm_inst_clear();
+    platform::world::FrmInstClear();
     EXPECT_EQ(db_root_iterator_next(iter), DB_OK);
     EXPECT_EQ(db_get_frm_inst_local_slot(obj, &slot), DB_OK);
     EXPECT_EQ(slot, 7);
-    plat::world::frm_inst_put({0, 0, 0, 3});
+    platform::world::FrmInstPut({0, 0, 0, 3});
     EXPECT_EQ(db_reset_frm_inst_object(obj, 0), DB_OK);
     EXPECT_EQ(db_get_frm_inst_local_slot(obj, &slot), DB_ERR_NO_RECORD);
     EXPECT_EQ(db_root_iterator_next(iter), DB_OK);

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "molb.h"
-#include "plat_control.h"
-#include "plat_ha.hpp"
+#include "platform/control.h"
+#include "device/ha.hpp"
 
 namespace {
 
@@ -92,16 +92,16 @@ TEST(HaService, RegistrationChecksItsArgumentsAndHonoursFailureInjection)
     }
     EXPECT_EQ(MOLB_HA_CompRegister(&rec, OnEvent, 0), 0x99U);
     EXPECT_EQ(MOLB_HA_SubsAMMBPosition("comp", OnMaster, 0), 0x99U);
-    EXPECT_TRUE(plat::ha::registrations().empty());  // a failed call changes nothing
+    EXPECT_TRUE(device::ha::Registrations().empty());  // a failed call changes nothing
     ASSERT_EQ(MOLB_HA_CompRegister(&rec, OnEvent, 0), MOLB_OK);
     EXPECT_EQ(MOLB_HA_ReportSwitchoverState("comp", 1, 0), 0x99U);
     EXPECT_EQ(MOLB_HA_ReportSwitchoverState("comp", 1, 0), MOLB_OK);
-    EXPECT_EQ(plat::ha::switchover_reports().size(), 1U);
+    EXPECT_EQ(device::ha::SwitchoverReports().size(), 1U);
 
     // Registering again under the same name replaces, it does not add.
     rec.pid = 43;
     ASSERT_EQ(MOLB_HA_CompRegister(&rec, OnEvent, 0), MOLB_OK);
-    const auto regs = plat::ha::registrations();
+    const auto regs = device::ha::Registrations();
     ASSERT_EQ(regs.size(), 1U);
     EXPECT_EQ(regs[0].pid, 43U);
 }
@@ -112,20 +112,20 @@ TEST(HaService, DeliversInOrderOnItsOwnThreadAndRecordsWhatCallbacksReturned)
     ASSERT_EQ(MOLB_HA_CompRegister(&rec, OnEvent, 0), MOLB_OK);
     ASSERT_EQ(MOLB_HA_SubsAMMBPosition("comp", OnMaster, 0), MOLB_OK);
     ASSERT_EQ(MOLB_HA_SubsAMMBPosition("watcher", OnMaster, 0), MOLB_OK);  // subscribed, not registered
-    const size_t reportsBefore = plat::ha::switchover_reports().size();
+    const size_t reportsBefore = device::ha::SwitchoverReports().size();
 
     // Held in the first callback: later events queue up behind it.
     g_hold = true;
-    const plat::ha::Seq first = plat::ha::start_work(2);
-    EXPECT_FALSE(plat::ha::wait_delivered(first, 50));
-    const plat::ha::Seq backup = plat::ha::new_backup(1, 7);
-    plat::ha::backup_removed();
-    plat::ha::promote();
-    plat::ha::demote();
-    const plat::ha::Seq master = plat::ha::master_change(1, 3);
-    const plat::ha::Seq bare = plat::ha::send_event(1, {});
+    const device::ha::Seq first = device::ha::StartWork(2);
+    EXPECT_FALSE(device::ha::WaitDelivered(first, 50));
+    const device::ha::Seq backup = device::ha::NewBackup(1, 7);
+    device::ha::BackupRemoved();
+    device::ha::Promote();
+    device::ha::Demote();
+    const device::ha::Seq master = device::ha::MasterChange(1, 3);
+    const device::ha::Seq bare = device::ha::SendEvent(1, {});
     g_hold = false;
-    ASSERT_TRUE(plat::ha::wait_delivered(bare));
+    ASSERT_TRUE(device::ha::WaitDelivered(bare));
 
     std::lock_guard lock(g_mu);
     ASSERT_EQ(g_seen.size(), 8U);  // two subscribers see the master change
@@ -139,15 +139,15 @@ TEST(HaService, DeliversInOrderOnItsOwnThreadAndRecordsWhatCallbacksReturned)
     EXPECT_EQ(g_seen[5].info, (std::vector<uint32_t>{1, 3}));
     EXPECT_TRUE(g_seen[7].info.empty());  // no information: a null pointer
 
-    EXPECT_EQ(plat::ha::delivery(first)->returns, std::vector<uint32_t>{2});
-    EXPECT_EQ(plat::ha::delivery(backup)->returns, std::vector<uint32_t>{MOLB_OK});  // reported from the callback
-    const auto toSubscribers = plat::ha::delivery(master);
+    EXPECT_EQ(device::ha::GetDelivery(first)->returns, std::vector<uint32_t>{2});
+    EXPECT_EQ(device::ha::GetDelivery(backup)->returns, std::vector<uint32_t>{MOLB_OK});  // reported from the callback
+    const auto toSubscribers = device::ha::GetDelivery(master);
     ASSERT_TRUE(toSubscribers.has_value());
     EXPECT_EQ(toSubscribers->names, (std::vector<std::string>{"comp", "watcher"}));
     EXPECT_EQ(toSubscribers->returns, (std::vector<uint32_t>{3, 3}));
-    EXPECT_FALSE(plat::ha::delivery(bare + 1).has_value());
+    EXPECT_FALSE(device::ha::GetDelivery(bare + 1).has_value());
 
-    const plat::ha::State state = plat::ha::state();
-    EXPECT_EQ(plat::ha::describe(state), "role 2, standby 0/0, master 1/3, events 7 queued 7 delivered");
-    EXPECT_EQ(plat::ha::switchover_reports().size(), reportsBefore + 1);
+    const device::ha::State state = device::ha::GetState();
+    EXPECT_EQ(device::ha::Describe(state), "role 2, standby 0/0, master 1/3, events 7 queued 7 delivered");
+    EXPECT_EQ(device::ha::SwitchoverReports().size(), reportsBefore + 1);
 }

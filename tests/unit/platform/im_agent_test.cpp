@@ -5,7 +5,7 @@
 #include <string>
 
 #include "im_agent.h"
-#include "plat_control.h"
+#include "platform/control.h"
 
 namespace {
 

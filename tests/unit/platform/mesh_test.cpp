@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "mesh.h"
-#include "plat_control.h"
+#include "platform/control.h"
 
 namespace {
 

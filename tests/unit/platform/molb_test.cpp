@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "molb.h"
-#include "plat_control.h"
+#include "platform/control.h"
 
 namespace {
 

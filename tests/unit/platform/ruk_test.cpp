@@ -10,7 +10,7 @@
 #include <tuple>
 #include <vector>
 
-#include "plat_control.h"
+#include "platform/control.h"
 #include "pplus_test.hpp"
 #include "ruk.h"
 

@@ -14,9 +14,9 @@
 #include "ddm.h"
 #include "devm.h"
 #include "mesh.h"
-#include "plat_control.h"
-#include "plat_fwm.hpp"
-#include "plat_tirn.hpp"
+#include "platform/control.h"
+#include "device/fwm.hpp"
+#include "platform/tirn.hpp"
 #include "pplus_test.hpp"
 #include "rpc.h"
 #include "ruk.h"
@@ -111,7 +111,7 @@ TIRN_CONN_HANDLE Connect(const EpollServer &server, TIRN_CLIENT_HANDLE *client)
     EXPECT_EQ(TIRN_InitConnectionAttr(&attr), TIRN_OK);
     EXPECT_EQ(TIRN_ConnectionAttrSetEpollFd(server.fd(), &attr), TIRN_OK);
     TIRN_CONN_HANDLE conn = 0;
-    EXPECT_EQ(TIRN_Connect(plat::fwm::kUri, &attr, &conn), TIRN_OK);
+    EXPECT_EQ(TIRN_Connect(device::fwm::kUri, &attr, &conn), TIRN_OK);
     EXPECT_EQ(TIRN_CreateClient("PPPOE_PLUS", &conn, 0, client), TIRN_OK);
     return conn;
 }
@@ -146,17 +146,17 @@ TEST(TirnFwm, RequestsChangeFwmStateAndCompleteOnTheConnectionsTask)
     ASSERT_EQ(TIRN_InitConnectionAttr(&attr), TIRN_OK);
     ASSERT_EQ(TIRN_ConnectionAttrSetEpollFd(server.fd(), &attr), TIRN_OK);
     TIRN_CONN_HANDLE conn = 0;
-    EXPECT_EQ(TIRN_Connect(plat::fwm::kUri, &attr, &conn), TIRN_ERR_NOT_INIT);
+    EXPECT_EQ(TIRN_Connect(device::fwm::kUri, &attr, &conn), TIRN_ERR_NOT_INIT);
     EXPECT_EQ(SendGlobal(1), RPC_ERR_NOT_CONNECTED);
 
     std::vector<std::string> attached;
-    plat::fwm::set_observer([&attached](const plat::fwm::Request *req, const std::string &client) {
+    device::fwm::SetObserver([&attached](const device::fwm::Request *req, const std::string &client) {
         if (req == nullptr) {
             attached.push_back(client);
         }
     });
-    ASSERT_TRUE(plat::fwm::start());
-    EXPECT_FALSE(plat::fwm::start());
+    ASSERT_TRUE(device::fwm::Start());
+    EXPECT_FALSE(device::fwm::Start());
     TIRN_CLIENT_HANDLE client = 0;
     conn = Connect(server, &client);
     ASSERT_NE(conn, 0U);
@@ -180,17 +180,17 @@ TEST(TirnFwm, RequestsChangeFwmStateAndCompleteOnTheConnectionsTask)
             EXPECT_EQ(c.tid, server.tid());
         }
     }
-    const plat::fwm::State state = plat::fwm::state();
+    const device::fwm::State state = device::fwm::GetState();
     EXPECT_TRUE(state.enabled);
     EXPECT_FALSE(state.ignoreReply);
     EXPECT_EQ(state.trustedPorts, std::set<uint32_t>{7});
-    EXPECT_EQ(plat::fwm::request_count(plat::fwm::RequestKind::TrustPortCfg), 3U);
-    EXPECT_EQ(plat::fwm::request_count(plat::fwm::RequestKind::GlobalCfg), 1U);
-    const auto last = plat::fwm::last_requests();
+    EXPECT_EQ(device::fwm::RequestCount(device::fwm::RequestKind::TrustPortCfg), 3U);
+    EXPECT_EQ(device::fwm::RequestCount(device::fwm::RequestKind::GlobalCfg), 1U);
+    const auto last = device::fwm::LastRequests();
     ASSERT_EQ(last.size(), 4U);
-    EXPECT_EQ(plat::fwm::describe(last[3]), "trust-port-cfg enable 0 ifIndex 5");
-    EXPECT_EQ(plat::fwm::describe(state), "feature on, ignore-reply off, trusted ports 7, clients PPPOE_PLUS");
-    EXPECT_EQ(plat::tirn::idl_messages_outstanding(), 0U);
+    EXPECT_EQ(device::fwm::Describe(last[3]), "trust-port-cfg enable 0 ifIndex 5");
+    EXPECT_EQ(device::fwm::Describe(state), "feature on, ignore-reply off, trusted ports 7, clients PPPOE_PLUS");
+    EXPECT_EQ(platform::tirn::IdlMessagesOutstanding(), 0U);
 
     // A message the library did not make, or one already destroyed, is refused.
     PPPOE_PLUS_GLOBAL_CFG_REQ_S onStack = {1};
@@ -210,8 +210,8 @@ TEST(TirnFwm, RequestsChangeFwmStateAndCompleteOnTheConnectionsTask)
     TIRN_KEEPALIVE_ATTR_S keepalive = {10, 1, 5, 0};
     EXPECT_EQ(TIRN_SetConnKeepAliveAttr(conn, 1, &keepalive), TIRN_ERR_NO_HANDLE);
     EXPECT_EQ(TIRN_DestroyClient(client), TIRN_OK);
-    EXPECT_EQ(plat::tirn::open_connections(), 0U);
-    plat::fwm::stop();
+    EXPECT_EQ(platform::tirn::OpenConnections(), 0U);
+    device::fwm::Stop();
 }
 
 TEST(TirnFwm, StoppingFwmNotifiesPeerQuitOnTheTaskAndRefusesRequests)
@@ -219,71 +219,71 @@ TEST(TirnFwm, StoppingFwmNotifiesPeerQuitOnTheTaskAndRefusesRequests)
     EpollServer server;
     ASSERT_EQ(TIRN_RegisterPeerQuitNotifyFunc(TIRN_PEER_QUIT_KIND_MAX, OnQuit), TIRN_ERR_PARAM);
     ASSERT_EQ(TIRN_RegisterPeerQuitNotifyFunc(TIRN_PEER_QUIT_CLIENT_CONN, OnQuit), TIRN_OK);
-    ASSERT_TRUE(plat::fwm::start());
+    ASSERT_TRUE(device::fwm::Start());
     TIRN_CLIENT_HANDLE client = 0;
     const TIRN_CONN_HANDLE conn = Connect(server, &client);
     EXPECT_EQ(g_quitConn.load(), 0U);
 
-    plat::fwm::stop();
-    EXPECT_FALSE(plat::fwm::running());
+    device::fwm::Stop();
+    EXPECT_FALSE(device::fwm::Running());
     ASSERT_TRUE(WaitFor([]() { return g_quitConn.load() != 0; }));
     EXPECT_EQ(g_quitConn.load(), conn);
     EXPECT_EQ(g_quitTid.load(), server.tid());
     EXPECT_EQ(SendGlobal(1), RPC_ERR_NOT_CONNECTED);
-    EXPECT_TRUE(plat::fwm::state().clients.empty());
+    EXPECT_TRUE(device::fwm::GetState().clients.empty());
 
     // A new connection needs fwm back; then requests flow again.
     TIRN_CONN_ATTR_S attr;
     ASSERT_EQ(TIRN_InitConnectionAttr(&attr), TIRN_OK);
     attr.epollFd = server.fd();
     TIRN_CONN_HANDLE again = 0;
-    EXPECT_EQ(TIRN_Connect(plat::fwm::kUri, &attr, &again), TIRN_ERR_NO_PEER);
-    ASSERT_TRUE(plat::fwm::start());
-    EXPECT_EQ(plat::fwm::request_count(plat::fwm::RequestKind::GlobalCfg), 0U);
-    ASSERT_EQ(TIRN_Connect(plat::fwm::kUri, &attr, &again), TIRN_OK);
+    EXPECT_EQ(TIRN_Connect(device::fwm::kUri, &attr, &again), TIRN_ERR_NO_PEER);
+    ASSERT_TRUE(device::fwm::Start());
+    EXPECT_EQ(device::fwm::RequestCount(device::fwm::RequestKind::GlobalCfg), 0U);
+    ASSERT_EQ(TIRN_Connect(device::fwm::kUri, &attr, &again), TIRN_OK);
     TIRN_CLIENT_HANDLE client2 = 0;
     ASSERT_EQ(TIRN_CreateClient("PPPOE_PLUS", &again, 0, &client2), TIRN_OK);
     EXPECT_EQ(SendGlobal(1), RPC_OK);
     ASSERT_TRUE(WaitFor([]() { return Done() == 1; }));
-    plat::fwm::stop();
+    device::fwm::Stop();
 }
 
 TEST(TirnFwm, InjectedFailuresLeaveNothingOpen)
 {
     EpollServer server;
-    ASSERT_TRUE(plat::fwm::start());
+    ASSERT_TRUE(device::fwm::Start());
     TIRN_CLIENT_MODULE_CONFIG_S cfg;
     ASSERT_EQ(TIRN_InitClientModuleConfig(&cfg), TIRN_OK);
     ASSERT_EQ(TIRN_ClientModuleInit(&cfg), TIRN_OK);
     TIRN_CONN_ATTR_S attr;
     ASSERT_EQ(TIRN_InitConnectionAttr(&attr), TIRN_OK);
     TIRN_CONN_HANDLE conn = 0;
-    EXPECT_EQ(TIRN_Connect(plat::fwm::kUri, &attr, &conn), TIRN_ERR_PARAM);  // no epoll set named
+    EXPECT_EQ(TIRN_Connect(device::fwm::kUri, &attr, &conn), TIRN_ERR_PARAM);  // no epoll set named
     attr.epollFd = server.fd();
 
     PLAT_FailSet("TIRN_Connect", 0, 1, 77);
-    EXPECT_EQ(TIRN_Connect(plat::fwm::kUri, &attr, &conn), 77U);
+    EXPECT_EQ(TIRN_Connect(device::fwm::kUri, &attr, &conn), 77U);
     PLAT_FailSet("eventfd_s", 0, 1, 24);
-    EXPECT_EQ(TIRN_Connect(plat::fwm::kUri, &attr, &conn), TIRN_ERR_RESOURCE);
+    EXPECT_EQ(TIRN_Connect(device::fwm::kUri, &attr, &conn), TIRN_ERR_RESOURCE);
     PLAT_FailSet("MESH_EpollCtl", 0, 1, 9);
-    EXPECT_EQ(TIRN_Connect(plat::fwm::kUri, &attr, &conn), TIRN_ERR_RESOURCE);
-    EXPECT_EQ(plat::tirn::open_connections(), 0U);
+    EXPECT_EQ(TIRN_Connect(device::fwm::kUri, &attr, &conn), TIRN_ERR_RESOURCE);
+    EXPECT_EQ(platform::tirn::OpenConnections(), 0U);
     EXPECT_EQ(conn, 0U);
 
-    ASSERT_EQ(TIRN_Connect(plat::fwm::kUri, &attr, &conn), TIRN_OK);
+    ASSERT_EQ(TIRN_Connect(device::fwm::kUri, &attr, &conn), TIRN_OK);
     TIRN_CLIENT_HANDLE client = 0;
     PLAT_FailSet("TIRN_CreateClient", 0, 1, 78);
     EXPECT_EQ(TIRN_CreateClient("PPPOE_PLUS", &conn, 0, &client), 78U);
     EXPECT_EQ(SendGlobal(1), RPC_ERR_NOT_CONNECTED);  // a connection without a client carries nothing
-    EXPECT_TRUE(plat::fwm::state().clients.empty());
+    EXPECT_TRUE(device::fwm::GetState().clients.empty());
 
     PLAT_FailSet("RPC_IdlMsgCreate", 0, 1, 1);
     EXPECT_EQ(RPC_IdlMsgCreate(4, kMsgId, "test"), nullptr);
     ASSERT_EQ(TIRN_CreateClient("PPPOE_PLUS", &conn, 0, &client), TIRN_OK);
     PLAT_FailSet("PPPOE_PLUS_GlobalCfg_async", 0, 1, 79);
     EXPECT_EQ(SendGlobal(1), 79U);
-    EXPECT_EQ(plat::fwm::request_count(plat::fwm::RequestKind::GlobalCfg), 0U);
-    plat::fwm::stop();
+    EXPECT_EQ(device::fwm::RequestCount(device::fwm::RequestKind::GlobalCfg), 0U);
+    device::fwm::Stop();
 }
 
 TEST(TirnServer, BindRegisterAndDestroy)
@@ -305,21 +305,21 @@ TEST(TirnServer, BindRegisterAndDestroy)
     EXPECT_EQ(TIRN_ServerBind(a, "tcp://x"), TIRN_ERR_PARAM);
     ASSERT_EQ(TIRN_ServerBind(a, uri), TIRN_OK);
     EXPECT_EQ(TIRN_ServerBind(b, uri), TIRN_ERR_ADDR_IN_USE);
-    EXPECT_EQ(TIRN_ServerBind(b, plat::fwm::kUri), TIRN_OK);  // fwm not running: free
-    EXPECT_FALSE(plat::fwm::start());                           // and now taken
-    EXPECT_EQ(plat::tirn::bound_server_epoll_fd(uri), -1);
+    EXPECT_EQ(TIRN_ServerBind(b, device::fwm::kUri), TIRN_OK);  // fwm not running: free
+    EXPECT_FALSE(device::fwm::Start());                           // and now taken
+    EXPECT_EQ(platform::tirn::BoundServerEpollFd(uri), -1);
     ASSERT_EQ(TIRN_RegisterEpollFd(uri, 3), TIRN_OK);
-    EXPECT_EQ(plat::tirn::bound_server_epoll_fd(uri), 3);
-    EXPECT_EQ(plat::tirn::bound_server_name(uri), "APP");
+    EXPECT_EQ(platform::tirn::BoundServerEpollFd(uri), 3);
+    EXPECT_EQ(platform::tirn::BoundServerName(uri), "APP");
     TIRN_KEEPALIVE_ATTR_S keepalive = {10, 1, 5, 0};
     EXPECT_EQ(TIRN_SetServerKeepAliveAttr(a, 1, &keepalive), TIRN_OK);
     EXPECT_EQ(TIRN_SetServerKeepAliveAttr(a, 2, &keepalive), TIRN_ERR_PARAM);
     EXPECT_EQ(TIRN_DestroyServer(a), TIRN_OK);
     EXPECT_EQ(TIRN_DestroyServer(a), TIRN_ERR_NO_HANDLE);
-    EXPECT_EQ(plat::tirn::bound_server_epoll_fd(uri), std::nullopt);
+    EXPECT_EQ(platform::tirn::BoundServerEpollFd(uri), std::nullopt);
     EXPECT_EQ(TIRN_DestroyServer(b), TIRN_OK);
-    EXPECT_TRUE(plat::fwm::start());
-    plat::fwm::stop();
+    EXPECT_TRUE(device::fwm::Start());
+    device::fwm::Stop();
 }
 
 TEST(TirnServer, SelectorRoleAndBoardAddress)
@@ -328,10 +328,10 @@ TEST(TirnServer, SelectorRoleAndBoardAddress)
     DDM_SELECTOR_ROLE_S role = {6, "pppoe_plus", "", 1, 0xFFFFFFFFU};
     EXPECT_EQ(DDM_AuthorizeSetSelectorRole(&role), DDM_ERR_PARAM);  // no role name
     EXPECT_EQ(DDM_AuthorizeSetSelectorRole(nullptr), DDM_ERR_PARAM);
-    EXPECT_FALSE(plat::tirn::last_selector_role().has_value());
+    EXPECT_FALSE(platform::tirn::LastSelectorRole().has_value());
     std::memcpy(role.roleName, "box", 4);
     ASSERT_EQ(DDM_AuthorizeSetSelectorRole(&role), DDM_OK);
-    EXPECT_STREQ(plat::tirn::last_selector_role()->roleName, "box");
+    EXPECT_STREQ(platform::tirn::LastSelectorRole()->roleName, "box");
 
     uint32_t ip = 0;
     ASSERT_EQ(DEVM_GetSelfBoardIp(&ip), DEVM_OK);
@@ -341,6 +341,6 @@ TEST(TirnServer, SelectorRoleAndBoardAddress)
     EXPECT_EQ(RUK_IpAddrToStr(0xC0A80A0BU, text, sizeof(text)), RUK_OK);
     EXPECT_STREQ(text, "192.168.10.11");
     EXPECT_EQ(RUK_IpAddrToStr(0xC0A80A0BU, text, 8), RUK_ERR_PARAM);
-    plat::world::set_devm_ready(false);
+    platform::world::SetDevmReady(false);
     EXPECT_EQ(DEVM_GetSelfBoardIp(&ip), DEVM_ERR_NOT_READY);
 }

@@ -7,14 +7,14 @@
 #include <string>
 
 #include "devm.h"
-#include "plat_world.hpp"
+#include "device/world.hpp"
 
 namespace {
 
 std::string Refusal(const std::string &yaml)
 {
     std::string error;
-    const auto topology = plat::load_topology_text(yaml, &error);
+    const auto topology = device::world::LoadTopologyText(yaml, &error);
     EXPECT_FALSE(topology.has_value()) << yaml;
     return error;
 }
@@ -37,10 +37,10 @@ TEST(Topology, FullFileIsRead)
                            "  board-type: lpu\n"
                            "  ha-role: standby\n";
     std::string error;
-    const auto topology = plat::load_topology_file(path, &error);
+    const auto topology = device::world::LoadTopologyFile(path, &error);
     unlink(path);
     ASSERT_TRUE(topology.has_value()) << error;
-    const plat::SystemIdentity &sys = topology->system;
+    const platform::SystemIdentity &sys = topology->system;
     EXPECT_EQ(sys.sysName, "Edge-7");
     EXPECT_EQ(sys.sysMac, (std::array<uint8_t, 6>{0x00, 0xe0, 0xfc, 0x12, 0x34, 0x5a}));
     EXPECT_EQ(sys.chassisId, 2U);
@@ -50,7 +50,7 @@ TEST(Topology, FullFileIsRead)
     EXPECT_EQ(topology->haRole, 2U);
 
     // Keys left out keep their defaults.
-    const auto minimal = plat::load_topology_text("system:\n  name: S\n", &error);
+    const auto minimal = device::world::LoadTopologyText("system:\n  name: S\n", &error);
     ASSERT_TRUE(minimal.has_value()) << error;
     EXPECT_EQ(minimal->system.chassisId, 1U);
     EXPECT_EQ(minimal->haRole, 1U);
@@ -82,15 +82,15 @@ TEST(Topology, RefusalsNameTheLineAndTheKey)
         EXPECT_NE(error.find(c.what), std::string::npos) << c.yaml << " -> " << error;
     }
     std::string error;
-    EXPECT_FALSE(plat::load_topology_file("/nonexistent/topo.yaml", &error).has_value());
+    EXPECT_FALSE(device::world::LoadTopologyFile("/nonexistent/topo.yaml", &error).has_value());
     EXPECT_NE(error.find("/nonexistent/topo.yaml"), std::string::npos) << error;
-    EXPECT_FALSE(plat::load_topology_text("system: [", nullptr).has_value());  // no message wanted
+    EXPECT_FALSE(device::world::LoadTopologyText("system: [", nullptr).has_value());  // no message wanted
 }
 
 TEST(Topology, SwitchingSectionsFillTheTables)
 {
     std::string error;
-    const auto topology = plat::load_topology_text("system:\n"
+    const auto topology = device::world::LoadTopologyText("system:\n"
                                                    "  name: S\n"
                                                    "trunks:\n"
                                                    "  - {name: Eth-Trunk1, id: 1, ifindex: 100, members: [Gi3, Gi4],"
@@ -109,18 +109,18 @@ TEST(Topology, SwitchingSectionsFillTheTables)
                                                    &error);
     ASSERT_TRUE(topology.has_value()) << error;
     ASSERT_EQ(topology->interfaces.size(), 5U);
-    const plat::IfRecord &trunk = topology->interfaces[0];
+    const platform::IfRecord &trunk = topology->interfaces[0];
     EXPECT_EQ(trunk.name, "Eth-Trunk1");
     EXPECT_EQ(trunk.lagId, 1U);
-    const plat::IfRecord &gi1 = topology->interfaces[1];
+    const platform::IfRecord &gi1 = topology->interfaces[1];
     EXPECT_EQ(gi1.slot, 1U);
     EXPECT_EQ(gi1.card, 2U);
     EXPECT_EQ(gi1.port, 65535);
-    EXPECT_EQ(gi1.lagId, plat::kNoId);
-    EXPECT_EQ(gi1.l2TrunkId, plat::kNoId);
+    EXPECT_EQ(gi1.lagId, platform::kNoId);
+    EXPECT_EQ(gi1.l2TrunkId, platform::kNoId);
     EXPECT_EQ(gi1.description, "line one");
-    EXPECT_EQ(gi1.portSwitch, plat::kPortSwitchL2);
-    EXPECT_EQ(topology->interfaces[2].portSwitch, plat::kPortSwitchL3);
+    EXPECT_EQ(gi1.portSwitch, platform::kPortSwitchL2);
+    EXPECT_EQ(topology->interfaces[2].portSwitch, platform::kPortSwitchL3);
     EXPECT_FALSE(topology->interfaces[2].onBoard);
     EXPECT_EQ(topology->interfaces[3].l2TrunkId, 1U);
     EXPECT_EQ(topology->interfaces[4].l2TrunkId, 1U);
@@ -133,10 +133,10 @@ TEST(Topology, SwitchingSectionsFillTheTables)
 
     // Maps: the listed VLANs and the pvid (1 when not given).
     ASSERT_EQ(topology->portVlans.size(), 5U);
-    const plat::PortVlanRecord &trunkVlans = topology->portVlans[0];
+    const platform::PortVlanRecord &trunkVlans = topology->portVlans[0];
     EXPECT_TRUE(trunkVlans.Has(200) && trunkVlans.Has(201) && trunkVlans.Has(202) && trunkVlans.Has(1));
     EXPECT_FALSE(trunkVlans.Has(203));
-    const plat::PortVlanRecord &gi1Vlans = topology->portVlans[1];
+    const platform::PortVlanRecord &gi1Vlans = topology->portVlans[1];
     EXPECT_EQ(gi1Vlans.ifIndex, 5U);
     EXPECT_TRUE(gi1Vlans.Has(100) && gi1Vlans.Has(4094));
     EXPECT_FALSE(gi1Vlans.Has(1));
@@ -150,11 +150,11 @@ TEST(Topology, SwitchingSectionsFillTheTables)
     EXPECT_EQ(topology->accessIsolation[1].srcIfIndex, 7U);
 
     // Installed, the world answers with it.
-    plat::world::apply_topology(*topology);
-    EXPECT_EQ(plat::world::if_records().size(), 5U);
-    EXPECT_EQ(plat::world::identity().sysName, "S");
-    plat::world::reset();
-    EXPECT_TRUE(plat::world::if_records().empty());
+    platform::world::ApplyTopology(*topology);
+    EXPECT_EQ(platform::world::IfRecords().size(), 5U);
+    EXPECT_EQ(platform::world::Identity().sysName, "S");
+    platform::world::Reset();
+    EXPECT_TRUE(platform::world::IfRecords().empty());
 }
 
 TEST(Topology, SwitchingRefusalsNameTheLineAndTheKey)

@@ -7,7 +7,7 @@
 #include <chrono>
 #include <thread>
 
-#include "plat_control.h"
+#include "platform/control.h"
 #include "pplus_test.hpp"
 #include "ruk.h"
 #include "zavk.h"

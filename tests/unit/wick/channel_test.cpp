@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "plat_control.h"
+#include "platform/control.h"
 #include "pplus_test.hpp"
 #include "wick.h"
 

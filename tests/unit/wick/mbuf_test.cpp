@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "plat_control.h"
+#include "platform/control.h"
 #include "wick.h"
 
 namespace {

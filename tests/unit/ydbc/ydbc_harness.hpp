@@ -6,7 +6,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <plat_yangdb.hpp>
+#include <device/yangdb.hpp>
 #include <ydbc.h>
 
 #include <sys/epoll.h>
@@ -315,9 +315,9 @@ protected:
     void StartServer()
     {
         std::string error;
-        server_ = plat::yangdb::Server::Start(options_, &error);
+        server_ = device::yangdb::Server::Start(options_, &error);
         ASSERT_NE(server_, nullptr) << error;
-        admin_ = plat::yangdb::Admin::Connect(options_.socketPath, &error);
+        admin_ = device::yangdb::Admin::Connect(options_.socketPath, &error);
         ASSERT_NE(admin_, nullptr) << error;
     }
     std::string Url() const
@@ -340,9 +340,9 @@ protected:
     }
 
     std::string dir_;
-    plat::yangdb::ServerOptions options_;
-    std::unique_ptr<plat::yangdb::Server> server_;
-    std::unique_ptr<plat::yangdb::Admin> admin_;
+    device::yangdb::ServerOptions options_;
+    std::unique_ptr<device::yangdb::Server> server_;
+    std::unique_ptr<device::yangdb::Admin> admin_;
     std::unique_ptr<Subscriber> subscriber_;
 };
 

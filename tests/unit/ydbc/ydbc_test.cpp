@@ -3,7 +3,7 @@
 // loop like the agent's, and a management session.
 #include "ydbc_harness.hpp"
 
-#include <plat_control.h>
+#include <platform/control.h>
 
 #include <fstream>
 #include <sstream>
@@ -11,7 +11,7 @@
 namespace ydbc_test {
 namespace {
 
-using plat::yangdb::EditMode;
+using device::yangdb::EditMode;
 
 const std::string kTrusted = kPort + "/trusted-port";
 const std::string kVendor = kPlus + "/vendor-id";
@@ -62,7 +62,7 @@ TEST_F(DatastoreTest, InvalidEditsAreRefusedNamingTheNodeAndChangeNothing)
         {PlusXml("<vendor-id><vendor-id>abc</vendor-id></vendor-id>"), "vendor-id"},
     };
     for (const Case &c : cases) {
-        plat::yangdb::Reply reply = admin_->Edit(c.xml, EditMode::kMerge);
+        device::yangdb::Reply reply = admin_->Edit(c.xml, EditMode::kMerge);
         EXPECT_FALSE(reply.ok) << c.xml;
         EXPECT_NE(reply.text.find(c.named), std::string::npos) << reply.text;
     }
@@ -183,7 +183,7 @@ TEST_F(DatastoreTest, RefusedChangeIsRolledBack)
     subscriber_->With([&](Subscriber &s) { s.refuse[kVendor] = 1; });
     const std::string before = admin_->Export().text;
 
-    plat::yangdb::Reply reply = admin_->Edit(
+    device::yangdb::Reply reply = admin_->Edit(
         PlusXml("<global-enable><enable>true</enable></global-enable><vendor-id><vendor-id>5</vendor-id></vendor-id>"),
         EditMode::kMerge);
     EXPECT_FALSE(reply.ok);
@@ -227,19 +227,19 @@ TEST_F(DatastoreTest, AnEditThatCannotBeSavedIsUndone)
     StartServer();
     StartSubscriber({kVendor});
     const std::string before = admin_->Export().text;
-    PLAT_FailSet("plat::yangdb::Save", 0, 1, ENOSPC);
-    plat::yangdb::Reply reply = admin_->Edit(PlusXml("<vendor-id><vendor-id>5</vendor-id></vendor-id>"), EditMode::kMerge);
+    PLAT_FailSet("device::yangdb::Save", 0, 1, ENOSPC);
+    device::yangdb::Reply reply = admin_->Edit(PlusXml("<vendor-id><vendor-id>5</vendor-id></vendor-id>"), EditMode::kMerge);
     EXPECT_EQ(reply.text, "cannot save the configuration: " + options_.storePath + ": No space left on device");
     EXPECT_EQ(admin_->Export().text, before);
     const std::vector<Delivery> got = subscriber_->Changes();
     ASSERT_EQ(got.size(), 2U);
     EXPECT_EQ(got[1].newXml, VendorXml(3561));
 
-    PLAT_FailSet("plat::yangdb::Server::Start", 0, 1, 1);
+    PLAT_FailSet("device::yangdb::Server::Start", 0, 1, 1);
     std::string error;
-    EXPECT_EQ(plat::yangdb::Server::Start(options_, &error), nullptr);
-    PLAT_FailSet("plat::yangdb::Admin::Connect", 0, 1, ECONNREFUSED);
-    EXPECT_EQ(plat::yangdb::Admin::Connect(options_.socketPath, &error), nullptr);
+    EXPECT_EQ(device::yangdb::Server::Start(options_, &error), nullptr);
+    PLAT_FailSet("device::yangdb::Admin::Connect", 0, 1, ECONNREFUSED);
+    EXPECT_EQ(device::yangdb::Admin::Connect(options_.socketPath, &error), nullptr);
     EXPECT_NE(error.find("Connection refused"), std::string::npos) << error;
 }
 
@@ -251,7 +251,7 @@ TEST_F(DatastoreTest, ASilentSubscriberFailsTheEditAndIsToldToUndoIt)
     subscriber_->With([](Subscriber &s) { s.delayMs = 300; });
     const std::string before = admin_->Export().text;
     const std::string item = PortItem(kGigabit, "trusted-port");
-    plat::yangdb::Reply reply =
+    device::yangdb::Reply reply =
         admin_->Edit(PortXml(kGigabit, "<trusted-port><ifindex>49</ifindex></trusted-port>"), EditMode::kMerge);
     EXPECT_EQ(reply.text, "no answer from pppoe_plus within 100 ms: create of " + item);
     EXPECT_EQ(admin_->Export().text, before);
@@ -279,7 +279,7 @@ TEST_F(DatastoreTest, GetsGoToTheStateSubscriberWithTheirKeys)
         "<query-format-check><query-format-check-list><check-result>0</check-result>"
         "<user-define-text>%a</user-define-text></query-format-check-list></query-format-check>"); });
     const std::string asked = check + "[user-define-text='%a']";
-    plat::yangdb::Reply reply = admin_->Get(asked);
+    device::yangdb::Reply reply = admin_->Get(asked);
     ASSERT_TRUE(reply.ok) << reply.text;
     EXPECT_NE(reply.text.find("<check-result>0</check-result>"), std::string::npos) << reply.text;
     EXPECT_NE(reply.text.find("<user-define-text>%a</user-define-text>"), std::string::npos) << reply.text;
@@ -317,7 +317,7 @@ TEST_F(DatastoreTest, OperationsAreValidatedThenForwarded)
         return "<set-debugging xmlns=\"" + kNs + "\">" + body + "</set-debugging>";
     };
 
-    plat::yangdb::Reply reply = admin_->Rpc(debugging("<debug-switch>true</debug-switch>"));
+    device::yangdb::Reply reply = admin_->Rpc(debugging("<debug-switch>true</debug-switch>"));
     EXPECT_FALSE(reply.ok);
     EXPECT_NE(reply.text.find("debug-type"), std::string::npos) << reply.text;
     reply = admin_->Rpc(debugging("<debug-switch>true</debug-switch><debug-type>5</debug-type>"));
@@ -389,7 +389,7 @@ TEST_F(DatastoreTest, TheStoreSurvivesARestartAndABadStoreStopsTheStart)
     StartServer();
     EXPECT_EQ(admin_->Export().text, exported);
     std::string busy;
-    EXPECT_EQ(plat::yangdb::Server::Start(options_, &busy), nullptr);
+    EXPECT_EQ(device::yangdb::Server::Start(options_, &busy), nullptr);
     EXPECT_EQ(busy, "another datastore is listening on " + options_.socketPath);
     // Import replaces everything.
     ASSERT_TRUE(admin_->Edit(PlusXml("<vendor-id><vendor-id>7</vendor-id></vendor-id>"), EditMode::kReplace).ok);
@@ -399,7 +399,7 @@ TEST_F(DatastoreTest, TheStoreSurvivesARestartAndABadStoreStopsTheStart)
 
     std::ofstream(options_.storePath) << PlusXml("<vendor-id><vendor-id>-1</vendor-id></vendor-id>");
     std::string error;
-    EXPECT_EQ(plat::yangdb::Server::Start(options_, &error), nullptr);
+    EXPECT_EQ(device::yangdb::Server::Start(options_, &error), nullptr);
     EXPECT_NE(error.find(options_.storePath), std::string::npos) << error;
     EXPECT_NE(error.find("vendor-id"), std::string::npos) << error;
 }
@@ -462,7 +462,7 @@ TEST_F(DatastoreTest, ClientEntryPointsFailCleanly)
     client = ydbc_client_new("probe", 1, nullptr);
     EXPECT_GE(ydbc_connect(client, YDBC_DEFAULT_URL), 0);
     ydbc_client_free(client);
-    EXPECT_EQ(plat::yangdb::DefaultSocketPath(), options_.socketPath);
+    EXPECT_EQ(device::yangdb::DefaultSocketPath(), options_.socketPath);
     unsetenv(YDBC_SOCKET_ENV);
 
     ydbc_bytes *bytes = ydbc_new_bytes("<a/>x", 4, YDBC_BYTES_XML);

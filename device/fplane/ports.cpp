@@ -9,9 +9,9 @@
 #include <cstring>
 #include <filesystem>
 
-#include "plat_fplane.hpp"
+#include "device/fplane.hpp"
 
-namespace plat::fplane {
+namespace device::fplane {
 
 // ---- In memory ----
 
@@ -232,4 +232,4 @@ std::vector<std::string> PcapCapture::Errors() const
     return errors_;
 }
 
-}  // namespace plat::fplane
+}  // namespace device::fplane

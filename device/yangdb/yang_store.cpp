@@ -1,7 +1,7 @@
 // The running configuration in libyang (see yang_store.hpp).
 #include "yang_store.hpp"
 
-#include <plat_control.h>
+#include <platform/control.h>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -13,7 +13,7 @@
 #include <filesystem>
 #include <mutex>
 
-namespace plat::yangdb {
+namespace device::yangdb {
 
 namespace {
 
@@ -478,4 +478,4 @@ bool YangStore::ParseRpc(std::string_view xml, std::string *opPath, std::string 
     return true;
 }
 
-}  // namespace plat::yangdb
+}  // namespace device::yangdb

@@ -1,4 +1,4 @@
-// The YANG configuration datastore of the Linux platform (libyangdb.so):
+// The YANG configuration datastore of the device layer (libyangdb.so):
 // the server that the host embeds, and the management session that
 // pppoe-plus-cli and the host use to edit, read and call operations.
 // Subscribers (the agent) talk to the same server through libydbc.so.
@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-namespace plat::yangdb {
+namespace device::yangdb {
 
 // "/var/orvale/yangdb.sock", or the path $YDBC_SOCKET names.
 std::string DefaultSocketPath();
@@ -83,4 +83,4 @@ private:
     std::unique_ptr<Impl> impl_;
 };
 
-}  // namespace plat::yangdb
+}  // namespace device::yangdb

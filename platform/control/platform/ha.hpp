@@ -1,8 +1,8 @@
-// The high-availability service of the Linux platform, seen from the host
-// and from tests: it plays the switch's HA manager. Each call below queues
-// one event; the service's thread ("HA service") delivers queued events in
+// The high-availability service of the Linux platform (MOLB_HA_), seen from
+// outside the module: its thread ("HA service") delivers queued events in
 // order to every registered component (or master-position subscriber) and
-// records what each callback returned.
+// records what each callback returned. The device layer's HA driver
+// (device/ha.hpp) plays the switch's HA manager and queues the events.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace plat::ha {
+namespace platform::ha {
 
 inline constexpr uint32_t kRoleMaster = 1;
 inline constexpr uint32_t kRoleStandby = 2;
@@ -19,22 +19,15 @@ inline constexpr uint32_t kRoleSlave = 3;
 // Sequence number of a queued event (from 1).
 using Seq = uint64_t;
 
-// What the components are told. Each returns the event's sequence number.
-Seq start_work(uint32_t role);
-Seq new_backup(uint32_t chassisId, uint32_t boardId);
-Seq backup_removed();
-Seq promote();
-Seq demote();
-Seq master_change(uint32_t chassisId, uint32_t boardId);
-// Any event type with optional information words (none: a null pointer;
-// one: a uint32_t; two: a chassis/board pair), for events the service
-// itself never sends.
-Seq send_event(uint32_t eventType, const std::vector<uint32_t> &info);
+enum class Kind : uint32_t { Event, MasterChange };
+
+// Queues one event for the components: an event of eventType, or a master
+// change, with its information words (none: a null pointer; one: a
+// uint32_t; two: a chassis/board pair). Returns its sequence number.
+Seq Queue(Kind kind, uint32_t eventType, std::vector<uint32_t> info);
 
 // Waits up to timeoutMs (real time) until the event seq was delivered.
-bool wait_delivered(Seq seq, uint32_t timeoutMs = 5000);
-
-enum class Kind : uint32_t { Event, MasterChange };
+bool WaitDelivered(Seq seq, uint32_t timeoutMs = 5000);
 
 struct Delivery {
     Seq seq = 0;
@@ -45,7 +38,7 @@ struct Delivery {
     std::vector<uint32_t> returns;     // what each returned
 };
 // A delivered event (the last 256 are kept); nullopt when not delivered yet or forgotten.
-std::optional<Delivery> delivery(Seq seq);
+std::optional<Delivery> GetDelivery(Seq seq);
 
 struct Registration {
     std::string name;
@@ -54,7 +47,7 @@ struct Registration {
     uint32_t flag = 0;
     bool mmbSubscribed = false;        // subscribed to master changes (type empty: subscribed only)
 };
-std::vector<Registration> registrations();
+std::vector<Registration> Registrations();
 
 struct SwitchoverReport {
     std::string name;
@@ -62,23 +55,18 @@ struct SwitchoverReport {
     uint32_t reserved = 0;
 };
 // Every switchover report, oldest first (the last 256).
-std::vector<SwitchoverReport> switchover_reports();
+std::vector<SwitchoverReport> SwitchoverReports();
 
 // What the service last told the components.
 struct State {
     uint32_t role = 0;                 // of the last start of work, 0 before
-    uint32_t standbyChassis = 0;       // of the last new backup (0/0 none, cleared by backup_removed)
+    uint32_t standbyChassis = 0;       // of the last new backup (0/0 none, cleared when the backup goes)
     uint32_t standbyBoard = 0;
     uint32_t masterChassis = 0;        // of the last master change
     uint32_t masterBoard = 0;
     Seq queued = 0;                    // events queued so far
     Seq delivered = 0;                 // events delivered so far
 };
-State state();
+State GetState();
 
-// "role 1, standby 0/0, master 1/1, events 3 queued 3 delivered".
-std::string describe(const State &state);
-// "pppoe_plus state 1".
-std::string describe(const SwitchoverReport &report);
-
-}  // namespace plat::ha
+}  // namespace platform::ha

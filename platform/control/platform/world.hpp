@@ -1,6 +1,7 @@
 // The world model of the Linux platform: the switch the module believes it
 // runs on. The device manager and the object database answer from it; the
-// host fills it from a topology file and changes it at run time.
+// device layer fills it from a topology file (device/world.hpp) and the
+// host and tests change it at run time.
 #pragma once
 
 #include <array>
@@ -10,7 +11,7 @@
 #include <string>
 #include <vector>
 
-namespace plat {
+namespace platform {
 
 // One record of the framework-instance table (table 9).
 struct FrmInstRecord {
@@ -108,89 +109,84 @@ struct Topology {
     std::vector<PortIsolateRecord> portIsolation;
 };
 
-// Parses a topology file (YAML). On error returns nullopt and a message
-// naming the file, line and offending key in *error.
-std::optional<Topology> load_topology_file(const std::string &path, std::string *error);
-std::optional<Topology> load_topology_text(const std::string &yaml, std::string *error);
-
 namespace world {
 
 // Replaces the identity; the device database answers with it once ready.
-void set_identity(const SystemIdentity &identity);
-SystemIdentity identity();
+void SetIdentity(const SystemIdentity &identity);
+SystemIdentity Identity();
 
 // While not ready, every DEVM read fails with DEVM_ERR_NOT_READY.
-void set_devm_ready(bool ready);
+void SetDevmReady(bool ready);
 // Finer control: the main board id and the self board id become readable
-// separately (set_devm_ready sets both).
-void set_main_board_readable(bool readable);
-void set_self_board_readable(bool readable);
+// separately (SetDevmReady sets both).
+void SetMainBoardReadable(bool readable);
+void SetSelfBoardReadable(bool readable);
 
 // Framework-instance table.
-void frm_inst_clear();
-void frm_inst_put(const FrmInstRecord &record);   // replaces the record of the same localSlot
-std::vector<FrmInstRecord> frm_inst_records();
+void FrmInstClear();
+void FrmInstPut(const FrmInstRecord &record);   // replaces the record of the same localSlot
+std::vector<FrmInstRecord> FrmInstRecords();
 
 // Interface table, keyed by ifIndex: put replaces the record of the same
 // ifIndex in place, remove returns whether there was one.
-void if_put(const IfRecord &record);
-bool if_remove(uint32_t ifIndex);
-std::vector<IfRecord> if_records();
+void IfPut(const IfRecord &record);
+bool IfRemove(uint32_t ifIndex);
+std::vector<IfRecord> IfRecords();
 
 // One interface; nullopt when there is none of this ifIndex.
-std::optional<IfRecord> if_find(uint32_t ifIndex);
+std::optional<IfRecord> IfFind(uint32_t ifIndex);
 // Takes an interface on board or off; false when there is none of this ifIndex.
-bool if_set_on_board(uint32_t ifIndex, bool onBoard);
+bool IfSetOnBoard(uint32_t ifIndex, bool onBoard);
 
-// Board registry, keyed by (chassis, slot). apply_topology registers this
+// Board registry, keyed by (chassis, slot). ApplyTopology registers this
 // board (state kBoardRegistered).
-void board_put(const BoardRecord &record);
-bool board_remove(uint32_t chassisId, uint32_t slotId);
-std::vector<BoardRecord> board_records();
+void BoardPut(const BoardRecord &record);
+bool BoardRemove(uint32_t chassisId, uint32_t slotId);
+std::vector<BoardRecord> BoardRecords();
 
-// Interface and board-registry writes (if_put, if_remove, if_set_on_board,
-// board_put, board_remove) are pushed to the object database's subscription
-// connections as they happen; bulk loads (apply_topology, tables_clear,
+// Interface and board-registry writes (IfPut, IfRemove, IfSetOnBoard,
+// BoardPut, BoardRemove) are pushed to the object database's subscription
+// connections as they happen; bulk loads (ApplyTopology, TablesClear,
 // reset) are not.
 
 // Trunk table, keyed by trunk id.
-void trunk_put(const TrunkRecord &record);
-bool trunk_remove(uint32_t trunkId);
-std::vector<TrunkRecord> trunk_records();
+void TrunkPut(const TrunkRecord &record);
+bool TrunkRemove(uint32_t trunkId);
+std::vector<TrunkRecord> TrunkRecords();
 
 // Trunk-port configuration, keyed by member ifIndex.
-void trunk_port_put(const TrunkPortRecord &record);
-bool trunk_port_remove(uint32_t memberIfIndex);
-std::vector<TrunkPortRecord> trunk_port_records();
+void TrunkPortPut(const TrunkPortRecord &record);
+bool TrunkPortRemove(uint32_t memberIfIndex);
+std::vector<TrunkPortRecord> TrunkPortRecords();
 
-// Port-VLAN maps, keyed by ifIndex; port_vlan_set adds or drops one VLAN of
+// Port-VLAN maps, keyed by ifIndex; PortVlanSet adds or drops one VLAN of
 // a port (creating its map when absent).
-void port_vlan_put(const PortVlanRecord &record);
-void port_vlan_set(uint32_t ifIndex, uint16_t vlan, bool member);
-bool port_vlan_remove(uint32_t ifIndex);
-std::vector<PortVlanRecord> port_vlan_records();
+void PortVlanPut(const PortVlanRecord &record);
+void PortVlanSet(uint32_t ifIndex, uint16_t vlan, bool member);
+bool PortVlanRemove(uint32_t ifIndex);
+std::vector<PortVlanRecord> PortVlanRecords();
 
 // Access-isolation entries, keyed by (source, vlan, destination).
-void access_isolate_put(const AccessIsolateRecord &record);
-bool access_isolate_remove(const AccessIsolateRecord &record);
-std::vector<AccessIsolateRecord> access_isolate_records();
+void AccessIsolatePut(const AccessIsolateRecord &record);
+bool AccessIsolateRemove(const AccessIsolateRecord &record);
+std::vector<AccessIsolateRecord> AccessIsolateRecords();
 
 // Port-isolation memberships, keyed by (ifIndex, group).
-void port_isolate_put(const PortIsolateRecord &record);
-bool port_isolate_remove(const PortIsolateRecord &record);
-std::vector<PortIsolateRecord> port_isolate_records();
+void PortIsolatePut(const PortIsolateRecord &record);
+bool PortIsolateRemove(const PortIsolateRecord &record);
+std::vector<PortIsolateRecord> PortIsolateRecords();
 
 // The system name (also part of the identity).
-void set_sys_name(const std::string &name);
+void SetSysName(const std::string &name);
 
 // Empties every table above (the identity stays).
-void tables_clear();
+void TablesClear();
 
 // Installs a loaded topology: identity and every table, replacing what was there.
-void apply_topology(const Topology &topology);
+void ApplyTopology(const Topology &topology);
 
 // Everything back to defaults (tests).
-void reset();
+void Reset();
 
 }  // namespace world
-}  // namespace plat
+}  // namespace platform

@@ -1,4 +1,4 @@
-// The forwarding manager of the Linux platform: the service behind
+// The forwarding manager of the device layer: the service behind
 // "talvo_mesh://peer:ipv4:127.0.0.1:39711" that takes the PPPoE+ agent's
 // ACL requests, answers each with status 0 and keeps the state they set
 // for the forwarding plane and the host.
@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace plat::fwm {
+namespace device::fwm {
 
 inline constexpr const char *kUri = "talvo_mesh://peer:ipv4:127.0.0.1:39711";
 
@@ -32,30 +32,30 @@ struct State {
 
 // Registers the service; false when it runs already or the URI is taken.
 // The state starts empty.
-bool start();
+bool Start();
 // Unregisters the service: every connection to it sees its peer quit.
-void stop();
-bool running();
+void Stop();
+bool Running();
 
-State state();
+State GetState();
 // Whether the feature's punt ACLs are installed: a lock-free read for the
 // forwarding plane's per-frame decision.
-bool feature_enabled();
+bool FeatureEnabled();
 // Applies a request as if a client had sent it over the session: the same
 // state change, counting and observer call (tests, host controls).
-void apply(const Request &request);
-uint32_t request_count(RequestKind kind);
+void Apply(const Request &request);
+uint32_t RequestCount(RequestKind kind);
 // The most recent requests, oldest first (at most 64).
-std::vector<Request> last_requests();
+std::vector<Request> LastRequests();
 
 // "global-cfg enable 1", "ignore-reply-cfg enable 0", "trust-port-cfg enable 1 ifIndex 5".
-std::string describe(const Request &request);
+std::string Describe(const Request &request);
 // "feature on, ignore-reply off, trusted ports 5 7, clients PPPOE_PLUS".
-std::string describe(const State &state);
+std::string Describe(const State &state);
 
 // Called on the requesting thread for each request and each client that
 // attaches (the request is null then), after the state changed.
 using Observer = std::function<void(const Request *request, const std::string &client)>;
-void set_observer(Observer observer);
+void SetObserver(Observer observer);
 
-}  // namespace plat::fwm
+}  // namespace device::fwm

@@ -5,7 +5,7 @@
 // and what the agent writes to "channel/ppplus2dpx" leaves through the port
 // its head names. Everything else is switched within its VLAN.
 //
-// Port model (read from plat::world on every frame, so on-board changes and
+// Port model (read from platform::world on every frame, so on-board changes and
 // VLAN edits take effect at once):
 //  - Physical ports carry frames. A trunk's own interface (lagId set) is
 //    reached through its on-board members: the member with the lowest
@@ -40,7 +40,7 @@
 #include <thread>
 #include <vector>
 
-namespace plat::fplane {
+namespace device::fplane {
 
 inline constexpr const char *kPuntChannel = "channel/dpx2ppplus";
 inline constexpr const char *kSendChannel = "channel/ppplus2dpx";
@@ -213,4 +213,4 @@ private:
     bool closed_ = false;
 };
 
-}  // namespace plat::fplane
+}  // namespace device::fplane

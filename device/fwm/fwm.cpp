@@ -10,12 +10,10 @@
 #include <mutex>
 #include <sstream>
 
-#include "core/internal.hpp"
-#include "plat_fwm.hpp"
-#include "rpc.h"
-#include "tirn/tirn_internal.hpp"
+#include "device/fwm.hpp"
+#include "platform/tirn.hpp"
 
-namespace plat::fwm {
+namespace device::fwm {
 namespace {
 
 constexpr size_t kKeptRequests = 64;
@@ -30,9 +28,12 @@ struct Fwm {
     std::atomic<bool> enabled{false};   // mirrors state.enabled for readers per frame
 };
 
+// Lives as long as the process: the session task may still call in while
+// static destructors run at exit.
 Fwm &TheFwm()
 {
-    return plat::internal::Leaky<Fwm>();
+    static Fwm *const fwm = new Fwm();
+    return *fwm;
 }
 
 void Notify(const Request *request, const std::string &client)
@@ -48,7 +49,7 @@ void Notify(const Request *request, const std::string &client)
     }
 }
 
-void Apply(Request request)
+void ApplyRequest(Request request)
 {
     if (request.kind != RequestKind::TrustPortCfg) {
         request.ifIndex = 0xFFFFFFFFU;
@@ -81,7 +82,7 @@ void Apply(Request request)
     Notify(&request, "");
 }
 
-uint32_t Handle(tirn::Method method, const void *bytes, uint32_t len)
+uint32_t Handle(platform::tirn::Method method, const void *bytes, uint32_t len)
 {
     Request request;
     request.kind = static_cast<RequestKind>(method);
@@ -89,7 +90,7 @@ uint32_t Handle(tirn::Method method, const void *bytes, uint32_t len)
     std::memcpy(fields.data(), bytes, len < sizeof(fields) ? len : sizeof(fields));
     request.enable = fields[0];
     request.ifIndex = fields[1];
-    Apply(request);
+    ApplyRequest(request);
     return 0;
 }
 
@@ -105,7 +106,7 @@ void Attached(const std::string &client)
 
 }  // namespace
 
-bool start()
+bool Start()
 {
     Fwm &fwm = TheFwm();
     {
@@ -118,7 +119,7 @@ bool start()
         fwm.counts = {};
         fwm.last.clear();
     }
-    if (!tirn::register_service(kUri, tirn::Service{Handle, Attached})) {
+    if (!platform::tirn::RegisterService(kUri, platform::tirn::Service{Handle, Attached})) {
         return false;
     }
     std::lock_guard lock(fwm.mu);
@@ -126,7 +127,7 @@ bool start()
     return true;
 }
 
-void stop()
+void Stop()
 {
     Fwm &fwm = TheFwm();
     {
@@ -137,55 +138,55 @@ void stop()
         fwm.running = false;
         fwm.state.clients.clear();
     }
-    tirn::unregister_service(kUri);
+    platform::tirn::UnregisterService(kUri);
 }
 
-bool running()
+bool Running()
 {
     Fwm &fwm = TheFwm();
     std::lock_guard lock(fwm.mu);
     return fwm.running;
 }
 
-State state()
+State GetState()
 {
     Fwm &fwm = TheFwm();
     std::lock_guard lock(fwm.mu);
     return fwm.state;
 }
 
-bool feature_enabled()
+bool FeatureEnabled()
 {
     return TheFwm().enabled.load(std::memory_order_relaxed);
 }
 
-void apply(const Request &request)
+void Apply(const Request &request)
 {
-    Apply(request);
+    ApplyRequest(request);
 }
 
-uint32_t request_count(RequestKind kind)
+uint32_t RequestCount(RequestKind kind)
 {
     Fwm &fwm = TheFwm();
     std::lock_guard lock(fwm.mu);
     return fwm.counts[static_cast<size_t>(kind)];
 }
 
-std::vector<Request> last_requests()
+std::vector<Request> LastRequests()
 {
     Fwm &fwm = TheFwm();
     std::lock_guard lock(fwm.mu);
     return {fwm.last.begin(), fwm.last.end()};
 }
 
-void set_observer(Observer observer)
+void SetObserver(Observer observer)
 {
     Fwm &fwm = TheFwm();
     std::lock_guard lock(fwm.mu);
     fwm.observer = std::move(observer);
 }
 
-std::string describe(const Request &request)
+std::string Describe(const Request &request)
 {
     std::ostringstream out;
     switch (request.kind) {
@@ -202,7 +203,7 @@ std::string describe(const Request &request)
     return out.str();
 }
 
-std::string describe(const State &state)
+std::string Describe(const State &state)
 {
     std::ostringstream out;
     out << "feature " << (state.enabled ? "on" : "off") << ", ignore-reply " << (state.ignoreReply ? "on" : "off")
@@ -223,4 +224,4 @@ std::string describe(const State &state)
     return out.str();
 }
 
-}  // namespace plat::fwm
+}  // namespace device::fwm

@@ -1,11 +1,11 @@
 // A management session: one request at a time over the datastore socket,
 // each answered by one reply carrying "ok" or "error" and a text.
-#include <plat_yangdb.hpp>
+#include <device/yangdb.hpp>
 
-#include "wire.hpp"
+#include "platform/ydbc_wire.hpp"
 #include "yang_store.hpp"
 
-#include <plat_control.h>
+#include <platform/control.h>
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -14,7 +14,9 @@
 #include <cstring>
 #include <mutex>
 
-namespace plat::yangdb {
+namespace device::yangdb {
+
+namespace wire = platform::ydbc::wire;
 
 struct Admin::Impl {
     int fd = -1;
@@ -99,4 +101,4 @@ Reply Admin::Rpc(std::string_view xml)
     return impl_->Call(wire::Type::kRpc, {std::string(xml)});
 }
 
-}  // namespace plat::yangdb
+}  // namespace device::yangdb

@@ -12,12 +12,12 @@
 // undone with their inverses, in reverse order, and the running
 // configuration stays as it was. A subscriber that timed out is sent the
 // inverse of its pending change as well, since it may still apply it.
-#include <plat_yangdb.hpp>
+#include <device/yangdb.hpp>
 
-#include "wire.hpp"
+#include "platform/ydbc_wire.hpp"
 #include "yang_store.hpp"
 
-#include <plat_control.h>
+#include <platform/control.h>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -42,7 +42,9 @@
 
 #include <ydbc.h>
 
-namespace plat::yangdb {
+namespace device::yangdb {
+
+namespace wire = platform::ydbc::wire;
 
 std::string DefaultSocketPath()
 {
@@ -792,4 +794,4 @@ std::unique_ptr<Server> Server::Start(const ServerOptions &options, std::string 
     return std::unique_ptr<Server>(new Server(std::move(impl)));
 }
 
-}  // namespace plat::yangdb
+}  // namespace device::yangdb

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-namespace plat::yangdb {
+namespace device::yangdb {
 
 struct TreeFree {
     void operator()(struct lyd_node *tree) const
@@ -31,9 +31,9 @@ struct Instance {
 // Names under which the platform's failure injection reaches the datastore:
 // saving the configuration (the code is the errno reported), starting the
 // server and connecting a management session.
-inline constexpr const char kSaveOp[] = "plat::yangdb::Save";
-inline constexpr const char kStartOp[] = "plat::yangdb::Server::Start";
-inline constexpr const char kConnectOp[] = "plat::yangdb::Admin::Connect";
+inline constexpr const char kSaveOp[] = "device::yangdb::Save";
+inline constexpr const char kStartOp[] = "device::yangdb::Server::Start";
+inline constexpr const char kConnectOp[] = "device::yangdb::Admin::Connect";
 
 class YangStore {
 public:
@@ -103,4 +103,4 @@ private:
 // A path with its list predicates removed: the schema path it names.
 std::string SchemaPathOf(std::string_view path);
 
-}  // namespace plat::yangdb
+}  // namespace device::yangdb

@@ -10,13 +10,20 @@
 #include <cstring>
 #include <future>
 
-#include "plat_control.h"
-#include "plat_fplane.hpp"
-#include "plat_fwm.hpp"
-#include "plat_world.hpp"
+#include "platform/control.h"
+#include "device/fplane.hpp"
+#include "device/fwm.hpp"
+#include "platform/world.hpp"
 #include "wick.h"
 
-namespace plat::fplane {
+namespace device::fplane {
+
+namespace world = platform::world;
+using platform::IfRecord;
+using platform::kNoId;
+using platform::PortVlanRecord;
+using platform::TrunkPortRecord;
+
 namespace {
 
 constexpr size_t kMacHeader = 12;            // destination and source MAC
@@ -61,9 +68,9 @@ struct ForwardingPlane::PortView {
     static PortView Now()
     {
         PortView v;
-        v.ifs = world::if_records();
-        v.vlans = world::port_vlan_records();
-        for (const TrunkPortRecord &tp : world::trunk_port_records()) {
+        v.ifs = world::IfRecords();
+        v.vlans = world::PortVlanRecords();
+        for (const TrunkPortRecord &tp : world::TrunkPortRecords()) {
             v.memberToTrunk[tp.memberIfIndex] = tp.trunkIfIndex;
         }
         return v;
@@ -127,7 +134,7 @@ struct ForwardingPlane::PortView {
 
 std::optional<uint32_t> ResolvePort(const std::string &nameOrIndex)
 {
-    const std::vector<IfRecord> ifs = world::if_records();
+    const std::vector<IfRecord> ifs = world::IfRecords();
     for (const IfRecord &r : ifs) {
         if (r.name == nameOrIndex) {
             return r.ifIndex;
@@ -147,7 +154,7 @@ std::optional<uint32_t> ResolvePort(const std::string &nameOrIndex)
 
 std::string PortName(uint32_t ifIndex)
 {
-    for (const IfRecord &r : world::if_records()) {
+    for (const IfRecord &r : world::IfRecords()) {
         if (r.ifIndex == ifIndex) {
             return r.name;
         }
@@ -259,7 +266,7 @@ void ForwardingPlane::Receive(uint32_t ifIndex, std::span<const uint8_t> frame)
         typeOff += kTagLen;
     }
     const bool discovery = tagged.size() >= typeOff + 2 && U16(bytes, typeOff) == kEtherPppoeDiscovery;
-    if (discovery && fwm::feature_enabled()) {
+    if (discovery && fwm::FeatureEnabled()) {
         DpxPktHead head;
         head.msgType = kPuntMsgType;
         head.egrIfindex = learnt.value_or(kNoPort);
@@ -396,4 +403,4 @@ bool ForwardingPlane::WaitIdle(std::chrono::milliseconds quiet, std::chrono::mil
     return false;
 }
 
-}  // namespace plat::fplane
+}  // namespace device::fplane

@@ -52,7 +52,7 @@
 #include <string>
 
 #include "devm.h"
-#include "plat_world.hpp"
+#include "device/world.hpp"
 
 namespace {
 
@@ -130,7 +130,7 @@ uint32_t ChoiceOf(const std::string &source, const YAML::Node &node, const std::
     Refuse(source, node, key, "expected " + allowed + ", got '" + text + "'");
 }
 
-void ParseSystem(const std::string &source, const YAML::Node &system, plat::Topology &topology)
+void ParseSystem(const std::string &source, const YAML::Node &system, platform::Topology &topology)
 {
     if (!system.IsMap()) {
         Refuse(source, system, "system", "expected a section of keys");
@@ -143,7 +143,7 @@ void ParseSystem(const std::string &source, const YAML::Node &system, plat::Topo
                                                                                       {"spu-fwd", DEVM_BOARD_TYPE_SPU_FWD}}};
     static constexpr std::array<std::pair<const char *, uint32_t>, 3> kHaRoles = {
         {{"master", 1}, {"standby", 2}, {"slave", 3}}};
-    plat::SystemIdentity &sys = topology.system;
+    platform::SystemIdentity &sys = topology.system;
     std::set<std::string> seen;
     for (auto it = system.begin(); it != system.end(); ++it) {
         const std::string name = ScalarOf(source, it->first, "system key");
@@ -202,7 +202,7 @@ constexpr uint32_t kVlanMax = 4094;
 
 // One VLAN ("100") or a range ("100-110") into the map.
 void AddVlanItem(const std::string &source, const YAML::Node &node, const std::string &key,
-                 plat::PortVlanRecord &map)
+                 platform::PortVlanRecord &map)
 {
     const std::string text = ScalarOf(source, node, key);
     const size_t dash = text.find('-');
@@ -224,7 +224,7 @@ void AddVlanItem(const std::string &source, const YAML::Node &node, const std::s
     }
 }
 
-void AddVlans(const std::string &source, const YAML::Node &node, const std::string &key, plat::PortVlanRecord &map)
+void AddVlans(const std::string &source, const YAML::Node &node, const std::string &key, platform::PortVlanRecord &map)
 {
     if (node.IsSequence()) {
         for (const YAML::Node &item : node) {
@@ -238,8 +238,8 @@ void AddVlans(const std::string &source, const YAML::Node &node, const std::stri
 // An interface or trunk entry while the file is read: its record, its VLAN
 // map and, for a trunk, the member names still to resolve.
 struct Entry {
-    plat::IfRecord record;
-    plat::PortVlanRecord vlans;
+    platform::IfRecord record;
+    platform::PortVlanRecord vlans;
     YAML::Node members;          // trunks only
     YAML::Node mark;
 };
@@ -249,7 +249,7 @@ bool ParseCommonKey(const std::string &source, const std::string &name, const st
                     const YAML::Node &value, Entry &entry)
 {
     static constexpr std::array<std::pair<const char *, uint32_t>, 2> kModes = {{{"access", 0}, {"trunk", 1}}};
-    plat::IfRecord &r = entry.record;
+    platform::IfRecord &r = entry.record;
     if (name == "name") {
         r.name = ScalarOf(source, value, key);
         if (r.name.empty()) {
@@ -264,7 +264,7 @@ bool ParseCommonKey(const std::string &source, const std::string &name, const st
     } else if (name == "vlans") {
         AddVlans(source, value, key, entry.vlans);
     } else if (name == "port-switch") {
-        r.portSwitch = BoolOf(source, value, key) ? plat::kPortSwitchL2 : plat::kPortSwitchL3;
+        r.portSwitch = BoolOf(source, value, key) ? platform::kPortSwitchL2 : platform::kPortSwitchL3;
     } else if (name == "description") {
         r.description = ScalarOf(source, value, key);
     } else {
@@ -299,7 +299,7 @@ Entry ParseInterface(const std::string &source, const YAML::Node &node, size_t i
         if (!seen.insert(name).second) {
             Refuse(source, it->first, key, "given twice");
         }
-        plat::IfRecord &r = entry.record;
+        platform::IfRecord &r = entry.record;
         if (ParseCommonKey(source, name, key, value, entry)) {
             continue;
         }
@@ -400,7 +400,7 @@ void ForEachItem(const std::string &source, const YAML::Node &list, const std::s
     }
 }
 
-void ParseIsolation(const std::string &source, const YAML::Node &isolation, Interfaces &ifs, plat::Topology &topology)
+void ParseIsolation(const std::string &source, const YAML::Node &isolation, Interfaces &ifs, platform::Topology &topology)
 {
     if (!isolation.IsMap()) {
         Refuse(source, isolation, "isolation", "expected a section of keys");
@@ -453,11 +453,11 @@ void ParseIsolation(const std::string &source, const YAML::Node &isolation, Inte
 }
 
 // Interfaces and trunks into the topology's tables, members resolved.
-void ResolveTrunks(const std::string &source, Interfaces &ifs, plat::Topology &topology)
+void ResolveTrunks(const std::string &source, Interfaces &ifs, platform::Topology &topology)
 {
     std::set<uint32_t> trunkIds;
     for (Entry &trunk : ifs.All()) {
-        if (trunk.record.lagId == plat::kNoId) {
+        if (trunk.record.lagId == platform::kNoId) {
             continue;
         }
         if (!trunkIds.insert(trunk.record.lagId).second) {
@@ -470,10 +470,10 @@ void ResolveTrunks(const std::string &source, Interfaces &ifs, plat::Topology &t
         const std::string key = "trunks(" + trunk.record.name + ").members";
         for (const YAML::Node &m : trunk.members) {
             Entry &member = ifs.Named(source, m, key);
-            if (member.record.lagId != plat::kNoId) {
+            if (member.record.lagId != platform::kNoId) {
                 Refuse(source, m, key, "'" + member.record.name + "' is a trunk");
             }
-            if (member.record.l2TrunkId != plat::kNoId) {
+            if (member.record.l2TrunkId != platform::kNoId) {
                 Refuse(source, m, key, "'" + member.record.name + "' is a member of another trunk");
             }
             member.record.l2TrunkId = trunk.record.lagId;
@@ -482,14 +482,14 @@ void ResolveTrunks(const std::string &source, Interfaces &ifs, plat::Topology &t
     }
 }
 
-std::optional<plat::Topology> Parse(const std::string &source, const std::string &text, std::string *error)
+std::optional<platform::Topology> Parse(const std::string &source, const std::string &text, std::string *error)
 {
     try {
         const YAML::Node root = YAML::Load(text);
         if (!root.IsMap()) {
             throw ParseError{source + ": expected a 'system' section"};
         }
-        plat::Topology topology;
+        platform::Topology topology;
         std::set<std::string> seen;
         YAML::Node isolation;
         Interfaces ifs;
@@ -547,9 +547,11 @@ std::optional<plat::Topology> Parse(const std::string &source, const std::string
 
 }  // namespace
 
-namespace plat {
+namespace device::world {
 
-std::optional<Topology> load_topology_file(const std::string &path, std::string *error)
+using platform::Topology;
+
+std::optional<Topology> LoadTopologyFile(const std::string &path, std::string *error)
 {
     std::ifstream in(path, std::ios::binary);
     if (!in) {
@@ -569,9 +571,9 @@ std::optional<Topology> load_topology_file(const std::string &path, std::string 
     return Parse(path, text.str(), error);
 }
 
-std::optional<Topology> load_topology_text(const std::string &yaml, std::string *error)
+std::optional<Topology> LoadTopologyText(const std::string &yaml, std::string *error)
 {
     return Parse("topology", yaml, error);
 }
 
-}  // namespace plat
+}  // namespace device::world

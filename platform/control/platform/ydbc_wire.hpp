@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-namespace plat::yangdb::wire {
+namespace platform::ydbc::wire {
 
 enum class Type : uint32_t {
     // Client to server; each gets one kReply with the same id.
@@ -58,4 +58,4 @@ bool Receive(int fd, Message *message);
 // Connects a stream socket to a unix path; -1 (errno set) on failure.
 int ConnectUnix(const std::string &path);
 
-}  // namespace plat::yangdb::wire
+}  // namespace platform::ydbc::wire

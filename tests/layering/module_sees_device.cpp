@@ -1,0 +1,2 @@
+// Built with the module's include path: a device header must be out of reach.
+#include "device/fplane.hpp"
