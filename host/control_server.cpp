@@ -333,9 +333,9 @@ ControlServer::~ControlServer()
 }
 
 bool ControlServer::Start(const std::string &path, const ControlHooks &hooks, std::string *error,
-                          const SocketAccess &access, const ControlServerLimits &limits)
+                          const device::sockets::SocketAccess &access, const ControlServerLimits &limits)
 {
-    const int fd = ListenUnix(path, access, kBacklog, error);
+    const int fd = device::sockets::ListenUnix(path, access, kBacklog, "pppoe-plus-switch", error);
     if (fd < 0) {
         return false;
     }

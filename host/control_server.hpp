@@ -14,7 +14,7 @@
 #include <string>
 
 #include "control.hpp"
-#include "unix_listener.hpp"
+#include "device/sockets.hpp"
 
 namespace host {
 
@@ -37,7 +37,7 @@ public:
     // host serves is not), with the access of `access`; false with *error
     // when the socket cannot be set up.
     bool Start(const std::string &path, const ControlHooks &hooks, std::string *error,
-               const SocketAccess &access = {}, const ControlServerLimits &limits = {});
+               const device::sockets::SocketAccess &access = {}, const ControlServerLimits &limits = {});
     // Stops serving, waits for running commands, removes the socket file.
     void Stop();
 

@@ -268,6 +268,8 @@ int main(int argc, char **argv)
     host::AddDatastoreOptions(app, opts.datastore);
     app.add_option("--control", opts.controlPath, "Control socket for pppoe-plus-cli")
         ->default_str(opts.controlPath);
+    app.add_option("--group", opts.datastore.group,
+                   "Group whose members may use the control and datastore sockets (default: the user's group)");
     app.add_option("--log-file", opts.logFile,
                    "Also write every log line (system log, diagnostic records, debug lines) to this file, "
                    "rotated at 64 MiB into FILE.1");
@@ -399,7 +401,7 @@ int main(int argc, char **argv)
     hooks.replay = [&ports](const std::string &binding, std::string *output) {
         return ports.ReplayMore(binding, output);
     };
-    if (std::string error; !control.Start(opts.controlPath, hooks, &error)) {
+    if (std::string error; !control.Start(opts.controlPath, hooks, &error, {opts.datastore.group})) {
         Say(("control socket not available: " + error).c_str());
     } else {
         std::printf("pppoe-plus-switch: control socket %s\n", opts.controlPath.c_str());

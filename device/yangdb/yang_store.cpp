@@ -4,6 +4,7 @@
 #include <platform/control.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -47,10 +48,18 @@ Tree Duplicate(const struct lyd_node *tree)
     return Tree(dup);
 }
 
+constexpr mode_t kStoreFileMode = 0600;
+
 bool WriteFileAtomically(const std::string &path, const std::string &text, std::string *error)
 {
     const std::string temp = path + ".tmp";
-    int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    // The owner's alone whatever the umask, also when a temporary file of
+    // another mode was left behind.
+    int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kStoreFileMode);
+    if (fd >= 0 && ::fchmod(fd, kStoreFileMode) != 0) {
+        ::close(fd);
+        fd = -1;
+    }
     if (fd < 0) {
         *error = "cannot save the configuration: " + temp + ": " + std::strerror(errno);
         return false;

@@ -155,7 +155,7 @@ TEST(ControlServer, SocketIsOwnerAndGroupOnlyWhateverTheUmaskAndALiveOneIsNotTak
 
     host::ControlServer second;
     EXPECT_FALSE(second.Start(path, {}, &error));
-    EXPECT_EQ(error, "another server listens on " + path);
+    EXPECT_EQ(error, "another pppoe-plus-switch is listening on " + path);
     EXPECT_FALSE(second.Start(SocketPath("grp"), {}, &error, {"no-such-group-hd"}));
     EXPECT_EQ(error, "no group named \"no-such-group-hd\"");
 

@@ -1,8 +1,8 @@
-// Listening unix stream sockets with a fixed access (see unix_listener.hpp).
+// Listening unix stream sockets with a fixed access (see device/sockets.hpp).
 // The mode is set on the socket before bind, which the kernel masks with
 // the umask, and set again on the file after bind, so that no umask ever
 // leaves the file open to other users, not even for a moment.
-#include "unix_listener.hpp"
+#include "device/sockets.hpp"
 
 #include <fcntl.h>
 #include <grp.h>
@@ -16,7 +16,7 @@
 #include <filesystem>
 #include <vector>
 
-namespace host {
+namespace device::sockets {
 
 namespace {
 
@@ -27,31 +27,27 @@ std::string Why(const std::string &what)
     return what + ": " + std::strerror(errno);
 }
 
-// Creates the missing folders of dir with kFolderMode whatever the umask.
-bool MakeFolders(const std::filesystem::path &dir, std::string *error)
+}  // namespace
+
+bool MakeFolders(const std::filesystem::path &dir, unsigned mode, std::string *error)
 {
-    if (dir.empty()) {
-        return true;
-    }
     std::error_code ec;
-    if (std::filesystem::is_directory(dir, ec)) {
+    if (dir.empty() || std::filesystem::is_directory(dir, ec)) {
         return true;
     }
-    if (!MakeFolders(dir.parent_path(), error)) {
+    if (!MakeFolders(dir.parent_path(), kFolderMode, error)) {
         return false;
     }
-    if (::mkdir(dir.c_str(), kFolderMode) != 0 && errno != EEXIST) {
+    if (::mkdir(dir.c_str(), mode) != 0 && errno != EEXIST) {
         *error = Why("cannot create " + dir.string());
         return false;
     }
-    if (::chmod(dir.c_str(), kFolderMode) != 0) {
+    if (::chmod(dir.c_str(), mode) != 0) {
         *error = Why("cannot set the mode of " + dir.string());
         return false;
     }
     return true;
 }
-
-}  // namespace
 
 bool GroupId(const std::string &name, unsigned *gid, std::string *error)
 {
@@ -67,7 +63,8 @@ bool GroupId(const std::string &name, unsigned *gid, std::string *error)
     return true;
 }
 
-int ListenUnix(const std::string &path, const SocketAccess &access, int backlog, std::string *error)
+int ListenUnix(const std::string &path, const SocketAccess &access, int backlog, const std::string &who,
+               std::string *error)
 {
     sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
@@ -80,7 +77,7 @@ int ListenUnix(const std::string &path, const SocketAccess &access, int backlog,
     if (!access.group.empty() && !GroupId(access.group, &gid, error)) {
         return -1;
     }
-    if (!MakeFolders(std::filesystem::path(path).parent_path(), error)) {
+    if (!MakeFolders(std::filesystem::path(path).parent_path(), kFolderMode, error)) {
         return -1;
     }
     // A socket file no one answers on is left from an earlier run.
@@ -97,7 +94,7 @@ int ListenUnix(const std::string &path, const SocketAccess &access, int backlog,
             ::close(probe);
         }
         if (live) {
-            *error = "another server listens on " + path;
+            *error = "another " + who + " is listening on " + path;
             return -1;
         }
         ::unlink(path.c_str());
@@ -129,4 +126,4 @@ int ListenUnix(const std::string &path, const SocketAccess &access, int backlog,
     return fd;
 }
 
-}  // namespace host
+}  // namespace device::sockets
