@@ -62,15 +62,7 @@ uint16_t U16(std::span<const uint8_t> b, size_t off)
 void BuildWorld()
 {
     using namespace platform::world;
-    Reset();
-    platform::SystemIdentity id;
-    id.sysName = "FuzzSwitch";
-    id.sysMac = {0x00, 0xe0, 0xfc, 0x01, 0x02, 0x03};
-    id.chassisId = 1;
-    id.selfBoardId = 1;
-    id.mainBoardId = 1;
-    SetIdentity(id);
-    SetDevmReady(true);
+    pplus_fuzz::UseFuzzSwitch();
     auto port = [](uint32_t ifIndex, uint32_t trunkId = platform::kNoId) {
         platform::IfRecord rec;
         rec.name = "GE0/0/" + std::to_string(ifIndex);
