@@ -158,12 +158,12 @@ bool IsAncestorOrSelf(const struct lysc_node *ancestor, const struct lysc_node *
     return false;
 }
 
-Message ReplyMessage(uint32_t id, bool ok, std::string text)
+Message ReplyMessage(uint32_t id, const Reply &reply)
 {
     Message m;
     m.type = Type::kReply;
     m.id = id;
-    m.fields = {ok ? "ok" : "error", std::move(text)};
+    m.fields = {reply.ok ? "ok" : "error", reply.text, reply.tag, reply.path, reply.holder};
     return m;
 }
 
@@ -190,6 +190,7 @@ struct Server::Impl {
     // Worker only.
     uint32_t nextId = 1;
     uint64_t nextSeq = 1;
+    ConnectionPtr lockOwner;  // the session holding the running configuration's lock
 
     ~Impl();
     void AcceptLoop();
@@ -213,6 +214,18 @@ struct Server::Impl {
 
     Reply Get(const std::string &path);
     Reply Rpc(const std::string &xml);
+
+    // The lock of the running configuration, and edits with per-node
+    // operations (see edit_config.cpp).
+    Reply Lock(const ConnectionPtr &conn);
+    Reply Unlock(const ConnectionPtr &conn);
+    // Refusal of a change by a session that does not hold a lock someone holds.
+    bool LockedAgainst(const ConnectionPtr &conn, Reply *reply) const;
+    Reply EditConfig(const ConnectionPtr &conn, const Message &m);
+    Reply StoreFailure(const std::string &error) const
+    {
+        return {false, error, store.LastError().tag, store.LastError().path};
+    }
 };
 
 Server::Impl::~Impl()
@@ -497,12 +510,12 @@ Reply Server::Impl::Apply(Tree candidate)
             break;
         }
         Rollback(done);
-        return {false, text};
+        return {false, text, "operation-failed", change.path};
     }
     std::string error;
     if (!store.Save(candidate.get(), &error)) {
         Rollback(done);
-        return {false, error};
+        return {false, error, "operation-failed", ""};
     }
     store.Commit(std::move(candidate));
     return {true, ""};
@@ -547,7 +560,7 @@ Reply Server::Impl::Get(const std::string &path)
 {
     const struct lysc_node *node = store.FindSchema(path);
     if (node == nullptr || (node->nodetype & (LYS_RPC | LYS_ACTION | LYS_NOTIF)) != 0) {
-        return {false, "unknown path " + path};
+        return {false, "unknown path " + path, "invalid-value", path};
     }
     const auto subs = ActiveSubs(YDBC_SUB_GET);
     auto ask = [this](const ConnectionPtr &conn, const Subscription *sub, const std::string &asked,
@@ -601,7 +614,7 @@ Reply Server::Impl::Get(const std::string &path)
         }
     }
     if (!served) {
-        return {false, "no subscriber serves " + path};
+        return {false, "no subscriber serves " + path, "operation-failed", path};
     }
     return {true, YangStore::PrintAll(result.get())};
 }
@@ -632,7 +645,7 @@ Reply Server::Impl::Rpc(const std::string &xml)
         }
         return {true, result.Field(1)};
     }
-    return {false, "no subscriber serves " + opPath};
+    return {false, "no subscriber serves " + opPath, "operation-not-supported", opPath};
 }
 
 void Server::Impl::Closed(Job &job)
@@ -659,6 +672,9 @@ void Server::Impl::Handle(Job &job)
 {
     const ConnectionPtr &conn = job.conn;
     if (job.closed) {
+        if (lockOwner == conn) {
+            lockOwner.reset();  // a session's lock ends with it
+        }
         Closed(job);
         return;
     }
@@ -687,7 +703,7 @@ void Server::Impl::Handle(Job &job)
     }
     case Type::kActivate:
         conn->activated = true;
-        conn->Send(ReplyMessage(m.id, true, ""));
+        conn->Send(ReplyMessage(m.id, reply));
         if (m.Number(0) == 1) {
             Replay(conn);
         }
@@ -695,8 +711,11 @@ void Server::Impl::Handle(Job &job)
     case Type::kEdit: {
         Tree candidate;
         std::string error;
+        if (LockedAgainst(conn, &reply)) {
+            break;
+        }
         if (!store.EditCandidate(m.Field(1), m.Field(0) == "replace", &candidate, &error)) {
-            reply = {false, error};
+            reply = StoreFailure(error);
         } else {
             reply = Apply(std::move(candidate));
         }
@@ -705,8 +724,11 @@ void Server::Impl::Handle(Job &job)
     case Type::kDelete: {
         Tree candidate;
         std::string error;
+        if (LockedAgainst(conn, &reply)) {
+            break;
+        }
         if (!store.DeleteCandidate(m.Field(0), &candidate, &error)) {
-            reply = {false, error};
+            reply = StoreFailure(error);
         } else {
             reply = Apply(std::move(candidate));
         }
@@ -721,11 +743,69 @@ void Server::Impl::Handle(Job &job)
     case Type::kRpc:
         reply = Rpc(m.Field(0));
         break;
+    case Type::kLock:
+        reply = Lock(conn);
+        break;
+    case Type::kUnlock:
+        reply = Unlock(conn);
+        break;
+    case Type::kEditConfig:
+        reply = EditConfig(conn, m);
+        break;
     default:
-        reply = {false, "unknown request " + std::to_string(static_cast<uint32_t>(m.type))};
+        reply = {false, "unknown request " + std::to_string(static_cast<uint32_t>(m.type)),
+                 "operation-not-supported", ""};
         break;
     }
-    conn->Send(ReplyMessage(m.id, reply.ok, reply.text));
+    conn->Send(ReplyMessage(m.id, reply));
+}
+
+Reply Server::Impl::Lock(const ConnectionPtr &conn)
+{
+    if (lockOwner != nullptr && lockOwner != conn) {
+        return {false, "the running configuration is locked by " + lockOwner->name, "lock-denied", "", lockOwner->name};
+    }
+    if (lockOwner == conn) {
+        return {false, "this session already holds the lock of the running configuration", "lock-denied", "",
+                conn->name};
+    }
+    lockOwner = conn;
+    return {true, ""};
+}
+
+Reply Server::Impl::Unlock(const ConnectionPtr &conn)
+{
+    if (lockOwner != conn) {
+        return {false, "this session holds no lock of the running configuration", "operation-failed", ""};
+    }
+    lockOwner.reset();
+    return {true, ""};
+}
+
+bool Server::Impl::LockedAgainst(const ConnectionPtr &conn, Reply *reply) const
+{
+    if (lockOwner == nullptr || lockOwner == conn) {
+        return false;
+    }
+    *reply = {false, "the running configuration is locked by " + lockOwner->name, "in-use", "", lockOwner->name};
+    return true;
+}
+
+Reply Server::Impl::EditConfig(const ConnectionPtr &conn, const Message &m)
+{
+    Reply reply;
+    if (LockedAgainst(conn, &reply)) {
+        return reply;
+    }
+    Tree candidate;
+    std::string error;
+    if (!store.EditConfigCandidate(m.Field(2), m.Field(0), &candidate, &error)) {
+        return StoreFailure(error);
+    }
+    if (m.Field(1) == "test-only") {
+        return {true, ""};
+    }
+    return Apply(std::move(candidate));
 }
 
 Server::Server(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}

@@ -117,6 +117,29 @@ std::string Location(const char *path)
     return std::string(text.substr(open + 1, close - open - 1));
 }
 
+// The NETCONF error-tag that fits a libyang error: constraint violations
+// (must, unique, element counts) fail the operation, a missing instance or
+// mandatory node is missing data, an unknown node is an unknown element,
+// anything else about a value is an invalid value.
+std::string ErrorTag(const struct ly_err_item *e)
+{
+    const std::string appTag = e->apptag != nullptr ? e->apptag : "";
+    const std::string_view msg = e->msg != nullptr ? e->msg : "";
+    if (appTag == "instance-required" || appTag == "missing-choice" || msg.rfind("Mandatory node", 0) == 0) {
+        return "data-missing";
+    }
+    if (!appTag.empty()) {
+        return "operation-failed";
+    }
+    if (e->vecode == LYVE_SYNTAX_XML || e->vecode == LYVE_SYNTAX) {
+        return "malformed-message";
+    }
+    if (msg.find("not found") != std::string_view::npos) {
+        return "unknown-element";
+    }
+    return "invalid-value";
+}
+
 }  // namespace
 
 std::string SchemaPathOf(std::string_view path)
@@ -153,12 +176,16 @@ YangStore::~YangStore()
 std::string YangStore::TakeErrors(const std::string &what) const
 {
     std::string out;
+    lastError_ = {"operation-failed", ""};
     for (const struct ly_err_item *e = ly_err_first(ctx_); e != nullptr; e = e->next) {
         if (e->msg == nullptr) {
             continue;
         }
         std::string line = what + ": " + e->msg;
         const std::string where = Location(e->path);
+        if (out.empty()) {
+            lastError_ = {ErrorTag(e), where};
+        }
         if (!where.empty() && line.find(where) == std::string::npos) {
             line += " (at " + where + ")";
         }
@@ -197,6 +224,17 @@ bool YangStore::Open(const std::string &yangDir, const std::string &storePath, s
     if (ec || !any) {
         *error = "no YANG modules in " + yangDir;
         return false;
+    }
+    // The NETCONF base module, when its folder is there, gives edits their
+    // per-node operation attribute.
+    const std::string ietfDir = yangDir + "/ietf";
+    if (std::filesystem::is_directory(ietfDir, ec)) {
+        static const char *features[] = {"writable-running", "rollback-on-error", "validate", "xpath", nullptr};
+        if (ly_ctx_set_searchdir(ctx_, ietfDir.c_str()) != LY_SUCCESS ||
+            ly_ctx_load_module(ctx_, "ietf-netconf", nullptr, features) == nullptr) {
+            *error = TakeErrors("cannot load ietf-netconf from " + ietfDir);
+            return false;
+        }
     }
 
     struct lyd_node *tree = nullptr;
@@ -258,6 +296,7 @@ bool YangStore::DeleteCandidate(std::string_view path, Tree *candidate, std::str
     if (FindSchema(text) == nullptr) {
         ly_err_clean(ctx_, nullptr);
         *error = "unknown path " + text;
+        SetError("invalid-value", text);
         return false;
     }
     Tree result = Duplicate(running_.get());
@@ -266,6 +305,7 @@ bool YangStore::DeleteCandidate(std::string_view path, Tree *candidate, std::str
         ly_set_free(raw, nullptr);
         ly_err_clean(ctx_, nullptr);
         *error = "no data at " + text;
+        SetError("data-missing", text);
         return false;
     }
     Set set(raw);
@@ -274,6 +314,7 @@ bool YangStore::DeleteCandidate(std::string_view path, Tree *candidate, std::str
         struct lyd_node *node = set->dnodes[i];
         if (lysc_is_key(node->schema)) {
             *error = "cannot delete the list key " + text + ": delete the list entry";
+            SetError("operation-failed", text);
             return false;
         }
         // Defaults are not data of their own: deleting them changes nothing.
@@ -292,6 +333,7 @@ bool YangStore::DeleteCandidate(std::string_view path, Tree *candidate, std::str
     });
     if (doomed.empty()) {
         *error = "no data at " + text;
+        SetError("data-missing", text);
         return false;
     }
     struct lyd_node *tree = result.release();

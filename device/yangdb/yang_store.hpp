@@ -91,11 +91,36 @@ public:
     bool ParseRpc(std::string_view xml, std::string *opPath, std::string *input, std::string *error) const;
 
     // libyang's errors since the last call, one per line with their data
-    // paths, prefixed by what; then cleared.
+    // paths, prefixed by what; then cleared. The first error's kind and
+    // path become LastError.
     std::string TakeErrors(const std::string &what) const;
 
+    // The kind (a NETCONF error-tag) and data path of the last failure of
+    // a candidate or a parse.
+    struct ErrorInfo {
+        std::string tag;
+        std::string path;
+    };
+    const ErrorInfo &LastError() const
+    {
+        return lastError_;
+    }
+
+    // The running configuration changed by an edit whose nodes may carry
+    // the NETCONF operation attribute (merge, replace, create, delete,
+    // remove); defaultOperation (merge, replace, none) applies to nodes
+    // without one. Validated in full. False with *error (see LastError).
+    bool EditConfigCandidate(std::string_view xml, const std::string &defaultOperation, Tree *candidate,
+                             std::string *error);
+
 private:
+    void SetError(std::string tag, std::string path) const
+    {
+        lastError_ = {std::move(tag), std::move(path)};
+    }
+
     struct ly_ctx *ctx_ = nullptr;
+    mutable ErrorInfo lastError_;
     Tree running_;
     std::string storePath_;
 };

@@ -258,6 +258,16 @@ void AddWorldCommands(CLI::App &app, std::string *line)
     verb(ha, "demote", "Demote this board to standby");
     verb(ha, "master", "Report a new master board", {"chassis", "board"});
     verb(ha, "show", "Show the agent's role, standby slot and master, and the switchover reports");
+    CLI::App *fail = world->add_subcommand("fail", "Failure injection: OP [SKIP TIMES CODE] makes a platform "
+                                                   "operation fail (default: its next call, code 1); clear disarms all");
+    auto failArgs = std::make_shared<std::vector<std::string>>();
+    fail->add_option("args", *failArgs, "OP [SKIP TIMES CODE], or clear")->required()->expected(1, 4);
+    fail->callback([failArgs, line]() {
+        *line = "fail";
+        for (const std::string &arg : *failArgs) {
+            *line += " " + arg;
+        }
+    });
     CLI::App *port = world->add_subcommand("port", "Ports: replay a capture into one while the switch runs");
     port->require_subcommand(1);
     CLI::App *replay = port->add_subcommand("replay", "Replay FILE.pcap into PORT");
