@@ -282,10 +282,14 @@ void ControlServer::State::Serve()
         }
         fds.assign({{listenFd, POLLIN, 0}, {wakeFd, POLLIN, 0}});
         for (const Conn &conn : conns) {
-            const short events = conn.phase == Phase::kReading   ? POLLIN
-                                 : conn.phase == Phase::kWriting ? POLLOUT
-                                                                 : 0;
-            fds.push_back({conn.fd, events, 0});
+            // A connection whose command runs is not watched (a hang-up
+            // would wake the loop for nothing until the reply is ready).
+            if (conn.phase == Phase::kRunning) {
+                fds.push_back({-1, 0, 0});
+            } else {
+                const short events = conn.phase == Phase::kReading ? POLLIN : POLLOUT;
+                fds.push_back({conn.fd, events, 0});
+            }
         }
         if (::poll(fds.data(), fds.size(), PollTimeoutMs(Clock::now())) < 0 && errno != EINTR) {
             break;
