@@ -93,7 +93,7 @@ bool HostPorts::Open(const PortOptions &opts, std::string *error)
 
 ReplayResult HostPorts::Replay()
 {
-    const std::lock_guard<std::timed_mutex> lock(replayLock_);
+    const std::lock_guard<std::mutex> lock(replayLock_);
     return replayer_->Run(replay_.Merged(), pace_);
 }
 
@@ -112,12 +112,10 @@ bool HostPorts::ReplayMore(const std::string &binding, std::string *output)
     if (!SplitBinding(binding, "replay", &ifIndex, &path, output) || !more.Add(ifIndex, path, output)) {
         return false;
     }
-    // One replay at a time, in the order asked; none once the host stops.
-    std::unique_lock<std::timed_mutex> lock(replayLock_, std::defer_lock);
-    while (!lock.try_lock_for(50ms)) {
-        if (replayer_->Stopping()) {
-            break;
-        }
+    // One replay at a time; none once the host stops.
+    std::unique_lock<std::mutex> lock(replayLock_, std::defer_lock);
+    while (!lock.try_lock() && !replayer_->Stopping()) {
+        std::this_thread::sleep_for(10ms);
     }
     if (replayer_->Stopping()) {
         *output = "the switch is stopping";

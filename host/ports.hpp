@@ -55,7 +55,7 @@ public:
     void Close();
 
 private:
-    std::timed_mutex replayLock_;
+    std::mutex replayLock_;
     ReplayPace pace_;
     std::unique_ptr<Replayer> replayer_;
     device::fplane::PcapReplay replay_;
