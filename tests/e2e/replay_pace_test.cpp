@@ -82,7 +82,7 @@ TEST_F(ReplayPace, LongReplayRunsAtChannelSpeedAnswersTheCliAndStopsOnSigterm)
     const std::string storm = (dir_ / "storm.pcap").string();
     WriteStorm(storm, 20000);
     const std::string ctl = (dir_ / "ctl.sock").string();
-    Host host({"--control", ctl, "--startup-config", PPLUS_SOURCE_DIR "/examples/pppoe-plus.xml", "--in",
+    Host host({"--quiet", "--control", ctl, "--startup-config", PPLUS_SOURCE_DIR "/examples/pppoe-plus.xml", "--in",
                "GigabitEthernet0/0/1=" + storm, "--loop", "0"});
     ASSERT_TRUE(host.WaitForOutput("pppoe-plus-switch: control socket " + ctl, 30000)) << host.Output();
 
@@ -93,13 +93,15 @@ TEST_F(ReplayPace, LongReplayRunsAtChannelSpeedAnswersTheCliAndStopsOnSigterm)
     EXPECT_NE(list.output.find("GigabitEthernet0/0/1"), std::string::npos) << list.output;
 
     // A second of replay, its output read as it comes (a full pipe would
-    // slow the host's log down, and the replay with it).
+    // hold the host up, and the replay with it).
     (void)host.WaitForOutput("pppoe-plus-switch: never printed", 1000);
     const auto stopAt = std::chrono::steady_clock::now();
     EXPECT_EQ(host.Stop(SIGTERM), 0) << host.Output();
     EXPECT_LT(std::chrono::steady_clock::now() - stopAt, 5s);
     const Replayed r = ReplayLine(host.Output());
-    EXPECT_GT(r.rate, 1000) << host.Output();
+    // One frame at a time, each after a quiet period, made about 22 frames/s;
+    // a sanitizer build on a busy machine still makes thousands.
+    EXPECT_GT(r.rate, 200) << host.Output();
     EXPECT_NE(host.Output().find("frames/s), stopped"), std::string::npos) << host.Output();
     EXPECT_NE(host.Output().find("pppoe-plus-switch: 0 frame buffer(s) outstanding"), std::string::npos)
         << host.Output();
