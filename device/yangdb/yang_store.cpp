@@ -1,6 +1,8 @@
 // The running configuration in libyang (see yang_store.hpp).
 #include "yang_store.hpp"
 
+#include "device/yangdb.hpp"
+
 #include <platform/control.h>
 
 #include <fcntl.h>
@@ -293,6 +295,12 @@ bool YangStore::EditCandidate(std::string_view xml, bool replace, Tree *candidat
 bool YangStore::DeleteCandidate(std::string_view path, Tree *candidate, std::string *error)
 {
     const std::string text(path);
+    std::string unsafe;
+    if (!XPathEvaluable(text, &unsafe)) {
+        *error = unsafe + ": " + text;
+        SetError("invalid-value", text);
+        return false;
+    }
     if (FindSchema(text) == nullptr) {
         ly_err_clean(ctx_, nullptr);
         *error = "unknown path " + text;
@@ -430,6 +438,10 @@ bool YangStore::SelectConfig(std::string_view path, Tree *result, std::string *e
 {
     const std::string text(path);
     struct ly_set *raw = nullptr;
+    if (!XPathEvaluable(text, error)) {
+        *error += ": " + text;
+        return false;
+    }
     if (running_ == nullptr) {
         result->reset();
         return true;

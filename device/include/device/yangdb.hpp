@@ -15,6 +15,12 @@
 
 namespace device::yangdb {
 
+// False, with *why, for an XPath expression that must not reach libyang:
+// its "mod" operator divides integers and a zero divisor ends the process,
+// so expressions using it are refused. Every expression a client sends
+// (a get, a delete, a NETCONF filter) passes through this first.
+bool XPathEvaluable(std::string_view expr, std::string *why);
+
 // "/var/orvale/yangdb.sock", or the path $YDBC_SOCKET names.
 std::string DefaultSocketPath();
 

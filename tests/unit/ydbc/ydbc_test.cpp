@@ -560,5 +560,40 @@ TEST_F(DatastoreTest, SocketStoreAndItsFolderAreTheOwnersWhateverTheUmask)
     EXPECT_EQ(mode(std::filesystem::path(options_.storePath).parent_path()), 0700U);
 }
 
+TEST(XPathGuard, TheModOperatorIsRefusedWhereverItStandsAndNamesOrLiteralsAreNot)
+{
+    struct Row {
+        const char *expr;
+        bool evaluable;
+    };
+    const Row rows[] = {
+        {"/quendal-ifm:ifm/interfaces/interface[name='GigabitEthernet0/0/1']", true},
+        {"/quendal-ifm:ifm[0 mod 0]", false},
+        {"*modQ*/*/*", false},                   // libyang reads an operator there without a blank
+        {"(0 div 0) mod -1", false},
+        {"/a[last() mod 2 = 0]", false},
+        {"/a[mode='x']/x:mode/mod", true},       // names
+        {"/a[b='mod' or c=\"1 mod 0\"]", true},  // literals
+        {"/a[b=$mod]", true},                     // a variable
+    };
+    for (const Row &row : rows) {
+        std::string why;
+        EXPECT_EQ(device::yangdb::XPathEvaluable(row.expr, &why), row.evaluable) << row.expr;
+        EXPECT_EQ(why.empty(), row.evaluable) << row.expr;
+    }
+}
+
+TEST_F(DatastoreTest, AnExpressionThatWouldKillTheEvaluatorIsRefusedAndTheDatastoreServesOn)
+{
+    StartServer();
+    for (const char *path : {"/quendal-ifm:ifm[0 mod 0]", "/quendal-pppoe-plus:pppoe-plus[(0 div 0) mod -1]"}) {
+        const device::yangdb::Reply got = admin_->Get(path);
+        EXPECT_FALSE(got.ok) << path;
+        EXPECT_NE(got.text.find("the XPath operator mod is not supported"), std::string::npos) << got.text;
+        EXPECT_FALSE(admin_->Delete(path).ok) << path;
+    }
+    EXPECT_TRUE(admin_->Export().ok);
+}
+
 }  // namespace
 }  // namespace ydbc_test
