@@ -13,7 +13,7 @@
 # second the sampler asks the switch (world stats) for its resident size,
 # the agent's outstanding allocations and the frame buffers under way.
 #
-# Verdict, over the samples after the warm-up (--warmup, 60 s): resident
+# Verdict, over the samples after the warm-up (--warmup, 120 s): resident
 # size and allocations stay within 5 % of the first sample, every CLI
 # command answers within a second, and the exit report shows no frame
 # buffer and no more allocations than after the warm-up (the long-lived
@@ -27,7 +27,7 @@ usage() { echo "usage: bench/soak.sh SECONDS [--warmup S] [--pps N] [--macs N] [
 [ $# -ge 1 ] || usage
 run_for=$1
 shift
-warmup=60
+warmup=120
 pps=5000
 macs=20000
 build=build/default

@@ -18,9 +18,10 @@ constexpr const char *kAgentRxThread = "thread/dpx2ppplus";
 // Frames wait while the channel to the agent holds this many (of its 1024),
 // or the agent's channel back to the plane this many: a PADI can become
 // eight copies, and a full channel would drop frames instead of slowing
-// the replay down.
-constexpr uint32_t kPuntHighWater = 256;
-constexpr uint32_t kSendHighWater = 512;
+// the replay down. A few dozen keep the agent busy; more would only hold
+// frame buffers (and memory) while the agent is held up.
+constexpr uint32_t kPuntHighWater = 64;
+constexpr uint32_t kSendHighWater = 256;
 constexpr auto kRoomPoll = 100us;
 // Longest sleep between looks at the stop flag.
 constexpr auto kStopPoll = 50ms;

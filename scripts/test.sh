@@ -5,7 +5,7 @@
 # presets given as arguments run too ("tsan" for ThreadSanitizer).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/install-deps.sh
+bash scripts/install-deps.sh --lab
 presets=(default asan fuzz "$@")
 for preset in "${presets[@]}"; do
   echo "== preset ${preset}"

@@ -16,6 +16,8 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <set>
+#include <string>
 #include <string_view>
 
 namespace device::yangdb {
@@ -95,6 +97,11 @@ public:
     {
         return failure_;
     }
+    // The list entries above the nodes deleted or removed.
+    const std::set<std::string> &emptied() const
+    {
+        return emptied_;
+    }
 
 private:
     bool Fail(std::string text, std::string tag, const struct lyd_node *node)
@@ -134,6 +141,15 @@ private:
                               ? lyd_find_sibling_first(first, node, &match)
                               : lyd_find_sibling_val(first, node->schema, nullptr, 0, &match);
         return rc == LY_SUCCESS ? match : nullptr;
+    }
+
+    // Frees a node the edit deletes, remembering the list entry it leaves.
+    void Delete(struct lyd_node *node)
+    {
+        if (const struct lyd_node *entry = ListEntryAbove(node); entry != nullptr) {
+            emptied_.insert(PathOf(entry));
+        }
+        Free(node);
     }
 
     void Free(struct lyd_node *node)
@@ -184,11 +200,11 @@ private:
             if (!exists) {
                 return Fail(PathOf(node) + " does not exist", "data-missing", node);
             }
-            Free(match);
+            Delete(match);
             return true;
         case Op::kRemove:
             if (exists) {
-                Free(match);
+                Delete(match);
             }
             return true;
         case Op::kMerge:
@@ -234,6 +250,7 @@ private:
 
     struct lyd_node **top_;
     Failure failure_;
+    std::set<std::string> emptied_;
 };
 
 }  // namespace
@@ -275,6 +292,9 @@ bool YangStore::EditConfigCandidate(std::string_view xml, const std::string &def
         return false;
     }
     struct lyd_node *tree = result.release();
+    for (const std::string &entry : applier.emptied()) {
+        PruneEmptyEntries(&tree, entry);
+    }
     const LY_ERR rc = lyd_validate_all(&tree, ctx_, LYD_VALIDATE_NO_STATE, nullptr);
     result.reset(tree);
     if (rc != LY_SUCCESS) {

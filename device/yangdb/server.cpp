@@ -10,10 +10,12 @@
 //
 // A subscriber that refuses a change (non-zero result under YDBC_EV_VERIFY),
 // does not answer within the reply timeout, or disconnects while a change is
-// with it fails the whole transaction: the changes already accepted are
-// undone with their inverses, in reverse order, and the running
-// configuration stays as it was. A subscriber that timed out is sent the
-// inverse of its pending change as well, since it may still apply it.
+// with it fails the whole transaction: the running configuration stays as
+// it was, and every subscriber is brought back to it (the abort phase). The
+// refused change comes first, since its subscriber may have applied part of
+// it before refusing, then the accepted ones, each undone with its inverse
+// in reverse order. A subscriber that timed out is sent the inverse of its
+// pending change without waiting, since it may still apply it.
 #include <device/yangdb.hpp>
 
 #include "device/sockets.hpp"
@@ -491,6 +493,8 @@ Reply Server::Impl::Apply(Tree candidate)
         case Outcome::kDone:
             text = "refused by " + who + ": " + OpName(change.op) + " of " + change.path + " (result " +
                    std::to_string(code) + ")";
+            // Undone like the accepted ones: its subscriber may hold part of it.
+            done.push_back(change);
             break;
         case Outcome::kTimeout: {
             text = "no answer from " + who + " within " + std::to_string(timeout.count()) + " ms: " +
@@ -579,9 +583,22 @@ Reply Server::Impl::Get(const std::string &path)
         *text = result.Field(1);
         return "";
     };
+    // A list answered per key has nothing to say without its key, so it is
+    // not asked without one; the refusal names the key missing.
+    auto needsKey = [](const Subscription *sub) {
+        const struct lysc_node *key = lysc_node_child(sub->schema);
+        return Reply(false,
+                     sub->path + " is answered only for a key: ask for " +
+                         YangStore::WithKeyPlaceholders(sub->path, sub->schema),
+                     "missing-element", sub->path + "/" + (key != nullptr ? key->name : ""));
+    };
     // A path at or below a state subscription goes to its subscriber as given.
     for (const auto &[conn, sub] : subs) {
         if (IsAncestorOrSelf(sub->schema, node)) {
+            if (YangStore::AnsweredPerKey(sub->schema) &&
+                path.find(std::string(sub->schema->name) + "[") == std::string::npos) {
+                return needsKey(sub);
+            }
             std::string text;
             std::string error = ask(conn, sub, path, &text);
             if (!error.empty()) {
@@ -601,10 +618,15 @@ Reply Server::Impl::Get(const std::string &path)
         served = true;
     }
     // An ancestor of state subscriptions: their answers join the data.
-    // Those that fail (a list that needs its key, say) are left out.
+    // Those that fail are left out.
+    const Subscription *keyed = nullptr;
     if (path.find('[') == std::string::npos) {
         for (const auto &[conn, sub] : subs) {
             if (sub->schema != node && IsAncestorOrSelf(node, sub->schema)) {
+                if (YangStore::AnsweredPerKey(sub->schema)) {
+                    keyed = sub;
+                    continue;
+                }
                 std::string text;
                 if (ask(conn, sub, sub->path, &text).empty()) {
                     YangStore::Merge(&result, store.ParseState(text));
@@ -614,7 +636,7 @@ Reply Server::Impl::Get(const std::string &path)
         }
     }
     if (!served) {
-        return {false, "no subscriber serves " + path, "operation-failed", path};
+        return keyed != nullptr ? needsKey(keyed) : Reply(false, "no subscriber serves " + path, "operation-failed", path);
     }
     return {true, YangStore::PrintAll(result.get())};
 }

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <filesystem>
 #include <mutex>
+#include <set>
 
 namespace device::yangdb {
 
@@ -119,6 +120,25 @@ std::string Location(const char *path)
     return std::string(text.substr(open + 1, close - open - 1));
 }
 
+// Whether node carries no data of its own: only its list keys, default
+// values and non-presence containers that carry nothing either.
+bool CarriesNothing(const struct lyd_node *node)
+{
+    const struct lyd_node *child = nullptr;
+    LY_LIST_FOR(lyd_child_no_keys(node), child)
+    {
+        if ((child->flags & LYD_DEFAULT) != 0) {
+            continue;
+        }
+        const bool plainContainer =
+            child->schema->nodetype == LYS_CONTAINER && (child->schema->flags & LYS_PRESENCE) == 0;
+        if (!plainContainer || !CarriesNothing(child)) {
+            return false;
+        }
+    }
+    return true;
+}
+
 // The NETCONF error-tag that fits a libyang error: constraint violations
 // (must, unique, element counts) fail the operation, a missing instance or
 // mandatory node is missing data, an unknown node is an unknown element,
@@ -143,6 +163,31 @@ std::string ErrorTag(const struct ly_err_item *e)
 }
 
 }  // namespace
+
+struct lyd_node *ListEntryAbove(const struct lyd_node *node)
+{
+    struct lyd_node *up = lyd_parent(node);
+    while (up != nullptr && up->schema->nodetype != LYS_LIST) {
+        up = lyd_parent(up);
+    }
+    return up;
+}
+
+void PruneEmptyEntries(struct lyd_node **tree, const std::string &path)
+{
+    struct lyd_node *entry = nullptr;
+    if (lyd_find_path(*tree, path.c_str(), 0, &entry) != LY_SUCCESS) {
+        return;
+    }
+    while (entry != nullptr && CarriesNothing(entry)) {
+        struct lyd_node *above = ListEntryAbove(entry);
+        if (entry == *tree) {
+            *tree = (*tree)->next;
+        }
+        lyd_free_tree(entry);
+        entry = above;
+    }
+}
 
 std::string SchemaPathOf(std::string_view path)
 {
@@ -344,12 +389,22 @@ bool YangStore::DeleteCandidate(std::string_view path, Tree *candidate, std::str
         SetError("data-missing", text);
         return false;
     }
+    std::set<std::string> entries;  // list entries that may be left empty
+    for (const struct lyd_node *node : doomed) {
+        if (const struct lyd_node *entry = ListEntryAbove(node); entry != nullptr) {
+            CText entryPath{lyd_path(entry, LYD_PATH_STD, nullptr, 0)};
+            entries.insert(entryPath.str());
+        }
+    }
     struct lyd_node *tree = result.release();
     for (struct lyd_node *node : doomed) {
         if (node == tree) {
             tree = tree->next;
         }
         lyd_free_tree(node);
+    }
+    for (const std::string &entry : entries) {
+        PruneEmptyEntries(&tree, entry);
     }
     LY_ERR rc = lyd_validate_all(&tree, ctx_, LYD_VALIDATE_NO_STATE, nullptr);
     result.reset(tree);
@@ -401,6 +456,32 @@ const struct lysc_node *YangStore::FindSchema(std::string_view path) const
     const struct lysc_node *node = lys_find_path(ctx_, nullptr, schemaPath.c_str(), 0);
     ly_err_clean(ctx_, nullptr);
     return node;
+}
+
+bool YangStore::AnsweredPerKey(const struct lysc_node *node)
+{
+    if (node == nullptr || node->nodetype != LYS_LIST) {
+        return false;
+    }
+    LY_ARRAY_COUNT_TYPE i = 0;
+    LY_ARRAY_FOR(node->exts, i)
+    {
+        const struct lysc_ext *def = node->exts[i].def;
+        if (def != nullptr && def->name != nullptr && std::strcmp(def->name, "answered-per-key") == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string YangStore::WithKeyPlaceholders(const std::string &path, const struct lysc_node *list)
+{
+    std::string out = path;
+    for (const struct lysc_node *child = lysc_node_child(list); child != nullptr && lysc_is_key(child);
+         child = child->next) {
+        out += "[" + std::string(child->name) + "='...']";
+    }
+    return out;
 }
 
 bool YangStore::CheckSubscription(const std::string &path, uint32_t kind, std::string *error) const

@@ -69,6 +69,11 @@ public:
 
     // The schema node of a path (list predicates ignored), or null.
     const struct lysc_node *FindSchema(std::string_view path) const;
+    // Whether the model marks node a list answered per key (extension
+    // answered-per-key): it has entries only for the key a request names.
+    static bool AnsweredPerKey(const struct lysc_node *node);
+    // "path[k1='...'][k2='...']" for a list's schema path and its keys.
+    static std::string WithKeyPlaceholders(const std::string &path, const struct lysc_node *list);
     // Checks a subscription path against the model for its kind
     // (0 configuration, 1 get, 2 operation).
     bool CheckSubscription(const std::string &path, uint32_t kind, std::string *error) const;
@@ -127,5 +132,12 @@ private:
 
 // A path with its list predicates removed: the schema path it names.
 std::string SchemaPathOf(std::string_view path);
+
+// The nearest list entry above node, or null.
+struct lyd_node *ListEntryAbove(const struct lyd_node *node);
+// Removes the list entry at entryPath, and each list entry above it, that
+// a delete left without data of its own (an interface whose last setting
+// went): such an entry configures nothing.
+void PruneEmptyEntries(struct lyd_node **tree, const std::string &entryPath);
 
 }  // namespace device::yangdb

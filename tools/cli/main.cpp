@@ -268,8 +268,9 @@ void AddWorldCommands(CLI::App &app, std::string *line)
             *line += " " + arg;
         }
     });
-    CLI::App *port = world->add_subcommand("port", "Ports: replay a capture into one while the switch runs");
+    CLI::App *port = world->add_subcommand("port", "Ports: counters, or replay a capture into one while the switch runs");
     port->require_subcommand(1);
+    verb(port, "list", "Per-port counters of the forwarding plane and of the ports bound to netdevs");
     CLI::App *replay = port->add_subcommand("replay", "Replay FILE.pcap into PORT");
     auto binding = std::make_shared<std::string>();
     replay->add_option("binding", *binding, "PORT=FILE.pcap")->required();

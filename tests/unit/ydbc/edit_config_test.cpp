@@ -59,6 +59,8 @@ TEST_F(DatastoreTest, EachNodesOperationChangesWhatItNamesAndRefusalsCarryTheirT
         {"merge creates the path to a new node", Port("Eth-Trunk1", "<trusted-port><ifindex>60</ifindex>"
                                                                     "</trusted-port>"),
          "merge", "", "<name>Eth-Trunk1</name>", ""},
+        {"delete of a port's last item takes its interface entry along",
+         Port("Eth-Trunk1", "<trusted-port nc:operation=\"delete\"/>"), "merge", "", "<trusted-port>", "Eth-Trunk1"},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.why);
@@ -86,7 +88,7 @@ TEST_F(DatastoreTest, EachNodesOperationChangesWhatItNamesAndRefusalsCarryTheirT
         }
     }
     // The agent was told of every accepted change and of nothing else.
-    EXPECT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 5; })) << subscriber_->ChangeCount();
+    EXPECT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 6; })) << subscriber_->ChangeCount();
 }
 
 TEST_F(DatastoreTest, ALockRefusesEveryOtherSessionUntilItsHolderLetsGoOrLeaves)
