@@ -3,15 +3,22 @@
 # while its configuration, trust and interfaces churn through
 # pppoe-plus-cli; memory sampled once a second; one verdict line at the end.
 #
-#   bench/soak.sh SECONDS [--warmup S] [--pps N] [--macs N] [--build DIR]
+#   bench/soak.sh SECONDS [--warmup S] [--pps N] [--macs N] [--live | --replay] [--prefix P] [--build DIR]
 #
-# The storm is a capture of N PADIs (--macs, 20000), each from its own
-# source MAC, replayed in a loop into two subscriber ports at --pps frames
-# per second (5000). The churn changes one thing every 0.2 s: Circuit-ID
-# formats, tag policy, encapsulation, vendor id, trust of the second
-# uplink, interfaces off and on board, statistics shown and reset. Each
-# second the sampler asks the switch (world stats) for its resident size,
-# the agent's outstanding allocations and the frame buffers under way.
+# The storm: N PADIs per second (--pps, 5000), each from one of --macs
+# (20000) source MACs in turn, into two subscriber ports. --live (the
+# default when run as root) sends them with padi-flood from a subscriber's
+# network namespace over veths bound to the switch's ports; the switch runs
+# in a namespace of its own, the concentrator's uplink in a third, where
+# padi-flood counts the PADIs that arrive with the agent's tag. --replay
+# loops a capture of such PADIs (padi-storm) into the ports instead. The
+# namespaces and veths carry the prefix --prefix (psk, at most 7 characters).
+#
+# The churn changes one thing every 0.2 s: Circuit-ID formats, tag policy,
+# encapsulation, vendor id, trust of the second uplink, interfaces off and
+# on board, statistics shown and reset. Each second the sampler asks the
+# switch (world stats) for its resident size, the agent's outstanding
+# allocations and the frame buffers under way.
 #
 # Verdict, over the samples after the warm-up (--warmup, 120 s): resident
 # size and allocations stay within 5 % of the first sample, every CLI
@@ -22,8 +29,12 @@
 # folder the verdict names.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+root=$(pwd)
 
-usage() { echo "usage: bench/soak.sh SECONDS [--warmup S] [--pps N] [--macs N] [--build DIR]" >&2; exit 2; }
+usage() {
+  echo "usage: bench/soak.sh SECONDS [--warmup S] [--pps N] [--macs N] [--live | --replay] [--prefix P] [--build DIR]" >&2
+  exit 2
+}
 [ $# -ge 1 ] || usage
 run_for=$1
 shift
@@ -31,38 +42,68 @@ warmup=120
 pps=5000
 macs=20000
 build=build/default
+P=psk
+mode=""
 while [ $# -gt 0 ]; do
   case "$1" in
     --warmup) warmup=$2; shift 2 ;;
     --pps) pps=$2; shift 2 ;;
     --macs) macs=$2; shift 2 ;;
     --build) build=$2; shift 2 ;;
+    --prefix) P=$2; shift 2 ;;
+    --live) mode=live; shift ;;
+    --replay) mode=replay; shift ;;
     *) usage ;;
   esac
 done
-[[ "$run_for" =~ ^[0-9]+$ && "$warmup" =~ ^[0-9]+$ ]] || usage
-[ -x "$build/bin/pppoe-plus-switch" ] && [ -x "$build/bin/padi-storm" ] ||
-  { echo "soak: build first: cmake --build --preset default --target pppoe-plus-switch pppoe-plus-cli padi-storm" >&2; exit 2; }
+[[ "$run_for" =~ ^[0-9]+$ && "$warmup" =~ ^[0-9]+$ && "$pps" =~ ^[0-9]+$ && ${#P} -le 7 ]] || usage
+[ -n "$mode" ] || { [ "$(id -u)" -eq 0 ] && command -v ip >/dev/null && mode=live || mode=replay; }
+bin="$root/$build/bin"
+for program in pppoe-plus-switch pppoe-plus-cli $([ "$mode" = live ] && echo padi-flood || echo padi-storm); do
+  [ -x "$bin/$program" ] || { echo "soak: $bin/$program is missing: build it first" >&2; exit 2; }
+done
+[ "$mode" = replay ] || [ "$(id -u)" -eq 0 ] || { echo "soak: --live needs root" >&2; exit 2; }
 
 work=$(mktemp -d /tmp/pppoe-plus-soak.XXXXXX)
+state=$work
+namespaces=("$P-sub" "$P-mid" "$P-ac")
+source scripts/lib/netns.sh
 ctl=$work/ctl.sock
-cli=("$build/bin/pppoe-plus-cli" --control "$ctl" --socket "$work/yangdb.sock")
-"$build/bin/padi-storm" "$work/storm.pcap" "$macs"
-
-"$build/bin/pppoe-plus-switch" --quiet --control "$ctl" \
-  --yangdb-socket "$work/yangdb.sock" --yangdb-store "$work/running.xml" \
-  --startup-config "$PWD/examples/pppoe-plus.xml" \
-  --in "GigabitEthernet0/0/1=$work/storm.pcap" --in "GigabitEthernet0/0/3=$work/storm.pcap" \
-  --loop 0 --pps "$pps" >"$work/host.log" 2>&1 &
-host=$!
-children=("$host")
-cleanup() { for pid in "${children[@]}"; do kill "$pid" 2>/dev/null || true; done; }
+cli=("$bin/pppoe-plus-cli" --control "$ctl" --socket "$work/yangdb.sock")
+switch_args=(--quiet --control "$ctl" --yangdb-socket "$work/yangdb.sock" --yangdb-store "$work/running.xml"
+             --startup-config "$root/examples/pppoe-plus.xml")
+children=()
+cleanup() {
+  for pid in "${children[@]}"; do kill "$pid" 2>/dev/null || true; done
+  if [ "$mode" = live ]; then remove_namespaces; fi
+}
 trap cleanup EXIT
-for _ in $(seq 600); do
-  grep -q "control socket" "$work/host.log" && break
-  kill -0 "$host" 2>/dev/null || { echo "soak: FAIL, the switch did not start (see $work/host.log)"; exit 1; }
-  sleep 0.1
-done
+if [ "$mode" = live ]; then
+  remove_namespaces
+  make_namespaces
+  veth "$P-s1" "$P-sub" "$P-m1" "$P-mid"
+  veth "$P-s3" "$P-sub" "$P-m3" "$P-mid"
+  veth "$P-a" "$P-ac" "$P-ma" "$P-mid"
+  start_in "$P-mid" switch "$bin/pppoe-plus-switch" "${switch_args[@]}" --netdev "GigabitEthernet0/0/1=$P-m1" \
+    --netdev "GigabitEthernet0/0/3=$P-m3" --netdev "XGigabitEthernet0/0/1=$P-ma"
+else
+  "$bin/padi-storm" "$work/storm.pcap" "$macs"
+  "$bin/pppoe-plus-switch" "${switch_args[@]}" --in "GigabitEthernet0/0/1=$work/storm.pcap" \
+    --in "GigabitEthernet0/0/3=$work/storm.pcap" --loop 0 --pps "$pps" >"$work/switch.log" 2>&1 &
+  echo $! >"$work/switch.pid"
+  children+=("$(cat "$work/switch.pid")")
+fi
+wait_for_line switch "$work/switch.log" "control socket" 60 ||
+  { echo "soak: FAIL, the switch did not start (see $work/switch.log)"; exit 1; }
+if [ "$mode" = live ]; then
+  # Two senders (each port in its own VLAN), half the rate each; the
+  # counter on the concentrator's side runs to the end.
+  start_in "$P-ac" counter "$bin/padi-flood" count --netdev "$P-a" --seconds "$((warmup + run_for + 2))" --vlan 100
+  for port in 1 3; do
+    start_in "$P-sub" "sender$port" "$bin/padi-flood" send --netdev "$P-s$port" --seconds "$((warmup + run_for))" \
+      --rate "$((pps / 2))" --sources "$macs"
+  done
+fi
 
 now_ms() { echo $(( $(date +%s%N) / 1000000 )); }
 # Runs a CLI command, recording "elapsed-ms exit-code command" in timings.
@@ -127,17 +168,27 @@ sample() {
 
 : >"$work/timings"
 churn &
-children+=($!)
+churner=$!
 sample &
-children+=($!)
+sampler=$!
+children+=("$churner" "$sampler")
 sleep "$((warmup + run_for))"
-kill "${children[@]:1}" 2>/dev/null || true
-wait "${children[@]:1}" 2>/dev/null || true
-kill -TERM "$host"
-wait "$host" || true
+kill "$churner" "$sampler" 2>/dev/null || true
+wait "$churner" "$sampler" 2>/dev/null || true
+if [ "$mode" = live ]; then
+  stop_recorded "$work/switch.pid"
+  sleep 2
+  for name in sender1 sender3 counter; do stop_recorded "$work/$name.pid"; done
+  remove_namespaces
+else
+  kill -TERM "$(cat "$work/switch.pid")"
+  wait "$(cat "$work/switch.pid")" || true
+fi
 children=()
+sent=$(cat "$work"/sender*.log 2>/dev/null | sed -n 's/.*sent=\([0-9]*\).*/\1/p' | awk '{n += $1} END {if (NR) print n}' || true)
+reached=$(sed -n 's/.*padi=\([0-9]*\) vendor=\([0-9]*\).*/\1 (\2 tagged)/p' "$work/counter.log" 2>/dev/null || true)
 
-awk -F, -v warmup="$warmup" -v work="$work" -v timings="$work/timings" -v hostlog="$work/host.log" '
+awk -F, -v warmup="$warmup" -v work="$work" -v timings="$work/timings" -v hostlog="$work/switch.log" -v mode="$mode" -v sent="${sent:-}" -v reached="${reached:-}" '
   NR == 1 || $1 < warmup || $2 == "" { next }
   {
     n++
@@ -161,8 +212,10 @@ awk -F, -v warmup="$warmup" -v work="$work" -v timings="$work/timings" -v hostlo
     if (allocDev > 5) fail = fail " allocations"
     if (cliMax >= 1000 || cliFail > 0) fail = fail " cli"
     if (exitBuf == "" || exitBuf != 0 || exitAlloc == "" || exitAlloc > alloc0 * 1.05) fail = fail " exit-report"
-    printf "soak: %s %d s after %d s warm-up, %s frames: rss %d..%d kB (first %d, %.1f %%), allocations %d..%d (first %d, %.1f %%), cli %d commands, max %d ms, %d failed; exit report %s allocations, %s frame buffers; %s\n",
-      fail == "" ? "PASS" : "FAIL (" substr(fail, 2) ")", n, warmup, frames == "" ? "?" : frames,
+    traffic = mode == "live" ? sprintf("live, %s PADI sent, %s of the first port'"'"'s reached the uplink", sent == "" ? "?" : sent, reached == "" ? "?" : reached) \
+                             : sprintf("replay, %s frames", frames == "" ? "?" : frames)
+    printf "soak: %s %d s after %d s warm-up, %s: rss %d..%d kB (first %d, %.1f %%), allocations %d..%d (first %d, %.1f %%), cli %d commands, max %d ms, %d failed; exit report %s allocations, %s frame buffers; %s\n",
+      fail == "" ? "PASS" : "FAIL (" substr(fail, 2) ")", n, warmup, traffic,
       rssMin, rssMax, rss0, rssDev, allocMin, allocMax, alloc0, allocDev, cmds, cliMax, cliFail,
       exitAlloc == "" ? "?" : exitAlloc, exitBuf == "" ? "?" : exitBuf, work
     exit fail == "" ? 0 : 1

@@ -254,13 +254,12 @@ void HostPorts::PrintSummary() const
 
 void HostPorts::Close()
 {
-    // Frames a stopped replay left in the channels are handled first, so
-    // that the exit report counts no frame buffer still on its way.
-    constexpr auto kDrainQuiet = 20ms;
-    constexpr auto kDrainLimit = 1s;
+    // Frames a stopped replay or the live ports left under way are handled
+    // first, so that the exit report counts no frame buffer still on its way.
+    constexpr auto kDrainLimit = 2s;
     live_.Stop();
-    if (plane_) {
-        (void)plane_->WaitIdle(kDrainQuiet, kDrainLimit);
+    if (replayer_) {
+        (void)replayer_->Drain(kDrainLimit);
     }
     plane_.reset();
     capture_.Close();

@@ -64,8 +64,8 @@ public:
     // Per-port counters of the plane and of the live ports, one line each.
     std::string Describe() const;
     bool HasLivePorts() const { return hasLive_; }
-    // Lets the plane and the agent finish the frames under way (up to a
-    // second), stops the plane and closes the captures.
+    // Lets the plane and the agent finish the frames under way (up to two
+    // seconds), stops the plane and closes the captures.
     void Close();
 
 private:

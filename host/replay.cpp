@@ -91,10 +91,10 @@ bool Replayer::WaitForRoom()
     return !stopping_;
 }
 
-bool Replayer::Settled(std::chrono::milliseconds quiet, std::chrono::milliseconds timeout)
+bool Replayer::Settled(std::chrono::milliseconds quiet, std::chrono::milliseconds timeout, bool evenWhenStopping)
 {
     const auto deadline = Clock::now() + timeout;
-    while (Clock::now() < deadline && !stopping_) {
+    while (Clock::now() < deadline && (evenWhenStopping || !stopping_)) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
         // Bounded, so that a stop is seen: quiet plus a little.
         if (plane_.WaitIdle(quiet, std::min<std::chrono::milliseconds>(left, quiet + kStopPoll * 4)) &&

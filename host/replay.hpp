@@ -55,13 +55,18 @@ public:
     // Ends a running replay (and every later one) within one frame.
     void Stop() { stopping_ = true; }
     bool Stopping() const { return stopping_.load(); }
+    // Waits up to timeout until the plane and the agent have handled every
+    // frame under way (also once stopped); false when they did not.
+    bool Drain(std::chrono::milliseconds timeout) { return Settled(std::chrono::milliseconds(20), timeout, true); }
 
 private:
     // Sleeps until due (or the back-pressure lifts); false when stopped.
     bool WaitUntil(std::chrono::steady_clock::time_point due);
     bool WaitForRoom();
-    // The plane and the agent idle: nothing in the channels, nothing handled for quiet.
-    bool Settled(std::chrono::milliseconds quiet, std::chrono::milliseconds timeout);
+    // The plane and the agent idle: nothing in the channels, nothing handled
+    // for quiet, the agent's receive thread back in its wait. Gives up at a
+    // stop unless evenWhenStopping.
+    bool Settled(std::chrono::milliseconds quiet, std::chrono::milliseconds timeout, bool evenWhenStopping = false);
 
     device::fplane::ForwardingPlane &plane_;
     std::atomic<bool> stopping_{false};
