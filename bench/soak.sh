@@ -21,10 +21,11 @@
 # allocations and the frame buffers under way.
 #
 # Verdict, over the samples after the warm-up (--warmup, 120 s): resident
-# size and allocations stay within 5 % of the first sample, every CLI
-# command answers within a second, and the exit report shows no frame
-# buffer and no more allocations than after the warm-up (the long-lived
-# records: port control blocks, formats, descriptions). The samples
+# size and allocations never go more than 5 % above where the warm-up ended
+# (the most of its last 30 s, a few churn cycles, and of the first sample
+# after it), every CLI command answers within a second, and the exit report
+# shows no frame buffer and no more allocations than the warm-up's end (the
+# long-lived records: port control blocks, formats, descriptions). The samples
 # (samples.csv), the host's output and the CLI's timings stay in the work
 # folder the verdict names.
 set -euo pipefail
@@ -106,14 +107,18 @@ if [ "$mode" = live ]; then
 fi
 
 now_ms() { echo $(( $(date +%s%N) / 1000000 )); }
-# Runs a CLI command, recording "elapsed-ms exit-code command" in timings.
+began=$(now_ms)
+# Runs a CLI command, recording "elapsed-ms exit-code started-at-ms command" in timings.
 timed() {
   local start end rc=0
   start=$(now_ms)
   "${cli[@]}" "$@" >/dev/null 2>>"$work/cli-errors.log" || rc=$?
   end=$(now_ms)
-  echo "$((end - start)) $rc $*" >>"$work/timings"
+  echo "$((end - start)) $rc $((start - began)) $*" >>"$work/timings"
 }
+# CPU time (user + system) of a process, in clock ticks.
+cpu_ticks() { awk '{print $14 + $15}' "/proc/$1/stat" 2>/dev/null || echo 0; }
+ticks_per_s=$(getconf CLK_TCK)
 
 churn() {
   local steps=(
@@ -149,17 +154,24 @@ churn() {
 }
 
 sample() {
-  local t=0 start line
-  echo "seconds,rss_kb,allocations,allocated_bytes,frame_buffers,stats_ms" >"$work/samples.csv"
+  local t=0 start line switch ticks lastTicks lastMs
+  echo "seconds,rss_kb,allocations,allocated_bytes,frame_buffers,stats_ms,switch_cpu_pct" >"$work/samples.csv"
   start=$(now_ms)
+  switch=$(cat "$work/switch.pid")
+  lastTicks=$(cpu_ticks "$switch")
+  lastMs=$start
   while :; do
-    local asked answered out
+    local asked answered out cpu
     asked=$(now_ms)
     out=$("${cli[@]}" world stats 2>/dev/null || true)
     answered=$(now_ms)
-    echo "$((answered - asked)) 0 world stats" >>"$work/timings"
-    line=$(awk -v t="$t" -v ms="$((answered - asked))" '
-      {v[$1]=$2} END {printf "%d,%s,%s,%s,%s,%d\n", t, v["rss-kb"], v["allocations"], v["allocated-bytes"], v["frame-buffers"], ms}' <<<"$out")
+    echo "$((answered - asked)) 0 $((asked - began)) world stats" >>"$work/timings"
+    ticks=$(cpu_ticks "$switch")
+    cpu=$(( (ticks - lastTicks) * 100000 / ticks_per_s / (answered - lastMs + 1) ))
+    lastTicks=$ticks
+    lastMs=$answered
+    line=$(awk -v t="$t" -v ms="$((answered - asked))" -v cpu="$cpu" '
+      {v[$1]=$2} END {printf "%d,%s,%s,%s,%s,%d,%d\n", t, v["rss-kb"], v["allocations"], v["allocated-bytes"], v["frame-buffers"], ms, cpu}' <<<"$out")
     echo "$line" >>"$work/samples.csv"
     t=$(( ($(now_ms) - start + 999) / 1000 ))
     sleep 1
@@ -188,35 +200,41 @@ children=()
 sent=$(cat "$work"/sender*.log 2>/dev/null | sed -n 's/.*sent=\([0-9]*\).*/\1/p' | awk '{n += $1} END {if (NR) print n}' || true)
 reached=$(sed -n 's/.*padi=\([0-9]*\) vendor=\([0-9]*\).*/\1 (\2 tagged)/p' "$work/counter.log" 2>/dev/null || true)
 
-awk -F, -v warmup="$warmup" -v work="$work" -v timings="$work/timings" -v hostlog="$work/switch.log" -v mode="$mode" -v sent="${sent:-}" -v reached="${reached:-}" '
-  NR == 1 || $1 < warmup || $2 == "" { next }
+load=$(cut -d' ' -f1-3 /proc/loadavg)
+awk -F, -v warmup="$warmup" -v work="$work" -v load="$load" -v cpus="$(nproc)" -v timings="$work/timings" -v hostlog="$work/switch.log" \
+    -v mode="$mode" -v sent="${sent:-}" -v reached="${reached:-}" '
+  NR == 1 || $2 == "" { next }
+  # The reference: the most of the warm-up'"'"'s last 30 s (a few churn
+  # cycles) and of the first sample after it. Flat: nothing after the
+  # warm-up goes more than 5 % above it.
+  $1 >= warmup - 30 && $1 <= warmup { if ($2 > rssRef) rssRef = $2; if ($3 > allocRef) allocRef = $3 }
+  $1 < warmup { next }
   {
     n++
-    if (n == 1) { rss0 = $2; alloc0 = $3 }
-    if (n == 1 || $2 < rssMin) rssMin = $2; if ($2 > rssMax) rssMax = $2
-    if (n == 1 || $3 < allocMin) allocMin = $3; if ($3 > allocMax) allocMax = $3
-    rssLast = $2; allocLast = $3
+    if (n == 1) { if ($2 > rssRef) rssRef = $2; if ($3 > allocRef) allocRef = $3 }
+    if ($2 > rssMax) rssMax = $2; if ($3 > allocMax) allocMax = $3
+    cpu += $7
   }
   END {
-    while ((getline t < timings) > 0) { split(t, f, " "); cmds++; if (f[1] > cliMax) cliMax = f[1]; if (f[2] != 0) cliFail++ }
+    while ((getline t < timings) > 0) { split(t, f, " "); cmds++; if (f[1] > cliMax) cliMax = f[1]; if (f[2] != 0) cliFail++; if (f[1] >= 1000) cliSlow++ }
     while ((getline l < hostlog) > 0) {
       if (l ~ /allocation\(s\) outstanding at/) { split(l, w, " "); exitAlloc = w[2] }
       if (l ~ /frame buffer\(s\) outstanding$/) { split(l, w, " "); exitBuf = w[2] }
       if (l ~ /replayed [0-9]+ frame/) { match(l, /replayed [0-9]+/); frames = substr(l, RSTART + 9, RLENGTH - 9) }
     }
     if (n == 0) { print "soak: FAIL, no sample after the warm-up (see " work ")"; exit 1 }
-    rssDev = 100 * ((rssMax - rss0 > rss0 - rssMin) ? rssMax - rss0 : rss0 - rssMin) / rss0
-    allocDev = alloc0 > 0 ? 100 * ((allocMax - alloc0 > alloc0 - allocMin) ? allocMax - alloc0 : alloc0 - allocMin) / alloc0 : 0
+    rssGrowth = 100 * (rssMax - rssRef) / rssRef
+    allocGrowth = allocRef > 0 ? 100 * (allocMax - allocRef) / allocRef : 0
     fail = ""
-    if (rssDev > 5) fail = fail " rss"
-    if (allocDev > 5) fail = fail " allocations"
+    if (rssGrowth > 5) fail = fail " rss"
+    if (allocGrowth > 5) fail = fail " allocations"
     if (cliMax >= 1000 || cliFail > 0) fail = fail " cli"
-    if (exitBuf == "" || exitBuf != 0 || exitAlloc == "" || exitAlloc > alloc0 * 1.05) fail = fail " exit-report"
+    if (exitBuf == "" || exitBuf != 0 || exitAlloc == "" || exitAlloc > allocRef * 1.05) fail = fail " exit-report"
     traffic = mode == "live" ? sprintf("live, %s PADI sent, %s of the first port'"'"'s reached the uplink", sent == "" ? "?" : sent, reached == "" ? "?" : reached) \
                              : sprintf("replay, %s frames", frames == "" ? "?" : frames)
-    printf "soak: %s %d s after %d s warm-up, %s: rss %d..%d kB (first %d, %.1f %%), allocations %d..%d (first %d, %.1f %%), cli %d commands, max %d ms, %d failed; exit report %s allocations, %s frame buffers; %s\n",
-      fail == "" ? "PASS" : "FAIL (" substr(fail, 2) ")", n, warmup, traffic,
-      rssMin, rssMax, rss0, rssDev, allocMin, allocMax, alloc0, allocDev, cmds, cliMax, cliFail,
-      exitAlloc == "" ? "?" : exitAlloc, exitBuf == "" ? "?" : exitBuf, work
+    printf "soak: %s %d s after %d s warm-up, %s, switch CPU %d %%: rss %d kB at the warm-up'"'"'s end, at most %d after (%+.1f %%); allocations %d, at most %d after (%+.1f %%); cli %d commands, max %d ms, %d over 1 s, %d failed; exit report %s allocations, %s frame buffers; load average %s on %d CPU(s); %s\n",
+      fail == "" ? "PASS" : "FAIL (" substr(fail, 2) ")", n, warmup, traffic, cpu / n,
+      rssRef, rssMax, rssGrowth, allocRef, allocMax, allocGrowth, cmds, cliMax, cliSlow, cliFail,
+      exitAlloc == "" ? "?" : exitAlloc, exitBuf == "" ? "?" : exitBuf, load, cpus, work
     exit fail == "" ? 0 : 1
   }' "$work/samples.csv"
