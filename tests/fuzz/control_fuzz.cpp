@@ -9,6 +9,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -82,9 +83,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     shutdown(fd, SHUT_WR);
     std::string reply;
     for (;;) {
-        // A reply that never comes is a hang, which libFuzzer's -timeout reports.
+        // A reply that never comes is a hang, which libFuzzer's -timeout
+        // reports; its timer interrupts the wait now and then.
         pollfd p = {fd, POLLIN, 0};
-        Require(poll(&p, 1, -1) == 1);
+        int ready = 0;
+        while ((ready = poll(&p, 1, -1)) < 0 && errno == EINTR) {
+        }
+        Require(ready == 1);
         char buf[4096];
         const ssize_t n = read(fd, buf, sizeof(buf));
         if (n <= 0) {
