@@ -9,6 +9,7 @@
 //   ha start-work <role> | ha new-backup <chassis> <board> | ha backup-removed |
 //   ha promote | ha demote | ha master <chassis> <board> | ha show
 //   port replay <PORT>=<FILE.pcap> | port list
+//   police show | police global|default <rate> <burst>|off | police port <PORT> <rate> <burst>|off|default
 //   stats
 //   fail <op> [skip times code] | fail clear
 //
@@ -322,11 +323,18 @@ std::string RunControlCommand(const std::string &line, const ControlHooks &hooks
     if (w[0] == "ha") {
         return HaCommand(w, hooks);
     }
+    if (w[0] == "police") {
+        if (!hooks.police) {
+            return Error("this host has no forwarding plane");
+        }
+        std::string output;
+        return hooks.police(w, &output) ? Ok(output) : Error(output);
+    }
     if (w[0] == "fail") {
         return FailCommand(w);
     }
-    return Error("unknown command \"" + line + "\" (commands: if, board, fwm, ha, port replay, port list, fail, "
-                 "stats)");
+    return Error("unknown command \"" + line + "\" (commands: if, board, fwm, ha, port replay, port list, police, "
+                 "fail, stats)");
 }
 
 }  // namespace host

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace host {
 
@@ -27,6 +28,9 @@ struct ControlHooks {
     std::function<bool(const std::string &binding, std::string *output)> replay;
     // Per-port counters of the forwarding plane and the live ports.
     std::function<std::string()> ports;
+    // "police ..." (the words of the line): punt policing shown or changed;
+    // false with the reason in *output.
+    std::function<bool(const std::vector<std::string> &words, std::string *output)> police;
     // The agent's HA accessors, for "ha show" (null when the module lacks one).
     uint32_t (*haGetRole)() = nullptr;
     uint32_t (*haGetSmbInstId)() = nullptr;

@@ -35,6 +35,7 @@
 #include "device/fwm.hpp"
 #include "device/ha.hpp"
 #include "device/world.hpp"
+#include "police.hpp"
 #include "ports.hpp"
 #include "wick.h"
 
@@ -133,7 +134,8 @@ struct HaPlan {
     uint32_t mainBoardId = 1;
 };
 
-bool SetUpWorld(const Options &opts, HaPlan *ha, std::map<uint32_t, std::string> *netdevs)
+bool SetUpWorld(const Options &opts, HaPlan *ha, std::map<uint32_t, std::string> *netdevs,
+                platform::PlaneSettings *plane)
 {
     std::string error;
     const auto topology = opts.topologyFile.empty() ? device::world::LoadTopologyText(kExampleTopology, &error)
@@ -151,6 +153,7 @@ bool SetUpWorld(const Options &opts, HaPlan *ha, std::map<uint32_t, std::string>
     platform::world::FrmInstPut(instance);
     *ha = HaPlan{topology->haRole, sys.chassisId, sys.mainBoardId};
     *netdevs = topology->netdevs;
+    *plane = topology->plane;
     std::printf("pppoe-plus-switch: switch \"%s\", chassis %u, board %u (main board %u)\n", sys.sysName.c_str(),
                 sys.chassisId, sys.selfBoardId, sys.mainBoardId);
     return true;
@@ -313,13 +316,14 @@ int main(int argc, char **argv)
     }
     HaPlan haPlan;
     std::map<uint32_t, std::string> netdevs;
-    if (!SetUpWorld(opts, &haPlan, &netdevs)) {
+    platform::PlaneSettings planeSettings;
+    if (!SetUpWorld(opts, &haPlan, &netdevs, &planeSettings)) {
         return 1;
     }
     // Ports are checked before the agent starts.
     host::HostPorts ports;
     std::string portError;
-    if (!ports.Open(portOpts, netdevs, &portError)) {
+    if (!ports.Open(portOpts, netdevs, planeSettings, &portError)) {
         std::fprintf(stderr, "pppoe-plus-switch: %s\n", portError.c_str());
         return 1;
     }
@@ -353,6 +357,10 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "pppoe-plus-switch: datastore: %s\n", datastoreError.c_str());
         return 1;
     }
+    // The plane's own state (subscribers, punt policing, ports) is served
+    // beside the agent's.
+    datastore->ServeState(device::fplane::kStatePath,
+                          [plane = ports.Plane()](const std::string &) { return device::fplane::StateXml(*plane); });
 
     if (!PreloadSwitchLibraries()) {
         return 1;
@@ -418,6 +426,9 @@ int main(int argc, char **argv)
         return ports.ReplayMore(binding, output);
     };
     hooks.ports = [&ports]() { return ports.Describe(); };
+    hooks.police = [plane = ports.Plane()](const std::vector<std::string> &words, std::string *output) {
+        return host::PoliceCommand(*plane, words, output);
+    };
     if (std::string error; !control.Start(opts.controlPath, hooks, &error, {opts.datastore.group})) {
         Say(("control socket not available: " + error).c_str());
     } else {
@@ -463,6 +474,7 @@ int main(int argc, char **argv)
     if (ports.HasLivePorts()) {
         ports.PrintSummary();
     }
+    datastore->ServeState(device::fplane::kStatePath, nullptr);
     ports.Close();
     const uint32_t exitRet = mainExit();
     std::printf("pppoe-plus-switch: agent exit returned %u\n", exitRet);

@@ -134,7 +134,8 @@ bool Bindings(const std::vector<std::string> &options, const std::map<uint32_t, 
 
 }  // namespace
 
-bool HostPorts::Open(const PortOptions &opts, const std::map<uint32_t, std::string> &netdevs, std::string *error)
+bool HostPorts::Open(const PortOptions &opts, const std::map<uint32_t, std::string> &netdevs,
+                     const platform::PlaneSettings &plane, std::string *error)
 {
     std::vector<device::fplane::NetdevBinding> bindings;
     if (!Bindings(opts.netdevs, netdevs, &bindings, error) || !live_.Open(bindings, error)) {
@@ -162,7 +163,7 @@ bool HostPorts::Open(const PortOptions &opts, const std::map<uint32_t, std::stri
     if (!opts.captureDir.empty() && !capture_.SetFolder(opts.captureDir, error)) {
         return false;
     }
-    plane_ = std::make_unique<device::fplane::ForwardingPlane>(*backends_);
+    plane_ = std::make_unique<device::fplane::ForwardingPlane>(*backends_, plane);
     pace_ = opts.pace;
     replayer_ = std::make_unique<Replayer>(*plane_);
     return live_.Start([this](uint32_t ifIndex, std::span<const uint8_t> frame) { plane_->Receive(ifIndex, frame); },
@@ -219,7 +220,7 @@ std::string HostPorts::Describe() const
     };
     for (const auto &[ifIndex, c] : plane_->AllCounters()) {
         out << "port " << portName(ifIndex) << ": rx " << c.rx << " tx " << c.tx << " punted " << c.punted
-            << " dropped " << c.dropped << "\n";
+            << " dropped " << c.dropped << " policed " << c.policed << "\n";
     }
     for (const device::fplane::LivePortStats &s : live_.Stats()) {
         out << "port " << portName(s.ifIndex) << " on netdev " << s.netdev << ": " << (s.up ? "up" : "down")

@@ -17,6 +17,7 @@
 
 #include "device/fplane.hpp"
 #include "device/live.hpp"
+#include "platform/world.hpp"
 #include "replay.hpp"
 
 namespace host {
@@ -48,7 +49,8 @@ public:
     // --netdev), reads every input, opens the captures and starts the plane;
     // false and a message when anything is wrong. A live port is on board
     // in the world while its netdev is up, from here on.
-    bool Open(const PortOptions &opts, const std::map<uint32_t, std::string> &netdevs, std::string *error);
+    bool Open(const PortOptions &opts, const std::map<uint32_t, std::string> &netdevs,
+              const platform::PlaneSettings &plane, std::string *error);
     bool HasInputs() const { return hasInputs_; }
     // Replays the inputs into their ports at the pace of the options, then
     // waits until the plane and the agent are idle.
@@ -64,6 +66,8 @@ public:
     // Per-port counters of the plane and of the live ports, one line each.
     std::string Describe() const;
     bool HasLivePorts() const { return hasLive_; }
+    // The plane, from Open until Close; null outside.
+    device::fplane::ForwardingPlane *Plane() { return plane_.get(); }
     // Lets the plane and the agent finish the frames under way (up to two
     // seconds), stops the plane and closes the captures.
     void Close();

@@ -41,6 +41,7 @@
 #include <cstring>
 #include <deque>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <set>
@@ -189,6 +190,9 @@ struct Server::Impl {
     std::map<uint32_t, Message> results;
     std::map<std::string, uint32_t> replays;  // finished replays per client name
 
+    std::mutex localMu;  // local; held while an answer runs
+    std::map<std::string, Server::StateAnswer> local;   // state answered in this process, by path
+
     // Worker only.
     uint32_t nextId = 1;
     uint64_t nextSeq = 1;
@@ -214,6 +218,14 @@ struct Server::Impl {
     Reply Apply(Tree candidate);
     void Replay(const ConnectionPtr &conn);
 
+    // Who answers state: the subscribers of state paths, then this
+    // process's own answers (ServeState).
+    struct StateSource {
+        const struct lysc_node *schema = nullptr;
+        std::string path;
+        std::function<std::string(const std::string &asked, std::string *text)> ask;  // "" or the failure
+    };
+    std::vector<StateSource> StateSources();
     Reply Get(const std::string &path);
     Reply Rpc(const std::string &xml);
 
@@ -560,47 +572,79 @@ void Server::Impl::Replay(const ConnectionPtr &conn)
     cv.notify_all();
 }
 
+std::vector<Server::Impl::StateSource> Server::Impl::StateSources()
+{
+    std::vector<StateSource> sources;
+    for (const auto &[conn, sub] : ActiveSubs(YDBC_SUB_GET)) {
+        auto ask = [this, conn = conn, row = sub->row](const std::string &asked, std::string *text) -> std::string {
+            Message request;
+            request.type = Type::kGetRequest;
+            request.fields = {std::to_string(row), asked};
+            Message result;
+            Outcome outcome = Request(conn, request, &result);
+            if (outcome != Outcome::kDone) {
+                return "no answer from " + conn->name + " for " + asked;
+            }
+            if (result.Number(0, 1) != 0) {
+                return "get of " + asked + " failed in " + conn->name + " (result " + result.Field(0) + ")";
+            }
+            *text = result.Field(1);
+            return "";
+        };
+        sources.push_back({sub->schema, sub->path, ask});
+    }
+    std::vector<std::string> paths;
+    {
+        std::lock_guard<std::mutex> lock(localMu);
+        for (const auto &entry : local) {
+            paths.push_back(entry.first);
+        }
+    }
+    for (const std::string &path : paths) {
+        const struct lysc_node *schema = store.FindSchema(path);
+        if (schema == nullptr || (schema->flags & LYS_CONFIG_R) == 0) {
+            continue;
+        }
+        auto ask = [this, path](const std::string &asked, std::string *text) -> std::string {
+            std::lock_guard<std::mutex> lock(localMu);
+            const auto it = local.find(path);
+            if (it == local.end()) {
+                return "no longer served: " + asked;
+            }
+            *text = it->second(asked);
+            return "";
+        };
+        sources.push_back({schema, path, ask});
+    }
+    return sources;
+}
+
 Reply Server::Impl::Get(const std::string &path)
 {
     const struct lysc_node *node = store.FindSchema(path);
     if (node == nullptr || (node->nodetype & (LYS_RPC | LYS_ACTION | LYS_NOTIF)) != 0) {
         return {false, "unknown path " + path, "invalid-value", path};
     }
-    const auto subs = ActiveSubs(YDBC_SUB_GET);
-    auto ask = [this](const ConnectionPtr &conn, const Subscription *sub, const std::string &asked,
-                      std::string *text) -> std::string {
-        Message request;
-        request.type = Type::kGetRequest;
-        request.fields = {std::to_string(sub->row), asked};
-        Message result;
-        Outcome outcome = Request(conn, request, &result);
-        if (outcome != Outcome::kDone) {
-            return "no answer from " + conn->name + " for " + asked;
-        }
-        if (result.Number(0, 1) != 0) {
-            return "get of " + asked + " failed in " + conn->name + " (result " + result.Field(0) + ")";
-        }
-        *text = result.Field(1);
-        return "";
-    };
+    const std::vector<StateSource> subs = StateSources();
     // A list answered per key has nothing to say without its key, so it is
     // not asked without one; the refusal names the key missing.
-    auto needsKey = [](const Subscription *sub) {
+    auto needsKey = [](const StateSource *sub) {
         const struct lysc_node *key = lysc_node_child(sub->schema);
         return Reply(false,
                      sub->path + " is answered only for a key: ask for " +
                          YangStore::WithKeyPlaceholders(sub->path, sub->schema),
                      "missing-element", sub->path + "/" + (key != nullptr ? key->name : ""));
     };
-    // A path at or below a state subscription goes to its subscriber as given.
-    for (const auto &[conn, sub] : subs) {
+    // A path at or below a state source goes to it as given.
+    for (const StateSource &source : subs) {
+        const StateSource *sub = &source;
         if (IsAncestorOrSelf(sub->schema, node)) {
             if (YangStore::AnsweredPerKey(sub->schema) &&
                 path.find(std::string(sub->schema->name) + "[") == std::string::npos) {
                 return needsKey(sub);
             }
             std::string text;
-            std::string error = ask(conn, sub, path, &text);
+            std::string error = sub->ask(path, &text);
             if (!error.empty()) {
                 return {false, error};
             }
@@ -619,16 +663,17 @@ Reply Server::Impl::Get(const std::string &path)
     }
     // An ancestor of state subscriptions: their answers join the data.
     // Those that fail are left out.
-    const Subscription *keyed = nullptr;
+    const StateSource *keyed = nullptr;
     if (path.find('[') == std::string::npos) {
-        for (const auto &[conn, sub] : subs) {
+        for (const StateSource &source : subs) {
+            const StateSource *sub = &source;
             if (sub->schema != node && IsAncestorOrSelf(node, sub->schema)) {
                 if (YangStore::AnsweredPerKey(sub->schema)) {
                     keyed = sub;
                     continue;
                 }
                 std::string text;
-                if (ask(conn, sub, sub->path, &text).empty()) {
+                if (sub->ask(sub->path, &text).empty()) {
                     YangStore::Merge(&result, store.ParseState(text));
                     served = true;
                 }
@@ -836,6 +881,16 @@ Server::~Server() = default;
 const std::string &Server::SocketPath() const
 {
     return impl_->options.socketPath;
+}
+
+void Server::ServeState(const std::string &path, StateAnswer answer)
+{
+    std::lock_guard<std::mutex> lock(impl_->localMu);
+    if (answer) {
+        impl_->local[path] = std::move(answer);
+    } else {
+        impl_->local.erase(path);
+    }
 }
 
 bool Server::WaitReplayed(std::string_view client, std::chrono::milliseconds timeout) const

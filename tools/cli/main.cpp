@@ -11,6 +11,7 @@
 #include <fstream>
 #include <functional>
 #include <iostream>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -22,6 +23,7 @@
 #pragma GCC diagnostic pop
 
 #include "agent_requests.hpp"
+#include "subscribers.hpp"
 #include "control.hpp"
 #include "device/yangdb.hpp"
 
@@ -205,6 +207,49 @@ Action Query(const std::string *what)
     };
 }
 
+// show subscribers [--port IF] [--vlan V] [--mac M] [--json]
+struct ShowOptions {
+    std::string port;
+    std::optional<uint16_t> vlan;
+    std::string mac;
+    bool json = false;
+
+    bool Given() const { return !port.empty() || vlan || !mac.empty() || json; }
+};
+
+void AddSubscriberOptions(CLI::App *cmd, ShowOptions *opts)
+{
+    cmd->add_option("--port", opts->port, "subscribers: only those on this interface (name or ifIndex)");
+    cmd->add_option("--vlan", opts->vlan, "subscribers: only those in this outer VLAN")->check(CLI::Range(1, 4094));
+    cmd->add_option("--mac", opts->mac, "subscribers: only this client MAC");
+    cmd->add_flag("--json", opts->json, "subscribers: a JSON list of objects instead of a table");
+}
+
+// The subscriber table from the switch's datastore, filtered, as a table
+// or as JSON.
+int ShowSubscribers(const Globals &g, const ShowOptions &opts)
+{
+    pplus_cli::SubscriberFilter filter{opts.port, opts.vlan, ""};
+    if (!opts.mac.empty()) {
+        const auto mac = pplus_cli::NormalMac(opts.mac);
+        if (!mac) {
+            return Fail("show subscribers: not a MAC address: " + opts.mac);
+        }
+        filter.mac = *mac;
+    }
+    const std::string path(pplus_cli::kSubscribersPath);
+    return WithDatastore(g, [&path](Admin &a) { return a.Get(path); }, [&](const std::string &xml) {
+        auto table = pplus_cli::ReadSubscribers(xml);
+        if (!table) {
+            return Fail("show subscribers: the switch answered no subscriber table");
+        }
+        std::erase_if(table->rows, [&filter](const pplus_cli::SubscriberRow &r) { return !pplus_cli::Selects(filter, r); });
+        const std::string text = opts.json ? pplus_cli::SubscribersJson(table->rows) : pplus_cli::SubscribersText(*table);
+        std::fputs(text.c_str(), stdout);
+        return 0;
+    });
+}
+
 // Adds a required positional argument (one of choices when given); the command.
 template <typename T>
 CLI::App *Arg(CLI::App *cmd, const std::string &name, T &value, const std::string &help,
@@ -265,6 +310,22 @@ void AddWorldCommands(CLI::App &app, std::string *line)
     fail->callback([failArgs, line]() {
         *line = "fail";
         for (const std::string &arg : *failArgs) {
+            *line += " " + arg;
+        }
+    });
+    world->add_subcommand("ports", "Per-port counters (rx, tx, punted, dropped, policed), as port list")
+        ->callback([line]() { *line = "port list"; });
+    CLI::App *police = world->add_subcommand(
+        "police", "Punt policing of discovery frames: show; global|default RATE BURST|off; "
+                  "port PORT RATE BURST|off|default");
+    auto policeArgs = std::make_shared<std::vector<std::string>>();
+    police->add_option("args", *policeArgs, "show | global RATE BURST | default RATE BURST | port PORT RATE BURST, "
+                                            "or off instead of RATE BURST")
+        ->required()
+        ->expected(1, 4);
+    police->callback([policeArgs, line]() {
+        *line = "police";
+        for (const std::string &arg : *policeArgs) {
             *line += " " + arg;
         }
     });
@@ -425,8 +486,20 @@ int main(int argc, char **argv)
     });
 
     std::string what;
-    on(Arg(app.add_subcommand("show", "Show the agent's state"), "what", what, "statistics, encapsulation, policy, format or config", {"statistics", "encapsulation", "policy", "format", "config"}),
-       Query(&what));
+    ShowOptions show;
+    CLI::App *showCmd = Arg(app.add_subcommand("show", "Show the agent's state, or the subscribers the switch saw"), "what", what,
+                            "statistics, encapsulation, policy, format, config or subscribers",
+                            {"statistics", "encapsulation", "policy", "format", "config", "subscribers"});
+    AddSubscriberOptions(showCmd, &show);
+    on(showCmd, [&what, &show](const Globals &gl) {
+        if (what == "subscribers") {
+            return ShowSubscribers(gl, show);
+        }
+        if (show.Given()) {
+            return Fail("show " + what + ": --port, --vlan, --mac and --json are for show subscribers");
+        }
+        return Query(&what)(gl);
+    });
 
     on(Arg(app.add_subcommand("check-format", "Check a user-defined format string"), "text", text, "The format string"),
        [&text](const Globals &gl) {

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -57,6 +58,15 @@ public:
     Server &operator=(const Server &) = delete;
 
     const std::string &SocketPath() const;
+
+    // State data that the process embedding the datastore answers itself,
+    // beside its subscribers: a get at or below path (a config-false node
+    // of the model, without keys) calls answer with the path as asked, on
+    // the datastore's worker; it returns XML rooted at the module's top
+    // node. A null answer stops serving path, once a call under way has
+    // returned.
+    using StateAnswer = std::function<std::string(const std::string &path)>;
+    void ServeState(const std::string &path, StateAnswer answer);
     // Waits until the subscriber named client has activated and answered
     // the replay of the stored configuration that follows; false on
     // time-out.
