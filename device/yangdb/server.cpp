@@ -1,8 +1,10 @@
 // The datastore server: accepts subscribers (libydbc) and management
-// sessions on one unix socket. A reader thread per connection decodes
-// messages; replies to the server's own requests go to whoever waits for
-// them, everything else is queued for a single worker that owns the YANG
-// store. The worker runs one request at a time, so a transaction (edit,
+// sessions on one unix socket. An I/O thread per connection (stream_io)
+// decodes messages; replies to the server's own requests go to whoever
+// waits for them, requests are queued for a single worker that owns the
+// YANG store, one per connection at a time, and what the worker sends is
+// queued per connection with a bound (a client that reads no answers is
+// no longer read, then dropped). The worker runs one request at a time, so a transaction (edit,
 // delivery to the subscribers, rollback or save) never interleaves with
 // another, and libyang is used from one thread only.
 //
@@ -16,12 +18,15 @@
 // pending change without waiting, since it may still apply it.
 #include <device/yangdb.hpp>
 
+#include "device/sockets.hpp"
 #include "platform/ydbc_wire.hpp"
+#include "stream_io.hpp"
 #include "yang_store.hpp"
 
 #include <platform/control.h>
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -63,6 +68,11 @@ namespace {
 using wire::Message;
 using wire::Type;
 
+constexpr int kBacklog = 16;
+constexpr unsigned kStoreFolderMode = 0700;
+// A connection that buffered this much gives the memory back when it ends.
+constexpr size_t kTrimAfterBytes = 1U << 20;
+
 // How long the server waits for a subscriber's answer; the environment
 // variable can shorten it (tests) or lengthen it (debugging a subscriber).
 std::chrono::milliseconds ReplyTimeout()
@@ -89,28 +99,15 @@ struct Subscription {
 
 struct Connection {
     int fd = -1;
-    std::thread reader;
-    std::mutex writeMu;
+    std::unique_ptr<StreamIo> io;  // its reads and writes
     std::atomic<bool> alive{true};
     // Worker only.
     std::string name;
     std::vector<Subscription> subs;
     bool activated = false;
 
-    // A failed or partial write leaves the stream unusable: the connection
-    // is shut down and its reader reports the loss.
-    bool Send(const Message &message)
-    {
-        std::lock_guard<std::mutex> lock(writeMu);
-        if (!alive.load()) {
-            return false;
-        }
-        if (!wire::Send(fd, message)) {
-            ::shutdown(fd, SHUT_RDWR);
-            return false;
-        }
-        return true;
-    }
+    // Queues a message; false once the connection is ending.
+    bool Send(const Message &message) { return alive.load() && io->Send(message); }
 };
 using ConnectionPtr = std::shared_ptr<Connection>;
 
@@ -203,7 +200,8 @@ struct Server::Impl {
 
     ~Impl();
     void AcceptLoop();
-    void ReadLoop(const ConnectionPtr &conn);
+    StreamIo::Handlers HandlersOf(const ConnectionPtr &conn);
+    void Closed(Job &job);
     void WorkLoop();
     void Handle(Job &job);
 
@@ -250,7 +248,7 @@ Server::Impl::~Impl()
         std::lock_guard<std::mutex> lock(mu);
         stopping = true;
         for (const ConnectionPtr &conn : conns) {
-            ::shutdown(conn->fd, SHUT_RDWR);
+            conn->io->Shutdown();
         }
     }
     cv.notify_all();
@@ -271,10 +269,7 @@ Server::Impl::~Impl()
         jobs.clear();
     }
     for (const ConnectionPtr &conn : left) {
-        ::shutdown(conn->fd, SHUT_RDWR);
-        if (conn->reader.joinable()) {
-            conn->reader.join();
-        }
+        conn->io.reset();
         ::close(conn->fd);
     }
     if (listenFd >= 0) {
@@ -305,10 +300,6 @@ void Server::Impl::AcceptLoop()
         if (fd < 0) {
             continue;
         }
-        // A subscriber that stops reading must not block the worker for ever.
-        struct timeval tv {};
-        tv.tv_sec = 10;
-        ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
         auto conn = std::make_shared<Connection>();
         conn->fd = fd;
         std::lock_guard<std::mutex> lock(mu);
@@ -318,30 +309,38 @@ void Server::Impl::AcceptLoop()
         }
         conn->name = "client" + std::to_string(conns.size() + 1);
         conns.push_back(conn);
-        conn->reader = std::thread([this, conn] { ReadLoop(conn); });
+        conn->io = std::make_unique<StreamIo>(fd, options.limits, HandlersOf(conn));
     }
 }
 
-void Server::Impl::ReadLoop(const ConnectionPtr &conn)
+// The connection's thread hands on results to whoever awaits them, requests
+// to the worker, and its end as a closed job. It holds the connection
+// weakly: the connection owns it.
+StreamIo::Handlers Server::Impl::HandlersOf(const ConnectionPtr &conn)
 {
-    Message message;
-    while (wire::Receive(conn->fd, &message)) {
+    const std::weak_ptr<Connection> weak = conn;
+    StreamIo::Handlers handlers;
+    handlers.result = [this](Message message) {
         std::lock_guard<std::mutex> lock(mu);
-        if (message.type == Type::kResult) {
-            if (awaited.count(message.id) != 0) {
-                results[message.id] = std::move(message);
-            }
-        } else {
-            jobs.push_back({conn, std::move(message), false});
+        if (awaited.count(message.id) != 0) {
+            results[message.id] = std::move(message);
         }
         cv.notify_all();
-    }
-    {
+    };
+    handlers.request = [this, weak](Message message) {
         std::lock_guard<std::mutex> lock(mu);
-        conn->alive = false;
-        jobs.push_back({conn, {}, true});
-    }
-    cv.notify_all();
+        jobs.push_back({weak.lock(), std::move(message), false});
+        cv.notify_all();
+    };
+    handlers.closed = [this, weak]() {
+        std::lock_guard<std::mutex> lock(mu);
+        if (const ConnectionPtr gone = weak.lock()) {
+            gone->alive = false;
+            jobs.push_back({gone, {}, true});
+        }
+        cv.notify_all();
+    };
+    return handlers;
 }
 
 void Server::Impl::WorkLoop()
@@ -358,6 +357,9 @@ void Server::Impl::WorkLoop()
             jobs.pop_front();
         }
         Handle(job);
+        if (!job.closed) {
+            job.conn->io->RequestDone();
+        }
     }
 }
 
@@ -713,6 +715,26 @@ Reply Server::Impl::Rpc(const std::string &xml)
     return {false, "no subscriber serves " + opPath, "operation-not-supported", opPath};
 }
 
+void Server::Impl::Closed(Job &job)
+{
+    const ConnectionPtr &conn = job.conn;
+    {
+        std::lock_guard<std::mutex> lock(mu);
+        conns.erase(std::remove(conns.begin(), conns.end(), conn), conns.end());
+    }
+    const std::string why = conn->io->EndReason();
+    if (!why.empty()) {
+        PLAT_LogWrite(PLAT_LOG_PLATFORM, "[yangdb] %s dropped: %s", conn->name.c_str(), why.c_str());
+    }
+    const size_t peak = conn->io->PeakBuffered();
+    conn->io.reset();
+    ::close(conn->fd);
+    // What a large backlog took goes back to the system, not only to the heap.
+    if (peak >= kTrimAfterBytes) {
+        (void)malloc_trim(0);
+    }
+}
+
 void Server::Impl::Handle(Job &job)
 {
     const ConnectionPtr &conn = job.conn;
@@ -720,14 +742,7 @@ void Server::Impl::Handle(Job &job)
         if (lockOwner == conn) {
             lockOwner.reset();  // a session's lock ends with it
         }
-        {
-            std::lock_guard<std::mutex> lock(mu);
-            conns.erase(std::remove(conns.begin(), conns.end(), conn), conns.end());
-        }
-        if (conn->reader.joinable()) {
-            conn->reader.join();
-        }
-        ::close(conn->fd);
+        Closed(job);
         return;
     }
     const Message &m = job.message;
@@ -899,49 +914,22 @@ std::unique_ptr<Server> Server::Start(const ServerOptions &options, std::string 
     auto impl = std::make_unique<Impl>();
     impl->options = options;
     impl->timeout = ReplyTimeout();
-    std::error_code ec;
-    const auto storeDir = std::filesystem::path(options.storePath).parent_path();
-    if (!storeDir.empty()) {
-        std::filesystem::create_directories(storeDir, ec);
-        if (ec) {
-            err = "cannot create " + storeDir.string() + ": " + ec.message();
-            return nullptr;
-        }
+    // The store's folder is the owner's alone, whatever the umask.
+    if (!device::sockets::MakeFolders(std::filesystem::path(options.storePath).parent_path(), kStoreFolderMode,
+                                      &err)) {
+        return nullptr;
     }
     if (!impl->store.Open(options.yangDir, options.storePath, &err)) {
         return nullptr;
     }
 
-    struct sockaddr_un addr {};
-    addr.sun_family = AF_UNIX;
-    if (options.socketPath.empty() || options.socketPath.size() >= sizeof addr.sun_path) {
-        err = "bad socket path \"" + options.socketPath + "\"";
-        return nullptr;
-    }
-    const auto socketDir = std::filesystem::path(options.socketPath).parent_path();
-    if (!socketDir.empty()) {
-        std::filesystem::create_directories(socketDir, ec);
-    }
-    std::memcpy(addr.sun_path, options.socketPath.c_str(), options.socketPath.size() + 1);
-    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int fd = device::sockets::ListenUnix(options.socketPath, options.access, kBacklog, "datastore", &err);
     if (fd < 0 || ::pipe2(impl->stopPipe, O_CLOEXEC) != 0) {
-        err = std::string("cannot create the socket: ") + std::strerror(errno);
         if (fd >= 0) {
+            err = std::string("cannot create a pipe: ") + std::strerror(errno);
             ::close(fd);
+            ::unlink(options.socketPath.c_str());
         }
-        return nullptr;
-    }
-    // A socket file nobody answers on is left over from an earlier run.
-    if (int probe = wire::ConnectUnix(options.socketPath); probe >= 0) {
-        ::close(probe);
-        ::close(fd);
-        err = "another datastore is listening on " + options.socketPath;
-        return nullptr;
-    }
-    ::unlink(options.socketPath.c_str());
-    if (::bind(fd, reinterpret_cast<const struct sockaddr *>(&addr), sizeof addr) != 0 || ::listen(fd, 16) != 0) {
-        err = "cannot listen on " + options.socketPath + ": " + std::strerror(errno);
-        ::close(fd);
         return nullptr;
     }
     impl->listenFd = fd;

@@ -292,6 +292,8 @@ void AddWorldCommands(CLI::App &app, std::string *line)
     verb(boards, "register", "Register the board in this slot", {"slot"});
     verb(boards, "unregister", "Unregister the board in this slot", {"slot"});
     world->add_subcommand("fwm", "Show what the forwarding manager was told")->callback([line]() { *line = "fwm"; });
+    world->add_subcommand("stats", "Show the switch's resident memory, the agent's allocations and frame buffers")
+        ->callback([line]() { *line = "stats"; });
     CLI::App *ha = world->add_subcommand("ha", "HA service: send events to the agent, show its HA state");
     ha->require_subcommand(1);
     verb(ha, "start-work", "Report the start of work with this board role (1 master, 2 standby, 3 slave)", {"role"});

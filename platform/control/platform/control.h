@@ -44,11 +44,17 @@ uint32_t PLAT_GetTimeScale(void);
 /* Sleeps ms scaled milliseconds (what RUK delays do). */
 void PLAT_ScaledSleep(uint32_t ms);
 
-/* ---- Asserts ---- */
+/* ---- Asserts ----
+ * Every assert is counted. The log gets "ZAVK assert at <file>:<line>" for
+ * the first of a site; repeats within the report interval (10 s, scaled)
+ * are summed into one line per interval, "ZAVK assert at <file>:<line>
+ * repeated N more time(s) over M ms (T in total)". */
 uint32_t PLAT_AssertCount(void);
 /* Times ZAVK_Assert was raised at file:line. */
 uint32_t PLAT_AssertCountAt(const char *file, uint32_t line);
 void PLAT_AssertReset(void);
+/* Writes the summaries of repeats not reported yet now (at exit). */
+void PLAT_AssertFlushReports(void);
 
 /* ---- Memory accounting (RUK_MemAlloc_F blocks not yet freed) ---- */
 uint32_t PLAT_MemOutstanding(void);
