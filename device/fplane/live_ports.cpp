@@ -4,7 +4,8 @@
 // transmit ring in one shared mapping. One thread per port hands received
 // frames to the forwarding plane (VLAN tags that the kernel moved into the
 // ring header put back) and flushes the transmit ring after Transmit queued
-// frames. A port's socket exists while its netdev is present and up: going
+// frames, unless the thread that queued them flushes its batch itself
+// (TransmitBatch). A port's socket exists while its netdev is present and up: going
 // down or away closes it (queued frames are dropped with it) and takes the
 // port off board; back up, a fresh socket is bound and the port comes on
 // board. Everything a port drops is counted in its stats. A test can make
@@ -348,8 +349,28 @@ struct LivePorts::Port {
             return;
         }
         tx.fetch_add(1, std::memory_order_relaxed);
+        if (TransmitBatch *batch = TransmitBatch::Current(); batch != nullptr && batch->Defer(&FlushOwed, this)) {
+            return;
+        }
         if (!flushPending.exchange(true)) {
             Wake();
+        }
+    }
+
+    // A batch's flush, on the thread that queued: the kernel sends what the
+    // ring holds; when it has no room now, the port's thread tries again.
+    static void FlushOwed(void *arg)
+    {
+        auto *port = static_cast<Port *>(arg);
+        int err = 0;
+        {
+            std::lock_guard lock(port->txMu);
+            if (port->socket.IsOpen()) {
+                err = port->socket.Flush();
+            }
+        }
+        if ((err == EAGAIN || err == ENOBUFS) && !port->flushPending.exchange(true)) {
+            port->Wake();
         }
     }
 
@@ -429,7 +450,11 @@ struct LivePorts::Port {
                     onLink(ifIndex, on);
                 }
             }
-            DrainReceiveRing(receiver);
+            {
+                // What the received frames made other ports queue leaves at the end.
+                const TransmitBatch batch;
+                DrainReceiveRing(receiver);
+            }
             if (flushPending.exchange(false) || flushAgain) {
                 const int err = socket.IsOpen() ? socket.Flush() : 0;
                 flushAgain = err == EAGAIN || err == ENOBUFS;

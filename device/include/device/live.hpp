@@ -6,7 +6,8 @@
 // what it sent. One thread per port serves both rings: it hands every
 // received frame to the receiver (the forwarding plane), and it flushes the
 // transmit ring whenever Transmit has queued frames, so frames queued while
-// it is busy leave in one batch.
+// it is busy leave in one batch. A thread that queues inside a
+// TransmitBatch flushes itself when the batch does, and wakes no port's thread.
 //
 // Frames are seen as they were on the wire: a VLAN tag that the kernel or the
 // NIC moved into the packet's metadata (the auxdata the ring header carries:
