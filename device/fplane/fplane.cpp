@@ -56,6 +56,7 @@ constexpr const char *kTransmitThread = "thread/dpx";  // the thread the agent's
 constexpr uint32_t kSendDepth = 1024;
 constexpr uint32_t kTakeWaitMs = 50;         // bounds how long stopping the transmit thread takes
 constexpr uint32_t kTransmitBatch = 64;      // frames from the agent between two flushes of the ports
+constexpr std::chrono::microseconds kTransmitNap{200};   // the longest a frame from the agent waits while frames flow
 constexpr uint32_t kMaxMessage = 65536 + sizeof(DpxPktHead);
 
 std::atomic<uint64_t> g_nextPlaneId{1};
@@ -580,21 +581,32 @@ void ForwardingPlane::SendFromAgent(const PortView &view, std::span<const uint8_
 
 // Frames the agent sent leave in batches: what the ports queued is sent
 // when the channel runs dry, and at least every kTransmitBatch frames.
+// While frames flow, a dry channel is looked at again after a nap rather
+// than waited on: a waiting thread must be woken by the agent, which would
+// pay a system call for every few frames. Only a channel still dry after
+// the nap is waited on.
 void ForwardingPlane::TransmitLoop()
 {
     std::vector<uint8_t> buf(kMaxMessage);
     const auto cap = static_cast<uint32_t>(buf.size());
     TransmitBatch batch;
     uint32_t batched = 0;
+    bool flowing = false;
     while (!stop_.load()) {
         uint32_t len = 0;
         if (WICK_ChannelTake(kSendChannel, buf.data(), cap, &len, 0) != 0) {
             batch.Flush();
             batched = 0;
+            if (flowing) {
+                flowing = false;
+                std::this_thread::sleep_for(kTransmitNap);
+                continue;
+            }
             if (WICK_ChannelTake(kSendChannel, buf.data(), cap, &len, kTakeWaitMs) != 0) {
                 continue;
             }
         }
+        flowing = true;
         {
             const FrameScope scope(*this);
             SendFromAgent(scope.View(), buf, len);
