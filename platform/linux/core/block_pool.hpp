@@ -17,6 +17,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/thread_ref.hpp"
+
 namespace platform::internal {
 
 namespace block_pool {
@@ -47,7 +49,7 @@ struct KnownBlocks {
     std::array<const void *, kSlots> address{};
     std::array<void *, kSlots> block{};
 };
-extern constinit thread_local KnownBlocks t_knownBlocks;
+KnownBlocks *KnownBlocksOfThread();
 
 // BlockOf without the thread's memory of it.
 void *LookUpBlock(const void *p);
@@ -64,14 +66,15 @@ void Give(void *block);
 // one of the pool's blocks.
 inline void *BlockOf(const void *p)
 {
+    KnownBlocks &known = ThreadRef<KnownBlocks, KnownBlocksOfThread>(ThreadRefId::kKnownBlocks);
     const size_t slot = KnownBlocks::SlotOf(p);
-    if (t_knownBlocks.address[slot] == p && p != nullptr) {
-        return t_knownBlocks.block[slot];
+    if (known.address[slot] == p && p != nullptr) {
+        return known.block[slot];
     }
     void *block = LookUpBlock(p);
     if (block != nullptr) {
-        t_knownBlocks.address[slot] = p;
-        t_knownBlocks.block[slot] = block;
+        known.address[slot] = p;
+        known.block[slot] = block;
     }
     return block;
 }

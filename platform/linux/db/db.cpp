@@ -30,6 +30,7 @@
 
 #include "core/block_pool.hpp"
 #include "core/internal.hpp"
+#include "core/thread_ref.hpp"
 #include "db.h"
 #include "db/db_object.hpp"
 #include "platform/world.hpp"
@@ -136,8 +137,19 @@ struct IdleList {
 };
 struct ThreadObjects {
     std::array<IdleList, kTableSlots> idle;
+    bool guardArmed;
 };
 thread_local ThreadObjects t_objects;
+
+__attribute__((noinline)) ThreadObjects *ObjectsOfThread()
+{
+    return &t_objects;
+}
+
+ThreadObjects &ThreadIdle()
+{
+    return platform::internal::ThreadRef<ThreadObjects, ObjectsOfThread>(platform::internal::ThreadRefId::kDbObjects);
+}
 
 struct ThreadObjectsGuard {
     bool armed = false;
@@ -157,7 +169,7 @@ thread_local ThreadObjectsGuard t_objectsGuard;
 // Null when memory is out or the table is unknown.
 DB_OBJ *TakeObject(uint32_t table, std::unique_ptr<DB_OBJ, void (*)(DB_OBJ *)> (*make)(uint32_t))
 {
-    IdleList &idle = t_objects.idle[SlotOf(table)];
+    IdleList &idle = ThreadIdle().idle[SlotOf(table)];
     DB_OBJ *obj = nullptr;
     if (idle.count != 0) {
         obj = idle.objs[--idle.count];
@@ -181,9 +193,11 @@ void GiveObject(DB_OBJ *obj)
     }
     obj->children.clear();
     obj->iterLive = false;
-    IdleList &idle = t_objects.idle[SlotOf(obj->table)];
+    ThreadObjects &objects = ThreadIdle();
+    IdleList &idle = objects.idle[SlotOf(obj->table)];
     if (obj->sub == nullptr && idle.count < kPooledPerTable) {
-        if (idle.count == 0 && !t_objectsGuard.armed) {
+        if (!objects.guardArmed) {
+            objects.guardArmed = true;
             t_objectsGuard.armed = true;   // the thread's end destroys what waits
         }
         obj->Recycle();

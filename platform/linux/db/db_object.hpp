@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "core/internal.hpp"
+#include "core/thread_ref.hpp"
 #include "db.h"
 #include "platform/world.hpp"
 #include "world/world_internal.hpp"
@@ -258,10 +259,18 @@ private:
         std::array<KeptRead, kKept> reads;
     };
     static size_t KeptSlot(uint32_t key) { return (key * 0x9E3779B1U) >> 28U; }
-    static KeptReads &Kept()
+    static KeptReads *KeptOfThread()
     {
         static thread_local KeptReads kept;
-        return kept;
+        return &kept;
+    }
+    KeptReads &Kept() const
+    {
+        if (table >= platform::internal::kKeptReadTables) {
+            return *KeptOfThread();
+        }
+        return platform::internal::ThreadRef<KeptReads, KeptOfThread>(platform::internal::ThreadRefId::kKeptReads,
+                                                                      table);
     }
 
     // Swaps the keyed read held with one kept.
