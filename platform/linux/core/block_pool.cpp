@@ -320,9 +320,21 @@ void Give(void *block)
 
 constinit thread_local KnownBlocks t_knownBlocks;
 
-__attribute__((noinline)) KnownBlocks *KnownBlocksOfThread()
+static __attribute__((noinline)) KnownBlocks *KnownBlocksOfThread()
 {
     return &t_knownBlocks;
+}
+
+void *LearnBlock(const void *p)
+{
+    void *block = LookUpBlock(p);
+    if (block != nullptr) {
+        KnownBlocks &known = ThreadRef<KnownBlocks, KnownBlocksOfThread>(ThreadRefId::kKnownBlocks);
+        const size_t slot = KnownBlocks::SlotOf(p);
+        known.address[slot] = p;
+        known.block[slot] = block;
+    }
+    return block;
 }
 
 void *LookUpBlock(const void *p)

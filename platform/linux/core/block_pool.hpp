@@ -49,10 +49,11 @@ struct KnownBlocks {
     std::array<const void *, kSlots> address{};
     std::array<void *, kSlots> block{};
 };
-KnownBlocks *KnownBlocksOfThread();
 
 // BlockOf without the thread's memory of it.
 void *LookUpBlock(const void *p);
+// BlockOf when the thread does not remember p: looks it up and remembers it.
+void *LearnBlock(const void *p);
 
 // The largest block.
 inline constexpr size_t kMaxBlock = 16384;
@@ -66,17 +67,14 @@ void Give(void *block);
 // one of the pool's blocks.
 inline void *BlockOf(const void *p)
 {
-    KnownBlocks &known = ThreadRef<KnownBlocks, KnownBlocksOfThread>(ThreadRefId::kKnownBlocks);
-    const size_t slot = KnownBlocks::SlotOf(p);
-    if (known.address[slot] == p && p != nullptr) {
-        return known.block[slot];
+    if (const void *ref = ThreadRefSlot(ThreadRefId::kKnownBlocks); ref != nullptr) {
+        const auto &known = *static_cast<const KnownBlocks *>(ref);
+        const size_t slot = KnownBlocks::SlotOf(p);
+        if (known.address[slot] == p && p != nullptr) {
+            return known.block[slot];
+        }
     }
-    void *block = LookUpBlock(p);
-    if (block != nullptr) {
-        known.address[slot] = p;
-        known.block[slot] = block;
-    }
-    return block;
+    return LearnBlock(p);
 }
 // The size of a block (its size class, at least what was asked for).
 size_t BlockSize(const void *block);

@@ -100,7 +100,8 @@ void DestroyObject(DB_OBJ *obj)
 }
 
 // The object p points at when it is a live one of ours; nothing foreign is read.
-DB_OBJ *LiveObject(const void *p)
+// Inlined: every call on an object checks it.
+inline __attribute__((always_inline)) DB_OBJ *LiveObject(const void *p)
 {
     void *block = pool::BlockOf(p);
     if (block == nullptr) {
