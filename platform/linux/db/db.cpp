@@ -608,10 +608,20 @@ uint32_t db_create_child_node(DB_OBJ_S *obj, const char *node, DB_OBJ_S **child)
     if (node == nullptr || child == nullptr) {
         return DB_ERR_PARAM;
     }
+    // Two short names, asked for several times a frame: compared in place,
+    // reading node no further than its first difference.
+    auto named = [node](std::string_view want) {
+        for (size_t i = 0; i < want.size(); i++) {
+            if (node[i] != want[i]) {
+                return false;
+            }
+        }
+        return node[want.size()] == '\0';
+    };
     uint32_t table = 0;
-    if (std::strcmp(node, "dev") == 0) {
+    if (named("dev")) {
         table = DB_TABLE_IF_DEV;
-    } else if (std::strcmp(node, "l2") == 0) {
+    } else if (named("l2")) {
         table = DB_TABLE_IF_L2;
     } else {
         return DB_ERR_PARAM;
