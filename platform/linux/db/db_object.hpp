@@ -62,11 +62,12 @@ struct DB_OBJ {
     // Steps to the next snapshot row and makes it current; false past the end.
     bool Next()
     {
-        const size_t next = hasCurrent ? current + 1 : (started ? SnapshotCount() : 0);
+        const size_t count = SnapshotCount();   // fetches the rows on the first step
+        const size_t next = hasCurrent ? current + 1 : (started ? count : 0);
         started = true;
-        if (next >= SnapshotCount()) {
+        if (next >= count) {
             hasCurrent = false;
-            current = SnapshotCount();
+            current = count;
             return false;
         }
         current = next;
