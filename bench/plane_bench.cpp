@@ -153,7 +153,7 @@ void BM_SubscriberSent(benchmark::State &state)
     const Bytes padi = pplus_test::Frame().src(host).vlan(lane.vlan).padi().eol().bytes();
     for (auto _ : state) {
         state.PauseTiming();
-        table->Punted(lane.port, padi);
+        table->Punted(lane.port, padi, device::fplane::CoarseMonotonicNs());
         state.ResumeTiming();
         for (uint32_t i = 0; i < kBatch; i++) {
             table->Sent(kUplink, tagged);

@@ -15,7 +15,6 @@
 // table, the subscriber table and whatever port backend they give it;
 // failure injection on WICK_ChannelPut makes a punt fail (the frame is
 // counted as dropped).
-#include <time.h>
 
 #include <algorithm>
 #include <cstring>
@@ -481,7 +480,10 @@ std::optional<uint32_t> ForwardingPlane::Learn(const Ingress &in)
 // names the physical ingress port and the learnt port of the destination.
 void ForwardingPlane::Punt(Ingress &in, std::optional<uint32_t> learnt)
 {
-    if (!Admit(*in.port)) {
+    // One clock read for the policers and the table, none for neither.
+    const bool polices = in.port->block->punt.Limits() || globalBucket_->Limits();
+    const uint64_t now = polices || subscribers_->Enabled() ? CoarseMonotonicNs() : 0;
+    if (polices && !Admit(*in.port, now)) {
         in.port->block->Add(Counter::Policed);
         return;
     }
@@ -492,7 +494,7 @@ void ForwardingPlane::Punt(Ingress &in, std::optional<uint32_t> learnt)
     const std::span<const uint8_t> message = in.WithHead(head);
     // Into the table before the agent can answer, so that what it sends back
     // for this frame finds the entry.
-    subscribers_->Punted(in.port->ifIndex, in.frame);
+    subscribers_->Punted(in.port->ifIndex, in.frame, now);
     if (WICK_ChannelPut(kPuntChannel, message.data(), static_cast<uint32_t>(message.size())) != 0) {
         in.port->block->Add(Counter::Dropped);
         return;
@@ -500,18 +502,15 @@ void ForwardingPlane::Punt(Ingress &in, std::optional<uint32_t> learnt)
     in.port->block->Add(Counter::Punted);
 }
 
-// Whether a discovery frame from port may go to the agent: within the
-// port's rate, then within the switch's. The port's bucket is asked first,
-// so a port over its own rate spends nothing of the global one; a frame the
-// global bucket refuses is handed back to the port's.
-bool ForwardingPlane::Admit(const PortEntry &port)
+// Whether a discovery frame from port may go to the agent at now (ns of
+// CoarseMonotonicNs): within the port's rate, then within the switch's.
+// The port's bucket is asked first, so a port over its own rate spends
+// nothing of the global one; a frame the global bucket refuses is handed
+// back to the port's. The coarse clock judges a frame up to a tick (a few
+// ms) late, which lets at most rate x tick frames more through than an
+// exact clock would.
+bool ForwardingPlane::Admit(const PortEntry &port, uint64_t now)
 {
-    if (!port.block->punt.Limits() && !globalBucket_->Limits()) {
-        return true;
-    }
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    const uint64_t now = static_cast<uint64_t>(ts.tv_sec) * PuntBucket::kNsPerSecond + static_cast<uint64_t>(ts.tv_nsec);
     if (!port.block->punt.Take(now)) {
         return false;
     }

@@ -4,6 +4,10 @@
 #include <time.h>
 
 #include <algorithm>
+#include <atomic>
+#include <bit>
+#include <cstring>
+#include <string_view>
 #include <tuple>
 
 #include "hash_mix.hpp"
@@ -35,7 +39,7 @@ constexpr size_t kSubOptionHeader = 2;       // sub-option type, length
 constexpr uint8_t kSubOptionCircuitId = 1;
 constexpr uint8_t kSubOptionRemoteId = 2;
 
-constexpr size_t kMaxShards = 16;
+constexpr size_t kMaxShards = 16;           // a power of two
 constexpr size_t kShardedFrom = 1024;        // smaller tables keep one order in one shard
 
 uint16_t U16(std::span<const uint8_t> b, size_t off)
@@ -100,7 +104,7 @@ bool ReadDiscovery(std::span<const uint8_t> frame, Discovery *d)
 
 // Sub-options 1 and 2 of the last Vendor-Specific tag (the one the agent
 // inserts goes behind any other); both empty without one.
-void ReadAgentIds(std::span<const uint8_t> tags, std::string *circuitId, std::string *remoteId)
+void ReadAgentIds(std::span<const uint8_t> tags, std::string_view *circuitId, std::string_view *remoteId)
 {
     std::span<const uint8_t> vendor;
     for (size_t off = 0; off + kPppoeTagHeader <= tags.size();) {
@@ -114,22 +118,66 @@ void ReadAgentIds(std::span<const uint8_t> tags, std::string *circuitId, std::st
         }
         off += kPppoeTagHeader + len;
     }
-    circuitId->clear();
-    remoteId->clear();
+    *circuitId = {};
+    *remoteId = {};
     for (size_t off = kVendorIdLen; off + kSubOptionHeader <= vendor.size();) {
         const uint8_t type = vendor[off];
         const size_t len = vendor[off + 1];
         if (off + kSubOptionHeader + len > vendor.size()) {
             break;
         }
-        const auto *value = reinterpret_cast<const char *>(vendor.data() + off + kSubOptionHeader);
+        const std::string_view value(reinterpret_cast<const char *>(vendor.data() + off + kSubOptionHeader), len);
         if (type == kSubOptionCircuitId) {
-            circuitId->assign(value, len);
+            *circuitId = value;
         } else if (type == kSubOptionRemoteId) {
-            remoteId->assign(value, len);
+            *remoteId = value;
         }
         off += kSubOptionHeader + len;
     }
+}
+
+// A fingerprint of the Circuit ID and Remote ID: whether a frame would
+// change the entry's IDs, judged without its lock. Sixteen bytes at a time
+// in two independent lanes, the last sixteen (or fewer) read as overlapping
+// words, so that IDs of tens of bytes cost a few ns.
+uint64_t Fold(std::string_view bytes, uint64_t seed)
+{
+    constexpr uint64_t kOdd1 = 0x9e3779b97f4a7c15ULL;
+    constexpr uint64_t kOdd2 = 0xc2b2ae3d27d4eb4fULL;
+    const auto load = [&bytes]<typename W>(size_t off, W) {
+        W w = 0;
+        std::memcpy(&w, bytes.data() + off, sizeof w);
+        return uint64_t{w};
+    };
+    const size_t n = bytes.size();
+    uint64_t a = seed ^ n;
+    uint64_t b = ~seed;
+    const auto lanes = [&a, &b](uint64_t w0, uint64_t w1) {
+        a = std::rotl((a ^ w0) * kOdd1, 29);
+        b = std::rotl((b ^ w1) * kOdd2, 31);
+    };
+    constexpr size_t kWord = sizeof(uint64_t);
+    if (n >= 2 * kWord) {
+        for (size_t off = 0; off + 2 * kWord < n; off += 2 * kWord) {
+            lanes(load(off, uint64_t{}), load(off + kWord, uint64_t{}));
+        }
+        lanes(load(n - 2 * kWord, uint64_t{}), load(n - kWord, uint64_t{}));
+    } else if (n >= kWord) {
+        lanes(load(0, uint64_t{}), load(n - kWord, uint64_t{}));
+    } else if (n >= sizeof(uint32_t)) {
+        lanes(load(0, uint32_t{}), load(n - sizeof(uint32_t), uint32_t{}));
+    } else if (n != 0) {
+        lanes(uint64_t{static_cast<uint8_t>(bytes[0])} | uint64_t{static_cast<uint8_t>(bytes[n / 2])} << 8 |
+                  uint64_t{static_cast<uint8_t>(bytes[n - 1])} << 16,
+              0);
+    }
+    return a ^ std::rotl(b, 17);
+}
+
+// Both IDs folded in turn, mixed once.
+uint64_t IdsPrint(std::string_view circuitId, std::string_view remoteId)
+{
+    return Mix(Fold(remoteId, Fold(circuitId, 0)));
 }
 
 // The key of a client: its MAC above its VLANs.
@@ -153,14 +201,106 @@ std::chrono::system_clock::time_point WallNow()
                                                                         std::chrono::nanoseconds(ts.tv_nsec)));
 }
 
+constexpr uint64_t kNsPerSecond = 1000000000ULL;
+
 uint64_t MonoSeconds()
 {
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
-    return static_cast<uint64_t>(ts.tv_sec);
+    return CoarseMonotonicNs() / kNsPerSecond;
+}
+
+constexpr uint64_t kHasAc = uint64_t{1} << 48;
+constexpr uint64_t kHasSession = uint64_t{1} << 56;
+
+// What of an entry a frame may change, packed for the hint of its key.
+struct Facts {
+    uint64_t seen = 0;      // monotonic second of the last change
+    uint64_t where = 0;     // ifIndex << 32 | last code
+    uint64_t ac = 0;        // kHasAc | the concentrator's MAC
+    uint64_t session = 0;   // kHasSession | session id
+    uint64_t ids = 0;       // IdsPrint of the Circuit ID and Remote ID
+
+    bool operator==(const Facts &) const = default;
+};
+
+uint64_t MacBits(const Mac &mac)
+{
+    uint64_t v = 0;
+    for (const uint8_t byte : mac) {
+        v = v << 8 | byte;
+    }
+    return v;
+}
+
+Facts FactsOf(uint64_t mono, const Subscriber &s)
+{
+    Facts f;
+    f.seen = mono;
+    f.where = uint64_t{s.ifIndex} << 32 | s.lastCode;
+    f.ac = s.acMac ? kHasAc | MacBits(*s.acMac) : 0;
+    f.session = s.sessionId ? kHasSession | *s.sessionId : 0;
+    f.ids = IdsPrint(s.circuitId, s.remoteId);
+    return f;
 }
 
 }  // namespace
+
+// The facts of the entry of one key as its last change under the shard's
+// lock left them, for frames that would change nothing but their order
+// (the common case: a client repeating its PADI, the agent's copy of it)
+// to be seen without the lock. A slot is direct-mapped by key; writers
+// (holding the lock) make seq odd while they change it; a reader that sees
+// seq odd or changed, or another key, takes the locked path.
+struct alignas(64) SubscriberTable::Hint {
+    std::atomic<uint32_t> seq{0};
+    std::atomic<uint64_t> key{0};   // 0 with all facts 0: none (no frame leaves those facts)
+    std::atomic<uint64_t> moved{0}; // the shard's moves when the entry last went to the end of its order
+    std::atomic<uint64_t> seen{0};
+    std::atomic<uint64_t> where{0};
+    std::atomic<uint64_t> ac{0};
+    std::atomic<uint64_t> session{0};
+    std::atomic<uint64_t> ids{0};
+
+    // Data stores are release stores, so a reader that sees any of them
+    // sees the odd seq stored before them; data loads are acquire loads,
+    // so the reader's second look at seq comes after them.
+    void Publish(uint64_t k, uint64_t m, const Facts &f)
+    {
+        const uint32_t s = seq.load(std::memory_order_relaxed);
+        seq.store(s + 1, std::memory_order_relaxed);
+        key.store(k, std::memory_order_release);
+        moved.store(m, std::memory_order_release);
+        seen.store(f.seen, std::memory_order_release);
+        where.store(f.where, std::memory_order_release);
+        ac.store(f.ac, std::memory_order_release);
+        session.store(f.session, std::memory_order_release);
+        ids.store(f.ids, std::memory_order_release);
+        seq.store(s + 2, std::memory_order_release);
+    }
+
+    void Forget(uint64_t k)
+    {
+        if (key.load(std::memory_order_relaxed) == k) {
+            Publish(0, 0, Facts{});
+        }
+    }
+
+    // The facts of key k and when its entry last moved; false when the
+    // slot holds another key or a writer was changing it.
+    bool Read(uint64_t k, Facts *f, uint64_t *m) const
+    {
+        const uint32_t s = seq.load(std::memory_order_acquire);
+        if ((s & 1U) != 0 || key.load(std::memory_order_acquire) != k) {
+            return false;
+        }
+        f->seen = seen.load(std::memory_order_acquire);
+        f->where = where.load(std::memory_order_acquire);
+        f->ac = ac.load(std::memory_order_acquire);
+        f->session = session.load(std::memory_order_acquire);
+        f->ids = ids.load(std::memory_order_acquire);
+        *m = moved.load(std::memory_order_acquire);
+        return seq.load(std::memory_order_relaxed) == s;
+    }
+};
 
 // One shard: its entries from the one idle longest to the one seen last,
 // and an index by key into that order.
@@ -172,21 +312,34 @@ struct alignas(64) SubscriberTable::Shard {
     };
     using Order = std::list<Entry>;
 
-    mutable std::mutex mu;   // everything below
+    mutable std::mutex mu;   // everything below but the hints' reading
     size_t capacity = 0;
     Order order;
     std::unordered_map<uint64_t, Order::iterator> index;
     uint64_t evictions = 0;
     uint64_t agedOut = 0;
+    // Entries moved to the end of the order (or added there) so far. A hit
+    // that changes nothing moves its entry only when it moved more than
+    // half the shard's capacity of moves ago: until then at least half the
+    // entries are ahead of it in the order, so no entry seen since goes
+    // before it by more than that.
+    std::atomic<uint64_t> moves{0};
+    std::unique_ptr<Hint[]> hints;
+    size_t hintMask = 0;
+
+    Hint &HintOf(uint64_t hash) const { return hints[(hash >> 32) & hintMask]; }
 
     void DropAged(uint64_t nowMono, uint32_t idleSeconds)
     {
         while (idleSeconds != 0 && !order.empty() && nowMono - order.front().seenMono >= idleSeconds) {
+            Forget(order.front().key);
             index.erase(order.front().key);
             order.pop_front();
             agedOut++;
         }
     }
+
+    void Forget(uint64_t key) { HintOf(Mix(key)).Forget(key); }
 
     Entry *Find(uint64_t key)
     {
@@ -202,12 +355,15 @@ struct alignas(64) SubscriberTable::Shard {
         if (it != index.end()) {
             order.splice(order.end(), order, it->second);
             order.back().seenMono = nowMono;
+            moves.fetch_add(1, std::memory_order_relaxed);
             return &order.back();
         }
         if (!create || capacity == 0) {
             return nullptr;
         }
+        moves.fetch_add(1, std::memory_order_relaxed);
         if (index.size() >= capacity) {
+            Forget(order.front().key);
             index.erase(order.front().key);
             order.splice(order.end(), order, order.begin());   // its node is reused
             order.back() = Entry{};
@@ -226,6 +382,7 @@ struct alignas(64) SubscriberTable::Shard {
     {
         const auto it = index.find(key);
         if (it != index.end()) {
+            Forget(key);
             order.erase(it->second);
             index.erase(it);
         }
@@ -241,27 +398,32 @@ SubscriberTable::SubscriberTable(const platform::SubscriberTableSettings &settin
     for (size_t i = 0; i < shardCount_; i++) {
         shards_[i].capacity = capacity_ / shardCount_ + (i < capacity_ % shardCount_ ? 1 : 0);
         shards_[i].index.reserve(shards_[i].capacity);
+        const size_t hints = std::bit_ceil(std::max<size_t>(shards_[i].capacity, 1));
+        shards_[i].hints = std::make_unique<Hint[]>(hints);
+        shards_[i].hintMask = hints - 1;
     }
 }
 
 SubscriberTable::~SubscriberTable() = default;
 
-SubscriberTable::Shard &SubscriberTable::ShardOf(uint64_t key) const
+SubscriberTable::Shard &SubscriberTable::ShardOf(uint64_t hash) const
 {
-    return shards_[Mix(key) % shardCount_];
+    return shards_[hash & (shardCount_ - 1)];
 }
 
-void SubscriberTable::Punted(uint32_t ifIndex, std::span<const uint8_t> frame)
+void SubscriberTable::Punted(uint32_t ifIndex, std::span<const uint8_t> frame, uint64_t monoNs)
 {
-    Seen(Way::Punted, ifIndex, frame);
+    Seen(Way::Punted, ifIndex, frame, monoNs / kNsPerSecond);
 }
 
 void SubscriberTable::Sent(uint32_t ifIndex, std::span<const uint8_t> frame)
 {
-    Seen(Way::Sent, ifIndex, frame);
+    if (Enabled()) {
+        Seen(Way::Sent, ifIndex, frame, MonoSeconds());
+    }
 }
 
-void SubscriberTable::Seen(Way way, uint32_t ifIndex, std::span<const uint8_t> frame)
+void SubscriberTable::Seen(Way way, uint32_t ifIndex, std::span<const uint8_t> frame, uint64_t nowMono)
 {
     Discovery d;
     if (!Enabled() || !ReadDiscovery(frame, &d)) {
@@ -269,14 +431,13 @@ void SubscriberTable::Seen(Way way, uint32_t ifIndex, std::span<const uint8_t> f
     }
     const bool fromClient = d.code == kCodePadi || d.code == kCodePadr;
     const bool toClient = d.code == kCodePado || d.code == kCodePads;
-    const uint64_t nowMono = MonoSeconds();
 
     if (d.code == kCodePadt) {
         // From either side: the client is the source or the destination,
         // and an entry that has a session must name the PADT's.
         for (const Mac &client : {d.src, d.dst}) {
             const uint64_t key = KeyOf(client, d.vlan, d.innerVlan);
-            Shard &shard = ShardOf(key);
+            Shard &shard = ShardOf(Mix(key));
             const std::lock_guard lock(shard.mu);
             const Shard::Entry *e = shard.Find(key);
             if (e != nullptr && (!e->s.sessionId || *e->s.sessionId == d.session)) {
@@ -295,10 +456,44 @@ void SubscriberTable::Seen(Way way, uint32_t ifIndex, std::span<const uint8_t> f
         return;
     }
     const uint64_t key = KeyOf(client, d.vlan, d.innerVlan);
-    Shard &shard = ShardOf(key);
+    const uint64_t hash = Mix(key);
+    Shard &shard = ShardOf(hash);
+    Hint &hint = shard.HintOf(hash);
+    const bool creates = fromClient && way == Way::Punted;
+    const bool readsIds = fromClient && way == Way::Sent;
+    std::string_view circuitId;
+    std::string_view remoteId;
+    if (readsIds) {
+        ReadAgentIds(d.tags, &circuitId, &remoteId);
+    }
+
+    // Without the lock when the entry would stay as it is: the same second,
+    // code, port, concentrator, session and IDs, and no need to move it.
+    // Its last-seen time is written once a second (the first frame of the
+    // second), its place in the order as the shard's moves tell.
+    Facts was;
+    uint64_t moved = 0;
+    if (hint.Read(key, &was, &moved) && shard.moves.load(std::memory_order_relaxed) - moved < shard.capacity / 2 &&
+        !(creates && d.code == kCodePadi && was.session != 0)) {
+        Facts next = was;
+        next.seen = nowMono;
+        next.where = (creates ? uint64_t{ifIndex} : was.where >> 32) << 32 | d.code;
+        if (!IsGroup(peer) && (d.code != kCodePado || was.ac == 0)) {
+            next.ac = kHasAc | MacBits(peer);
+        }
+        if (d.code == kCodePads && d.session != 0) {
+            next.session = kHasSession | d.session;
+        }
+        if (readsIds) {
+            next.ids = IdsPrint(circuitId, remoteId);
+        }
+        if (next == was) {
+            return;
+        }
+    }
+
     const std::lock_guard lock(shard.mu);
     shard.DropAged(nowMono, idleSeconds_);
-    const bool creates = fromClient && way == Way::Punted;
     Shard::Entry *e = shard.Touch(key, creates, nowMono);
     if (e == nullptr) {
         return;
@@ -318,8 +513,9 @@ void SubscriberTable::Seen(Way way, uint32_t ifIndex, std::span<const uint8_t> f
     if (creates) {
         s.ifIndex = ifIndex;
     }
-    if (fromClient && way == Way::Sent) {
-        ReadAgentIds(d.tags, &s.circuitId, &s.remoteId);
+    if (readsIds) {
+        s.circuitId.assign(circuitId);
+        s.remoteId.assign(remoteId);
     }
     if (!IsGroup(peer) && (d.code != kCodePado || !s.acMac)) {
         s.acMac = peer;   // the concentrator that answered first, then the one chosen
@@ -327,6 +523,7 @@ void SubscriberTable::Seen(Way way, uint32_t ifIndex, std::span<const uint8_t> f
     if (d.code == kCodePads && d.session != 0) {
         s.sessionId = d.session;
     }
+    hint.Publish(key, shard.moves.load(std::memory_order_relaxed), FactsOf(nowMono, s));
 }
 
 std::vector<Subscriber> SubscriberTable::Entries() const

@@ -22,6 +22,8 @@
 // the frame.
 #pragma once
 
+#include <time.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <list>
@@ -36,6 +38,15 @@
 
 namespace device::fplane {
 
+// CLOCK_MONOTONIC_COARSE in ns: a tick of a few ms for a quarter of the
+// precise clock's cost.
+inline uint64_t CoarseMonotonicNs()
+{
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
+    return static_cast<uint64_t>(ts.tv_sec) * 1000000000ULL + static_cast<uint64_t>(ts.tv_nsec);
+}
+
 class SubscriberTable {
 public:
     explicit SubscriberTable(const platform::SubscriberTableSettings &settings);
@@ -46,8 +57,9 @@ public:
     bool Enabled() const { return capacity_ != 0; }
 
     // A discovery frame in the plane's internal form (its VLAN as the
-    // outer tag) that entered port ifIndex, on its way to the agent.
-    void Punted(uint32_t ifIndex, std::span<const uint8_t> frame);
+    // outer tag) that entered port ifIndex, on its way to the agent, at
+    // monoNs of CoarseMonotonicNs (the clock the punt policers read too).
+    void Punted(uint32_t ifIndex, std::span<const uint8_t> frame, uint64_t monoNs);
     // A discovery frame the agent sent out of port ifIndex.
     void Sent(uint32_t ifIndex, std::span<const uint8_t> frame);
 
@@ -56,10 +68,11 @@ public:
     SubscriberTableStats Stats() const;
 
 private:
+    struct Hint;
     struct Shard;
     enum class Way { Punted, Sent };
-    void Seen(Way way, uint32_t ifIndex, std::span<const uint8_t> frame);
-    Shard &ShardOf(uint64_t key) const;
+    void Seen(Way way, uint32_t ifIndex, std::span<const uint8_t> frame, uint64_t nowMono);
+    Shard &ShardOf(uint64_t hash) const;
 
     size_t capacity_ = 0;
     uint32_t idleSeconds_ = 0;

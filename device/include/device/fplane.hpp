@@ -251,7 +251,7 @@ private:
     std::optional<uint32_t> Learn(const Ingress &in);
     void Punt(Ingress &in, std::optional<uint32_t> learnt);
     void Switch(const PortView &view, const Ingress &in, std::optional<uint32_t> learnt);
-    bool Admit(const PortEntry &port);
+    bool Admit(const PortEntry &port, uint64_t now);
     bool Egress(const PortView &view, uint32_t ifIndex, const PortEntry *entry, Outgoing &out);
     void SendFromAgent(const PortView &view, std::span<const uint8_t> message, size_t taken);
     void TransmitLoop();

@@ -5,8 +5,11 @@
 // the agent.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <random>
+#include <string>
+#include <thread>
 
 #include "platform/control.h"
 #include "device/fplane.hpp"
@@ -630,6 +633,43 @@ TEST_F(OperatorViewTest, ARandomMacStormStaysWithinTheBoundEvictingTheIdlestFirs
     ASSERT_TRUE(Find(Client(1)));
     EXPECT_TRUE(pplus_test::WaitFor([this]() { return plane_->Subscribers().empty(); }, 10000));
     EXPECT_EQ(plane_->SubscriberStats().agedOut, 1U);
+}
+
+// A client's repeated PADI is seen without the shard's lock while the
+// transmit thread changes the same entry: every change lands, none is lost
+// to a hit that read the entry as it was.
+TEST_F(OperatorViewTest, RepeatsSeenWithoutTheLockLoseNoChangeOfTheTransmitThread)
+{
+    Rebuild(Unpoliced());
+    const pplus_test::Mac client = Client(1);
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> receivers;
+    for (int i = 0; i < 2; i++) {
+        receivers.emplace_back([this, &stop, client]() {
+            const Bytes padi = PadiFrom(client);
+            while (!stop.load()) {
+                plane_->Receive(5, padi);
+                while (TakePunt(0)) {
+                }
+            }
+        });
+    }
+    ASSERT_TRUE(pplus_test::WaitFor([&]() { return Find(client).has_value(); }, 10000));
+    constexpr int kChanges = 300;
+    for (int i = 0; i < kChanges; i++) {
+        SendFromAgent(49, Frame().src(client).vlan(100).padi().vendor(3561, "cid-" + std::to_string(i), "rid").eol().bytes());
+    }
+    ASSERT_TRUE(pplus_test::WaitFor([this]() { return WICK_ChannelDepth(device::fplane::kSendChannel) == 0; }, 10000));
+    stop.store(true);
+    for (std::thread &t : receivers) {
+        t.join();
+    }
+    ASSERT_TRUE(Settled());
+    const auto s = Find(client);
+    ASSERT_TRUE(s);
+    EXPECT_EQ(s->circuitId, "cid-" + std::to_string(kChanges - 1));
+    EXPECT_EQ(s->ifIndex, 5U);
+    EXPECT_EQ(s->lastCode, device::fplane::kCodePadi);
 }
 
 TEST_F(OperatorViewTest, PolicingCountsAddUpAndAFloodingPortLeavesOthersTheirRate)
