@@ -155,8 +155,10 @@ void BM_SubscriberSent(benchmark::State &state)
         state.PauseTiming();
         table->Punted(lane.port, padi, device::fplane::CoarseMonotonicNs());
         state.ResumeTiming();
+        // The transmit thread reads the clock once a batch.
+        const uint64_t now = device::fplane::CoarseMonotonicNs();
         for (uint32_t i = 0; i < kBatch; i++) {
-            table->Sent(kUplink, tagged);
+            table->Sent(kUplink, tagged, now);
         }
     }
     state.SetItemsProcessed(state.iterations() * kBatch);

@@ -10,8 +10,8 @@
 // the frame path takes no lock and allocates nothing for frames of the usual
 // sizes. Discovery frames bound for the agent pass the punt policers (lock-
 // free token buckets, punt_bucket.hpp) and, with what the agent sends back,
-// feed the subscriber table (subscribers.hpp, a lock per shard, never one
-// for the whole table). Tests see it through per-port counters, the MAC
+// feed the subscriber table (subscribers.hpp: a lock per shard, never one
+// for the whole table, and none for a repeat that changes nothing). Tests see it through per-port counters, the MAC
 // table, the subscriber table and whatever port backend they give it;
 // failure injection on WICK_ChannelPut makes a punt fail (the frame is
 // counted as dropped).
@@ -558,8 +558,10 @@ bool ForwardingPlane::Egress(const PortView &view, uint32_t ifIndex, const PortE
 }
 
 // One message the agent wrote to "channel/ppplus2dpx"; taken is the length
-// the channel reported, which may exceed what fitted in message.
-void ForwardingPlane::SendFromAgent(const PortView &view, std::span<const uint8_t> message, size_t taken)
+// the channel reported, which may exceed what fitted in message; now is
+// CoarseMonotonicNs for the subscriber table.
+void ForwardingPlane::SendFromAgent(const PortView &view, std::span<const uint8_t> message, size_t taken,
+                                    uint64_t now)
 {
     DpxPktHead head;
     if (taken >= sizeof(head) && taken <= message.size()) {
@@ -574,7 +576,7 @@ void ForwardingPlane::SendFromAgent(const PortView &view, std::span<const uint8_
     const std::span<const uint8_t> frame = message.subspan(sizeof(head), taken - sizeof(head));
     Outgoing out(frame);
     if (Egress(view, head.egrIfindex, view.Find(head.egrIfindex), out)) {
-        subscribers_->Sent(head.egrIfindex, frame);
+        subscribers_->Sent(head.egrIfindex, frame, now);
     }
 }
 
@@ -590,6 +592,7 @@ void ForwardingPlane::TransmitLoop()
     const auto cap = static_cast<uint32_t>(buf.size());
     TransmitBatch batch;
     uint32_t batched = 0;
+    uint64_t now = 0;
     bool flowing = false;
     while (!stop_.load()) {
         uint32_t len = 0;
@@ -606,9 +609,12 @@ void ForwardingPlane::TransmitLoop()
             }
         }
         flowing = true;
+        if (batched == 0 && subscribers_->Enabled()) {
+            now = CoarseMonotonicNs();   // once a batch: frames of a batch go out within microseconds
+        }
         {
             const FrameScope scope(*this);
-            SendFromAgent(scope.View(), buf, len);
+            SendFromAgent(scope.View(), buf, len, now);
         }
         if (++batched == kTransmitBatch) {
             batch.Flush();

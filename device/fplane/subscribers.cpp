@@ -406,7 +406,7 @@ SubscriberTable::SubscriberTable(const platform::SubscriberTableSettings &settin
 
 SubscriberTable::~SubscriberTable() = default;
 
-SubscriberTable::Shard &SubscriberTable::ShardOf(uint64_t hash) const
+inline SubscriberTable::Shard &SubscriberTable::ShardOf(uint64_t hash) const
 {
     return shards_[hash & (shardCount_ - 1)];
 }
@@ -416,11 +416,9 @@ void SubscriberTable::Punted(uint32_t ifIndex, std::span<const uint8_t> frame, u
     Seen(Way::Punted, ifIndex, frame, monoNs / kNsPerSecond);
 }
 
-void SubscriberTable::Sent(uint32_t ifIndex, std::span<const uint8_t> frame)
+void SubscriberTable::Sent(uint32_t ifIndex, std::span<const uint8_t> frame, uint64_t monoNs)
 {
-    if (Enabled()) {
-        Seen(Way::Sent, ifIndex, frame, MonoSeconds());
-    }
+    Seen(Way::Sent, ifIndex, frame, monoNs / kNsPerSecond);
 }
 
 void SubscriberTable::Seen(Way way, uint32_t ifIndex, std::span<const uint8_t> frame, uint64_t nowMono)

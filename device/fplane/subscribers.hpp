@@ -18,8 +18,14 @@
 // receiving threads meet only when their clients share a shard; order,
 // eviction and ageing are per shard (a shard keeps capacity / shards
 // entries), which with keys spread evenly is within a few entries of one
-// table-wide order. Every operation costs O(1) besides reading the tags of
-// the frame.
+// table-wide order. A frame that would change nothing of its entry but its
+// place in the order (a repeat within the same second) is seen without the
+// lock, through a hint of the entry's facts per key. The order stays sorted
+// by the second of each entry's last frame (the first frame of a second
+// takes the lock); within a second a repeat moves its entry to the end only
+// once it has fallen into the older half of its shard's order. The last-seen
+// time is kept to the second. Every operation costs O(1) besides
+// reading the tags of the frame.
 #pragma once
 
 #include <time.h>
@@ -60,8 +66,8 @@ public:
     // outer tag) that entered port ifIndex, on its way to the agent, at
     // monoNs of CoarseMonotonicNs (the clock the punt policers read too).
     void Punted(uint32_t ifIndex, std::span<const uint8_t> frame, uint64_t monoNs);
-    // A discovery frame the agent sent out of port ifIndex.
-    void Sent(uint32_t ifIndex, std::span<const uint8_t> frame);
+    // A discovery frame the agent sent out of port ifIndex, at monoNs.
+    void Sent(uint32_t ifIndex, std::span<const uint8_t> frame, uint64_t monoNs);
 
     // Every entry not aged out, by port, VLANs and MAC.
     std::vector<Subscriber> Entries() const;

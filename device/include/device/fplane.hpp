@@ -253,7 +253,7 @@ private:
     void Switch(const PortView &view, const Ingress &in, std::optional<uint32_t> learnt);
     bool Admit(const PortEntry &port, uint64_t now);
     bool Egress(const PortView &view, uint32_t ifIndex, const PortEntry *entry, Outgoing &out);
-    void SendFromAgent(const PortView &view, std::span<const uint8_t> message, size_t taken);
+    void SendFromAgent(const PortView &view, std::span<const uint8_t> message, size_t taken, uint64_t now);
     void TransmitLoop();
 
     // The current view, rebuilt when it is older than generation. Takes viewMu_.
