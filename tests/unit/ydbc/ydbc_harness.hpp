@@ -9,6 +9,8 @@
 #include <device/yangdb.hpp>
 #include <ydbc.h>
 
+#include "pplus_test.hpp"
+
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -50,17 +52,7 @@ inline std::string PlusXml(const std::string &body)
     return "<pppoe-plus xmlns=\"" + kNs + "\">" + body + "</pppoe-plus>";
 }
 
-inline bool WaitFor(const std::function<bool()> &done, std::chrono::milliseconds limit = std::chrono::seconds(5))
-{
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
+using pplus_test::WaitFor;
 
 struct Delivery {
     uint32_t op = 0;
@@ -97,33 +89,17 @@ public:
         fd_ = ydbc_connect(client_, url_.c_str());
         return fd_ >= 0;
     }
-    uint32_t SubscribeConfig(const std::string &path, uint32_t priority = YDBC_PRIORITY_DEFAULT,
-                             uint32_t events = YDBC_EV_DEFAULT)
+    uint32_t SubscribeConfig(const std::string &path, uint32_t priority = YDBC_PRIORITY_DEFAULT)
     {
         ydbc_subscription row{};
         row.path = path.c_str();
         row.kind = YDBC_SUB_CONFIG;
-        row.u.config.priority = priority;
-        row.u.config.events = events;
+        row.u.config = {priority, YDBC_EV_DEFAULT};
         row.configCallback = reinterpret_cast<void *>(&OnChange);
         return ydbc_subscribe(client_, &row);
     }
-    uint32_t SubscribeGet(const std::string &path)
-    {
-        ydbc_subscription row{};
-        row.path = path.c_str();
-        row.kind = YDBC_SUB_GET;
-        row.u.callback = reinterpret_cast<void *>(&OnGet);
-        return ydbc_subscribe(client_, &row);
-    }
-    uint32_t SubscribeRpc(const std::string &path)
-    {
-        ydbc_subscription row{};
-        row.path = path.c_str();
-        row.kind = YDBC_SUB_RPC;
-        row.u.callback = reinterpret_cast<void *>(&OnRpc);
-        return ydbc_subscribe(client_, &row);
-    }
+    uint32_t SubscribeGet(const std::string &path) { return Subscribe(path, YDBC_SUB_GET, reinterpret_cast<void *>(&OnGet)); }
+    uint32_t SubscribeRpc(const std::string &path) { return Subscribe(path, YDBC_SUB_RPC, reinterpret_cast<void *>(&OnRpc)); }
     uint32_t Activate()
     {
         return ydbc_activate(client_, 1, &OnRecoverEnd, this);
@@ -195,6 +171,15 @@ public:
 
 private:
     static constexpr uint32_t kWholeTree = 0xFFFFFFFFU;
+
+    uint32_t Subscribe(const std::string &path, uint32_t kind, void *callback)
+    {
+        ydbc_subscription row{};
+        row.path = path.c_str();
+        row.kind = kind;
+        row.u.callback = callback;
+        return ydbc_subscribe(client_, &row);
+    }
 
     static std::string Pull(void *ctx, uint32_t old, const char *path, uint32_t depth = kWholeTree)
     {

@@ -7,7 +7,6 @@
 #include <platform/ydbc_wire.hpp>
 
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -613,21 +612,6 @@ TEST_F(DatastoreTest, AClientThatReadsNoAnswersStopsBeingReadThenIsDroppedWhileO
     EXPECT_TRUE(n == 0 || errno == ECONNRESET);  // the end of the stream, after what was queued for it
     close(hog);
     EXPECT_TRUE(admin_->Export().ok);
-}
-
-TEST_F(DatastoreTest, SocketStoreAndItsFolderAreTheOwnersWhateverTheUmask)
-{
-    const mode_t old = umask(0);
-    StartServer();
-    umask(old);
-    ASSERT_TRUE(admin_->Edit(PlusXml("<vendor-id><vendor-id>7</vendor-id></vendor-id>"), EditMode::kMerge).ok);
-    const auto mode = [](const std::string &path) {
-        struct stat st = {};
-        return stat(path.c_str(), &st) == 0 ? st.st_mode & 0777 : 01000U;
-    };
-    EXPECT_EQ(mode(options_.socketPath), 0660U);
-    EXPECT_EQ(mode(options_.storePath), 0600U);
-    EXPECT_EQ(mode(std::filesystem::path(options_.storePath).parent_path()), 0700U);
 }
 
 TEST(XPathGuard, TheModOperatorIsRefusedWhereverItStandsAndNamesOrLiteralsAreNot)
