@@ -20,7 +20,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -129,7 +128,6 @@ public:
     std::vector<std::string> rpcInputs;
     std::vector<uint32_t> recoverResults;
     size_t changesAtRecoverEnd = 0;
-    std::map<std::string, uint32_t> refuse;  // instance path -> result
     std::string pullBelow;
     uint32_t pullDepth = kWholeTree;
     uint32_t delayMs = 0;  // how long a configuration callback takes
@@ -207,8 +205,7 @@ private:
                    below.empty() && depth == kWholeTree ? "" : Pull(ctx, 0, (path + below).c_str(), depth)};
         std::lock_guard<std::mutex> lock(current->mu);
         current->changes.push_back(d);
-        auto it = current->refuse.find(path);
-        return it != current->refuse.end() ? it->second : 0;
+        return 0;
     }
     static uint32_t OnGet(void *, const char *path, uint32_t, ydbc_bytes **out)
     {
