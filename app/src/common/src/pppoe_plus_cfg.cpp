@@ -132,7 +132,7 @@ uint32_t GetPortLocked(uint32_t ifIndex, PortCB **out)
     }
     auto *cb = static_cast<PortCB *>(PPPOE_PLUS_MemAlloc(sizeof(PortCB)));
     if (cb == nullptr) {
-        ZAVK_Assert(kCfgFile, 148);
+        ZAVK_Assert(kCfgFile, __LINE__);
         return 1;
     }
     std::memset(static_cast<void *>(cb), 0, sizeof(*cb));
@@ -435,7 +435,7 @@ uint32_t PPPOE_PLUS_SetPortPolicy(uint32_t ifIndex, uint8_t policy, uint8_t enab
 {
     PortCB *cb = nullptr;
     if (PPPOE_PLUS_GetPortCBByIndex(ifIndex, &cb) != 0) {
-        ZAVK_Assert(kCfgFile, 290);
+        ZAVK_Assert(kCfgFile, __LINE__);
         return 1;
     }
     cb->infoPolicy = enable != 0 ? policy : static_cast<uint8_t>(PPPOE_PLUS_POLICY_UNSET);
@@ -462,7 +462,7 @@ uint32_t PPPOE_PLUS_SetPortFormat(const InfoFormatNode *cfg, uint32_t ifIndex, u
     PppoePlusCfgWriteGuard guard(PppoePlusCfgLock());
     PortCB *cb = nullptr;
     if (GetPortLocked(ifIndex, &cb) != 0) {
-        ZAVK_Assert(kCfgFile, 330);
+        ZAVK_Assert(kCfgFile, __LINE__);
         return 1;
     }
     InfoFormatNode *node = FindFormatLocked(cb, cfg);

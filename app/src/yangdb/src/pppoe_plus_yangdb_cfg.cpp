@@ -25,6 +25,7 @@
 namespace {
 
 constexpr const char *kYangDbCfgFile = "app/src/yangdb/src/pppoe_plus_yangdb_cfg";
+constexpr uint32_t kLinePolicyAlloc = 287;  // fixed assert line: no work record for a port policy
 constexpr uint32_t kDiag = PPPOE_PLUS_LOG_ID_DIAGDEBUG;
 
 using LeafBuf = std::array<char, PPPOE_PLUS_YANG_LEAF_LEN>;
@@ -317,7 +318,7 @@ uint32_t PPPOE_PLUS_PolicyIf(void *ctx, uint32_t opType, uint32_t reserved1, uin
     (void)reserved2;
     auto *input = static_cast<PppoePlusIfPolicyInput *>(PPPOE_PLUS_MemAlloc(sizeof(PppoePlusIfPolicyInput)));
     if (input == nullptr) {
-        ZAVK_Assert(kYangDbCfgFile, 287);
+        ZAVK_Assert(kYangDbCfgFile, kLinePolicyAlloc);
         return 1;
     }
     (void)memset_s(input, sizeof(*input), 0, sizeof(*input));
