@@ -62,12 +62,6 @@ private:
     std::atomic<bool> locked_{false};
 };
 
-// True when this call of op must fail; *code is then the injected code.
-inline bool Injected(const char *op, uint32_t *code)
-{
-    return PLAT_FailCheck(op, code) != 0;
-}
-
 // ms scaled milliseconds in real microseconds.
 uint64_t ScaledMicros(uint64_t ms);
 

@@ -27,6 +27,7 @@
 #include "core/internal.hpp"
 #include "db.h"
 #include "db/db_object.hpp"
+#include "platform/fail_point.hpp"
 #include "platform/world.hpp"
 
 namespace {
@@ -121,9 +122,8 @@ struct Table {
     // asked: the table the caller names, for the calls that take one.
     static uint32_t Create(const char *op, DB_OBJ_S **obj, uint32_t asked = Id)
     {
-        uint32_t code = 0;
-        if (platform::internal::Injected(op, &code)) {
-            return code;
+        if (const auto failed = platform::FailPoint(op)) {
+            return *failed;
         }
         if (obj == nullptr) {
             return DB_ERR_PARAM;
@@ -153,9 +153,8 @@ struct Table {
 
     static uint32_t Release(const char *op, DB_OBJ_S *obj)
     {
-        uint32_t code = 0;
-        if (platform::internal::Injected(op, &code)) {
-            return code;
+        if (const auto failed = platform::FailPoint(op)) {
+            return *failed;
         }
         std::unique_ptr<DB_OBJ> owned;
         std::vector<std::unique_ptr<DB_OBJ>> children;
@@ -191,9 +190,8 @@ struct Table {
     template <typename As, typename Use>
     static uint32_t WithObject(const char *op, DB_OBJ *obj, bool outMissing, Use use)
     {
-        uint32_t code = 0;
-        if (platform::internal::Injected(op, &code)) {
-            return code;
+        if (const auto failed = platform::FailPoint(op)) {
+            return *failed;
         }
         if (outMissing) {
             return DB_ERR_PARAM;
@@ -308,9 +306,8 @@ uint32_t CreateSubObject(uint32_t code, DB_OBJ_S **obj, uint32_t table)
 template <typename Use>
 uint32_t WithSubDescription(const char *op, DB_OBJ *obj, Use use)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected(op, &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(op)) {
+        return *failed;
     }
     Db &db = TheDb();
     std::lock_guard lock(db.mu);
@@ -393,9 +390,8 @@ uint32_t db_create_frm_inst_obj(uint32_t table, uint32_t flags, DB_OBJ_S **obj)
 uint32_t db_reset_frm_inst_object(DB_OBJ_S *obj, uint32_t mode)
 {
     (void)mode;
-    uint32_t code = 0;
-    if (platform::internal::Injected("db_reset_frm_inst_object", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     Db &db = TheDb();
     std::lock_guard lock(db.mu);
@@ -481,9 +477,8 @@ uint32_t db_get_if_on_board(DB_OBJ_S *obj, uint32_t *onBoard)
 
 uint32_t db_create_child_node(DB_OBJ_S *obj, const char *node, DB_OBJ_S **child)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("db_create_child_node", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (node == nullptr || child == nullptr) {
         return DB_ERR_PARAM;
@@ -694,9 +689,8 @@ uint32_t db_get_sys_info_sys_name(DB_OBJ_S *obj, char *name, uint32_t size, uint
 
 uint32_t db_get_table_record_count(DB_OBJ_S *obj, uint32_t *count)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("db_get_table_record_count", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (count == nullptr) {
         return DB_ERR_PARAM;
@@ -714,9 +708,8 @@ uint32_t db_create_root_iter(DB_OBJ_S *obj, uint32_t keyMask, uint32_t filter, D
 {
     (void)keyMask;
     (void)filter;
-    uint32_t code = 0;
-    if (platform::internal::Injected("db_create_root_iter", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (iter == nullptr) {
         return DB_ERR_PARAM;
@@ -735,9 +728,8 @@ uint32_t db_create_root_iter(DB_OBJ_S *obj, uint32_t keyMask, uint32_t filter, D
 
 uint32_t db_root_iterator_next(DB_ITER_S *iter)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("db_root_iterator_next", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     Db &db = TheDb();
     std::lock_guard lock(db.mu);

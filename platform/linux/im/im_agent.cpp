@@ -20,6 +20,7 @@
 #include "core/internal.hpp"
 #include "im_agent.h"
 #include "platform/control.h"
+#include "platform/fail_point.hpp"
 
 namespace platform::im {
 
@@ -118,8 +119,7 @@ extern "C" {
 
 IM_AGENT_HANDLE_S *IM_Agent_GetHandle(const char *module, const IM_AGENT_LOG_ID_S *ids, uint32_t count)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("IM_Agent_GetHandle", &code)) {
+    if (platform::FailPoint(__func__)) {
         return nullptr;
     }
     if (module == nullptr || module[0] == '\0' || (ids == nullptr && count != 0)) {
@@ -154,8 +154,7 @@ IM_AGENT_HANDLE_S *IM_Agent_GetHandle(const char *module, const IM_AGENT_LOG_ID_
 
 IM_AGENT_OBJ_S *IM_Agent_ObjCreate(IM_AGENT_HANDLE_S *handle, uint32_t logId)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("IM_Agent_ObjCreate", &code)) {
+    if (platform::FailPoint(__func__)) {
         return nullptr;
     }
     Agent &agent = TheAgent();
@@ -183,9 +182,8 @@ IM_AGENT_OBJ_S *IM_Agent_ObjCreate(IM_AGENT_HANDLE_S *handle, uint32_t logId)
 
 uint32_t IM_Agent_AddPara(IM_AGENT_OBJ_S *obj, uint32_t type, uint32_t size, const void *value)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("IM_Agent_AddPara", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (value == nullptr) {
         return kImErr;
@@ -223,9 +221,8 @@ uint32_t IM_Agent_AddPara(IM_AGENT_OBJ_S *obj, uint32_t type, uint32_t size, con
 
 uint32_t IM_Agent_Send(IM_AGENT_OBJ_S *obj)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("IM_Agent_Send", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     thread_local std::string line;
     {
@@ -242,9 +239,8 @@ uint32_t IM_Agent_Send(IM_AGENT_OBJ_S *obj)
 
 uint32_t IM_Agent_ObjFree(IM_AGENT_OBJ_S *obj)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("IM_Agent_ObjFree", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     Agent &agent = TheAgent();
     std::lock_guard lock(agent.mu);
@@ -260,9 +256,8 @@ uint32_t IM_Agent_ObjFree(IM_AGENT_OBJ_S *obj)
 uint32_t IM_Agent_Debug(IM_AGENT_HANDLE_S *handle, uint32_t debugId, const char *module, const char *fmt, ...)
 {
     (void)module;
-    uint32_t code = 0;
-    if (platform::internal::Injected("IM_Agent_Debug", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (fmt == nullptr) {
         return kImErr;
