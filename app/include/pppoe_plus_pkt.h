@@ -5,6 +5,7 @@
 #ifndef PPPOE_PLUS_PKT_H
 #define PPPOE_PLUS_PKT_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include "pppoe_plus_types.h"
@@ -18,10 +19,34 @@
 #define PPPOE_PLUS_CODE_PADT 0xA7U
 #define PPPOE_PLUS_VER_TYPE 0x11U
 
-/* PPPoE tags. */
+/* Ethernet framing: destination and source MAC, then the EtherType, the
+ * first VLAN tag's TPID or an 802.3 length. A VLAN tag is a TPID and, at
+ * PPPOE_PLUS_VLAN_TCI_OFF within the tag, a TCI whose low 12 bits are the
+ * VLAN id. An 802.3 frame carries LLC (DSAP, SSAP, control) and SNAP (OUI,
+ * type) behind its length. */
+#define PPPOE_PLUS_ETH_TYPE_OFF 12U
+#define PPPOE_PLUS_ETH_HEAD_LEN 14U
+#define PPPOE_PLUS_VLAN_TAG_LEN 4U
+#define PPPOE_PLUS_VLAN_TCI_OFF 2U
+#define PPPOE_PLUS_LLC_DSAP_OFF 14U
+#define PPPOE_PLUS_LLC_SSAP_OFF 15U
+#define PPPOE_PLUS_SNAP_OUI_OFF 17U
+#define PPPOE_PLUS_SNAP_OUI_LEN 3U
+#define PPPOE_PLUS_SNAP_ETH_HEAD_LEN 22U
+
+/* PPPoE tags: type, length, value; the length counts the value only. */
 #define PPPOE_PLUS_TAG_END_OF_LIST 0x0000U
 #define PPPOE_PLUS_TAG_VENDOR_SPEC 0x0105U
+#define PPPOE_PLUS_TAG_LEN_OFF 2U
 #define PPPOE_PLUS_TAG_HEAD_LEN 4U
+/* The Vendor-Specific tag: its head, then the enterprise number (at
+ * PPPOE_PLUS_VENDOR_ID_OFF from the tag's start; head and number make
+ * PPPOE_PLUS_VENDOR_SPEC_HEAD_LEN bytes), then sub-options of type, length
+ * and value. */
+#define PPPOE_PLUS_VENDOR_ID_OFF 4U
+#define PPPOE_PLUS_VENDOR_ID_LEN 4U
+#define PPPOE_PLUS_VENDOR_SPEC_HEAD_LEN 8U
+#define PPPOE_PLUS_SUBOPT_HEAD_LEN 2U
 #define PPPOE_PLUS_VENDOR_SPEC_MAX 522U     /* whole own tag, head included */
 #define PPPOE_PLUS_SUBOPT_BUF_LEN 259U      /* one built sub-option: type, length, value */
 #define PPPOE_PLUS_VENDOR_SPEC_BUF_LEN 576U
@@ -31,6 +56,7 @@
 #define PPPOE_PLUS_MSG_LEN_MIN 27U          /* DpxPktHead included */
 #define PPPOE_PLUS_MSG_LEN_MAX 2000U
 #define PPPOE_PLUS_PPPOE_HDR_LEN 6U
+#define PPPOE_PLUS_PPPOE_LENGTH_OFF 4U      /* the header's length field */
 #define PPPOE_PLUS_FRAME_LEN_LIMIT 1500U    /* a tagged frame must stay below this */
 #define PPPOE_PLUS_SEND_MSG_TYPE 133U
 #define PPPOE_PLUS_MAX_TRUST_PORTS 8U
@@ -55,6 +81,7 @@ typedef struct PppoeDiscHdr {
 
 #ifdef __cplusplus
 static_assert(sizeof(PppoeDiscHdr) == 6, "the PPPoE discovery header is 6 bytes");
+static_assert(offsetof(PppoeDiscHdr, length) == PPPOE_PLUS_PPPOE_LENGTH_OFF, "the length field's offset");
 extern "C" {
 #endif
 
