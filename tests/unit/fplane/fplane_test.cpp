@@ -61,8 +61,11 @@ Bytes Plain(const pplus_test::Mac &dst, const pplus_test::Mac &src, int vlan = -
 std::vector<uint16_t> Vlans(const Bytes &frame)
 {
     std::vector<uint16_t> v;
-    for (size_t off = 12; off + 4 <= frame.size() && pplus_test::GetU16(frame, off) == 0x8100; off += 4) {
-        v.push_back(pplus_test::GetU16(frame, off + 2));
+    namespace wire = pplus_test::wire;
+    for (size_t off = wire::kEthTypeOff;
+         off + wire::kVlanTagLen <= frame.size() && pplus_test::GetU16(frame, off) == 0x8100;
+         off += wire::kVlanTagLen) {
+        v.push_back(pplus_test::GetU16(frame, off + wire::kVlanTciOff));
     }
     return v;
 }
