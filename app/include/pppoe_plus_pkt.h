@@ -61,10 +61,11 @@
 #define PPPOE_PLUS_SEND_MSG_TYPE 133U
 #define PPPOE_PLUS_MAX_TRUST_PORTS 8U
 
-/* Counter kinds. */
+/* Counter kinds (see PppoePlusCounterIndex below). */
 #define PPPOE_PLUS_STAT_RECV 0U
 #define PPPOE_PLUS_STAT_SEND 1U
 #define PPPOE_PLUS_STAT_DISCARD 2U
+#define PPPOE_PLUS_STAT_KINDS 3U
 
 /* Sub-option types. */
 #define PPPOE_PLUS_SUBOPT_CID 1U
@@ -125,6 +126,43 @@ void PPPOE_PLUS_PktStatistic(uint32_t kind, const PppoeDiscHdr *hdr, uint32_t if
 uint32_t PPPOE_PLUS_GetPktStatisticNum(const PortCB *portCb, uint8_t code, uint32_t kind);
 
 #ifdef __cplusplus
+}
+
+/* The per-port counters, written once: a port control block's stats hold,
+ * for each discovery code in the order of this table, its receive, send
+ * and discard counts. The statistics query reports the receive and send
+ * counts under the leaves named here, and the discards of all codes summed. */
+struct PppoePlusCounterGroup {
+    uint8_t code;
+    const char *receiveLeaf;
+    const char *sendLeaf;
+};
+inline constexpr PppoePlusCounterGroup g_pppoePlusCounterGroups[] = {
+    {PPPOE_PLUS_CODE_PADI, "padi-receive-packets", "padi-send-packets"},
+    {PPPOE_PLUS_CODE_PADO, "pado-receive-packets", "pado-send-packets"},
+    {PPPOE_PLUS_CODE_PADR, "padr-receive-packets", "padr-send-packets"},
+    {PPPOE_PLUS_CODE_PADS, "pads-receive-packets", "pads-send-packets"},
+    {PPPOE_PLUS_CODE_PADT, "padt-receive-packets", "padt-send-packets"},
+};
+inline constexpr uint32_t kPppoePlusCounterCount =
+    static_cast<uint32_t>(sizeof(g_pppoePlusCounterGroups) / sizeof(g_pppoePlusCounterGroups[0])) *
+    PPPOE_PLUS_STAT_KINDS;
+
+/* The index in a control block's stats of the counter of kind for code; -1
+ * for a code that is not counted or an unknown kind. */
+constexpr int32_t PppoePlusCounterIndex(uint32_t code, uint32_t kind)
+{
+    if (kind >= PPPOE_PLUS_STAT_KINDS) {
+        return -1;
+    }
+    uint32_t first = 0;
+    for (const PppoePlusCounterGroup &group : g_pppoePlusCounterGroups) {
+        if (group.code == code) {
+            return static_cast<int32_t>(first + kind);
+        }
+        first += PPPOE_PLUS_STAT_KINDS;
+    }
+    return -1;
 }
 #endif
 #endif

@@ -37,7 +37,6 @@ constexpr uint32_t kInnerTciOff = kInnerTpidOff + PPPOE_PLUS_VLAN_TCI_OFF;
 // (the tag head and the enterprise number alone).
 constexpr uint32_t kVendorSpecValueMin = PPPOE_PLUS_VENDOR_SPEC_HEAD_LEN;
 
-constexpr uint32_t kCounterKinds = 3;
 constexpr uint32_t kInvalidChannel = FPC_INVALID_ID;
 constexpr uint32_t kUnsetChannel = 0xFFFFFFFEU;
 
@@ -107,20 +106,6 @@ uint32_t WalkTags(const uint8_t *tags, uint32_t len, Visit visit)
         off += PPPOE_PLUS_TAG_HEAD_LEN + tagLen;
     }
     return off;
-}
-
-// Counter group of a discovery code: PADI, PADO, PADR, PADS, PADT; -1 for
-// any other code.
-int32_t CodeGroup(uint32_t code)
-{
-    switch (code) {
-        case PPPOE_PLUS_CODE_PADI: return 0;
-        case PPPOE_PLUS_CODE_PADO: return 1;
-        case PPPOE_PLUS_CODE_PADR: return 2;
-        case PPPOE_PLUS_CODE_PADS: return 3;
-        case PPPOE_PLUS_CODE_PADT: return 4;
-        default: return -1;
-    }
 }
 
 bool IsVlanTpid(uint16_t tpid)
@@ -853,30 +838,32 @@ uint32_t PPPOE_PLUS_SendPktToIf(FpcMbuf *mbuf, const PppoeDiscHdr *hdr, const Dp
 // ---------------------------------------------------------------------------
 // Counters: per port, five code groups of receive, send, discard.
 
+static_assert(kPppoePlusCounterCount == PPPOE_PLUS_PORT_COUNTERS, "the counter table fills a port's counters");
+
 void PPPOE_PLUS_PktStatistic(uint32_t kind, const PppoeDiscHdr *hdr, uint32_t ifIndex)
 {
     if (hdr == nullptr) {
         ZAVK_Assert(kPktFile, __LINE__);
         return;
     }
-    const int32_t group = CodeGroup(hdr->code);
-    if (group < 0 || kind >= kCounterKinds) {
+    const int32_t index = PppoePlusCounterIndex(hdr->code, kind);
+    if (index < 0) {
         return;
     }
     PortCB *portCb = PPPOE_PLUS_FindPortCBByindex(ifIndex);
     if (portCb == nullptr) {
         return;
     }
-    portCb->stats[static_cast<uint32_t>(group) * kCounterKinds + kind].fetch_add(1, std::memory_order_relaxed);
+    portCb->stats[index].fetch_add(1, std::memory_order_relaxed);
 }
 
 uint32_t PPPOE_PLUS_GetPktStatisticNum(const PortCB *portCb, uint8_t code, uint32_t kind)
 {
-    const int32_t group = CodeGroup(code);
-    if (portCb == nullptr || group < 0 || kind >= kCounterKinds) {
+    const int32_t index = PppoePlusCounterIndex(code, kind);
+    if (portCb == nullptr || index < 0) {
         return 0;
     }
-    return portCb->stats[static_cast<uint32_t>(group) * kCounterKinds + kind].load(std::memory_order_relaxed);
+    return portCb->stats[index].load(std::memory_order_relaxed);
 }
 
 }  // extern "C"
