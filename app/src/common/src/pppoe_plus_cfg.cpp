@@ -57,7 +57,7 @@ void DllRemove(PppoePlusDllHead *head, PppoePlusDllNode *node)
 }
 
 // Visits the members of a list in order until visit returns true; returns
-// that member or null.
+// that member or null. The caller holds the lock, either way.
 template <typename T, typename Visit>
 T *DllFind(const PppoePlusDllHead *head, Visit visit)
 {
@@ -88,6 +88,7 @@ PppoePlusDllHead *ListFor(PortCB *cb, const InfoFormatNode *key)
     return key->ceVlanId != 0 ? &cb->ceVlanFormatList : &cb->noVlanFormatList;
 }
 
+// Caller holds the lock, either way.
 InfoFormatNode *FindFormatLocked(PortCB *cb, const InfoFormatNode *key)
 {
     InfoFormatNode *node = DllFind<InfoFormatNode>(ListFor(cb, key), [key](const InfoFormatNode *n) {
@@ -103,6 +104,7 @@ InfoFormatNode *FindFormatLocked(PortCB *cb, const InfoFormatNode *key)
     return node;
 }
 
+// Caller holds the lock exclusively.
 uint32_t InsertFormatLocked(PortCB *cb, const InfoFormatNode *cfg)
 {
     auto *node = static_cast<InfoFormatNode *>(PPPOE_PLUS_MemAlloc(sizeof(InfoFormatNode)));
@@ -259,6 +261,12 @@ std::shared_mutex &PppoePlusCfgLock()
 {
     static std::shared_mutex lock;
     return lock;
+}
+
+PortCB *PppoePlusWalkPorts(bool (*visit)(PortCB *cb, void *ctx), void *ctx)
+{
+    PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
+    return DllFind<PortCB>(&g_pppoePlusGlobalInfo.portList, [visit, ctx](PortCB *cb) { return visit(cb, ctx); });
 }
 
 extern "C" {

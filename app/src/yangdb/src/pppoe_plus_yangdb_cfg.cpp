@@ -173,18 +173,13 @@ struct PortStats {
 std::vector<PortStats> SnapshotPorts()
 {
     std::vector<PortStats> ports;
-    const PppoePlusDllHead list = PPPOE_PLUS_GetGlobalPortList();
-    // Held while walking: the packet task may append a block meanwhile.
-    PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
-    const PppoePlusDllNode *node = list.count != 0 ? list.first : nullptr;
-    for (uint32_t i = 0; i < list.count && node != nullptr; i++, node = node->next) {
-        const auto *cb = reinterpret_cast<const PortCB *>(node);
-        PortStats row{cb->ifIndex, cb->trust.load(std::memory_order_relaxed), {}};
+    PppoePlusForEachPort([&ports](const PortCB &cb) {
+        PortStats row{cb.ifIndex, cb.trust.load(std::memory_order_relaxed), {}};
         for (size_t c = 0; c < row.counters.size(); c++) {
-            row.counters[c] = cb->stats[c].load(std::memory_order_relaxed);
+            row.counters[c] = cb.stats[c].load(std::memory_order_relaxed);
         }
         ports.push_back(row);
-    }
+    });
     return ports;
 }
 
@@ -882,16 +877,11 @@ uint32_t PPPOE_PLUS_Debugging(void *ctx, ydbc_bytes *input, uint32_t reserved, y
 
 void PPPOE_PLUS_ResetStatisticsProc(void)
 {
-    const PppoePlusDllHead list = PPPOE_PLUS_GetGlobalPortList();
-    // Held while walking: the packet task may append a block meanwhile.
-    PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
-    PppoePlusDllNode *node = list.count != 0 ? list.first : nullptr;
-    for (uint32_t i = 0; i < list.count && node != nullptr; i++, node = node->next) {
-        auto *portCb = reinterpret_cast<PortCB *>(node);
-        for (auto &counter : portCb->stats) {
+    PppoePlusForEachPort([](PortCB &cb) {
+        for (auto &counter : cb.stats) {
             counter.store(0, std::memory_order_relaxed);
         }
-    }
+    });
 }
 
 uint32_t PPPOE_PLUS_ResetStatistics(void *ctx, ydbc_bytes *input, uint32_t reserved, ydbc_bytes **out)
