@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "device/fwm.hpp"
+#include "platform/world.hpp"
 #include "wick.h"
 
 namespace host {
@@ -30,12 +31,12 @@ bool SplitBinding(const std::string &binding, const char *option, uint32_t *ifIn
         return false;
     }
     const std::string port = binding.substr(0, eq);
-    const auto resolved = device::fplane::ResolvePort(port);
+    const auto resolved = platform::world::IfResolve(port);
     if (!resolved) {
         *error = std::string(option) + " " + binding + ": unknown port " + port;
         return false;
     }
-    *ifIndex = *resolved;
+    *ifIndex = resolved->ifIndex;
     *path = binding.substr(eq + 1);
     return true;
 }

@@ -12,6 +12,7 @@
 // handed, under the same lock and so in order, to the change listener of the
 // database's subscription side.
 #include <algorithm>
+#include <charconv>
 #include <mutex>
 
 #include "core/internal.hpp"
@@ -268,6 +269,25 @@ std::optional<IfRecord> IfFind(uint32_t ifIndex)
         return std::nullopt;
     }
     return *it;
+}
+
+std::optional<IfRecord> IfResolve(std::string_view nameOrIndex)
+{
+    World &w = TheWorld();
+    std::lock_guard lock(w.mu);
+    for (const IfRecord &r : w.ifs) {
+        if (r.name == nameOrIndex) {
+            return r;
+        }
+    }
+    uint32_t ifIndex = 0;
+    const char *end = nameOrIndex.data() + nameOrIndex.size();
+    const auto [ptr, ec] = std::from_chars(nameOrIndex.data(), end, ifIndex);
+    if (ec != std::errc() || ptr != end) {
+        return std::nullopt;  // no decimal number, or one beyond 32 bits
+    }
+    const auto it = FindIf(w, ifIndex);
+    return it == w.ifs.end() ? std::nullopt : std::optional<IfRecord>(*it);
 }
 
 bool IfSetOnBoard(uint32_t ifIndex, bool onBoard)
