@@ -15,8 +15,8 @@
 #include <thread>
 
 #include "core/internal.hpp"
-#include "platform/control.h"
 #include "plat_safe.h"
+#include "platform/control.h"
 #include "platform/fail_point.hpp"
 
 namespace {
