@@ -3,7 +3,7 @@
 # through sudo). Packages already present are left alone. tshark decodes the
 # captures the interop tests and the quick start write; bsdextrautils gives
 # the quick start its column(1); libyang checks the YANG model and yanglint
-# (libyang-tools) lints it.
+# (libyang-tools) lints it; clang-format and clang-tidy hold the style.
 set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config g++ clang-14 libclang-rt-14-dev
@@ -11,6 +11,7 @@ packages=(
   libsafec-dev libyaml-cpp-dev libcli11-dev libpcap-dev libxml2-dev
   libyang2-dev libyang-tools
   tshark bsdextrautils
+  clang-format-14 clang-tidy-14
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -1,10 +1,33 @@
 #!/usr/bin/env bash
-# Install what is missing, build, and run every test suite under the default
-# and the AddressSanitizer/UBSan presets (add "tsan" as an argument to run
-# the ThreadSanitizer preset too).
+# Install what is missing, check the formatting of what this branch
+# changed, build, and run every test suite under the default and the
+# AddressSanitizer/UBSan presets (add "tsan" as an argument to run the
+# ThreadSanitizer preset too).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
+
+# Lines changed since the branch left main (FORMAT_BASE), and lines not yet
+# committed, must be laid out as .clang-format says; the rest of the tree is
+# left as it is.
+check_format() {
+  local target=${FORMAT_BASE:-main} base out
+  if ! base=$(git merge-base HEAD "${target}" 2>/dev/null); then
+    echo "== format: no git history or no ${target} to compare with; not checked"
+    return 0
+  fi
+  out=$(git clang-format-14 --diff "${base}")
+  case "${out}" in
+    "" | "no modified files to format" | "clang-format did not modify any files")
+      echo "== format: the lines changed since ${target} follow .clang-format" ;;
+    *)
+      echo "${out}"
+      echo "== format: the lines above differ from .clang-format; git clang-format-14 ${base} formats them"
+      return 1 ;;
+  esac
+}
+check_format
+
 presets=(default asan "$@")
 for preset in "${presets[@]}"; do
   echo "== preset ${preset}"
