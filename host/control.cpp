@@ -30,6 +30,7 @@
 #include "control.hpp"
 #include "device/fwm.hpp"
 #include "device/ha.hpp"
+#include "platform/control.h"
 #include "platform/world.hpp"
 
 namespace host {
@@ -214,6 +215,29 @@ std::string HaShow(const ControlHooks &agent)
     return Ok(out.str());
 }
 
+// "fail OP [SKIP TIMES CODE]" arms the platform's failure injection in the
+// running switch (default: the next call fails once with code 1); "fail
+// clear" disarms everything.
+std::string FailCommand(const std::vector<std::string> &w)
+{
+    if (w.size() == 2 && w[1] == "clear") {
+        PLAT_FailClearAll();
+        return Ok("failure injection cleared");
+    }
+    if (w.size() != 2 && w.size() != 5) {
+        return Error("usage: fail OP [SKIP TIMES CODE] | fail clear");
+    }
+    const auto skip = w.size() == 5 ? Number(w[2]) : std::optional<uint32_t>(0);
+    const auto times = w.size() == 5 ? Number(w[3]) : std::optional<uint32_t>(1);
+    const auto code = w.size() == 5 ? Number(w[4]) : std::optional<uint32_t>(1);
+    if (!skip || !times || !code) {
+        return Error("expected numbers for SKIP TIMES CODE");
+    }
+    PLAT_FailSet(w[1].c_str(), *skip, *times, *code);
+    return Ok(w[1] + " fails " + std::to_string(*times) + " time(s) after " + std::to_string(*skip) +
+              " call(s), with code " + std::to_string(*code));
+}
+
 std::string HaCommand(const std::vector<std::string> &w, const ControlHooks &agent)
 {
     const std::string usage =
@@ -317,7 +341,10 @@ std::string RunControlCommand(const std::string &line, const ControlHooks &hooks
     if (w[0] == "ha") {
         return HaCommand(w, hooks);
     }
-    return Error("unknown command \"" + line + "\" (commands: if, board, fwm, ha, port replay)");
+    if (w[0] == "fail") {
+        return FailCommand(w);
+    }
+    return Error("unknown command \"" + line + "\" (commands: if, board, fwm, ha, port replay, fail)");
 }
 
 struct ControlServer::State {

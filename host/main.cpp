@@ -27,6 +27,7 @@
 #include "datastore.hpp"
 #include "devm.h"
 #include "example_topology.hpp"
+#include "netconf.hpp"
 #include "platform/control.h"
 #include "device/fwm.hpp"
 #include "device/ha.hpp"
@@ -47,6 +48,7 @@ struct Options {
     std::string logFile;
     bool stay = false;
     host::DatastoreOptions datastore;
+    host::NetconfOptions netconf;
 };
 
 // Framework instance states the agent's readiness wait accepts.
@@ -237,6 +239,7 @@ int main(int argc, char **argv)
     host::PortOptions portOpts;
     host::AddPortOptions(app, portOpts);
     host::AddDatastoreOptions(app, opts.datastore);
+    host::AddNetconfOptions(app, opts.netconf);
     app.add_option("--control", opts.controlPath, "Control socket for pppoe-plus-cli")
         ->default_str(opts.controlPath);
     app.add_option("--log-file", opts.logFile,
@@ -268,6 +271,7 @@ int main(int argc, char **argv)
     }
     host::MakePathsAbsolute(portOpts);
     host::MakeDatastorePathsAbsolute(opts.datastore);
+    host::MakeNetconfPathsAbsolute(opts.netconf);
     if (!ChangeToOwnFolder()) {
         Say("cannot change to the host's own folder");
         return 1;
@@ -364,6 +368,15 @@ int main(int argc, char **argv)
         }
         Say("agent configured from the datastore");
     }
+    std::string netconfError;
+    auto netconf = host::StartNetconf(opts.netconf, opts.datastore, &netconfError);
+    if (!netconf && !netconfError.empty()) {
+        std::fprintf(stderr, "pppoe-plus-switch: NETCONF: %s\n", netconfError.c_str());
+        ReportLeaks();
+        (void)PLAT_LogSetFile(nullptr, 0);
+        std::fflush(stdout);
+        _exit(1);
+    }
     host::ControlServer control;
     hooks.replay = [&ports](const std::string &binding, std::string *output) {
         return ports.ReplayMore(binding, output);
@@ -392,6 +405,7 @@ int main(int argc, char **argv)
         const int sig = sigtimedwait(&stopSignals, nullptr, &wait);
         std::printf("pppoe-plus-switch: %s, stopping\n", sig > 0 ? "signal received" : "run time over");
     }
+    netconf.reset();
     control.Stop();
     ports.Close();
     const uint32_t exitRet = mainExit();

@@ -3,13 +3,16 @@
 # through sudo). Packages already present are left alone. tshark decodes the
 # captures the interop tests and the quick start write; bsdextrautils gives
 # the quick start its column(1); libyang checks the YANG model and yanglint
-# (libyang-tools) lints it; clang-format and clang-tidy hold the style.
+# (libyang-tools) lints it; libnetconf2 and libssh give the switch its
+# NETCONF server, which python3-ncclient drives in the tests; clang-format
+# and clang-tidy hold the style.
 set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config g++ clang-14 libclang-rt-14-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libsafec-dev libyaml-cpp-dev libcli11-dev libpcap-dev libxml2-dev
   libyang2-dev libyang-tools
+  libnetconf2-dev libssh-dev python3-ncclient
   tshark bsdextrautils
   clang-format-14 clang-tidy-14
 )

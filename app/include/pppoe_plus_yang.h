@@ -34,6 +34,10 @@
 
 #define PPPOE_PLUS_YANG_NS "urn:quendal:yang:quendal-pppoe-plus"
 #define PPPOE_PLUS_YANG_ROOT "pppoe-plus"
+/* The key of the format-check query. Any text may be checked, so in its
+ * value a backslash escapes the character after it: "\\" is a backslash and
+ * "\]" a "]" that does not end the key. */
+#define PPPOE_PLUS_YANG_FORMAT_CHECK_KEY "user-define-text"
 
 #ifdef __cplusplus
 #include <atomic>
@@ -119,6 +123,8 @@ xmlNodePtr PPPOE_PLUS_YangParse2XmlNode(const ydbc_bytes *bytes);
 uint32_t PPPOE_PLUS_YangGetXmlNodeByName(xmlNodePtr first, const char *name, char *buf, uint32_t size);
 uint32_t PPPOE_PLUS_YangGetChildXmlNodeByName(xmlNodePtr parent, const char *name, char *buf, uint32_t size);
 void PPPOE_PLUS_FreeXmlNode(xmlNodePtr node);
+/* The value of a list key ([key='value']) as the path carries it, escapes
+ * of the format-check key kept for the caller to undo. */
 uint32_t PPPOE_PLUS_YangGetKeyValueByPath(const char *path, const char *key, char *buf, uint32_t size);
 xmlNodePtr PPPOE_PLUS_YangSetContentAndAddChild(xmlNodePtr parent, const char *name, const char *text);
 xmlNodePtr PPPOE_PLUS_YangCreateXmlRoot(void);

@@ -38,17 +38,17 @@ struct Admin::Impl {
         request.id = nextId++;
         request.fields = std::move(fields);
         if (fd < 0 || !wire::Send(fd, request)) {
-            return {false, "the datastore connection is lost"};
+            return {false, "the datastore connection is lost", "operation-failed", ""};
         }
         wire::Message reply;
         while (wire::Receive(fd, &reply)) {
             if (reply.type == wire::Type::kReply && reply.id == request.id) {
-                return {reply.Field(0) == "ok", reply.Field(1)};
+                return {reply.Field(0) == "ok", reply.Field(1), reply.Field(2), reply.Field(3), reply.Field(4)};
             }
         }
         ::close(fd);
         fd = -1;
-        return {false, "the datastore connection is lost"};
+        return {false, "the datastore connection is lost", "operation-failed", ""};
     }
 };
 
@@ -99,6 +99,28 @@ Reply Admin::Export()
 Reply Admin::Rpc(std::string_view xml)
 {
     return impl_->Call(wire::Type::kRpc, {std::string(xml)});
+}
+
+
+Reply Admin::Hello(std::string_view name)
+{
+    return impl_->Call(wire::Type::kHello, {std::string(name)});
+}
+
+Reply Admin::Lock()
+{
+    return impl_->Call(wire::Type::kLock, {});
+}
+
+Reply Admin::Unlock()
+{
+    return impl_->Call(wire::Type::kUnlock, {});
+}
+
+Reply Admin::EditConfig(std::string_view xml, const EditConfigOptions &options)
+{
+    return impl_->Call(wire::Type::kEditConfig,
+                       {options.defaultOperation, options.testOnly ? "test-only" : "set", std::string(xml)});
 }
 
 }  // namespace device::yangdb

@@ -8,10 +8,12 @@
 //
 // A subscriber that refuses a change (non-zero result under YDBC_EV_VERIFY),
 // does not answer within the reply timeout, or disconnects while a change is
-// with it fails the whole transaction: the changes already accepted are
-// undone with their inverses, in reverse order, and the running
-// configuration stays as it was. A subscriber that timed out is sent the
-// inverse of its pending change as well, since it may still apply it.
+// with it fails the whole transaction: the running configuration stays as
+// it was, and every subscriber is brought back to it (the abort phase). The
+// refused change comes first, since its subscriber may have applied part of
+// it before refusing, then the accepted ones, each undone with its inverse
+// in reverse order. A subscriber that timed out is sent the inverse of its
+// pending change without waiting, since it may still apply it.
 #include <device/yangdb.hpp>
 
 #include "platform/ydbc_wire.hpp"
@@ -161,12 +163,12 @@ bool IsAncestorOrSelf(const struct lysc_node *ancestor, const struct lysc_node *
     return false;
 }
 
-Message ReplyMessage(uint32_t id, bool ok, std::string text)
+Message ReplyMessage(uint32_t id, const Reply &reply)
 {
     Message m;
     m.type = Type::kReply;
     m.id = id;
-    m.fields = {ok ? "ok" : "error", std::move(text)};
+    m.fields = {reply.ok ? "ok" : "error", reply.text, reply.tag, reply.path, reply.holder};
     return m;
 }
 
@@ -193,6 +195,7 @@ struct Server::Impl {
     // Worker only.
     uint32_t nextId = 1;
     uint64_t nextSeq = 1;
+    ConnectionPtr lockOwner;  // the session holding the running configuration's lock
 
     ~Impl();
     void AcceptLoop();
@@ -215,6 +218,18 @@ struct Server::Impl {
 
     Reply Get(const std::string &path);
     Reply Rpc(const std::string &xml);
+
+    // The lock of the running configuration, and edits with per-node
+    // operations (see edit_config.cpp).
+    Reply Lock(const ConnectionPtr &conn);
+    Reply Unlock(const ConnectionPtr &conn);
+    // Refusal of a change by a session that does not hold a lock someone holds.
+    bool LockedAgainst(const ConnectionPtr &conn, Reply *reply) const;
+    Reply EditConfig(const ConnectionPtr &conn, const Message &m);
+    Reply StoreFailure(const std::string &error) const
+    {
+        return {false, error, store.LastError().tag, store.LastError().path};
+    }
 };
 
 Server::Impl::~Impl()
@@ -476,6 +491,8 @@ Reply Server::Impl::Apply(Tree candidate)
         case Outcome::kDone:
             text = "refused by " + who + ": " + OpName(change.op) + " of " + change.path + " (result " +
                    std::to_string(code) + ")";
+            // Undone like the accepted ones: its subscriber may hold part of it.
+            done.push_back(change);
             break;
         case Outcome::kTimeout: {
             text = "no answer from " + who + " within " + std::to_string(timeout.count()) + " ms: " +
@@ -495,12 +512,12 @@ Reply Server::Impl::Apply(Tree candidate)
             break;
         }
         Rollback(done);
-        return {false, text};
+        return {false, text, "operation-failed", change.path};
     }
     std::string error;
     if (!store.Save(candidate.get(), &error)) {
         Rollback(done);
-        return {false, error};
+        return {false, error, "operation-failed", ""};
     }
     store.Commit(std::move(candidate));
     return {true, ""};
@@ -545,7 +562,7 @@ Reply Server::Impl::Get(const std::string &path)
 {
     const struct lysc_node *node = store.FindSchema(path);
     if (node == nullptr || (node->nodetype & (LYS_RPC | LYS_ACTION | LYS_NOTIF)) != 0) {
-        return {false, "unknown path " + path};
+        return {false, "unknown path " + path, "invalid-value", path};
     }
     const auto subs = ActiveSubs(YDBC_SUB_GET);
     auto ask = [this](const ConnectionPtr &conn, const Subscription *sub, const std::string &asked,
@@ -564,9 +581,22 @@ Reply Server::Impl::Get(const std::string &path)
         *text = result.Field(1);
         return "";
     };
+    // A list answered per key has nothing to say without its key, so it is
+    // not asked without one; the refusal names the key missing.
+    auto needsKey = [](const Subscription *sub) {
+        const struct lysc_node *key = lysc_node_child(sub->schema);
+        return Reply(false,
+                     sub->path + " is answered only for a key: ask for " +
+                         YangStore::WithKeyPlaceholders(sub->path, sub->schema),
+                     "missing-element", sub->path + "/" + (key != nullptr ? key->name : ""));
+    };
     // A path at or below a state subscription goes to its subscriber as given.
     for (const auto &[conn, sub] : subs) {
         if (IsAncestorOrSelf(sub->schema, node)) {
+            if (YangStore::AnsweredPerKey(sub->schema) &&
+                path.find(std::string(sub->schema->name) + "[") == std::string::npos) {
+                return needsKey(sub);
+            }
             std::string text;
             std::string error = ask(conn, sub, path, &text);
             if (!error.empty()) {
@@ -586,10 +616,15 @@ Reply Server::Impl::Get(const std::string &path)
         served = true;
     }
     // An ancestor of state subscriptions: their answers join the data.
-    // Those that fail (a list that needs its key, say) are left out.
+    // Those that fail are left out.
+    const Subscription *keyed = nullptr;
     if (path.find('[') == std::string::npos) {
         for (const auto &[conn, sub] : subs) {
             if (sub->schema != node && IsAncestorOrSelf(node, sub->schema)) {
+                if (YangStore::AnsweredPerKey(sub->schema)) {
+                    keyed = sub;
+                    continue;
+                }
                 std::string text;
                 if (ask(conn, sub, sub->path, &text).empty()) {
                     YangStore::Merge(&result, store.ParseState(text));
@@ -599,7 +634,7 @@ Reply Server::Impl::Get(const std::string &path)
         }
     }
     if (!served) {
-        return {false, "no subscriber serves " + path};
+        return keyed != nullptr ? needsKey(keyed) : Reply(false, "no subscriber serves " + path, "operation-failed", path);
     }
     return {true, YangStore::PrintAll(result.get())};
 }
@@ -630,13 +665,16 @@ Reply Server::Impl::Rpc(const std::string &xml)
         }
         return {true, result.Field(1)};
     }
-    return {false, "no subscriber serves " + opPath};
+    return {false, "no subscriber serves " + opPath, "operation-not-supported", opPath};
 }
 
 void Server::Impl::Handle(Job &job)
 {
     const ConnectionPtr &conn = job.conn;
     if (job.closed) {
+        if (lockOwner == conn) {
+            lockOwner.reset();  // a session's lock ends with it
+        }
         {
             std::lock_guard<std::mutex> lock(mu);
             conns.erase(std::remove(conns.begin(), conns.end(), conn), conns.end());
@@ -672,7 +710,7 @@ void Server::Impl::Handle(Job &job)
     }
     case Type::kActivate:
         conn->activated = true;
-        conn->Send(ReplyMessage(m.id, true, ""));
+        conn->Send(ReplyMessage(m.id, reply));
         if (m.Number(0) == 1) {
             Replay(conn);
         }
@@ -680,8 +718,11 @@ void Server::Impl::Handle(Job &job)
     case Type::kEdit: {
         Tree candidate;
         std::string error;
+        if (LockedAgainst(conn, &reply)) {
+            break;
+        }
         if (!store.EditCandidate(m.Field(1), m.Field(0) == "replace", &candidate, &error)) {
-            reply = {false, error};
+            reply = StoreFailure(error);
         } else {
             reply = Apply(std::move(candidate));
         }
@@ -690,8 +731,11 @@ void Server::Impl::Handle(Job &job)
     case Type::kDelete: {
         Tree candidate;
         std::string error;
+        if (LockedAgainst(conn, &reply)) {
+            break;
+        }
         if (!store.DeleteCandidate(m.Field(0), &candidate, &error)) {
-            reply = {false, error};
+            reply = StoreFailure(error);
         } else {
             reply = Apply(std::move(candidate));
         }
@@ -706,11 +750,69 @@ void Server::Impl::Handle(Job &job)
     case Type::kRpc:
         reply = Rpc(m.Field(0));
         break;
+    case Type::kLock:
+        reply = Lock(conn);
+        break;
+    case Type::kUnlock:
+        reply = Unlock(conn);
+        break;
+    case Type::kEditConfig:
+        reply = EditConfig(conn, m);
+        break;
     default:
-        reply = {false, "unknown request " + std::to_string(static_cast<uint32_t>(m.type))};
+        reply = {false, "unknown request " + std::to_string(static_cast<uint32_t>(m.type)),
+                 "operation-not-supported", ""};
         break;
     }
-    conn->Send(ReplyMessage(m.id, reply.ok, reply.text));
+    conn->Send(ReplyMessage(m.id, reply));
+}
+
+Reply Server::Impl::Lock(const ConnectionPtr &conn)
+{
+    if (lockOwner != nullptr && lockOwner != conn) {
+        return {false, "the running configuration is locked by " + lockOwner->name, "lock-denied", "", lockOwner->name};
+    }
+    if (lockOwner == conn) {
+        return {false, "this session already holds the lock of the running configuration", "lock-denied", "",
+                conn->name};
+    }
+    lockOwner = conn;
+    return {true, ""};
+}
+
+Reply Server::Impl::Unlock(const ConnectionPtr &conn)
+{
+    if (lockOwner != conn) {
+        return {false, "this session holds no lock of the running configuration", "operation-failed", ""};
+    }
+    lockOwner.reset();
+    return {true, ""};
+}
+
+bool Server::Impl::LockedAgainst(const ConnectionPtr &conn, Reply *reply) const
+{
+    if (lockOwner == nullptr || lockOwner == conn) {
+        return false;
+    }
+    *reply = {false, "the running configuration is locked by " + lockOwner->name, "in-use", "", lockOwner->name};
+    return true;
+}
+
+Reply Server::Impl::EditConfig(const ConnectionPtr &conn, const Message &m)
+{
+    Reply reply;
+    if (LockedAgainst(conn, &reply)) {
+        return reply;
+    }
+    Tree candidate;
+    std::string error;
+    if (!store.EditConfigCandidate(m.Field(2), m.Field(0), &candidate, &error)) {
+        return StoreFailure(error);
+    }
+    if (m.Field(1) == "test-only") {
+        return {true, ""};
+    }
+    return Apply(std::move(candidate));
 }
 
 Server::Server(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <filesystem>
 #include <mutex>
+#include <set>
 
 namespace device::yangdb {
 
@@ -108,7 +109,74 @@ std::string Location(const char *path)
     return std::string(text.substr(open + 1, close - open - 1));
 }
 
+// Whether node carries no data of its own: only its list keys, default
+// values and non-presence containers that carry nothing either.
+bool CarriesNothing(const struct lyd_node *node)
+{
+    const struct lyd_node *child = nullptr;
+    LY_LIST_FOR(lyd_child_no_keys(node), child)
+    {
+        if ((child->flags & LYD_DEFAULT) != 0) {
+            continue;
+        }
+        const bool plainContainer =
+            child->schema->nodetype == LYS_CONTAINER && (child->schema->flags & LYS_PRESENCE) == 0;
+        if (!plainContainer || !CarriesNothing(child)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The NETCONF error-tag that fits a libyang error: constraint violations
+// (must, unique, element counts) fail the operation, a missing instance or
+// mandatory node is missing data, an unknown node is an unknown element,
+// anything else about a value is an invalid value.
+std::string ErrorTag(const struct ly_err_item *e)
+{
+    const std::string appTag = e->apptag != nullptr ? e->apptag : "";
+    const std::string_view msg = e->msg != nullptr ? e->msg : "";
+    if (appTag == "instance-required" || appTag == "missing-choice" || msg.rfind("Mandatory node", 0) == 0) {
+        return "data-missing";
+    }
+    if (!appTag.empty()) {
+        return "operation-failed";
+    }
+    if (e->vecode == LYVE_SYNTAX_XML || e->vecode == LYVE_SYNTAX) {
+        return "malformed-message";
+    }
+    if (msg.find("not found") != std::string_view::npos) {
+        return "unknown-element";
+    }
+    return "invalid-value";
+}
+
 }  // namespace
+
+struct lyd_node *ListEntryAbove(const struct lyd_node *node)
+{
+    struct lyd_node *up = lyd_parent(node);
+    while (up != nullptr && up->schema->nodetype != LYS_LIST) {
+        up = lyd_parent(up);
+    }
+    return up;
+}
+
+void PruneEmptyEntries(struct lyd_node **tree, const std::string &path)
+{
+    struct lyd_node *entry = nullptr;
+    if (lyd_find_path(*tree, path.c_str(), 0, &entry) != LY_SUCCESS) {
+        return;
+    }
+    while (entry != nullptr && CarriesNothing(entry)) {
+        struct lyd_node *above = ListEntryAbove(entry);
+        if (entry == *tree) {
+            *tree = (*tree)->next;
+        }
+        lyd_free_tree(entry);
+        entry = above;
+    }
+}
 
 std::string SchemaPathOf(std::string_view path)
 {
@@ -144,12 +212,16 @@ YangStore::~YangStore()
 std::string YangStore::TakeErrors(const std::string &what) const
 {
     std::string out;
+    lastError_ = {"operation-failed", ""};
     for (const struct ly_err_item *e = ly_err_first(ctx_); e != nullptr; e = e->next) {
         if (e->msg == nullptr) {
             continue;
         }
         std::string line = what + ": " + e->msg;
         const std::string where = Location(e->path);
+        if (out.empty()) {
+            lastError_ = {ErrorTag(e), where};
+        }
         if (!where.empty() && line.find(where) == std::string::npos) {
             line += " (at " + where + ")";
         }
@@ -188,6 +260,17 @@ bool YangStore::Open(const std::string &yangDir, const std::string &storePath, s
     if (ec || !any) {
         *error = "no YANG modules in " + yangDir;
         return false;
+    }
+    // The NETCONF base module, when its folder is there, gives edits their
+    // per-node operation attribute.
+    const std::string ietfDir = yangDir + "/ietf";
+    if (std::filesystem::is_directory(ietfDir, ec)) {
+        static const char *features[] = {"writable-running", "rollback-on-error", "validate", "xpath", nullptr};
+        if (ly_ctx_set_searchdir(ctx_, ietfDir.c_str()) != LY_SUCCESS ||
+            ly_ctx_load_module(ctx_, "ietf-netconf", nullptr, features) == nullptr) {
+            *error = TakeErrors("cannot load ietf-netconf from " + ietfDir);
+            return false;
+        }
     }
 
     struct lyd_node *tree = nullptr;
@@ -249,6 +332,7 @@ bool YangStore::DeleteCandidate(std::string_view path, Tree *candidate, std::str
     if (FindSchema(text) == nullptr) {
         ly_err_clean(ctx_, nullptr);
         *error = "unknown path " + text;
+        SetError("invalid-value", text);
         return false;
     }
     Tree result = Duplicate(running_.get());
@@ -257,6 +341,7 @@ bool YangStore::DeleteCandidate(std::string_view path, Tree *candidate, std::str
         ly_set_free(raw, nullptr);
         ly_err_clean(ctx_, nullptr);
         *error = "no data at " + text;
+        SetError("data-missing", text);
         return false;
     }
     Set set(raw);
@@ -265,6 +350,7 @@ bool YangStore::DeleteCandidate(std::string_view path, Tree *candidate, std::str
         struct lyd_node *node = set->dnodes[i];
         if (lysc_is_key(node->schema)) {
             *error = "cannot delete the list key " + text + ": delete the list entry";
+            SetError("operation-failed", text);
             return false;
         }
         // Defaults are not data of their own: deleting them changes nothing.
@@ -283,7 +369,15 @@ bool YangStore::DeleteCandidate(std::string_view path, Tree *candidate, std::str
     });
     if (doomed.empty()) {
         *error = "no data at " + text;
+        SetError("data-missing", text);
         return false;
+    }
+    std::set<std::string> entries;  // list entries that may be left empty
+    for (const struct lyd_node *node : doomed) {
+        if (const struct lyd_node *entry = ListEntryAbove(node); entry != nullptr) {
+            CText entryPath{lyd_path(entry, LYD_PATH_STD, nullptr, 0)};
+            entries.insert(entryPath.str());
+        }
     }
     struct lyd_node *tree = result.release();
     for (struct lyd_node *node : doomed) {
@@ -291,6 +385,9 @@ bool YangStore::DeleteCandidate(std::string_view path, Tree *candidate, std::str
             tree = tree->next;
         }
         lyd_free_tree(node);
+    }
+    for (const std::string &entry : entries) {
+        PruneEmptyEntries(&tree, entry);
     }
     LY_ERR rc = lyd_validate_all(&tree, ctx_, LYD_VALIDATE_NO_STATE, nullptr);
     result.reset(tree);
@@ -341,6 +438,32 @@ const struct lysc_node *YangStore::FindSchema(std::string_view path) const
     const struct lysc_node *node = lys_find_path(ctx_, nullptr, schemaPath.c_str(), 0);
     ly_err_clean(ctx_, nullptr);
     return node;
+}
+
+bool YangStore::AnsweredPerKey(const struct lysc_node *node)
+{
+    if (node == nullptr || node->nodetype != LYS_LIST) {
+        return false;
+    }
+    LY_ARRAY_COUNT_TYPE i = 0;
+    LY_ARRAY_FOR(node->exts, i)
+    {
+        const struct lysc_ext *def = node->exts[i].def;
+        if (def != nullptr && def->name != nullptr && std::strcmp(def->name, "answered-per-key") == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string YangStore::WithKeyPlaceholders(const std::string &path, const struct lysc_node *list)
+{
+    std::string out = path;
+    for (const struct lysc_node *child = lysc_node_child(list); child != nullptr && lysc_is_key(child);
+         child = child->next) {
+        out += "[" + std::string(child->name) + "='...']";
+    }
+    return out;
 }
 
 bool YangStore::CheckSubscription(const std::string &path, uint32_t kind, std::string *error) const

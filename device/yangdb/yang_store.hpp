@@ -69,6 +69,11 @@ public:
 
     // The schema node of a path (list predicates ignored), or null.
     const struct lysc_node *FindSchema(std::string_view path) const;
+    // Whether the model marks node a list answered per key (extension
+    // answered-per-key): it has entries only for the key a request names.
+    static bool AnsweredPerKey(const struct lysc_node *node);
+    // "path[k1='...'][k2='...']" for a list's schema path and its keys.
+    static std::string WithKeyPlaceholders(const std::string &path, const struct lysc_node *list);
     // Checks a subscription path against the model for its kind
     // (0 configuration, 1 get, 2 operation).
     bool CheckSubscription(const std::string &path, uint32_t kind, std::string *error) const;
@@ -91,16 +96,48 @@ public:
     bool ParseRpc(std::string_view xml, std::string *opPath, std::string *input, std::string *error) const;
 
     // libyang's errors since the last call, one per line with their data
-    // paths, prefixed by what; then cleared.
+    // paths, prefixed by what; then cleared. The first error's kind and
+    // path become LastError.
     std::string TakeErrors(const std::string &what) const;
 
+    // The kind (a NETCONF error-tag) and data path of the last failure of
+    // a candidate or a parse.
+    struct ErrorInfo {
+        std::string tag;
+        std::string path;
+    };
+    const ErrorInfo &LastError() const
+    {
+        return lastError_;
+    }
+
+    // The running configuration changed by an edit whose nodes may carry
+    // the NETCONF operation attribute (merge, replace, create, delete,
+    // remove); defaultOperation (merge, replace, none) applies to nodes
+    // without one. Validated in full. False with *error (see LastError).
+    bool EditConfigCandidate(std::string_view xml, const std::string &defaultOperation, Tree *candidate,
+                             std::string *error);
+
 private:
+    void SetError(std::string tag, std::string path) const
+    {
+        lastError_ = {std::move(tag), std::move(path)};
+    }
+
     struct ly_ctx *ctx_ = nullptr;
+    mutable ErrorInfo lastError_;
     Tree running_;
     std::string storePath_;
 };
 
 // A path with its list predicates removed: the schema path it names.
 std::string SchemaPathOf(std::string_view path);
+
+// The nearest list entry above node, or null.
+struct lyd_node *ListEntryAbove(const struct lyd_node *node);
+// Removes the list entry at entryPath, and each list entry above it, that
+// a delete left without data of its own (an interface whose last setting
+// went): such an entry configures nothing.
+void PruneEmptyEntries(struct lyd_node **tree, const std::string &entryPath);
 
 }  // namespace device::yangdb

@@ -108,8 +108,10 @@ uint32_t ydbc_subscribe(ydbc_client *client, const ydbc_subscription *row);
 uint32_t ydbc_activate(ydbc_client *client, uint32_t flag, ydbc_recover_end_cb recoverEnd, void *ctx);
 /* Inside a configuration callback: the XML of the data at path (the
  * callback's path or below it), rooted at that node, as it stands after the
- * change (old 0) or as it stood before it (old 1); depth 0xFFFFFFFF for the
- * whole subtree. 0 with *out set (free it with ydbc_free_bytes). */
+ * change (old 0) or as it stood before it (old 1). depth is the number of
+ * element levels returned, the node at path being level 1 (a leaf's value
+ * belongs to its level); 0xFFFFFFFF returns the whole subtree and 0 is
+ * refused. 0 with *out set (free it with ydbc_free_bytes). */
 uint32_t ydbc_pull(void *ctx, uint32_t old, const char *path, uint32_t depth, ydbc_bytes **out);
 ydbc_bytes *ydbc_new_bytes(const char *text, uint32_t length, uint32_t kind);
 void ydbc_free_bytes(ydbc_bytes *bytes);

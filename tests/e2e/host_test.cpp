@@ -72,7 +72,7 @@ TEST(Host, AgentAttachesToTheForwardingManagerAtStartUp)
     EXPECT_NE(attached, std::string::npos) << host.Output();
     EXPECT_LT(attached, host.Output().find("agent ready"));
     EXPECT_EQ(host.Wait(), 0) << host.Output();
-    EXPECT_NE(host.Output().find("[platform] [fwm] state: feature off, ignore-reply off, trusted ports none, "
+    EXPECT_NE(host.Output().find("[platform] [fwm] state: feature off, ignore-reply on, trusted ports none, "
                                  "clients PPPOE_PLUS"),
               std::string::npos)
         << host.Output();

@@ -1,6 +1,6 @@
 // pppoe-plus-cli's world commands: they change the switch the agent runs on
-// (interfaces, boards, HA events, port replays) through the running
-// switch's control socket, one command line each, as the socket takes it.
+// (interfaces, boards, HA events, failure injection, port replays) through the
+// running switch's control socket, one command line each, as the socket takes it.
 #include <filesystem>
 #include <memory>
 #include <vector>
@@ -66,6 +66,22 @@ void AddHa(CLI::App *world, Action *action)
     AddVerb(ha, action, "show", "Show the agent's role, standby slot and master, and the switchover reports");
 }
 
+// "fail OP [SKIP TIMES CODE]" or "fail clear", as the switch takes it.
+void AddFail(CLI::App *world, Action *action)
+{
+    CLI::App *fail = world->add_subcommand("fail", "Failure injection: OP [SKIP TIMES CODE] makes a platform "
+                                                   "operation fail (default: its next call, code 1); clear disarms all");
+    auto args = std::make_shared<std::vector<std::string>>();
+    fail->add_option("args", *args, "OP [SKIP TIMES CODE], or clear")->required()->expected(1, 4);
+    OnParsed(fail, action, [args](const Globals &g) {
+        std::string line = "fail";
+        for (const std::string &arg : *args) {
+            line += " " + arg;
+        }
+        return WithSwitch(g, line);
+    });
+}
+
 void AddPortReplay(CLI::App *world, Action *action)
 {
     CLI::App *port = AddGroup(world, "port", "Ports: replay a capture into one while the switch runs");
@@ -97,6 +113,7 @@ void AddWorld(CLI::App &app, Action *action)
     OnParsed(world->add_subcommand("fwm", "Show what the forwarding manager was told"), action,
              [](const Globals &g) { return WithSwitch(g, "fwm"); });
     AddHa(world, action);
+    AddFail(world, action);
     AddPortReplay(world, action);
 }
 

@@ -25,13 +25,16 @@ struct Request {
 
 struct State {
     bool enabled = false;             // PPPoE+ ACLs installed
-    bool ignoreReply = false;
+    // On, like the agent's own setting before any configuration: the agent
+    // tells fwm only of a change, so both must start from the same value.
+    bool ignoreReply = true;
     std::set<uint32_t> trustedPorts;  // ifIndexes
     std::vector<std::string> clients; // names of the session clients attached
 };
 
 // Registers the service; false when it runs already or the URI is taken.
-// The state starts empty.
+// The state starts as the agent's does: feature off, ignore-reply on, no
+// trusted ports.
 bool Start();
 // Unregisters the service: every connection to it sees its peer quit.
 void Stop();

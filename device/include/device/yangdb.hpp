@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace device::yangdb {
 
@@ -46,8 +47,33 @@ private:
 // Result of a management request: ok with the reply's text (XML data, or
 // empty), or not ok with a message that names the offending node.
 struct Reply {
+    Reply() = default;
+    Reply(bool isOk, std::string replyText, std::string errorTag = {}, std::string errorPath = {},
+          std::string lockHolder = {})
+        : ok(isOk),
+          text(std::move(replyText)),
+          tag(std::move(errorTag)),
+          path(std::move(errorPath)),
+          holder(std::move(lockHolder))
+    {
+    }
+
     bool ok = false;
     std::string text;
+    // When not ok: the kind of failure as a NETCONF error-tag
+    // ("invalid-value", "data-missing", "data-exists", "in-use",
+    // "lock-denied", "operation-failed", "unknown-element", ...) and the
+    // data path of the offending node when there is one.
+    std::string tag;
+    std::string path;
+    std::string holder;  // lock-denied and in-use: the name of the session holding the lock
+};
+
+// An edit whose nodes may carry the operation attribute of the NETCONF
+// base namespace (merge, replace, create, delete, remove).
+struct EditConfigOptions {
+    std::string defaultOperation = "merge";  // for nodes without one: merge, replace or none
+    bool testOnly = false;                   // validate the result, change nothing
 };
 
 enum class EditMode {
@@ -76,6 +102,18 @@ public:
     // Calls an operation: xml is its input rooted at the operation element,
     // for example <set-debugging xmlns="urn:quendal:yang:quendal-pppoe-plus">...</set-debugging>.
     Reply Rpc(std::string_view xml);
+
+    // Names this session in the datastore's messages (who holds the lock).
+    Reply Hello(std::string_view name);
+    // Locks the running configuration for this session: edits from every
+    // other session are refused (in-use) until Unlock or until this
+    // session ends. A lock held elsewhere refuses this one (lock-denied).
+    Reply Lock();
+    Reply Unlock();
+    // Applies an edit with per-node operations (xml: the content of a
+    // NETCONF <config>, one or more top-level elements), all or nothing,
+    // with the validation, delivery and rollback of Edit.
+    Reply EditConfig(std::string_view xml, const EditConfigOptions &options);
 
     struct Impl;
 private:

@@ -23,7 +23,10 @@ enum class Type : uint32_t {
     kGet = 12,       // path
     kExport = 13,    // none
     kRpc = 14,       // xml
-    kReply = 4,      // "ok" or "error", text
+    kLock = 15,      // none
+    kUnlock = 16,    // none
+    kEditConfig = 17,  // default operation, "test-only" or "set", xml
+    kReply = 4,      // "ok" or "error", text, error tag, error path, lock holder
     // Server to subscriber; each but kRecoverEnd gets one kResult.
     kChange = 20,      // row index, op type, path, old xml, new xml, has old, has new
     kGetRequest = 21,  // row index, path

@@ -45,6 +45,7 @@ using platform::ydbc::wire::Type;
 namespace wire = platform::ydbc::wire;
 
 constexpr auto kCallTimeout = std::chrono::seconds(10);
+constexpr uint32_t kWholeTree = 0xFFFFFFFFU;  // the depth of ydbc_pull that keeps everything
 
 // One connection to the datastore.
 struct Link {
@@ -293,6 +294,48 @@ private:
     const std::string &xml_;
 };
 
+// The first levels of element of xml (the root being level 1), the text of
+// each kept element included: a leaf's value belongs to its level. The same
+// limits as XmlCursor: no ">" inside tags' attribute values, no comments.
+std::string KeepLevels(std::string_view xml, uint32_t levels)
+{
+    std::string out;
+    uint32_t level = 0;  // elements open around the current position
+    size_t pos = 0;
+    while (pos < xml.size()) {
+        const size_t open = xml.find('<', pos);
+        const size_t textEnd = open == std::string_view::npos ? xml.size() : open;
+        if (level <= levels) {
+            out.append(xml.substr(pos, textEnd - pos));
+        }
+        const size_t close = open == std::string_view::npos ? open : xml.find('>', open);
+        if (close == std::string_view::npos) {
+            break;
+        }
+        const std::string_view tag = xml.substr(open, close + 1 - open);
+        if (tag[1] == '/') {
+            if (level <= levels) {
+                out.append(tag);
+            }
+            level = level > 0 ? level - 1 : 0;
+        } else if (tag[1] == '?' || tag[1] == '!') {
+            if (level <= levels) {
+                out.append(tag);
+            }
+        } else {
+            ++level;
+            if (level <= levels) {
+                out.append(tag);
+            }
+            if (tag[tag.size() - 2] == '/') {
+                --level;
+            }
+        }
+        pos = close + 1;
+    }
+    return out;
+}
+
 }  // namespace
 
 struct ydbc_client {
@@ -538,12 +581,11 @@ uint32_t ydbc_activate(ydbc_client *client, uint32_t flag, ydbc_recover_end_cb r
 
 uint32_t ydbc_pull(void *ctx, uint32_t old, const char *path, uint32_t depth, ydbc_bytes **out)
 {
-    (void)depth;  // the whole subtree is always returned
     if (const auto failed = platform::FailPoint(__func__)) {
         return *failed != 0 ? *failed : 1;
     }
     auto *request = static_cast<RequestContext *>(ctx);
-    if (request == nullptr || out == nullptr || request->magic != RequestContext::kMagic) {
+    if (request == nullptr || out == nullptr || request->magic != RequestContext::kMagic || depth == 0) {
         return 1;
     }
     if ((old != 0 && !request->hasOld) || (old == 0 && !request->hasNew)) {
@@ -570,6 +612,9 @@ uint32_t ydbc_pull(void *ctx, uint32_t old, const char *path, uint32_t depth, yd
             text.substr(0, text.find('>')).find("xmlns=") == std::string::npos) {
             text.insert(nameEnd, xml.substr(nsBegin, nsEnd + 1 - nsBegin));
         }
+    }
+    if (depth != kWholeTree) {
+        text = KeepLevels(text, depth);
     }
     *out = ydbc_new_bytes(text.c_str(), static_cast<uint32_t>(text.size()), YDBC_BYTES_XML);
     return *out != nullptr ? 0 : 1;

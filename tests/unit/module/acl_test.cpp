@@ -114,6 +114,21 @@ TEST_F(AclTest, RequestsReachFwmAndCompleteOnTheOrchClientTask)
     EXPECT_EQ(PLAT_AssertCount(), 0U);
 }
 
+TEST_F(AclTest, FwmStartsWithTheAgentsIgnoreReplyWithoutBeingTold)
+{
+    // The agent only sends ignore-reply when it changes, so fwm must begin
+    // where the agent's store begins, on every start.
+    for (int start = 0; start < 2; start++) {
+        ASSERT_TRUE(device::fwm::Start());
+        PPPOE_PLUS_InitGlobalCfgData();
+        EXPECT_EQ(device::fwm::GetState().ignoreReply, PPPOE_PLUS_GetIgnoreReply() != 0) << start;
+        EXPECT_EQ(device::fwm::RequestCount(device::fwm::RequestKind::IgnoreReplyCfg), 0U);
+        // What a run sets does not outlive it.
+        device::fwm::Apply({device::fwm::RequestKind::IgnoreReplyCfg, 0});
+        device::fwm::Stop();
+    }
+}
+
 TEST_F(AclTest, InterfaceChangeResendsOnlyForATrustedPort)
 {
     ASSERT_TRUE(device::fwm::Start());

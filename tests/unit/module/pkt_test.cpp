@@ -271,6 +271,21 @@ TEST_F(PktTest, FramesDroppedAtIntakeCountOnlyWhatTheirStageAllows)
     }
 }
 
+TEST_F(PktTest, FirstFrameOfAPortWithoutConfigurationIsCountedOnIt)
+{
+    // GE0/0/11 and GE0/0/12 carry no configuration: no block until a frame comes.
+    Port(kUpA, 1);
+    ASSERT_EQ(PPPOE_PLUS_FindPortCBByindex(kUpB), nullptr);
+    Relay(Frame().vlan(100).padi().bytes(), kUpB);
+    EXPECT_EQ(Count(kUpB, PPPOE_PLUS_CODE_PADI, PPPOE_PLUS_STAT_RECV), 1U);
+    EXPECT_EQ(Count(kUpA, PPPOE_PLUS_CODE_PADI, PPPOE_PLUS_STAT_SEND), 1U);
+    EXPECT_EQ(TakeAll().size(), 1U);
+
+    ASSERT_EQ(PPPOE_PLUS_FindPortCBByindex(kUpC), nullptr);
+    Relay(Frame().vlan(100).padr().verType(0x12).bytes(), kUpC);
+    EXPECT_EQ(Count(kUpC, PPPOE_PLUS_CODE_PADR, PPPOE_PLUS_STAT_DISCARD), 1U);
+}
+
 TEST_F(PktTest, OwnTagGoesBeforeEndOfListOrGetsOneOfItsOwn)
 {
     Port(kUpA, 1);

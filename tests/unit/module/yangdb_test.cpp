@@ -46,12 +46,14 @@ struct FakeLib {
     std::atomic<uint32_t> activations{0};
     std::atomic<uint32_t> connects{0};
     std::atomic<uint32_t> runs{0};
+    std::atomic<uint32_t> clientNews{0};
     std::atomic<int> readFd{-1};
     std::atomic<int> writeFd{-1};
 };
 FakeLib *g_lib = nullptr;
-int g_clientToken = 0;
-auto *const kClient = reinterpret_cast<ydbc_client *>(&g_clientToken);
+int g_clientTokens[2] = {};
+auto *const kClient = reinterpret_cast<ydbc_client *>(&g_clientTokens[0]);
+auto *const kLaterClient = reinterpret_cast<ydbc_client *>(&g_clientTokens[1]);
 
 ydbc_bytes *NewBytes(const char *text, uint32_t length, uint32_t kind)
 {
@@ -88,9 +90,13 @@ uint32_t Subscribe(ydbc_client *, const ydbc_subscription *row)
     return 0;
 }
 
+// The first client made is kClient, every later one kLaterClient.
 ydbc_client *ClientNew(const char *, uint32_t mode, void *)
 {
-    return mode == 1 ? kClient : nullptr;
+    if (mode != 1) {
+        return nullptr;
+    }
+    return g_lib->clientNews++ == 0 ? kClient : kLaterClient;
 }
 
 // Each connect hands out the read end of a fresh pipe; closing the write
@@ -238,9 +244,12 @@ TEST_F(YangDbTest, XmlHelpersReadLeavesKeysAndWriteOneLineReplies)
     const std::string base = std::string(kCheckPath) + "[user-define-text=";
     EXPECT_EQ(PPPOE_PLUS_YangGetKeyValueByPath((base + "'%a']").c_str(), "user-define-text", buf, sizeof(buf)), 0U);
     EXPECT_STREQ(buf, "%a");
-    // The value ends at the first "]", escaped or not.
+    // A backslash escapes the next character of this key: an escaped "]"
+    // or backslash stays in the value, as it was sent.
     EXPECT_EQ(PPPOE_PLUS_YangGetKeyValueByPath((base + "'\"x\\]\"']").c_str(), "user-define-text", buf, 32), 0U);
-    EXPECT_STREQ(buf, "\"x");
+    EXPECT_STREQ(buf, "\"x\\]\"");
+    EXPECT_EQ(PPPOE_PLUS_YangGetKeyValueByPath((base + "'x\\\\']").c_str(), "user-define-text", buf, 32), 0U);
+    EXPECT_STREQ(buf, "x\\\\");
     EXPECT_EQ(PPPOE_PLUS_YangGetKeyValueByPath((base + "'']").c_str(), "user-define-text", buf, sizeof(buf)), 1U);
     EXPECT_EQ(PPPOE_PLUS_YangGetKeyValueByPath(kCheckPath, "user-define-text", buf, sizeof(buf)), 1U);
     EXPECT_EQ(PPPOE_PLUS_YangGetKeyValueByPath((base + "'%a'").c_str(), "user-define-text", buf, sizeof(buf)), 1U);
@@ -455,6 +464,37 @@ TEST_F(YangDbTest, QueriesAnswerFromTheLiveState)
               "<refused>");
 }
 
+TEST_F(YangDbTest, FormatCheckQueryChecksEveryFormatAsTyped)
+{
+    ASSERT_EQ(PPPOE_PLUS_InitKeyWordDict(), 0U);
+    // One format per result code. In the request key a backslash and a "]"
+    // travel escaped by a backslash; the reply names the format as typed.
+    struct Row {
+        const char *format;
+        uint32_t code;
+    };
+    const Row rows[] = {
+        {"\"[%svlan/]%cvlan\"", 0}, {"\"a\\]b\\\\\"", 0}, {"\"%12345slot\"", 1}, {"\"%foo\"", 2},
+        {"\"a\\b\"", 3},            {"\"[%svlan-%cvlan]\"", 4},  {"\"[%slot]\"", 5},        {"\"[[%svlan]]\"", 6},
+        {"\"[abc]\"", 7},             {"\"a]\"", 8},               {"\"%slot%port\"", 9},     {"\"[%svlan:]%svlan:\"", 10},
+        {"\"%0257slot\"", 11},        {"\"ab\"cd\"", 12},           {"\"\"", 13},                {"0x01", 14},
+        {"4294967296", 15},           {"%sysname", 16},              {"%3slot", 17},            {"\"%length:%length-\"", 18},
+        {"\"a%length\"", 19},
+    };
+    for (const Row &row : rows) {
+        std::string key;
+        for (const char c : std::string(row.format)) {
+            key += (c == '\\' || c == ']') ? std::string("\\") + c : std::string(1, c);
+        }
+        const std::string reply =
+            Query(PPPOE_PLUS_GetFormatCheckResult, (std::string(kCheckPath) + "[user-define-text='" + key + "']").c_str());
+        EXPECT_NE(reply.find("<check-result>" + std::to_string(row.code) + "</check-result><user-define-text>" +
+                             row.format + "</user-define-text>"),
+                  std::string::npos)
+            << row.format << " sent as " << key << ": " << reply;
+    }
+}
+
 TEST_F(YangDbTest, OperationsSwitchDebugLevelsAndClearCounters)
 {
     ASSERT_EQ(PPPOE_PLUS_UpdateDebugSwitch(PPPOE_PLUS_DBG_ALL, 0), 0U);
@@ -522,6 +562,14 @@ TEST_F(YangDbTest, ClientTaskServesRequestsAndReactivatesAfterAHangUp)
     EXPECT_EQ(lib.activations.load(), 1U);
     EXPECT_EQ(PPPOE_PLUS_GetYdbcClient(), kClient);
     EXPECT_EQ(PPPOE_PLUS_GetYdbcConnectFd(), lib.readFd.load());
+
+    // A repeated start of work leaves the serving client in place.
+    ASSERT_EQ(PPPOE_PLUS_YdbcRun(), 0U);
+    ASSERT_TRUE(WaitFor([&] {
+        return lib.clientNews.load() > 1 || LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] Ydbc client serves already");
+    }));
+    EXPECT_EQ(lib.clientNews.load(), 1U);
+    EXPECT_EQ(PPPOE_PLUS_GetYdbcClient(), kClient);
 
     // A pending request is dispatched with the run budget.
     ASSERT_EQ(write(lib.writeFd, "x", 1), 1);

@@ -182,14 +182,14 @@ TEST(TirnFwm, RequestsChangeFwmStateAndCompleteOnTheConnectionsTask)
     }
     const device::fwm::State state = device::fwm::GetState();
     EXPECT_TRUE(state.enabled);
-    EXPECT_FALSE(state.ignoreReply);
+    EXPECT_TRUE(state.ignoreReply);  // never told: the agent's default
     EXPECT_EQ(state.trustedPorts, std::set<uint32_t>{7});
     EXPECT_EQ(device::fwm::RequestCount(device::fwm::RequestKind::TrustPortCfg), 3U);
     EXPECT_EQ(device::fwm::RequestCount(device::fwm::RequestKind::GlobalCfg), 1U);
     const auto last = device::fwm::LastRequests();
     ASSERT_EQ(last.size(), 4U);
     EXPECT_EQ(device::fwm::Describe(last[3]), "trust-port-cfg enable 0 ifIndex 5");
-    EXPECT_EQ(device::fwm::Describe(state), "feature on, ignore-reply off, trusted ports 7, clients PPPOE_PLUS");
+    EXPECT_EQ(device::fwm::Describe(state), "feature on, ignore-reply on, trusted ports 7, clients PPPOE_PLUS");
     EXPECT_EQ(platform::tirn::IdlMessagesOutstanding(), 0U);
 
     // A message the library did not make, or one already destroyed, is refused.

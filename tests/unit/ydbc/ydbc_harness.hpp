@@ -67,7 +67,7 @@ struct Delivery {
     std::string path;
     std::string oldXml;  // what ydbc_pull(old 1) gave, "-" when it failed
     std::string newXml;  // what ydbc_pull(old 0) gave, "-" when it failed
-    std::string below = {};  // ydbc_pull(old 0) of the path plus pullBelow
+    std::string below = {};  // ydbc_pull(old 0, pullDepth) of the path plus pullBelow
 };
 
 class Subscriber {
@@ -155,6 +155,7 @@ public:
     size_t changesAtRecoverEnd = 0;
     std::map<std::string, uint32_t> refuse;  // instance path -> result
     std::string pullBelow;
+    uint32_t pullDepth = kWholeTree;
     uint32_t delayMs = 0;  // how long a configuration callback takes
     std::string getReply;
     uint32_t getResult = 0;
@@ -193,10 +194,12 @@ public:
     }
 
 private:
-    static std::string Pull(void *ctx, uint32_t old, const char *path)
+    static constexpr uint32_t kWholeTree = 0xFFFFFFFFU;
+
+    static std::string Pull(void *ctx, uint32_t old, const char *path, uint32_t depth = kWholeTree)
     {
         ydbc_bytes *bytes = nullptr;
-        if (ydbc_pull(ctx, old, path, 0xFFFFFFFFU, &bytes) != 0 || bytes == nullptr) {
+        if (ydbc_pull(ctx, old, path, depth, &bytes) != 0 || bytes == nullptr) {
             return "-";
         }
         std::string text(bytes->text, bytes->length);
@@ -206,15 +209,17 @@ private:
     static uint32_t OnChange(void *ctx, uint32_t op, uint32_t, uint32_t, const char *path)
     {
         std::string below;
+        uint32_t depth = kWholeTree;
         uint32_t delay = 0;
         {
             std::lock_guard<std::mutex> lock(current->mu);
             below = current->pullBelow;
+            depth = current->pullDepth;
             delay = current->delayMs;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(delay));
         Delivery d{op, path, Pull(ctx, 1, path), Pull(ctx, 0, path),
-                   below.empty() ? "" : Pull(ctx, 0, (path + below).c_str())};
+                   below.empty() && depth == kWholeTree ? "" : Pull(ctx, 0, (path + below).c_str(), depth)};
         std::lock_guard<std::mutex> lock(current->mu);
         current->changes.push_back(d);
         auto it = current->refuse.find(path);

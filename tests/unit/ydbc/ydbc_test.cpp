@@ -5,6 +5,7 @@
 
 #include <platform/control.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -119,6 +120,26 @@ TEST_F(DatastoreTest, ChangesReachTheSubscriberWithTheirTypePathAndData)
     }
 }
 
+TEST_F(DatastoreTest, DeletingAPortsLastItemTakesItsInterfaceEntryAlong)
+{
+    StartServer();
+    const std::string format = "<port-tags-formats><port-tags-format><vlan-id>10</vlan-id><cevlan-id>0</cevlan-id>"
+                               "<tags-encapsulation-type>circuit-id</tags-encapsulation-type><ifIndex>49</ifIndex>"
+                               "</port-tags-format></port-tags-formats>";
+    ASSERT_TRUE(admin_->Edit(PortXml(kGigabit, "<trusted-port><ifindex>49</ifindex></trusted-port>" + format) +
+                                 PortXml("Eth-Trunk1", "<trusted-port><ifindex>1</ifindex></trusted-port>"),
+                             EditMode::kMerge).ok);
+    ASSERT_TRUE(admin_->Delete(PortItem(kGigabit, "port-tags-formats/port-tags-format[vlan-id='10'][cevlan-id='0']"
+                                                  "[tags-encapsulation-type='circuit-id']")).ok);
+    EXPECT_NE(admin_->Export().text.find("<name>" + kGigabit + "</name>"), std::string::npos);
+    ASSERT_TRUE(admin_->Delete(PortItem(kGigabit, "trusted-port")).ok);
+    const std::string left = admin_->Export().text;
+    EXPECT_EQ(left.find(kGigabit), std::string::npos) << left;
+    EXPECT_NE(left.find("<name>Eth-Trunk1</name>"), std::string::npos) << left;
+    ASSERT_TRUE(admin_->Delete(PortItem("Eth-Trunk1", "trusted-port")).ok);
+    EXPECT_EQ(admin_->Export().text.find("<interface>"), std::string::npos) << admin_->Export().text;
+}
+
 TEST_F(DatastoreTest, PullReadsBelowTheChangedNode)
 {
     StartServer();
@@ -137,6 +158,32 @@ TEST_F(DatastoreTest, PullReadsBelowTheChangedNode)
                              EditMode::kMerge).ok);
     ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 1; }));
     EXPECT_EQ(subscriber_->Changes()[0].below, "<user-define-text xmlns=\"" + kNs + "\">%b</user-define-text>");
+
+    // A depth keeps that many levels of elements, the node pulled being the
+    // first; a depth of 0 asks for nothing.
+    const struct {
+        uint32_t depth;
+        std::string below;
+    } depths[] = {
+        {1, "<port-tags-formats xmlns=\"" + kNs + "\"></port-tags-formats>"},
+        {2, "<port-tags-formats xmlns=\"" + kNs + "\"><port-tags-format></port-tags-format>"
+            "<port-tags-format></port-tags-format></port-tags-formats>"},
+        {0, "-"},
+    };
+    std::string text = "%c";
+    for (const auto &row : depths) {
+        subscriber_->Forget();
+        subscriber_->With([&row](Subscriber &s) {
+            s.pullBelow.clear();
+            s.pullDepth = row.depth;
+        });
+        text += "c";
+        ASSERT_TRUE(admin_->Edit(PortXml(kGigabit, "<port-tags-formats>" + format("remote-id", text) +
+                                                       "</port-tags-formats>"),
+                                 EditMode::kMerge).ok);
+        ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 1; }));
+        EXPECT_EQ(subscriber_->Changes()[0].below, row.below) << row.depth;
+    }
 
     // Below a path that is not there, or beside the changed node: nothing.
     subscriber_->Forget();
@@ -191,18 +238,22 @@ TEST_F(DatastoreTest, RefusedChangeIsRolledBack)
     EXPECT_EQ(admin_->Export().text, before);
     EXPECT_NE(admin_->Get(kEnable).text.find("<enable>false</enable>"), std::string::npos);
 
-    // The accepted switch is put back with the inverse modify.
+    // The refusing subscriber may have applied part of its change: it gets
+    // the previous value back first, then the accepted switch, in reverse.
     const std::vector<Delivery> got = subscriber_->Changes();
-    ASSERT_EQ(got.size(), 3U);
+    ASSERT_EQ(got.size(), 4U);
     EXPECT_EQ(got[0].path, kEnable);
     EXPECT_EQ(got[1].path, kVendor);
-    EXPECT_EQ(got[2].op, YDBC_OP_MODIFY);
-    EXPECT_EQ(got[2].path, kEnable);
-    EXPECT_EQ(got[2].oldXml, got[0].newXml);
-    EXPECT_EQ(got[2].newXml, got[0].oldXml);
+    for (const size_t undo : {2U, 3U}) {
+        const Delivery &done = got[3 - undo];  // undone in reverse
+        EXPECT_EQ(got[undo].op, YDBC_OP_MODIFY);
+        EXPECT_EQ(got[undo].path, done.path);
+        EXPECT_EQ(got[undo].oldXml, done.newXml);
+        EXPECT_EQ(got[undo].newXml, done.oldXml);
+    }
 
-    // A refused create needs no undoing; the accepted one before it in the
-    // same edit is deleted again.
+    // A refused create is deleted again, and so is the accepted one before
+    // it in the same edit.
     subscriber_->Forget();
     const std::string trunk1 = PortItem("Eth-Trunk1", "trusted-port");
     const std::string trunk2 = PortItem("Eth-Trunk2", "trusted-port");
@@ -213,13 +264,16 @@ TEST_F(DatastoreTest, RefusedChangeIsRolledBack)
     EXPECT_EQ(reply.text, "refused by pppoe_plus: create of " + trunk2 + " (result 23)");
     EXPECT_EQ(admin_->Export().text, before);
     const std::vector<Delivery> undone = subscriber_->Changes();
-    ASSERT_EQ(undone.size(), 3U);
+    ASSERT_EQ(undone.size(), 4U);
     EXPECT_EQ(undone[0].op, YDBC_OP_CREATE);
     EXPECT_EQ(undone[0].path, trunk1);
     EXPECT_EQ(undone[1].path, trunk2);
     EXPECT_EQ(undone[2].op, YDBC_OP_DELETE);
-    EXPECT_EQ(undone[2].path, trunk1);
-    EXPECT_EQ(undone[2].oldXml, TrustedXml(1, false));
+    EXPECT_EQ(undone[2].path, trunk2);
+    EXPECT_EQ(undone[2].oldXml, TrustedXml(2, false));
+    EXPECT_EQ(undone[3].op, YDBC_OP_DELETE);
+    EXPECT_EQ(undone[3].path, trunk1);
+    EXPECT_EQ(undone[3].oldXml, TrustedXml(1, false));
 }
 
 TEST_F(DatastoreTest, AnEditThatCannotBeSavedIsUndone)
@@ -288,6 +342,13 @@ TEST_F(DatastoreTest, GetsGoToTheStateSubscriberWithTheirKeys)
         ASSERT_EQ(subscriber_->getPaths.size(), 1U);
         EXPECT_EQ(subscriber_->getPaths[0], asked);
     }
+    // An escaped "]" inside the quoted key does not end it.
+    const std::string escaped = check + "[user-define-text='\"[%svlan\\]\"']";
+    ASSERT_TRUE(admin_->Get(escaped).ok);
+    {
+        std::lock_guard<std::mutex> lock(subscriber_->mu);
+        EXPECT_EQ(subscriber_->getPaths.back(), escaped);
+    }
     // A reply that is not even XML comes back as it is.
     subscriber_->With([&](Subscriber &s) { s.getReply = "not xml <"; });
     EXPECT_EQ(admin_->Get(asked).text, "not xml <");
@@ -303,6 +364,15 @@ TEST_F(DatastoreTest, GetsGoToTheStateSubscriberWithTheirKeys)
     ASSERT_TRUE(reply.ok) << reply.text;
     EXPECT_NE(reply.text.find("<policy>1</policy>"), std::string::npos) << reply.text;
     EXPECT_NE(reply.text.find("<tags-policy>replace</tags-policy>"), std::string::npos) << reply.text;
+    // The format check exists only for the text its key names: it is not
+    // asked without one, and asking for it without one names the key.
+    const std::string hint = "answered only for a key: ask for " + check + "[user-define-text='...']";
+    EXPECT_EQ(admin_->Get(check).text, check + " is " + hint);
+    EXPECT_EQ(admin_->Get(kPlus + "/query-format-check").text, check + " is " + hint);
+    {
+        std::lock_guard<std::mutex> lock(subscriber_->mu);
+        EXPECT_EQ(std::count(subscriber_->getPaths.begin(), subscriber_->getPaths.end(), check), 0);
+    }
     EXPECT_EQ(admin_->Get(kPlus + "/query-encapsulation").text, "no subscriber serves " + kPlus + "/query-encapsulation");
     EXPECT_EQ(admin_->Get("/quendal-pppoe-plus:nothing").text, "unknown path /quendal-pppoe-plus:nothing");
 }

@@ -248,6 +248,14 @@ void PPPOE_PLUS_PktProc(FpcMbuf *mbuf, DpxPktHead *head)
     const uint32_t igrIfIndex = head->igrIfindex;
     PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPPOE_PKT] ucVerAndType %u, ethHdrLen:%u, ifIndex:%u)",
                          hdr->verAndType, ethHeadLen, igrIfIndex);
+    // The block carries the port's counters, so it is made before the first
+    // count: a port's first discovery frame is counted like any later one.
+    PortCB *portCb = nullptr;
+    if (PPPOE_PLUS_GetPortCBByIndex(igrIfIndex, &portCb) != 0 || portCb == nullptr) {
+        PPPOE_PLUS_FpcMbufFree(mbuf);
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "[PPPOE_PKT] process error.");
+        return;
+    }
     if (hdr->verAndType != PPPOE_PLUS_VER_TYPE) {
         PPPOE_PLUS_PktStatistic(PPPOE_PLUS_STAT_DISCARD, hdr, igrIfIndex);
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "[PPPOE_PKT] process error. (ucVerAndType: %u)", hdr->verAndType);
@@ -255,14 +263,6 @@ void PPPOE_PLUS_PktProc(FpcMbuf *mbuf, DpxPktHead *head)
         return;
     }
     PPPOE_PLUS_PktStatistic(PPPOE_PLUS_STAT_RECV, hdr, igrIfIndex);
-
-    PortCB *portCb = nullptr;
-    if (PPPOE_PLUS_GetPortCBByIndex(igrIfIndex, &portCb) != 0 || portCb == nullptr) {
-        PPPOE_PLUS_PktStatistic(PPPOE_PLUS_STAT_DISCARD, hdr, igrIfIndex);
-        PPPOE_PLUS_FpcMbufFree(mbuf);
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "[PPPOE_PKT] process error.");
-        return;
-    }
     // Bytes beyond the announced tag area are carried along; a tag area
     // shorter than announced is not.
     if (mbuf->dataLen - ethHeadLen - PPPOE_PLUS_PPPOE_HDR_LEN < PppoeLength(hdr)) {

@@ -7,6 +7,7 @@
 #include <sys/epoll.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 
 #include "plat_safe.h"
@@ -29,6 +30,18 @@ constexpr uint32_t kTaskPriority = 100;
 constexpr uint32_t kPullWholeTree = 0xFFFFFFFFU;
 constexpr int kXmlParseNoBlanks = 256;  // XML_PARSE_NOBLANKS
 constexpr uint32_t kKeyPatternLen = 32;
+
+// Set from the creation of the client task until that task ends: one client
+// serves for the life of the module, whatever the number of starts of work.
+std::atomic<bool> g_ydbcTaskServing{false};
+
+// The client task ends on a failure; a later start of work may try again.
+uint32_t EndYdbcTask(const char *why)
+{
+    PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "%s", why);
+    g_ydbcTaskServing.store(false, std::memory_order_release);
+    return 1;
+}
 
 ydbc_subscription CfgRow(const char *path, ydbc_config_cb callback)
 {
@@ -65,6 +78,19 @@ xmlNodePtr ParseText(const char *text)
     xmlNodePtr copy = root != nullptr ? xmlCopyNode(root, 1) : nullptr;
     xmlFreeDoc(doc);
     return copy;
+}
+
+// The first "]" of text that no backslash escapes, or null.
+const char *EscapedKeyEnd(const char *text)
+{
+    for (const char *at = text; *at != '\0'; at++) {
+        if (*at == '\\' && at[1] != '\0') {
+            at++;
+        } else if (*at == ']') {
+            return at;
+        }
+    }
+    return nullptr;
 }
 
 const char *NodeName(xmlNodePtr node)
@@ -243,17 +269,14 @@ uint32_t PPPOE_PLUS_YdbcTaskEntry(uintptr_t arg0, uintptr_t arg1, uintptr_t arg2
     (void)arg2;
     (void)arg3;
     if (PPPOE_PLUS_InitYdbc() != 0) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "[PPLUS-CFG] Init ydbc client fail.");
-        return 1;
+        return EndYdbcTask("[PPLUS-CFG] Init ydbc client fail.");
     }
     if (PPPOE_PLUS_InitYang() != 0) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "[PPLUS-CFG] Init yang fail.");
-        return 1;
+        return EndYdbcTask("[PPLUS-CFG] Init yang fail.");
     }
     ydbc_client *client = PPPOE_PLUS_GetYdbcClient();
     if (client == nullptr) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "[PPLUS-CFG] Get ydbc client fail.");
-        return 1;
+        return EndYdbcTask("[PPLUS-CFG] Get ydbc client fail.");
     }
 
     const int epfd = epoll_create(1);
@@ -295,11 +318,19 @@ uint32_t PPPOE_PLUS_YdbcRun(void)
     if (PPPOE_PLUS_IsMpu() != 1) {
         return 0;
     }
+    // A second task would make a second client and put it in the control
+    // record in place of the one that serves.
+    if (g_ydbcTaskServing.exchange(true, std::memory_order_acq_rel)) {
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPLUS-CFG] Ydbc client serves already, task %u kept.",
+                             g_pplusYdbcCtlTbl.taskId.load(std::memory_order_acquire));
+        return 0;
+    }
     uint32_t taskId = 0;
     const uint32_t ret = RUK_TaskCreate(g_pplusYdbcCtlTbl.taskName, &taskId, PPPOE_PLUS_YdbcTaskEntry,
                                         kTaskPriority, 0, 0, 0, 0, 0, 0);
     g_pplusYdbcCtlTbl.taskId.store(taskId, std::memory_order_release);
     if (ret != RUK_OK) {
+        g_ydbcTaskServing.store(false, std::memory_order_release);
         ZAVK_Assert(kYangDbFile, kLineTaskCreate);
         return 1;
     }
@@ -411,11 +442,11 @@ uint32_t PPPOE_PLUS_YangGetKeyValueByPath(const char *path, const char *key, cha
         return 1;
     }
     // Skip the pattern and the opening quote; the value ends before the
-    // character that precedes the next "]" (the closing quote). A "]"
-    // inside the value ends it there: such a text cannot be passed as a key.
+    // character that precedes the next "]" (the closing quote). In the
+    // format-check key an escaped "]" is part of the value.
     const size_t patternLen = strlen(pattern);
     const char *start = found + patternLen + (found[patternLen] != '\0' ? 1 : 0);
-    const char *end = strchr(start, ']');
+    const char *end = strcmp(key, PPPOE_PLUS_YANG_FORMAT_CHECK_KEY) == 0 ? EscapedKeyEnd(start) : strchr(start, ']');
     if (end == nullptr) {
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "[PPLUS-CFG] cannot find key end flag, keyname=%s.", key);
         return 1;

@@ -746,7 +746,7 @@ uint32_t PPPOE_PLUS_YangCreateFormatCheckResultXmlNode(const char *path, xmlNode
         return 1;
     }
     TextBuf raw{};
-    if (PPPOE_PLUS_YangGetKeyValueByPath(path, "user-define-text", raw.data(), raw.size()) != 0) {
+    if (PPPOE_PLUS_YangGetKeyValueByPath(path, PPPOE_PLUS_YANG_FORMAT_CHECK_KEY, raw.data(), raw.size()) != 0) {
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "[PPLUS-CFG] Failed to get content. path: %s", OrEmpty(path));
         return 1;
     }
