@@ -9,7 +9,7 @@
 //   fwm
 //   ha start-work <role> | ha new-backup <chassis> <board> | ha backup-removed |
 //   ha promote | ha demote | ha master <chassis> <board> | ha show
-//   port replay <PORT>=<FILE.pcap>
+//   port replay <PORT>=<FILE.pcap> | port list
 //
 // The agent itself is configured through the datastore, not through here.
 #include <poll.h>
@@ -338,13 +338,16 @@ std::string RunControlCommand(const std::string &line, const ControlHooks &hooks
         std::string output;
         return hooks.replay(w[2], &output) ? Ok(output) : Error(output);
     }
+    if (w[0] == "port" && w.size() == 2 && w[1] == "list") {
+        return hooks.ports ? Ok(hooks.ports()) : Error("this host has no ports");
+    }
     if (w[0] == "ha") {
         return HaCommand(w, hooks);
     }
     if (w[0] == "fail") {
         return FailCommand(w);
     }
-    return Error("unknown command \"" + line + "\" (commands: if, board, fwm, ha, port replay, fail)");
+    return Error("unknown command \"" + line + "\" (commands: if, board, fwm, ha, port replay, port list, fail)");
 }
 
 struct ControlServer::State {

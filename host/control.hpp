@@ -25,6 +25,8 @@ struct ControlHooks {
     // Replays a pcap file into a port ("PORT=FILE.pcap"); false with the
     // reason in *output.
     std::function<bool(const std::string &binding, std::string *output)> replay;
+    // Per-port counters of the forwarding plane and the live ports.
+    std::function<std::string()> ports;
     // The agent's HA accessors, for "ha show" (null when the module lacks one).
     uint32_t (*haGetRole)() = nullptr;
     uint32_t (*haGetSmbInstId)() = nullptr;

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <thread>
 
@@ -122,7 +123,7 @@ struct HaPlan {
     uint32_t mainBoardId = 1;
 };
 
-bool SetUpWorld(const Options &opts, HaPlan *ha)
+bool SetUpWorld(const Options &opts, HaPlan *ha, std::map<uint32_t, std::string> *netdevs)
 {
     std::string error;
     const auto topology = opts.topologyFile.empty() ? device::world::LoadTopologyText(kExampleTopology, &error)
@@ -139,6 +140,7 @@ bool SetUpWorld(const Options &opts, HaPlan *ha)
     instance.state = 1;
     platform::world::FrmInstPut(instance);
     *ha = HaPlan{topology->haRole, sys.chassisId, sys.mainBoardId};
+    *netdevs = topology->netdevs;
     std::printf("pppoe-plus-switch: switch \"%s\", chassis %u, board %u (main board %u)\n", sys.sysName.c_str(),
                 sys.chassisId, sys.selfBoardId, sys.mainBoardId);
     return true;
@@ -277,13 +279,14 @@ int main(int argc, char **argv)
         return 1;
     }
     HaPlan haPlan;
-    if (!SetUpWorld(opts, &haPlan)) {
+    std::map<uint32_t, std::string> netdevs;
+    if (!SetUpWorld(opts, &haPlan, &netdevs)) {
         return 1;
     }
     // Ports are checked before the agent starts.
     host::HostPorts ports;
     std::string portError;
-    if (!ports.Open(portOpts, &portError)) {
+    if (!ports.Open(portOpts, netdevs, &portError)) {
         std::fprintf(stderr, "pppoe-plus-switch: %s\n", portError.c_str());
         return 1;
     }
@@ -381,6 +384,7 @@ int main(int argc, char **argv)
     hooks.replay = [&ports](const std::string &binding, std::string *output) {
         return ports.ReplayMore(binding, output);
     };
+    hooks.ports = [&ports]() { return ports.Describe(); };
     if (std::string error; !control.Start(opts.controlPath, hooks, &error)) {
         Say(("control socket not available: " + error).c_str());
     } else {
@@ -407,6 +411,9 @@ int main(int argc, char **argv)
     }
     netconf.reset();
     control.Stop();
+    if (ports.HasLivePorts()) {
+        ports.PrintSummary();
+    }
     ports.Close();
     const uint32_t exitRet = mainExit();
     std::printf("pppoe-plus-switch: agent exit returned %u\n", exitRet);

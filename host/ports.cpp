@@ -1,5 +1,5 @@
-// The host's ports: pcap inputs replayed into the forwarding plane and pcap
-// captures of what leaves it.
+// The host's ports: live ports on Linux netdevs, pcap inputs replayed into
+// the forwarding plane and pcap captures of what leaves the other ports.
 #include "ports.hpp"
 
 #include <chrono>
@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "device/fwm.hpp"
+#include "platform/control.h"
 #include "platform/world.hpp"
 #include "wick.h"
 
@@ -48,6 +49,9 @@ void AddPortOptions(CLI::App &app, PortOptions &opts)
     app.add_option("--in", opts.inputs, "Replay FILE.pcap into PORT (PORT=FILE.pcap, PORT a name or ifIndex)");
     app.add_option("--out", opts.outputs, "Capture what leaves PORT into FILE.pcap (PORT=FILE.pcap)");
     app.add_option("--capture-dir", opts.captureDir, "Capture every other port that sends into DIR/<port-name>.pcap");
+    app.add_option("--netdev", opts.netdevs,
+                   "Bind PORT to the Linux interface NETDEV (PORT=NETDEV, PORT a name or ifIndex; "
+                   "beside the topology's netdev keys)");
 }
 
 void MakePathsAbsolute(PortOptions &opts)
@@ -67,9 +71,81 @@ void MakePathsAbsolute(PortOptions &opts)
     opts.captureDir = absolute(opts.captureDir);
 }
 
+// What leaves the plane: through a live port when it is bound to a netdev,
+// into the captures otherwise.
+class HostPorts::Backends : public device::fplane::PortBackend {
+public:
+    Backends(device::fplane::LivePorts &live, device::fplane::PcapCapture &capture) : live_(live), capture_(capture) {}
+    void Transmit(uint32_t ifIndex, std::span<const uint8_t> frame) override
+    {
+        if (live_.Owns(ifIndex)) {
+            live_.Transmit(ifIndex, frame);
+        } else {
+            capture_.Transmit(ifIndex, frame);
+        }
+    }
 
-bool HostPorts::Open(const PortOptions &opts, std::string *error)
+private:
+    device::fplane::LivePorts &live_;
+    device::fplane::PcapCapture &capture_;
+};
+
+HostPorts::HostPorts()
+    : live_([](const std::string &line) { PLAT_LogWrite(PLAT_LOG_PLATFORM, "[live] %s", line.c_str()); }),
+      backends_(std::make_unique<Backends>(live_, capture_))
 {
+}
+
+HostPorts::~HostPorts()
+{
+    Close();
+}
+
+namespace {
+
+// The topology's bindings with --netdev PORT=NETDEV over them; ports that
+// carry frames only (a trunk's own interface has none to carry).
+bool Bindings(const std::vector<std::string> &options, const std::map<uint32_t, std::string> &topology,
+              std::vector<device::fplane::NetdevBinding> *out, std::string *error)
+{
+    std::map<uint32_t, std::string> byPort = topology;
+    for (const std::string &binding : options) {
+        const size_t eq = binding.find('=');
+        if (eq == std::string::npos || eq == 0 || eq + 1 == binding.size()) {
+            *error = "--netdev " + binding + ": expected PORT=NETDEV";
+            return false;
+        }
+        const auto port = platform::world::IfResolve(binding.substr(0, eq));
+        if (!port) {
+            *error = "--netdev " + binding + ": unknown port " + binding.substr(0, eq);
+            return false;
+        }
+        byPort[port->ifIndex] = binding.substr(eq + 1);
+    }
+    for (const auto &[ifIndex, netdev] : byPort) {
+        const auto rec = platform::world::IfFind(ifIndex);
+        if (rec && rec->lagId != platform::kNoId) {
+            *error = "port " + rec->name + " is a trunk's interface and carries no frames of its own: bind netdev " +
+                     netdev + " to one of its members";
+            return false;
+        }
+        out->push_back({ifIndex, netdev});
+    }
+    return true;
+}
+
+}  // namespace
+
+bool HostPorts::Open(const PortOptions &opts, const std::map<uint32_t, std::string> &netdevs, std::string *error)
+{
+    std::vector<device::fplane::NetdevBinding> bindings;
+    if (!Bindings(opts.netdevs, netdevs, &bindings, error) || !live_.Open(bindings, error)) {
+        return false;
+    }
+    hasLive_ = !bindings.empty();
+    for (const device::fplane::NetdevBinding &b : bindings) {
+        (void)platform::world::IfSetOnBoard(b.ifIndex, live_.IsUp(b.ifIndex));
+    }
     for (const std::string &binding : opts.inputs) {
         uint32_t ifIndex = 0;
         std::string path;
@@ -88,8 +164,9 @@ bool HostPorts::Open(const PortOptions &opts, std::string *error)
     if (!opts.captureDir.empty() && !capture_.SetFolder(opts.captureDir, error)) {
         return false;
     }
-    plane_ = std::make_unique<device::fplane::ForwardingPlane>(capture_);
-    return true;
+    plane_ = std::make_unique<device::fplane::ForwardingPlane>(*backends_);
+    return live_.Start([this](uint32_t ifIndex, std::span<const uint8_t> frame) { plane_->Receive(ifIndex, frame); },
+                       [](uint32_t ifIndex, bool up) { (void)platform::world::IfSetOnBoard(ifIndex, up); }, error);
 }
 
 bool HostPorts::Replay()
@@ -111,14 +188,8 @@ bool HostPorts::ReplayMore(const std::string &binding, std::string *output)
         *output = "the forwarding plane did not become idle after the replay";
         return false;
     }
-    const auto c = plane_->AllCounters();
-    std::ostringstream out;
-    out << "replayed " << more.Size() << " frame(s) into " << device::fplane::PortName(ifIndex);
-    for (const auto &[port, counters] : c) {
-        out << "\nport " << device::fplane::PortName(port) << " (" << port << "): rx " << counters.rx << " tx "
-            << counters.tx << " punted " << counters.punted << " dropped " << counters.dropped;
-    }
-    *output = out.str();
+    *output = "replayed " + std::to_string(more.Size()) + " frame(s) into " + device::fplane::PortName(ifIndex) +
+              "\n" + Describe();
     return true;
 }
 
@@ -150,14 +221,35 @@ bool HostPorts::Run(const device::fplane::PcapReplay &replay)
     return settled(200ms, ok ? 10s : 2s) && ok;
 }
 
+std::string HostPorts::Describe() const
+{
+    std::ostringstream out;
+    const auto portName = [](uint32_t ifIndex) {
+        const std::string name = device::fplane::PortName(ifIndex);
+        return (name.empty() ? "?" : name) + " (" + std::to_string(ifIndex) + ")";
+    };
+    for (const auto &[ifIndex, c] : plane_->AllCounters()) {
+        out << "port " << portName(ifIndex) << ": rx " << c.rx << " tx " << c.tx << " punted " << c.punted
+            << " dropped " << c.dropped << "\n";
+    }
+    for (const device::fplane::LivePortStats &s : live_.Stats()) {
+        out << "port " << portName(s.ifIndex) << " on netdev " << s.netdev << ": " << (s.up ? "up" : "down")
+            << ", mtu " << s.mtu << ", rx " << s.rx << " tx " << s.tx << ", too long rx " << s.rxOversize
+            << " tx " << s.txOversize << ", not sent " << s.txDropped << ", lost in the receive ring "
+            << s.rxRingDrops << "\n";
+    }
+    std::string text = out.str();
+    if (!text.empty()) {
+        text.pop_back();
+    }
+    return text;
+}
+
 void HostPorts::PrintSummary() const
 {
-    for (const auto &[ifIndex, c] : plane_->AllCounters()) {
-        const std::string name = device::fplane::PortName(ifIndex);
-        std::printf("pppoe-plus-switch: port %s (%u): rx %llu tx %llu punted %llu dropped %llu\n",
-                    name.empty() ? "?" : name.c_str(), ifIndex, static_cast<unsigned long long>(c.rx),
-                    static_cast<unsigned long long>(c.tx), static_cast<unsigned long long>(c.punted),
-                    static_cast<unsigned long long>(c.dropped));
+    std::istringstream lines(Describe());
+    for (std::string line; std::getline(lines, line);) {
+        std::printf("pppoe-plus-switch: %s\n", line.c_str());
     }
     std::printf("pppoe-plus-switch: fwm: %s\n", device::fwm::Describe(device::fwm::GetState()).c_str());
     for (const auto &[ifIndex, file] : capture_.Files()) {
@@ -173,6 +265,7 @@ void HostPorts::PrintSummary() const
 
 void HostPorts::Close()
 {
+    live_.Stop();
     plane_.reset();
     capture_.Close();
 }

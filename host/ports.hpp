@@ -1,7 +1,8 @@
-// The host's ports: the forwarding plane with pcap replay and capture
-// behind it.
+// The host's ports: the forwarding plane with live ports (Linux netdevs)
+// and pcap replay and capture behind it.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -15,6 +16,7 @@
 #pragma GCC diagnostic pop
 
 #include "device/fplane.hpp"
+#include "device/live.hpp"
 
 namespace host {
 
@@ -22,20 +24,29 @@ struct PortOptions {
     std::vector<std::string> inputs;    // PORT=FILE.pcap
     std::vector<std::string> outputs;   // PORT=FILE.pcap
     std::string captureDir;
+    std::vector<std::string> netdevs;   // PORT=NETDEV
 };
 
-// --in, --out, --capture-dir.
+// --in, --out, --capture-dir, --netdev.
 void AddPortOptions(CLI::App &app, PortOptions &opts);
 // Paths on the command line are relative to where the host was started;
 // call before the host changes folder.
 void MakePathsAbsolute(PortOptions &opts);
 
-// The forwarding plane and its pcap ports for one run of the host.
+// The forwarding plane and its ports for one run of the host: ports bound
+// to netdevs are live, the others send into the pcap captures.
 class HostPorts {
 public:
-    // Resolves the ports, reads every input, opens the captures and starts
-    // the plane; false and a message when anything is wrong.
-    bool Open(const PortOptions &opts, std::string *error);
+    HostPorts();
+    ~HostPorts();
+    HostPorts(const HostPorts &) = delete;
+    HostPorts &operator=(const HostPorts &) = delete;
+
+    // Resolves the ports, binds the live ones (the topology's netdevs, then
+    // --netdev), reads every input, opens the captures and starts the plane;
+    // false and a message when anything is wrong. A live port is on board
+    // in the world while its netdev is up, from here on.
+    bool Open(const PortOptions &opts, const std::map<uint32_t, std::string> &netdevs, std::string *error);
     bool HasInputs() const { return hasInputs_; }
     // Replays the inputs into their ports, each frame once the previous one
     // has been handled, then waits until the plane and the agent are idle.
@@ -46,6 +57,9 @@ public:
     bool ReplayMore(const std::string &binding, std::string *output);
     // Per-port counters and the files written.
     void PrintSummary() const;
+    // Per-port counters of the plane and of the live ports, one line each.
+    std::string Describe() const;
+    bool HasLivePorts() const { return hasLive_; }
     // Stops the plane and closes the captures.
     void Close();
 
@@ -55,8 +69,12 @@ private:
     std::mutex replayLock_;
     device::fplane::PcapReplay replay_;
     device::fplane::PcapCapture capture_;
+    device::fplane::LivePorts live_;
+    class Backends;
+    std::unique_ptr<Backends> backends_;
     std::unique_ptr<device::fplane::ForwardingPlane> plane_;
     bool hasInputs_ = false;
+    bool hasLive_ = false;
 };
 
 }  // namespace host

@@ -9,6 +9,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
+source scripts/lib/show-discovery.sh
 bash scripts/install-deps.sh
 cmake --preset default >/dev/null
 cmake --build --preset default -j2
@@ -56,20 +57,10 @@ kill -TERM ${switch}
 wait ${switch} || true
 trap - EXIT
 
-show() {
-  local title=$1 file=$2
-  echo
-  echo "== ${title} (${file#"${root}"/})"
-  tshark -r "${file}" -T fields -E header=y -E separator=$'\t' \
-    -e frame.number -e eth.src -e eth.dst -e vlan.id -e pppoe.code \
-    -e pppoed.tags.vendor_id -e pppoed.tags.circuit_id -e pppoed.tags.remote_id 2>/dev/null |
-    sed -e 's/\t0x09\t/\tPADI\t/; s/\t0x07\t/\tPADO\t/; s/\t0x19\t/\tPADR\t/; s/\t0x65\t/\tPADS\t/; s/\t0xa7\t/\tPADT\t/' |
-    column -t -s $'\t' -o '  '
-}
-show "towards the access concentrator: the agent's Vendor-Specific tag (vendor id, Circuit ID, Remote ID)" \
+show_discovery "towards the access concentrator: the agent's Vendor-Specific tag (vendor id, Circuit ID, Remote ID)" \
   "${out}/uplink.pcap"
 for capture in "${out}"/ports/*.pcap; do
-  show "towards the subscriber on $(basename "${capture}" .pcap | tr _ /): the tag stripped" "${capture}"
+  show_discovery "towards the subscriber on $(basename "${capture}" .pcap | tr _ /): the tag stripped" "${capture}"
 done
 echo
 echo "Captures for Wireshark: ${out#"${root}"/}/uplink.pcap, ${out#"${root}"/}/ports/;" \

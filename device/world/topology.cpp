@@ -20,6 +20,7 @@
 //       port-switch: true         # switched (layer-2) port; false: routed
 //       description: subscriber line 1
 //       on-board: true
+//       netdev: eth1             # the Linux interface the port is bound to (live ports)
 //   trunks:                       # link aggregations
 //     - name: Eth-Trunk1
 //       id: 1
@@ -240,6 +241,7 @@ void AddVlans(const std::string &source, const YAML::Node &node, const std::stri
 struct Entry {
     platform::IfRecord record;
     platform::PortVlanRecord vlans;
+    std::string netdev;          // interfaces only
     YAML::Node members;          // trunks only
     YAML::Node mark;
 };
@@ -311,6 +313,11 @@ Entry ParseInterface(const std::string &source, const YAML::Node &node, size_t i
             r.port = static_cast<uint16_t>(RangedOf(source, value, key, 0, 0xFFFF));
         } else if (name == "on-board") {
             r.onBoard = BoolOf(source, value, key);
+        } else if (name == "netdev") {
+            entry.netdev = ScalarOf(source, value, key);
+            if (entry.netdev.empty()) {
+                Refuse(source, value, key, "must not be empty");
+            }
         } else {
             Refuse(source, it->first, key, "unknown key");
         }
@@ -527,6 +534,9 @@ std::optional<platform::Topology> Parse(const std::string &source, const std::st
             entry.vlans.Add(entry.record.pvid);
             topology.interfaces.push_back(entry.record);
             topology.portVlans.push_back(entry.vlans);
+            if (!entry.netdev.empty()) {
+                topology.netdevs[entry.record.ifIndex] = entry.netdev;
+            }
         }
         return topology;
     } catch (const ParseError &e) {

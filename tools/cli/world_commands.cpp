@@ -84,7 +84,8 @@ void AddFail(CLI::App *world, Action *action)
 
 void AddPortReplay(CLI::App *world, Action *action)
 {
-    CLI::App *port = AddGroup(world, "port", "Ports: replay a capture into one while the switch runs");
+    CLI::App *port = AddGroup(world, "port", "Ports: counters, or replay a capture into one while the switch runs");
+    AddVerb(port, action, "list", "Per-port counters of the forwarding plane and of the ports bound to netdevs");
     CLI::App *replay = port->add_subcommand("replay", "Replay FILE.pcap into PORT");
     auto binding = std::make_shared<std::string>();
     replay->add_option("binding", *binding, "PORT=FILE.pcap")->required();

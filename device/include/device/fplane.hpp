@@ -73,8 +73,9 @@ struct MacEntry {
     uint32_t ifIndex = kNoPort;   // the physical port the MAC was seen on
 };
 
-// Where frames leave the plane. Transmit is called from the injecting thread
-// and from the plane's transmit thread, so implementations lock.
+// Where frames leave the plane. Transmit is called from the injecting
+// threads (one per live port) and from the plane's transmit thread, so
+// implementations lock.
 class PortBackend {
 public:
     virtual ~PortBackend() = default;
@@ -94,7 +95,8 @@ public:
     ForwardingPlane(const ForwardingPlane &) = delete;
     ForwardingPlane &operator=(const ForwardingPlane &) = delete;
 
-    // A frame enters port ifIndex.
+    // A frame enters port ifIndex. Called concurrently: each live port
+    // hands its frames in from a thread of its own.
     void Receive(uint32_t ifIndex, std::span<const uint8_t> frame);
 
     PortCounters Counters(uint32_t ifIndex) const;

@@ -7,6 +7,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -108,6 +109,7 @@ struct Topology {
     std::vector<PortVlanRecord> portVlans;
     std::vector<AccessIsolateRecord> accessIsolation;
     std::vector<PortIsolateRecord> portIsolation;
+    std::map<uint32_t, std::string> netdevs;     // port ifIndex -> the Linux netdev it is bound to
 };
 
 namespace world {

@@ -99,7 +99,7 @@ TEST(Topology, SwitchingSectionsFillTheTables)
                                                    "  - {name: Gi1, ifindex: 5, slot: 1, card: 2, port: 65535,"
                                                    " pvid: 100, vlans: 4094, description: line one}\n"
                                                    "  - {name: Gi2, ifindex: 6, port-switch: false, on-board: false}\n"
-                                                   "  - {name: Gi3, ifindex: 7}\n"
+                                                   "  - {name: Gi3, ifindex: 7, netdev: eth3}\n"
                                                    "  - {name: Gi4, ifindex: 8}\n"
                                                    "isolation:\n"
                                                    "  groups:\n"
@@ -124,6 +124,7 @@ TEST(Topology, SwitchingSectionsFillTheTables)
     EXPECT_FALSE(topology->interfaces[2].onBoard);
     EXPECT_EQ(topology->interfaces[3].l2TrunkId, 1U);
     EXPECT_EQ(topology->interfaces[4].l2TrunkId, 1U);
+    EXPECT_EQ(topology->netdevs, (std::map<uint32_t, std::string>{{7, "eth3"}})) << "a trunk member bound to a netdev";
 
     ASSERT_EQ(topology->trunks.size(), 1U);
     EXPECT_EQ(topology->trunks[0].trunkIfIndex, 100U);
@@ -183,6 +184,8 @@ TEST(Topology, SwitchingRefusalsNameTheLineAndTheKey)
          "  - {name: U, id: 2, ifindex: 10, members: [A]}\n",
          "topology:7:", "another trunk"},
         {"trunks:\n  - {name: T, ifindex: 9}\n", "topology:4:", "missing key 'id'"},
+        {"trunks:\n  - {name: T, id: 1, ifindex: 9, netdev: eth0}\n", "topology:4:", "trunks[0].netdev: unknown key"},
+        {"interfaces:\n  - {name: A, ifindex: 5, netdev: \"\"}\n", "topology:4:", "interfaces[0].netdev"},
         {"isolation:\n  groups:\n    - {id: 7, members: [Ghost]}\n", "topology:5:", "no interface named 'Ghost'"},
         {"interfaces:\n  - {name: A, ifindex: 5}\nisolation:\n  access-pairs:\n    - [A]\n", "topology:7:",
          "pair"},

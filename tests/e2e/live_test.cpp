@@ -1,0 +1,424 @@
+// The switch on live ports with real PPPoE software around it: each test
+// brings up the lab (scripts/lab.sh, with a prefix of its own so that runs
+// never meet) and takes it down again, also when it fails. rp-pppoe's client
+// discovers through the switch; what the concentrators and subscribers
+// receive is captured in their namespaces with libpcap. Needs root, network
+// namespaces and rp-pppoe: a test skips with the reason otherwise.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pcap/pcap.h>
+#include <poll.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include "host_process.hpp"
+#include "pppoe_frame.hpp"
+
+namespace {
+
+using pplus_e2e::ProgramRun;
+using pplus_e2e::RunProgram;
+using pplus_test::ParsedFrame;
+
+constexpr uint8_t kPadi = 0x09;
+constexpr uint8_t kPado = 0x07;
+constexpr uint8_t kPadr = 0x19;
+constexpr uint8_t kPads = 0x65;
+constexpr uint16_t kTagVendorSpecific = 0x0105;
+constexpr uint32_t kVendorId = 3561;
+constexpr const char *kCircuitIdLine1 = "eth 0/0/1:100.0 AccessSwitch-1/0/0/0/0/0";
+constexpr const char *kCircuitIdLine3 = "eth 0/0/3:101.0 AccessSwitch-1/0/0/0/0/0";
+constexpr const char *kRemoteId = "00e0-fc12-3456";
+constexpr const char *kAclWithdrawn = "[fwm] trust-port-cfg enable 0 ifIndex 49";
+constexpr const char *kAclInstalled = "[fwm] trust-port-cfg enable 1 ifIndex 49";
+constexpr int kWaitMs = 30000;
+
+// Why the lab cannot run here; empty when it can.
+std::string WhyNoLab()
+{
+    if (geteuid() != 0) {
+        return "the lab needs root (network namespaces, packet sockets)";
+    }
+    for (const char *program : {"/usr/sbin/pppoe", "/usr/sbin/pppoe-server"}) {
+        if (access(program, X_OK) != 0) {
+            return std::string("the lab needs rp-pppoe (") + program + "): bash scripts/install-deps.sh --lab";
+        }
+    }
+    if (RunProgram("ip", {"netns", "list"}).status != 0) {
+        return "no network namespaces here (ip netns list fails)";
+    }
+    return "";
+}
+
+// The PPPoE discovery frames seen on a netdev of a namespace, from the
+// moment the capture is ready.
+class Capture {
+public:
+    Capture(const std::string &ns, const std::string &netdev)
+    {
+        thread_ = std::thread([this, ns, netdev]() { Run(ns, netdev); });
+        std::unique_lock lock(mu_);
+        cv_.wait(lock, [this]() { return started_; });
+    }
+    ~Capture()
+    {
+        stop_ = true;
+        thread_.join();
+    }
+    Capture(const Capture &) = delete;
+    Capture &operator=(const Capture &) = delete;
+
+    const std::string &Error() const { return error_; }
+
+    std::vector<ParsedFrame> Frames()
+    {
+        std::lock_guard lock(mu_);
+        return frames_;
+    }
+
+    // Waits until some frame satisfies pred.
+    bool WaitFor(const std::function<bool(const ParsedFrame &)> &pred, int timeoutMs = kWaitMs)
+    {
+        std::unique_lock lock(mu_);
+        return cv_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                            [&]() { return std::any_of(frames_.begin(), frames_.end(), pred); });
+    }
+
+private:
+    void Run(const std::string &ns, const std::string &netdev)
+    {
+        char err[PCAP_ERRBUF_SIZE] = {};
+        pcap_t *p = nullptr;
+        const int fd = open(("/run/netns/" + ns).c_str(), O_RDONLY | O_CLOEXEC);
+        bpf_program filter = {};
+        if (fd < 0 || setns(fd, CLONE_NEWNET) != 0) {
+            error_ = "cannot enter namespace " + ns;
+        } else if ((p = pcap_create(netdev.c_str(), err)) == nullptr || pcap_set_promisc(p, 1) != 0 ||
+                   pcap_set_immediate_mode(p, 1) != 0 || pcap_activate(p) < 0 ||
+                   pcap_compile(p, &filter, "pppoed or (vlan and pppoed)", 1, PCAP_NETMASK_UNKNOWN) != 0 ||
+                   pcap_setfilter(p, &filter) != 0 || pcap_setnonblock(p, 1, err) != 0) {
+            error_ = "cannot capture on " + netdev + " in " + ns + ": " + (p ? pcap_geterr(p) : err);
+        }
+        pcap_freecode(&filter);
+        if (fd >= 0) {
+            close(fd);
+        }
+        {
+            std::lock_guard lock(mu_);
+            started_ = true;
+        }
+        cv_.notify_all();
+        while (error_.empty() && !stop_) {
+            pollfd pfd = {pcap_get_selectable_fd(p), POLLIN, 0};
+            if (poll(&pfd, 1, 100) > 0) {
+                (void)pcap_dispatch(p, -1, &Capture::Got, reinterpret_cast<u_char *>(this));
+            }
+        }
+        if (p != nullptr) {
+            pcap_close(p);
+        }
+    }
+
+    static void Got(u_char *self, const pcap_pkthdr *h, const u_char *bytes)
+    {
+        auto *c = reinterpret_cast<Capture *>(self);
+        if (auto parsed = pplus_test::Parse(pplus_test::Bytes(bytes, bytes + h->caplen))) {
+            std::lock_guard lock(c->mu_);
+            c->frames_.push_back(std::move(*parsed));
+        }
+        c->cv_.notify_all();
+    }
+
+    std::thread thread_;
+    std::atomic<bool> stop_{false};
+    std::mutex mu_;
+    std::condition_variable cv_;
+    bool started_ = false;
+    std::string error_;
+    std::vector<ParsedFrame> frames_;
+};
+
+bool Is(const ParsedFrame &f, uint8_t code, uint16_t vlan)
+{
+    return f.code == code && f.vlans == std::vector<uint16_t>{vlan};
+}
+
+std::optional<uint32_t> VendorIdOf(const ParsedFrame &f)
+{
+    const pplus_test::ParsedTag *vs = f.find(kTagVendorSpecific);
+    if (vs == nullptr || vs->value.size() < 4) {
+        return std::nullopt;
+    }
+    return static_cast<uint32_t>(vs->value[0] << 24 | vs->value[1] << 16 | vs->value[2] << 8 | vs->value[3]);
+}
+
+// The lab of one test, down again when the test ends.
+class Lab {
+public:
+    Lab() : prefix_("lv" + std::to_string(getpid() % 100000)), dir_("/tmp/" + prefix_ + "-lab") {}
+    ~Lab()
+    {
+        const ProgramRun down = Script("down");
+        EXPECT_EQ(down.status, 0) << down.output;
+        std::error_code ec;
+        std::filesystem::remove_all(dir_, ec);
+    }
+    Lab(const Lab &) = delete;
+    Lab &operator=(const Lab &) = delete;
+
+    // lab.sh VERB as a user runs it (no library path of the test's own).
+    ProgramRun Script(const std::string &verb)
+    {
+        return RunProgram("env", {"-u", "LD_LIBRARY_PATH", "LAB_PREFIX=" + prefix_, "LAB_BUILD=" PPLUS_BUILD_DIR,
+                                  "LAB_DIR=" + dir_, "bash", PPLUS_SOURCE_DIR "/scripts/lab.sh", verb},
+                          180000);
+    }
+
+    std::string Name(const std::string &role) const { return prefix_ + "-" + role; }
+
+    ProgramRun In(const std::string &ns, std::vector<std::string> args, int timeoutMs = kWaitMs)
+    {
+        args.insert(args.begin(), {"netns", "exec", Name(ns)});
+        return RunProgram("ip", std::move(args), timeoutMs);
+    }
+
+    // rp-pppoe's client of subscriber n (1 or 2): discovery, "session:mac" on success.
+    ProgramRun Discover(int n, std::vector<std::string> options = {})
+    {
+        std::vector<std::string> args = {"pppoe", "-I", Name(n == 1 ? "c1" : "c3"), "-d"};
+        args.insert(args.end(), options.begin(), options.end());
+        return In(n == 1 ? "sub1" : "sub2", args, 60000);
+    }
+
+    ProgramRun Cli(std::vector<std::string> args)
+    {
+        args.insert(args.begin(), {"--socket", dir_ + "/yangdb.sock", "--control", dir_ + "/control.sock"});
+        return RunProgram(PPLUS_BUILD_DIR "/bin/pppoe-plus-cli", std::move(args), kWaitMs);
+    }
+
+    std::string SwitchOutput() const
+    {
+        std::ifstream in(dir_ + "/switch.log");
+        std::ostringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+
+    size_t Occurrences(const std::string &text) const
+    {
+        const std::string out = SwitchOutput();
+        size_t n = 0;
+        for (size_t at = out.find(text); at != std::string::npos; at = out.find(text, at + 1)) {
+            n++;
+        }
+        return n;
+    }
+
+    bool WaitForOutput(const std::string &text, size_t occurrences, int timeoutMs = kWaitMs) const
+    {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        while (Occurrences(text) < occurrences) {
+            if (std::chrono::steady_clock::now() > deadline) {
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        return true;
+    }
+
+    bool SwitchRuns() const
+    {
+        std::ifstream in(dir_ + "/switch.pid");
+        pid_t pid = 0;
+        return static_cast<bool>(in >> pid) && pid > 0 && kill(pid, 0) == 0;
+    }
+
+    // The forwarding plane's dropped count of a port, from "world port list"
+    // (a port that has seen no frame yet has no line: 0).
+    std::optional<uint64_t> PlaneDropped(const std::string &port)
+    {
+        const ProgramRun list = Cli({"world", "port", "list"});
+        const std::regex line("port " + port + R"( \(\d+\): rx \d+ tx \d+ punted \d+ dropped (\d+))");
+        std::smatch m;
+        if (list.status != 0) {
+            return std::nullopt;
+        }
+        return std::regex_search(list.output, m, line) ? std::stoull(m[1]) : 0;
+    }
+
+private:
+    std::string prefix_;
+    std::string dir_;
+};
+
+class LiveTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (const std::string why = WhyNoLab(); !why.empty()) {
+            GTEST_SKIP() << why;
+        }
+        lab_ = std::make_unique<Lab>();
+        const ProgramRun up = lab_->Script("up");
+        ASSERT_EQ(up.status, 0) << up.output << lab_->SwitchOutput();
+    }
+    void TearDown() override { lab_.reset(); }
+
+    std::unique_ptr<Lab> lab_;
+};
+
+// What rp-pppoe's client prints for a session it got (it prints session 0
+// and exits 0 when no offer came).
+const std::regex kSession(R"((^|\n)[1-9]\d*:[0-9a-f]{2}(:[0-9a-f]{2}){5}\s*(\n|$))");
+
+TEST_F(LiveTest, RealClientsDiscoverThroughTheSwitchTaggedTowardsTheServerStrippedTowardsThem)
+{
+    Capture trusted(lab_->Name("ac1"), lab_->Name("t1"));
+    Capture untrusted(lab_->Name("ac2"), lab_->Name("t2"));
+    Capture sub1(lab_->Name("sub1"), lab_->Name("c1"));
+    Capture sub2(lab_->Name("sub2"), lab_->Name("c3"));
+    for (Capture *c : {&trusted, &untrusted, &sub1, &sub2}) {
+        ASSERT_EQ(c->Error(), "");
+    }
+
+    for (int n : {1, 2}) {
+        const ProgramRun got = lab_->Discover(n);
+        EXPECT_EQ(got.status, 0) << "subscriber " << n << ": " << got.output << lab_->SwitchOutput();
+        EXPECT_TRUE(std::regex_search(got.output, kSession)) << got.output;
+    }
+
+    // The concentrator on the trusted trunk: PADI and PADR of each line in
+    // its VLAN, carrying the agent's tag; its own PADO and PADS back.
+    struct Expect {
+        uint8_t code;
+        uint16_t vlan;
+        const char *circuitId;
+    };
+    for (const Expect &e : {Expect{kPadi, 100, kCircuitIdLine1}, Expect{kPadr, 100, kCircuitIdLine1},
+                            Expect{kPadi, 101, kCircuitIdLine3}, Expect{kPadr, 101, kCircuitIdLine3}}) {
+        EXPECT_TRUE(trusted.WaitFor([&](const ParsedFrame &f) {
+            return Is(f, e.code, e.vlan) && VendorIdOf(f) == kVendorId && f.subOption(1) == e.circuitId &&
+                   f.subOption(2) == kRemoteId;
+        })) << "code " << int(e.code) << " VLAN " << e.vlan;
+    }
+    EXPECT_TRUE(trusted.WaitFor([](const ParsedFrame &f) { return Is(f, kPado, 100); }));
+    // Each subscriber: the concentrator's PADO and PADS, untagged, no agent tag.
+    for (Capture *sub : {&sub1, &sub2}) {
+        EXPECT_TRUE(sub->WaitFor([](const ParsedFrame &f) { return f.code == kPads; }));
+        for (const ParsedFrame &f : sub->Frames()) {
+            EXPECT_TRUE(f.vlans.empty());
+            EXPECT_EQ(f.find(kTagVendorSpecific), nullptr) << "code " << int(f.code) << " reached a subscriber tagged";
+        }
+    }
+    // The untrusted uplink's concentrator saw nothing at all.
+    EXPECT_TRUE(untrusted.Frames().empty());
+}
+
+TEST_F(LiveTest, TrustedUplinkGoingDownWithdrawsItsAclAndComingUpRestoresIt)
+{
+    ASSERT_TRUE(lab_->WaitForOutput(kAclInstalled, 1));
+    const auto droppedBefore = lab_->PlaneDropped("XGigabitEthernet0/0/1");
+    ASSERT_TRUE(droppedBefore);
+
+    ASSERT_EQ(lab_->In("sw", {"ip", "link", "set", lab_->Name("xge1"), "down"}).status, 0);
+    EXPECT_TRUE(lab_->WaitForOutput(kAclWithdrawn, 1)) << lab_->SwitchOutput();
+    // The PADI has nowhere to go: no offer, and the uplink counts what it could not send.
+    const ProgramRun lost = lab_->Discover(1, {"-t", "1"});
+    EXPECT_FALSE(std::regex_search(lost.output, kSession)) << lost.output;
+    const auto droppedDown = lab_->PlaneDropped("XGigabitEthernet0/0/1");
+    ASSERT_TRUE(droppedDown);
+    EXPECT_GT(*droppedDown, *droppedBefore);
+
+    ASSERT_EQ(lab_->In("sw", {"ip", "link", "set", lab_->Name("xge1"), "up"}).status, 0);
+    EXPECT_TRUE(lab_->WaitForOutput(kAclInstalled, 2)) << lab_->SwitchOutput();
+    const ProgramRun back = lab_->Discover(1);
+    EXPECT_EQ(back.status, 0) << back.output;
+    EXPECT_TRUE(std::regex_search(back.output, kSession)) << back.output;
+}
+
+TEST_F(LiveTest, ConfigurationChangedThroughTheCliAppliesToTheNextDiscovery)
+{
+    Capture trusted(lab_->Name("ac1"), lab_->Name("t1"));
+    ASSERT_EQ(trusted.Error(), "");
+    for (const std::vector<std::string> &change :
+         {std::vector<std::string>{"vendor-id", "2011"},
+          std::vector<std::string>{"format", "cid", "user-define", "\"%sysname/%porttype %slot/%subslot/%port:%svlan\""}}) {
+        const ProgramRun set = lab_->Cli(change);
+        ASSERT_EQ(set.status, 0) << set.output;
+    }
+    const ProgramRun got = lab_->Discover(1);
+    EXPECT_EQ(got.status, 0) << got.output;
+    EXPECT_TRUE(trusted.WaitFor([](const ParsedFrame &f) {
+        return Is(f, kPadi, 100) && VendorIdOf(f) == 2011U &&
+               f.subOption(1) == std::string("AccessSwitch-1/ethernet 0/0/1:100") && f.subOption(2) == kRemoteId;
+    }));
+}
+
+TEST_F(LiveTest, SwitchSurvivesAClientFloodingPadiWhileAnotherDiscovers)
+{
+    // Subscriber 2 floods for longer than subscriber 1 needs to discover.
+    ProgramRun flood;
+    std::thread flooder([&]() {
+        flood = lab_->In("sub2", {PPLUS_BUILD_DIR "/bin/padi-flood", "send", "--netdev", lab_->Name("c3"), "--seconds",
+                                  "12", "--rate", "5000", "--sources", "64"});
+    });
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    const ProgramRun got = lab_->Discover(1);
+    flooder.join();
+    EXPECT_EQ(got.status, 0) << got.output;
+    EXPECT_TRUE(std::regex_search(got.output, kSession)) << got.output;
+    EXPECT_EQ(flood.status, 0) << flood.output;
+    EXPECT_NE(flood.output.find("sent="), std::string::npos) << flood.output;
+
+    // Still whole: running, answering, and the flooder itself discovers afterwards.
+    EXPECT_TRUE(lab_->SwitchRuns()) << lab_->SwitchOutput();
+    EXPECT_EQ(lab_->Cli({"show", "statistics"}).status, 0);
+    const ProgramRun after = lab_->Discover(2);
+    EXPECT_EQ(after.status, 0) << after.output;
+}
+
+// Bad bindings stop the host before the agent starts, with the reason.
+TEST(LiveBindings, HostRefusesBadBindingsWithTheReason)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "binding ports needs root";
+    }
+    struct Row {
+        const char *why;
+        std::vector<std::string> args;
+        const char *error;
+    };
+    const std::string host = PPLUS_BUILD_DIR "/bin/pppoe-plus-switch";
+    const Row rows[] = {
+        {"one netdev for two ports", {host, "--netdev", "GigabitEthernet0/0/1=lo", "--netdev", "GigabitEthernet0/0/2=lo"},
+         "netdev lo is bound to two ports: port GigabitEthernet0/0/1 (netdev lo) and port GigabitEthernet0/0/2"},
+        {"a trunk's own interface", {host, "--netdev", "Eth-Trunk1=lo"},
+         "port Eth-Trunk1 is a trunk's interface and carries no frames of its own"},
+        {"no such port", {host, "--netdev", "GigabitEthernet9/9/9=lo"}, "unknown port GigabitEthernet9/9/9"},
+        {"no interface can have the name", {host, "--netdev", "GigabitEthernet0/0/1=no/such"},
+         "not a Linux interface name"},
+        {"without root", {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", host, "--netdev",
+                          "GigabitEthernet0/0/1=lo"},
+         "packet sockets need CAP_NET_RAW: run pppoe-plus-switch as root"},
+    };
+    for (const Row &row : rows) {
+        std::vector<std::string> args(row.args.begin() + 1, row.args.end());
+        args = pplus_e2e::WithPrivateDatastore(args);
+        const ProgramRun run = RunProgram(row.args[0], args, kWaitMs);
+        EXPECT_EQ(run.status, 1) << row.why << ": " << run.output;
+        EXPECT_NE(run.output.find(row.error), std::string::npos) << row.why << ": " << run.output;
+        EXPECT_EQ(run.output.find("agent ready"), std::string::npos) << row.why;
+    }
+}
+
+}  // namespace
