@@ -89,11 +89,17 @@ struct PortArgs {
     bool remove = false;
 };
 
-// --port (unless the port is a positional), --ifindex and --remove.
-void AddPortOptions(CLI::App *cmd, PortArgs &args, const char *removeHelp, bool portOption)
+// How a per-interface form takes its port: the first positional argument,
+// or an optional --port (without it, the form is a global setting).
+enum class PortGiven { kPositional, kOption };
+
+// The port, --ifindex and --remove.
+void AddPortOptions(CLI::App *cmd, PortArgs &args, const char *removeHelp, PortGiven given)
 {
-    if (portOption) {
-        cmd->add_option("--port", args.port, "Interface name, for example GigabitEthernet0/0/1");
+    if (given == PortGiven::kPositional) {
+        cmd->add_option("port", args.port, "Interface name or ifIndex")->required();
+    } else {
+        cmd->add_option("--port", args.port, "Interface name or ifIndex, for example GigabitEthernet0/0/1");
     }
     cmd->add_option("--ifindex", args.ifIndex, "The interface's ifIndex (default: asked from the running switch)")
         ->check(CLI::Range(int64_t{0}, int64_t{UINT32_MAX}));
@@ -195,9 +201,8 @@ void AddTrust(CLI::App &app, Action *action)
     };
     auto args = std::make_shared<Args>();
     CLI::App *cmd = app.add_subcommand("trust", "Trust an uplink port (or --remove its trust item)");
-    cmd->add_option("port", args->port.port, "Interface name or ifIndex")->required();
+    AddPortOptions(cmd, args->port, "Remove the port's trust item", PortGiven::kPositional);
     cmd->add_option("state", args->state, "on or off")->check(CLI::IsMember({"on", "off"}));
-    AddPortOptions(cmd, args->port, "Remove the port's trust item", false);
     OnParsed(cmd, action, [args](const Globals &g) {
         return PortItem(g, args->port, "trusted-port",
                         [&args](const Port &p) { return PortTrustXml(p, args->state == "on"); });
@@ -213,7 +218,7 @@ void AddPolicy(CLI::App &app, Action *action)
     auto args = std::make_shared<Args>();
     CLI::App *cmd = app.add_subcommand("policy", "Set the tag policy, globally or of one --port");
     cmd->add_option("policy", args->policy, "replace, drop or keep")->check(CLI::IsMember({"replace", "drop", "keep"}));
-    AddPortOptions(cmd, args->port, "Remove the port's policy item", true);
+    AddPortOptions(cmd, args->port, "Remove the port's policy item", PortGiven::kOption);
     OnParsed(cmd, action, [args, cmd](const Globals &g) {
         if (args->port.port.empty()) {
             return args->policy.empty() ? UsageError(*cmd, "policy: give replace, drop or keep")
@@ -270,7 +275,7 @@ void AddFormat(CLI::App &app, Action *action)
     cmd->add_option("text", args->text, "The format string of user-define");
     cmd->add_option("--vlan", args->vlan, "Outer VLAN of the per-port format (0: any)");
     cmd->add_option("--cevlan", args->ceVlan, "Inner VLAN of the per-port format (0: any)");
-    AddPortOptions(cmd, args->port, "Remove the port's format item", true);
+    AddPortOptions(cmd, args->port, "Remove the port's format item", PortGiven::kOption);
     OnParsed(cmd, action, [args, cmd](const Globals &g) {
         const PortArgs &port = args->port;
         if (args->format.empty() && !port.remove) {
@@ -302,9 +307,8 @@ void AddDescription(CLI::App &app, Action *action)
     };
     auto args = std::make_shared<Args>();
     CLI::App *cmd = app.add_subcommand("description", "Set the description the %desc keyword shows");
-    cmd->add_option("port", args->port.port, "Interface name or ifIndex")->required();
+    AddPortOptions(cmd, args->port, "Remove the port's description", PortGiven::kPositional);
     cmd->add_option("text", args->text, "The description");
-    AddPortOptions(cmd, args->port, "Remove the port's description", false);
     OnParsed(cmd, action, [args, cmd](const Globals &g) {
         if (args->text.empty() && !args->port.remove) {
             return UsageError(*cmd, "description: give the text, or --remove");
