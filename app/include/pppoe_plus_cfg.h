@@ -139,8 +139,7 @@ InfoFormatNode *PPPOE_PLUS_FindInfoFormatOnInterface(PortCB *cb, const InfoForma
 uint32_t PPPOE_PLUS_InsertInfoFormatNodeOnInterface(PortCB *cb, const InfoFormatNode *cfg);
 /* Takes the store's lock exclusively: the caller holds none. */
 uint32_t PPPOE_PLUS_SetPortFormat(const InfoFormatNode *cfg, uint32_t ifIndex, uint8_t enable);
-/* Takes the store's lock shared for the walk: the caller holds it not at
- * all, or shared. */
+/* Takes the store's lock shared for the walk: the caller holds none. */
 void PPPOE_PLUS_GetAllMatchTrustPort(uint32_t *outIfIndexes, uint32_t maxCount, uint32_t *outCount, uint16_t vlan,
                                      uint32_t ingressIfIndex);
 
