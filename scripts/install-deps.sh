@@ -7,7 +7,8 @@
 # NETCONF server, which python3-ncclient drives in the tests; libnl-route-3
 # follows the links of live ports; clang-format and clang-tidy hold the
 # style. With --lab, also what the lab (scripts/lab.sh), its tests and the
-# live benchmark run: rp-pppoe's client, server and relay (pppoe), iproute2.
+# live benchmark run: rp-pppoe's client, server and relay (pppoe), iproute2,
+# ssh-keygen (openssh-client) for the lab's NETCONF key.
 set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config g++ clang-14 libclang-rt-14-dev
@@ -19,7 +20,7 @@ packages=(
   clang-format-14 clang-tidy-14
 )
 if [ "${1:-}" = "--lab" ]; then
-  packages+=(pppoe iproute2)
+  packages+=(pppoe iproute2 openssh-client)
 fi
 missing=()
 for p in "${packages[@]}"; do

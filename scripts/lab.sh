@@ -40,6 +40,7 @@ build=${LAB_BUILD:-${root}/build/default}
 state=${LAB_DIR:-${root}/build/lab-${P}}
 bin="${build}/bin"
 vlans=(100 101)
+netconf_port=830   # the switch's NETCONF port inside its namespace
 namespaces=("${P}-sw" "${P}-sub1" "${P}-sub2" "${P}-ac1" "${P}-ac2")
 
 # The switch's bound ports: PORT=NETDEV.
@@ -90,7 +91,7 @@ up() {
   need_root up
   [ ${#P} -le 7 ] || die "LAB_PREFIX must have at most 7 characters (netdev names are at most 15)"
   build_if_needed
-  for program in ip pppoe pppoe-server tshark; do
+  for program in ip pppoe pppoe-server tshark ssh-keygen; do
     command -v "${program}" >/dev/null || die "${program} is missing: bash scripts/install-deps.sh --lab"
   done
   down >/dev/null
@@ -125,7 +126,9 @@ up() {
   for binding in "${switch_ports[@]}"; do
     switch_args+=(--netdev "${binding}")
   done
-  # Further front ends of the switch (NETCONF: --netconf-listen) join switch_args here.
+  # NETCONF over SSH inside the switch's namespace, for a key made for the lab.
+  ssh-keygen -q -t ed25519 -N "" -C "${P}-lab" -f "${state}/netconf-key"
+  switch_args+=(--netconf-listen "127.0.0.1:${netconf_port}" --netconf-authorized-keys "${state}/netconf-key.pub")
   start_in "${P}-sw" switch "${bin}/pppoe-plus-switch" --topology "${root}/examples/topology.yaml" "${switch_args[@]}"
   wait_for_line switch "${state}/switch.log" "control socket" 120 ||
     die "the switch did not start: $(tail -20 "${state}/switch.log")"
@@ -139,7 +142,9 @@ up() {
   say "  discover: ip netns exec ${P}-sub1 pppoe -I ${P}-c1 -d"
   say "  configure: ${bin#"${root}"/}/pppoe-plus-cli --socket ${state#"${root}"/}/yangdb.sock" \
     "--control ${state#"${root}"/}/control.sock show statistics"
-  # Further ways to reach the switch (NETCONF) are announced here.
+  say "  NETCONF: ip netns exec ${P}-sw ssh -i ${state#"${root}"/}/netconf-key -p ${netconf_port} $(id -un)@127.0.0.1 -s netconf"
+  say "    (or ncclient in that namespace: manager.connect(host='127.0.0.1', port=${netconf_port}," \
+    "username='$(id -un)', key_filename='${state#"${root}"/}/netconf-key', hostkey_verify=False))"
   say "  then: sudo bash scripts/lab.sh demo; sudo bash scripts/lab.sh down"
 }
 

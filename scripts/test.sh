@@ -5,7 +5,7 @@
 # ThreadSanitizer preset too).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/install-deps.sh
+bash scripts/install-deps.sh --lab
 
 # Lines changed since the branch left main (FORMAT_BASE), and lines not yet
 # committed, must be laid out as .clang-format says; the rest of the tree is

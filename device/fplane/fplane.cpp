@@ -2,50 +2,72 @@
 // A real switch classifies each frame into a VLAN, learns its source MAC,
 // traps PPPoE discovery frames to the CPU when the agent's ACLs are
 // installed and switches the rest; frames the agent sends back leave through
-// the port it names. Ours does the same in software over the world model and
-// the fast-path channels of libwick. Tests see it through per-port counters,
-// the MAC table and whatever port backend they give it; failure injection
-// on WICK_ChannelPut makes a punt fail (the frame is counted as dropped).
+// the port it names. Ours does the same in software over a view of the world
+// model's ports (port_view.hpp) and a lock-free MAC table (fdb.hpp), and the
+// fast-path channels of libwick. Frames from several ports are handled at
+// once on their receiving threads: each thread keeps the view it last used
+// until the world's tables change, and counters are striped per thread, so
+// the frame path takes no lock and allocates nothing for frames of the usual
+// sizes. Tests see it through per-port counters, the MAC table and whatever
+// port backend they give it; failure injection on WICK_ChannelPut makes a
+// punt fail (the frame is counted as dropped).
 #include <algorithm>
 #include <cstring>
 #include <future>
 
-#include "platform/control.h"
 #include "device/fplane.hpp"
 #include "device/fwm.hpp"
+#include "fdb.hpp"
+#include "platform/control.h"
 #include "platform/world.hpp"
+#include "port_view.hpp"
 #include "wick.h"
 
 namespace device::fplane {
 
 namespace world = platform::world;
 using platform::IfRecord;
-using platform::kNoId;
-using platform::PortVlanRecord;
-using platform::TrunkPortRecord;
 
 namespace {
 
+// Ethernet framing, as the plane reads it.
+constexpr size_t kDstMacOffset = 0;
+constexpr size_t kSrcMacOffset = 6;
 constexpr size_t kMacHeader = 12;            // destination and source MAC
-constexpr size_t kTagLen = 4;
+constexpr size_t kTagLen = 4;                // TPID and TCI
+constexpr size_t kTciOffset = 2;             // within a tag
+constexpr size_t kTypeLen = 2;
+constexpr uint16_t kVidMask = 0x0FFF;
+constexpr uint16_t kPriorityVid = 0;         // a priority tag: priority only, no VLAN
 constexpr uint16_t kTpidDot1q = 0x8100;
+constexpr uint16_t kTpidQinq = 0x9100;
+constexpr uint16_t kTpidDot1ad = 0x88a8;
 constexpr uint16_t kEtherPppoeDiscovery = 0x8863;
+
 constexpr const char *kTransmitThread = "thread/dpx";  // the thread the agent's sends name
 constexpr uint32_t kSendDepth = 1024;
 constexpr uint32_t kTakeWaitMs = 50;         // bounds how long stopping the transmit thread takes
 constexpr uint32_t kMaxMessage = 65536 + sizeof(DpxPktHead);
+
+std::atomic<uint64_t> g_nextPlaneId{1};
 
 uint16_t U16(std::span<const uint8_t> b, size_t off)
 {
     return static_cast<uint16_t>(b[off] << 8 | b[off + 1]);
 }
 
-bool IsOuterTpid(uint16_t tpid)
+void PutU16(std::span<uint8_t> b, size_t off, uint16_t v)
 {
-    return tpid == 0x8100 || tpid == 0x9100 || tpid == 0x88a8;
+    b[off] = static_cast<uint8_t>(v >> 8);
+    b[off + 1] = static_cast<uint8_t>(v & 0xFFU);
 }
 
-bool IsGroupMac(std::span<const uint8_t> mac)
+bool IsTagTpid(uint16_t tpid)
+{
+    return tpid == kTpidDot1q || tpid == kTpidQinq || tpid == kTpidDot1ad;
+}
+
+bool IsGroupMac(const Mac &mac)
 {
     return (mac[0] & 0x01U) != 0;
 }
@@ -57,79 +79,175 @@ Mac MacAt(std::span<const uint8_t> frame, size_t off)
     return m;
 }
 
+// Whether the agent reads a tag with this TPID at this place of the stack:
+// an outer 802.1Q or 0x9100 tag, and one inner 802.1Q tag.
+bool AgentReadsTag(size_t index, uint16_t tpid)
+{
+    return index == 0 ? tpid == kTpidDot1q || tpid == kTpidQinq : index == 1 && tpid == kTpidDot1q;
+}
+
+enum class Discovery { None, ForTheAgent, Unreadable };
+
+// Whether a frame in the internal form is a PPPoE discovery frame, behind
+// however many tags, and whether the agent can read its tag stack.
+Discovery DiscoveryOf(std::span<const uint8_t> tagged)
+{
+    size_t off = kMacHeader;
+    size_t tags = 0;
+    bool readable = true;
+    while (off + kTypeLen <= tagged.size() && IsTagTpid(U16(tagged, off))) {
+        readable = readable && AgentReadsTag(tags, U16(tagged, off));
+        off += kTagLen;
+        tags++;
+    }
+    if (off + kTypeLen > tagged.size() || U16(tagged, off) != kEtherPppoeDiscovery) {
+        return Discovery::None;
+    }
+    return readable ? Discovery::ForTheAgent : Discovery::Unreadable;
+}
+
+// The bytes of one frame: on the stack up to kInlineFrame, on the heap
+// beyond (jumbo frames only).
+class FrameBuf {
+public:
+    FrameBuf() = default;
+    FrameBuf(const FrameBuf &) = delete;
+    FrameBuf &operator=(const FrameBuf &) = delete;
+
+    // n bytes, their content undefined.
+    std::span<uint8_t> Resize(size_t n)
+    {
+        size_ = n;
+        if (n > inline_.size()) {
+            heap_.resize(n);
+        }
+        return {Data(), n};
+    }
+    std::span<uint8_t> Bytes() { return {Data(), size_}; }
+    std::span<const uint8_t> Bytes() const { return {size_ <= inline_.size() ? inline_.data() : heap_.data(), size_}; }
+
+private:
+    uint8_t *Data() { return size_ <= inline_.size() ? inline_.data() : heap_.data(); }
+
+    std::array<uint8_t, ForwardingPlane::kInlineFrame> inline_;
+    std::vector<uint8_t> heap_;
+    size_t size_ = 0;
+};
+
+// The view each thread used for its last frame, and whose: a thread keeps
+// using it, touching no shared reference count, while the world's tables
+// stay as they were.
+struct ThreadView {
+    uint64_t plane = 0;
+    std::shared_ptr<const PortView> view;
+    uint32_t depth = 0;   // frames in hand on this thread, nested when a port backend feeds a plane from Transmit
+};
+thread_local ThreadView t_view;
+
 }  // namespace
 
-// The ports of the world as the plane sees them for one frame.
-struct ForwardingPlane::PortView {
-    std::vector<IfRecord> ifs;
-    std::vector<PortVlanRecord> vlans;
-    std::map<uint32_t, uint32_t> memberToTrunk;   // member ifIndex -> trunk ifIndex
+// A frame that entered a port and was accepted there: the port, the VLAN,
+// and the frame in the internal form (the VLAN as its outer tag). A frame
+// that came tagged is used where it lies; one the plane rewrites is built
+// behind room for the agent's head, so that a punt copies nothing more.
+struct ForwardingPlane::Ingress {
+    const PortEntry *port = nullptr;
+    uint16_t vlan = 0;
+    std::span<const uint8_t> frame;
+    FrameBuf message;
+    bool built = false;   // frame lies in message
 
-    static PortView Now()
+    // Room for an n-byte frame built by the plane.
+    std::span<uint8_t> Build(size_t n)
     {
-        PortView v;
-        v.ifs = world::IfRecords();
-        v.vlans = world::PortVlanRecords();
-        for (const TrunkPortRecord &tp : world::TrunkPortRecords()) {
-            v.memberToTrunk[tp.memberIfIndex] = tp.trunkIfIndex;
+        const std::span<uint8_t> out = message.Resize(sizeof(DpxPktHead) + n).subspan(sizeof(DpxPktHead));
+        frame = out;
+        built = true;
+        return out;
+    }
+    // The message for the agent: head, then frame.
+    std::span<const uint8_t> WithHead(const DpxPktHead &head)
+    {
+        if (!built) {
+            const std::span<const uint8_t> received = frame;
+            std::copy(received.begin(), received.end(), Build(received.size()).begin());
         }
-        return v;
+        const std::span<uint8_t> all = message.Bytes();
+        std::memcpy(all.data(), &head, sizeof(head));
+        return all;
+    }
+};
+
+// A frame on its way out of the plane (internal form), and its untagged
+// form, made at most once however many access ports it leaves through.
+class ForwardingPlane::Outgoing {
+public:
+    explicit Outgoing(std::span<const uint8_t> tagged) : tagged_(tagged) {}
+
+    // What leaves a port: untagged out of an access port, as it is out of a trunk port.
+    std::span<const uint8_t> For(const PortEntry &sender)
+    {
+        const bool tagged = tagged_.size() >= kMacHeader + kTagLen + kTypeLen && IsTagTpid(U16(tagged_, kMacHeader));
+        if (sender.trunkMode || !tagged) {
+            return tagged_;
+        }
+        if (!untaggedMade_) {
+            const std::span<uint8_t> out = untagged_.Resize(tagged_.size() - kTagLen);
+            std::copy_n(tagged_.begin(), kMacHeader, out.begin());
+            std::copy(tagged_.begin() + kMacHeader + kTagLen, tagged_.end(), out.begin() + kMacHeader);
+            untaggedMade_ = true;
+        }
+        return untagged_.Bytes();
     }
 
-    const IfRecord *Find(uint32_t ifIndex) const
-    {
-        for (const IfRecord &r : ifs) {
-            if (r.ifIndex == ifIndex) {
-                return &r;
-            }
-        }
-        return nullptr;
-    }
+private:
+    std::span<const uint8_t> tagged_;
+    FrameBuf untagged_;
+    bool untaggedMade_ = false;
+};
 
-    static bool IsTrunkInterface(const IfRecord &r) { return r.lagId != kNoId; }
+struct ForwardingPlane::Activity {
+    StripedCounters<2> counts;   // frames taken in hand, frames done with
+    static constexpr size_t kEntered = 0;
+    static constexpr size_t kLeft = 1;
+};
 
-    // The interface whose VLAN settings apply to a physical port: its trunk's
-    // when it is a member.
-    uint32_t Logical(uint32_t ifIndex) const
+// Brackets one frame: WaitIdle sees it in hand, and it gets the view to
+// switch by. The thread's cached view is replaced only by its outermost
+// frame, so a view stays alive for as long as a frame uses it.
+class ForwardingPlane::FrameScope {
+public:
+    explicit FrameScope(ForwardingPlane &plane) : plane_(plane)
     {
-        const auto it = memberToTrunk.find(ifIndex);
-        return it == memberToTrunk.end() ? ifIndex : it->second;
+        plane_.activity_->counts.Add(Activity::kEntered);
+        ThreadView &t = t_view;
+        const uint64_t generation = world::TablesGeneration();
+        if (t.plane == plane_.id_ && t.view != nullptr && t.view->Generation() >= generation) {
+            view_ = t.view.get();
+        } else if (t.depth == 0) {
+            t.view = plane_.Published(generation);
+            t.plane = plane_.id_;
+            view_ = t.view.get();
+        } else {
+            hold_ = plane_.Published(generation);
+            view_ = hold_.get();
+        }
+        t.depth++;
     }
+    ~FrameScope()
+    {
+        t_view.depth--;
+        plane_.activity_->counts.Add(Activity::kLeft);
+    }
+    FrameScope(const FrameScope &) = delete;
+    FrameScope &operator=(const FrameScope &) = delete;
 
-    bool Member(const IfRecord &logical, uint16_t vlan) const
-    {
-        if (!logical.trunkMode) {
-            return logical.pvid == vlan;
-        }
-        for (const PortVlanRecord &pv : vlans) {
-            if (pv.ifIndex == logical.ifIndex) {
-                return pv.Has(vlan);
-            }
-        }
-        return false;
-    }
+    const PortView &View() const { return *view_; }
 
-    // The physical port that sends for ifIndex: itself when it is an
-    // on-board port, the on-board member with the lowest ifIndex for a
-    // trunk's interface; nullopt when nothing can send.
-    std::optional<uint32_t> Sender(uint32_t ifIndex) const
-    {
-        const IfRecord *r = Find(ifIndex);
-        if (r == nullptr) {
-            return std::nullopt;
-        }
-        if (!IsTrunkInterface(*r)) {
-            return r->onBoard ? std::optional<uint32_t>(ifIndex) : std::nullopt;
-        }
-        std::optional<uint32_t> best;
-        for (const auto &[member, trunk] : memberToTrunk) {
-            const IfRecord *m = Find(member);
-            if (trunk == ifIndex && m != nullptr && m->onBoard && (!best || member < *best)) {
-                best = member;
-            }
-        }
-        return best;
-    }
+private:
+    ForwardingPlane &plane_;
+    std::shared_ptr<const PortView> hold_;
+    const PortView *view_ = nullptr;
 };
 
 std::string PortName(uint32_t ifIndex)
@@ -138,7 +256,11 @@ std::string PortName(uint32_t ifIndex)
     return rec ? rec->name : "";
 }
 
-ForwardingPlane::ForwardingPlane(PortBackend &backend) : backend_(backend)
+ForwardingPlane::ForwardingPlane(PortBackend &backend)
+    : backend_(backend),
+      id_(g_nextPlaneId.fetch_add(1)),
+      fdb_(std::make_unique<Fdb>()),
+      activity_(std::make_unique<Activity>())
 {
     // The plane owns the channel the agent sends on, as the switch's
     // forwarding plane does: it exists before the constructor returns, so
@@ -162,142 +284,184 @@ ForwardingPlane::~ForwardingPlane()
     transmitter_.join();
 }
 
-void ForwardingPlane::Count(uint32_t ifIndex, uint64_t PortCounters::*field)
+std::shared_ptr<const PortView> ForwardingPlane::Published(uint64_t generation)
 {
-    std::lock_guard lock(mu_);
-    counters_[ifIndex].*field += 1;
+    std::lock_guard lock(viewMu_);
+    if (view_ == nullptr || view_->Generation() < generation) {
+        view_ = PortView::Build(world::GetPortTables(), [this](uint32_t ifIndex) { return CounterBlock(ifIndex); });
+    }
+    return view_;
+}
+
+PortCounterBlock *ForwardingPlane::CounterBlock(uint32_t ifIndex)
+{
+    std::lock_guard lock(countersMu_);
+    std::unique_ptr<PortCounterBlock> &block = counterBlocks_[ifIndex];
+    if (block == nullptr) {
+        block = std::make_unique<PortCounterBlock>();
+    }
+    return block.get();
+}
+
+// Ports of the view count without a lock; any other ifIndex (an unknown
+// port, a bad head from the agent) goes through the locked table.
+void ForwardingPlane::Count(const PortView &view, uint32_t ifIndex, Counter counter)
+{
+    const PortEntry *e = view.Find(ifIndex);
+    (e != nullptr ? e->counters : CounterBlock(ifIndex))->Add(counter);
 }
 
 void ForwardingPlane::Receive(uint32_t ifIndex, std::span<const uint8_t> frame)
 {
-    busy_.fetch_add(1);
-    activity_.fetch_add(1);
-    struct Done {
-        std::atomic<uint32_t> &busy;
-        ~Done() { busy.fetch_sub(1); }
-    } done{busy_};
-
-    Count(ifIndex, &PortCounters::rx);
-    const PortView view = PortView::Now();
-    const IfRecord *port = view.Find(ifIndex);
-    const IfRecord *logical = port == nullptr ? nullptr : view.Find(view.Logical(ifIndex));
-    if (port == nullptr || logical == nullptr || PortView::IsTrunkInterface(*port) || !port->onBoard ||
-        frame.size() < kMacHeader + 2) {
-        Count(ifIndex, &PortCounters::dropped);
+    const FrameScope scope(*this);
+    const PortView &view = scope.View();
+    const PortEntry *port = view.Find(ifIndex);
+    PortCounterBlock &counters = port != nullptr ? *port->counters : *CounterBlock(ifIndex);
+    counters.Add(Counter::Rx);
+    Ingress in;
+    if (!Classify(port, frame, in)) {
+        counters.Add(Counter::Dropped);
         return;
     }
-
-    // Classify: the VLAN of the frame and its internal, tagged form.
-    Frame tagged;
-    uint16_t vlan = 0;
-    const uint16_t tpid = U16(frame, kMacHeader);
-    if (IsOuterTpid(tpid)) {
-        if (frame.size() < kMacHeader + kTagLen + 2) {
-            Count(ifIndex, &PortCounters::dropped);
-            return;
-        }
-        vlan = U16(frame, kMacHeader + 2) & 0x0FFFU;
-        const bool accepted = logical->trunkMode ? view.Member(*logical, vlan) : vlan == logical->pvid;
-        if (!accepted) {
-            Count(ifIndex, &PortCounters::dropped);
-            return;
-        }
-        tagged.assign(frame.begin(), frame.end());
+    const std::optional<uint32_t> learnt = Learn(in);
+    const Discovery discovery = DiscoveryOf(in.frame);
+    if (discovery == Discovery::None || !fwm::FeatureEnabled()) {
+        Switch(view, in, learnt);
+    } else if (discovery == Discovery::ForTheAgent) {
+        Punt(in, learnt);
     } else {
-        if (logical->trunkMode) {
-            Count(ifIndex, &PortCounters::dropped);
-            return;
-        }
-        vlan = logical->pvid;
-        tagged.reserve(frame.size() + kTagLen);
-        tagged.assign(frame.begin(), frame.begin() + kMacHeader);
-        tagged.push_back(static_cast<uint8_t>(kTpidDot1q >> 8));
-        tagged.push_back(static_cast<uint8_t>(kTpidDot1q & 0xFFU));
-        tagged.push_back(static_cast<uint8_t>(vlan >> 8));
-        tagged.push_back(static_cast<uint8_t>(vlan & 0xFFU));
-        tagged.insert(tagged.end(), frame.begin() + kMacHeader, frame.end());
+        // Switching it would let it past the agent.
+        counters.Add(Counter::Dropped);
     }
+}
 
-    // Learn the source.
-    const std::span<const uint8_t> bytes(tagged);
-    const Mac dst = MacAt(bytes, 0);
-    const Mac src = MacAt(bytes, 6);
-    std::optional<uint32_t> learnt;
-    {
-        std::lock_guard lock(mu_);
-        if (!IsGroupMac(src)) {
-            macs_[{vlan, src}] = ifIndex;
-        }
-        if (!IsGroupMac(dst)) {
-            const auto it = macs_.find({vlan, dst});
-            if (it != macs_.end()) {
-                learnt = it->second;
-            }
-        }
+// Ingress: the port must be a wire on board, and the frame must belong to
+// one of its VLANs. An access port takes untagged and priority-tagged
+// frames into its PVID and tagged ones of its PVID; a trunk port takes
+// tagged frames of its member VLANs. The internal form carries the VLAN as
+// the outer tag.
+bool ForwardingPlane::Classify(const PortEntry *port, std::span<const uint8_t> frame, Ingress &in) const
+{
+    if (port == nullptr || !port->wire || !port->logicalKnown || frame.size() < kMacHeader + kTypeLen) {
+        return false;
     }
+    in.port = port;
+    if (IsTagTpid(U16(frame, kMacHeader))) {
+        if (frame.size() < kMacHeader + kTagLen + kTypeLen) {
+            return false;
+        }
+        const uint16_t tci = U16(frame, kMacHeader + kTciOffset);
+        in.vlan = tci & kVidMask;
+        if (in.vlan != kPriorityVid) {
+            in.frame = frame;
+            return port->Member(in.vlan);
+        }
+        // A priority tag (802.1p) names no VLAN: the frame classifies as an
+        // untagged one and keeps its priority.
+        if (port->trunkMode) {
+            return false;
+        }
+        in.vlan = port->pvid;
+        const std::span<uint8_t> out = in.Build(frame.size());
+        std::copy(frame.begin(), frame.end(), out.begin());
+        PutU16(out, kMacHeader + kTciOffset, static_cast<uint16_t>((tci & ~kVidMask) | in.vlan));
+        return true;
+    }
+    if (port->trunkMode) {
+        return false;
+    }
+    in.vlan = port->pvid;
+    const std::span<uint8_t> out = in.Build(frame.size() + kTagLen);
+    std::copy_n(frame.begin(), kMacHeader, out.begin());
+    PutU16(out, kMacHeader, kTpidDot1q);
+    PutU16(out, kMacHeader + kTciOffset, in.vlan);
+    std::copy(frame.begin() + kMacHeader, frame.end(), out.begin() + kMacHeader + kTagLen);
+    return true;
+}
 
-    // Ether type behind the outer tag and an optional inner tag.
-    size_t typeOff = kMacHeader + kTagLen;
-    if (tagged.size() >= typeOff + kTagLen + 2 && U16(bytes, typeOff) == kTpidDot1q) {
-        typeOff += kTagLen;
+// Learns the source in the frame's VLAN; the port the destination was
+// learnt on, if it is a single station that was.
+std::optional<uint32_t> ForwardingPlane::Learn(const Ingress &in)
+{
+    const Mac src = MacAt(in.frame, kSrcMacOffset);
+    const Mac dst = MacAt(in.frame, kDstMacOffset);
+    if (!IsGroupMac(src)) {
+        fdb_->Learn(in.vlan, src, in.port->ifIndex);
     }
-    const bool discovery = tagged.size() >= typeOff + 2 && U16(bytes, typeOff) == kEtherPppoeDiscovery;
-    if (discovery && fwm::FeatureEnabled()) {
-        DpxPktHead head;
-        head.msgType = kPuntMsgType;
-        head.egrIfindex = learnt.value_or(kNoPort);
-        head.igrIfindex = ifIndex;
-        Frame message(sizeof(head));
-        std::memcpy(message.data(), &head, sizeof(head));
-        message.insert(message.end(), tagged.begin(), tagged.end());
-        if (WICK_ChannelPut(kPuntChannel, message.data(), static_cast<uint32_t>(message.size())) != 0) {
-            Count(ifIndex, &PortCounters::dropped);
-            return;
-        }
-        Count(ifIndex, &PortCounters::punted);
+    return IsGroupMac(dst) ? std::nullopt : fdb_->Lookup(in.vlan, dst);
+}
+
+// Hands a discovery frame to the agent, tagged, behind a DpxPktHead that
+// names the physical ingress port and the learnt port of the destination.
+void ForwardingPlane::Punt(Ingress &in, std::optional<uint32_t> learnt)
+{
+    // Per-frame punt policy (policing, a subscriber table) decides here,
+    // before the frame is put on the agent's channel.
+    DpxPktHead head;
+    head.msgType = kPuntMsgType;
+    head.egrIfindex = learnt.value_or(kNoPort);
+    head.igrIfindex = in.port->ifIndex;
+    const std::span<const uint8_t> message = in.WithHead(head);
+    if (WICK_ChannelPut(kPuntChannel, message.data(), static_cast<uint32_t>(message.size())) != 0) {
+        in.port->counters->Add(Counter::Dropped);
         return;
     }
+    in.port->counters->Add(Counter::Punted);
+}
 
-    // Switch within the VLAN.
-    const uint32_t ingressLogical = view.Logical(ifIndex);
+// Switches within the VLAN: to the learnt port unless it sits behind the
+// ingress port, else a flood to every other interface of the VLAN (a trunk
+// once, through one member).
+void ForwardingPlane::Switch(const PortView &view, const Ingress &in, std::optional<uint32_t> learnt)
+{
+    Outgoing out(in.frame);
     if (learnt) {
-        if (view.Logical(*learnt) == ingressLogical) {
-            Count(ifIndex, &PortCounters::dropped);   // the destination sits behind the ingress port
+        if (view.Logical(*learnt) == in.port->logical) {
+            in.port->counters->Add(Counter::Dropped);
             return;
         }
-        Egress(*learnt, tagged, view);
+        Egress(view, *learnt, view.Find(*learnt), out);
         return;
     }
-    for (const IfRecord &r : view.ifs) {
-        if (r.ifIndex == ingressLogical || view.memberToTrunk.contains(r.ifIndex) || !view.Member(r, vlan)) {
-            continue;
-        }
-        if (r.onBoard || PortView::IsTrunkInterface(r)) {
-            Egress(r.ifIndex, tagged, view);
+    for (const PortEntry *e : view.FloodOrder()) {
+        if (e->ifIndex != in.port->logical && e->Member(in.vlan)) {
+            Egress(view, e->ifIndex, e, out);
         }
     }
 }
 
-// Sends a frame out of ifIndex (a port or a trunk's interface): untagged
-// out of an access port, as it is out of a trunk port.
-void ForwardingPlane::Egress(uint32_t ifIndex, const Frame &frame, const PortView &view)
+// Sends a frame out of ifIndex (a port, or a trunk's interface through its
+// sending member); counted as dropped on ifIndex when nothing can send it.
+void ForwardingPlane::Egress(const PortView &view, uint32_t ifIndex, const PortEntry *entry, Outgoing &out)
 {
-    const std::optional<uint32_t> sender = view.Sender(ifIndex);
-    const IfRecord *logical = sender ? view.Find(view.Logical(*sender)) : nullptr;
-    if (!sender || logical == nullptr) {
-        Count(ifIndex, &PortCounters::dropped);
+    const PortEntry *sender = entry != nullptr ? entry->sender : nullptr;
+    if (sender == nullptr) {
+        Count(view, ifIndex, Counter::Dropped);
         return;
     }
     // Counted before the port has it, so whoever takes the frame sees the count.
-    Count(*sender, &PortCounters::tx);
-    const std::span<const uint8_t> bytes(frame);
-    if (!logical->trunkMode && frame.size() >= kMacHeader + kTagLen + 2 && IsOuterTpid(U16(bytes, kMacHeader))) {
-        Frame untagged(frame.begin(), frame.begin() + kMacHeader);
-        untagged.insert(untagged.end(), frame.begin() + kMacHeader + kTagLen, frame.end());
-        backend_.Transmit(*sender, untagged);
-    } else {
-        backend_.Transmit(*sender, bytes);
+    sender->counters->Add(Counter::Tx);
+    backend_.Transmit(sender->ifIndex, out.For(*sender));
+}
+
+// One message the agent wrote to "channel/ppplus2dpx"; taken is the length
+// the channel reported, which may exceed what fitted in message.
+void ForwardingPlane::SendFromAgent(const PortView &view, std::span<const uint8_t> message, size_t taken)
+{
+    DpxPktHead head;
+    if (taken >= sizeof(head) && taken <= message.size()) {
+        std::memcpy(&head, message.data(), sizeof(head));
     }
+    if (taken < sizeof(head) + kMacHeader + kTypeLen || taken > message.size() || head.msgType != kSendMsgType) {
+        // Not a frame the agent could have meant: counted against its
+        // named port when there is one.
+        Count(view, taken >= sizeof(head) ? head.egrIfindex : kNoPort, Counter::Dropped);
+        return;
+    }
+    // Per-frame checks of what the agent sends (a subscriber table) decide
+    // here, before the frame leaves.
+    Outgoing out(message.subspan(sizeof(head), taken - sizeof(head)));
+    Egress(view, head.egrIfindex, view.Find(head.egrIfindex), out);
 }
 
 void ForwardingPlane::TransmitLoop()
@@ -308,68 +472,59 @@ void ForwardingPlane::TransmitLoop()
         if (WICK_ChannelTake(kSendChannel, buf.data(), static_cast<uint32_t>(buf.size()), &len, kTakeWaitMs) != 0) {
             continue;
         }
-        busy_.fetch_add(1);
-        activity_.fetch_add(1);
-        DpxPktHead head;
-        if (len >= sizeof(head) && len <= buf.size()) {
-            std::memcpy(&head, buf.data(), sizeof(head));
-        }
-        if (len < sizeof(head) + kMacHeader + 2 || len > buf.size() || head.msgType != kSendMsgType) {
-            // Not a frame the agent could have meant: counted against its
-            // named port when there is one.
-            Count(len >= sizeof(head) ? head.egrIfindex : kNoPort, &PortCounters::dropped);
-        } else {
-            const Frame frame(buf.begin() + sizeof(head), buf.begin() + len);
-            Egress(head.egrIfindex, frame, PortView::Now());
-        }
-        activity_.fetch_add(1);
-        busy_.fetch_sub(1);
+        const FrameScope scope(*this);
+        SendFromAgent(scope.View(), buf, len);
     }
 }
 
 PortCounters ForwardingPlane::Counters(uint32_t ifIndex) const
 {
-    std::lock_guard lock(mu_);
-    const auto it = counters_.find(ifIndex);
-    return it == counters_.end() ? PortCounters{} : it->second;
+    std::lock_guard lock(countersMu_);
+    const auto it = counterBlocks_.find(ifIndex);
+    return it == counterBlocks_.end() ? PortCounters{} : it->second->Read();
 }
 
 std::map<uint32_t, PortCounters> ForwardingPlane::AllCounters() const
 {
-    std::lock_guard lock(mu_);
-    return counters_;
-}
-
-std::vector<MacEntry> ForwardingPlane::MacTable() const
-{
-    std::lock_guard lock(mu_);
-    std::vector<MacEntry> out;
-    out.reserve(macs_.size());
-    for (const auto &[key, ifIndex] : macs_) {
-        out.push_back(MacEntry{key.first, key.second, ifIndex});
+    std::lock_guard lock(countersMu_);
+    std::map<uint32_t, PortCounters> out;
+    for (const auto &[ifIndex, block] : counterBlocks_) {
+        const PortCounters c = block->Read();
+        if (c.rx != 0 || c.tx != 0 || c.punted != 0 || c.dropped != 0) {
+            out.emplace(ifIndex, c);
+        }
     }
     return out;
 }
 
+std::vector<MacEntry> ForwardingPlane::MacTable() const
+{
+    return fdb_->Entries();
+}
+
 std::optional<uint32_t> ForwardingPlane::Lookup(uint16_t vlan, const Mac &mac) const
 {
-    std::lock_guard lock(mu_);
-    const auto it = macs_.find({vlan, mac});
-    return it == macs_.end() ? std::nullopt : std::optional<uint32_t>(it->second);
+    return fdb_->Lookup(vlan, mac);
 }
 
 bool ForwardingPlane::WaitIdle(std::chrono::milliseconds quiet, std::chrono::milliseconds timeout) const
 {
     using Clock = std::chrono::steady_clock;
+    // Frames done are read before frames taken in hand, so a frame is never
+    // seen done before it was seen taken.
+    const auto sample = [this]() {
+        const uint64_t left = activity_->counts.Sum(Activity::kLeft);
+        const uint64_t entered = activity_->counts.Sum(Activity::kEntered);
+        return std::pair<uint64_t, uint64_t>{entered - left, entered + left};
+    };
     const auto deadline = Clock::now() + timeout;
-    uint64_t seen = activity_.load();
+    uint64_t seen = sample().second;
     auto quietSince = Clock::now();
     while (Clock::now() < deadline) {
-        const uint64_t now = activity_.load();
-        const bool empty = busy_.load() == 0 && WICK_ChannelDepth(kPuntChannel) == 0 &&
-                           WICK_ChannelDepth(kSendChannel) == 0;
-        if (now != seen || !empty) {
-            seen = now;
+        const auto [busy, events] = sample();
+        const bool empty = busy == 0 && WICK_ChannelDepth(kPuntChannel) == 0 && WICK_ChannelDepth(kSendChannel) == 0;
+        if (events != seen || !empty) {
+            seen = events;
             quietSince = Clock::now();
         } else if (Clock::now() - quietSince >= quiet) {
             return true;

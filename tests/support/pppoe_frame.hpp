@@ -151,6 +151,21 @@ private:
     Bytes trailer_;
 };
 
+// A frame that is not PPPoE: IPv4-typed, 46 bytes of payload, behind a
+// 0x8100 tag of the TCI given (priority, VID) or untagged (tci < 0).
+inline Bytes PlainFrame(const Mac &dst, const Mac &src, int tci = -1)
+{
+    Bytes b(dst.begin(), dst.end());
+    b.insert(b.end(), src.begin(), src.end());
+    if (tci >= 0) {
+        PutU16(b, 0x8100);
+        PutU16(b, static_cast<uint16_t>(tci));
+    }
+    PutU16(b, 0x0800);
+    b.resize(b.size() + 46, 0x5a);
+    return b;
+}
+
 // A DpxPktHead (host byte order) followed by the frame: what the forwarding
 // plane writes to the module's receive channel.
 inline Bytes WithDpxHead(const Bytes &frame, uint32_t egr, uint32_t igr, uint32_t msgType = 0)

@@ -5,8 +5,9 @@
 // and what the agent writes to "channel/ppplus2dpx" leaves through the port
 // its head names. Everything else is switched within its VLAN.
 //
-// Port model (read from platform::world on every frame, so on-board changes and
-// VLAN edits take effect at once):
+// Port model (a view of platform::world kept between frames and rebuilt at
+// the first frame after any change of the world's tables, so on-board
+// changes and VLAN edits apply from the next frame on):
 //  - Physical ports carry frames. A trunk's own interface (lagId set) is
 //    reached through its on-board members: the member with the lowest
 //    ifIndex sends. A member port takes its VLAN mode, PVID and membership
@@ -15,8 +16,14 @@
 //    with VID == PVID (anything else is dropped); frames leave untagged.
 //  - Trunk port: tagged frames of member VLANs enter, untagged frames are
 //    dropped; frames leave tagged, as they are.
+//  - A priority-tagged frame (VID 0) classifies as an untagged one and keeps
+//    its priority.
 //  - Inside the plane every frame carries its VLAN as the outer tag; this is
 //    also the form the agent receives.
+//  - Tags are 0x8100, 0x9100 and 0x88a8. The agent reads an outer 0x8100 or
+//    0x9100 tag and one inner 0x8100 tag: while the feature is on, a
+//    discovery frame behind any other tag stack is dropped and counted on
+//    its port, never switched past the agent.
 //
 // Frames reach the world through a PortBackend: in memory (tests) or pcap
 // files (the host's replay and capture).
@@ -28,6 +35,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -67,15 +75,20 @@ struct PortCounters {
     uint64_t dropped = 0;  // entered and went nowhere, or could not leave through it
 };
 
+// The MAC table holds at most this many (VLAN, MAC) entries, like a
+// switch's hardware table; when a MAC finds no room, the entry near it that
+// was seen longest ago gives way.
+inline constexpr size_t kMacTableSlots = size_t{1} << 16;
+
 struct MacEntry {
     uint16_t vlan = 0;
     Mac mac{};
     uint32_t ifIndex = kNoPort;   // the physical port the MAC was seen on
 };
 
-// Where frames leave the plane. Transmit is called from the injecting
-// threads (one per live port) and from the plane's transmit thread, so
-// implementations lock.
+// Where frames leave the plane. Transmit is called from every thread that
+// calls Receive and from the plane's transmit thread, so implementations
+// lock (or are otherwise safe from several threads).
 class PortBackend {
 public:
     virtual ~PortBackend() = default;
@@ -86,6 +99,12 @@ public:
 // is found with platform::world::IfResolve.
 std::string PortName(uint32_t ifIndex);
 
+class Fdb;
+class PortView;
+class PortCounterBlock;
+struct PortEntry;
+enum class Counter : size_t;
+
 class ForwardingPlane {
 public:
     // Starts the transmit thread, which serves "channel/ppplus2dpx" until
@@ -95,11 +114,14 @@ public:
     ForwardingPlane(const ForwardingPlane &) = delete;
     ForwardingPlane &operator=(const ForwardingPlane &) = delete;
 
-    // A frame enters port ifIndex. Called concurrently: each live port
-    // hands its frames in from a thread of its own.
+    // A frame enters port ifIndex. Any number of threads may call it at once
+    // (one per port, say); it takes no lock unless the world changed since
+    // the calling thread's previous frame, and allocates nothing for frames
+    // of up to kInlineFrame bytes.
     void Receive(uint32_t ifIndex, std::span<const uint8_t> frame);
 
     PortCounters Counters(uint32_t ifIndex) const;
+    // The ports that counted anything.
     std::map<uint32_t, PortCounters> AllCounters() const;
     std::vector<MacEntry> MacTable() const;
     // The learnt port of mac in vlan.
@@ -110,18 +132,38 @@ public:
     // happen within timeout.
     bool WaitIdle(std::chrono::milliseconds quiet, std::chrono::milliseconds timeout) const;
 
+    // Frames up to this size are handled in buffers on the stack.
+    static constexpr size_t kInlineFrame = 2048;
+
 private:
-    struct PortView;
-    void Egress(uint32_t ifIndex, const Frame &tagged, const PortView &view);
+    struct Ingress;
+    class Outgoing;
+    class FrameScope;
+    struct Activity;
+
+    // The decisions on a frame, in the order they are taken.
+    bool Classify(const PortEntry *port, std::span<const uint8_t> frame, Ingress &in) const;
+    std::optional<uint32_t> Learn(const Ingress &in);
+    void Punt(Ingress &in, std::optional<uint32_t> learnt);
+    void Switch(const PortView &view, const Ingress &in, std::optional<uint32_t> learnt);
+    void Egress(const PortView &view, uint32_t ifIndex, const PortEntry *entry, Outgoing &out);
+    void SendFromAgent(const PortView &view, std::span<const uint8_t> message, size_t taken);
     void TransmitLoop();
-    void Count(uint32_t ifIndex, uint64_t PortCounters::*field);
+
+    // The current view, rebuilt when it is older than generation. Takes viewMu_.
+    std::shared_ptr<const PortView> Published(uint64_t generation);
+    // The counter block of ifIndex, created on first use. Takes countersMu_.
+    PortCounterBlock *CounterBlock(uint32_t ifIndex);
+    void Count(const PortView &view, uint32_t ifIndex, Counter counter);
 
     PortBackend &backend_;
-    mutable std::mutex mu_;
-    std::map<uint32_t, PortCounters> counters_;
-    std::map<std::pair<uint16_t, Mac>, uint32_t> macs_;
-    std::atomic<uint64_t> activity_{0};
-    std::atomic<uint32_t> busy_{0};
+    const uint64_t id_;                      // tells this plane's views, cached per thread, from another plane's
+    std::unique_ptr<Fdb> fdb_;
+    std::unique_ptr<Activity> activity_;     // frames in hand and handled, for WaitIdle
+    std::mutex viewMu_;                      // guards view_
+    std::shared_ptr<const PortView> view_;
+    mutable std::mutex countersMu_;          // guards counterBlocks_ (never taken for a port of the view)
+    std::map<uint32_t, std::unique_ptr<PortCounterBlock>> counterBlocks_;
     std::atomic<bool> stop_{false};
     std::thread transmitter_;
 };

@@ -100,6 +100,15 @@ struct BoardRecord {
 constexpr uint32_t kBoardRegistered = 1;     // registerStatus of a board that is up
 constexpr uint32_t kBoardUnregistered = 0;   // a board that left
 
+// The tables the forwarding plane switches by, read together in one
+// consistent snapshot, with the generation of the tables they were read at.
+struct PortTables {
+    uint64_t generation = 0;
+    std::vector<IfRecord> interfaces;
+    std::vector<TrunkPortRecord> trunkPorts;
+    std::vector<PortVlanRecord> portVlans;
+};
+
 struct Topology {
     SystemIdentity system;
     uint32_t haRole = 1;             // role reported at start of work: 1 master, 2 standby, 3 slave
@@ -184,6 +193,16 @@ std::vector<PortIsolateRecord> PortIsolateRecords();
 
 // The system name (also part of the identity).
 void SetSysName(const std::string &name);
+
+// Changes with every write of a table above (interfaces, boards, trunks,
+// trunk ports, port VLANs, isolation) and every bulk load: a reader that
+// sees the same generation twice saw the same tables in between. The
+// identity, readiness and the framework-instance table do not count. Never
+// locks: cheap enough to read for every frame.
+uint64_t TablesGeneration();
+// The interface, trunk-port and port-VLAN tables and their generation,
+// taken under one lock.
+PortTables GetPortTables();
 
 // Empties every table above (the identity stays).
 void TablesClear();

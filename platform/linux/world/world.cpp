@@ -12,6 +12,7 @@
 // handed, under the same lock and so in order, to the change listener of the
 // database's subscription side.
 #include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <mutex>
 
@@ -37,11 +38,19 @@ struct World {
     std::vector<platform::PortIsolateRecord> portIsolation;
     std::vector<platform::BoardRecord> boards;
     platform::world::ChangeListener listener = nullptr;
+    // Bumped under mu by every table write; read without it.
+    std::atomic<uint64_t> generation{0};
 };
 
 World &TheWorld()
 {
     return platform::internal::Leaky<World>();
+}
+
+// A table changed. Caller holds World::mu.
+void Touch(World &w)
+{
+    w.generation.fetch_add(1, std::memory_order_release);
 }
 
 // Replaces the record with the same key in place, or appends.
@@ -57,6 +66,7 @@ void Put(std::vector<Row> World::*table, const Row &record, SameKey same)
     } else {
         rows.push_back(record);
     }
+    Touch(w);
 }
 
 template <typename Row, typename Match>
@@ -70,6 +80,7 @@ bool Remove(std::vector<Row> World::*table, Match match)
         return false;
     }
     rows.erase(it);
+    Touch(w);
     return true;
 }
 
@@ -148,6 +159,7 @@ bool SameGroup(const platform::PortIsolateRecord &a, const platform::PortIsolate
 // Caller holds World::mu.
 void ClearTables(World &w)
 {
+    Touch(w);
     w.ifs.clear();
     w.trunks.clear();
     w.trunkPorts.clear();
@@ -244,6 +256,7 @@ void IfPut(const IfRecord &record)
         w.ifs.push_back(record);
         Notify(w, IfChange(DB_CHANGE_CREATE, std::nullopt, record));
     }
+    Touch(w);
 }
 
 bool IfRemove(uint32_t ifIndex)
@@ -256,6 +269,7 @@ bool IfRemove(uint32_t ifIndex)
     }
     const IfRecord before = *it;
     w.ifs.erase(it);
+    Touch(w);
     Notify(w, IfChange(DB_CHANGE_DELETE, before, std::nullopt));
     return true;
 }
@@ -300,6 +314,7 @@ bool IfSetOnBoard(uint32_t ifIndex, bool onBoard)
     }
     const IfRecord before = *it;
     it->onBoard = onBoard;
+    Touch(w);
     Notify(w, IfChange(DB_CHANGE_UPDATE, before, *it));
     return true;
 }
@@ -319,6 +334,7 @@ void BoardPut(const BoardRecord &record)
         w.boards.push_back(record);
         Notify(w, BoardChange(DB_CHANGE_CREATE, std::nullopt, record));
     }
+    Touch(w);
 }
 
 bool BoardRemove(uint32_t chassisId, uint32_t slotId)
@@ -332,6 +348,7 @@ bool BoardRemove(uint32_t chassisId, uint32_t slotId)
     }
     const BoardRecord before = *it;
     w.boards.erase(it);
+    Touch(w);
     Notify(w, BoardChange(DB_CHANGE_DELETE, before, std::nullopt));
     return true;
 }
@@ -407,6 +424,7 @@ void PortVlanSet(uint32_t ifIndex, uint16_t vlan, bool member)
     } else {
         it->bitmap[(vlan / 8U) % kVlanBitmapBytes] &= static_cast<uint8_t>(~(1U << (vlan % 8U)));
     }
+    Touch(w);
 }
 
 bool PortVlanRemove(uint32_t ifIndex)
@@ -456,6 +474,18 @@ void SetSysName(const std::string &name)
     w.identity.sysName = name;
 }
 
+uint64_t TablesGeneration()
+{
+    return TheWorld().generation.load(std::memory_order_acquire);
+}
+
+PortTables GetPortTables()
+{
+    World &w = TheWorld();
+    std::lock_guard lock(w.mu);
+    return PortTables{w.generation.load(std::memory_order_relaxed), w.ifs, w.trunkPorts, w.portVlans};
+}
+
 void TablesClear()
 {
     World &w = TheWorld();
@@ -475,6 +505,7 @@ void ApplyTopology(const Topology &topology)
     w.accessIsolation = topology.accessIsolation;
     w.portIsolation = topology.portIsolation;
     w.boards = {BoardRecord{topology.system.chassisId, topology.system.selfBoardId, kBoardRegistered}};
+    Touch(w);
 }
 
 void Reset()

@@ -23,6 +23,7 @@ using device::fplane::ForwardingPlane;
 using device::fplane::MemoryPorts;
 using pplus_test::Bytes;
 using pplus_test::Frame;
+using pplus_test::PlainFrame;
 
 // Access ports 5, 6 (VLAN 100), 7 (VLAN 101), 10 (VLAN 100, off board);
 // uplink trunk port 49 (VLANs 100, 101); trunk 100 of members 27, 28
@@ -43,20 +44,6 @@ trunks:
 
 constexpr pplus_test::Mac kHostA{0x02, 0, 0, 0, 0, 0x0a};
 constexpr pplus_test::Mac kHostB{0x02, 0, 0, 0, 0, 0x0b};
-
-// A plain IPv4-typed frame between two hosts, optionally tagged.
-Bytes Plain(const pplus_test::Mac &dst, const pplus_test::Mac &src, int vlan = -1)
-{
-    Bytes b(dst.begin(), dst.end());
-    b.insert(b.end(), src.begin(), src.end());
-    if (vlan >= 0) {
-        pplus_test::PutU16(b, 0x8100);
-        pplus_test::PutU16(b, static_cast<uint16_t>(vlan));
-    }
-    pplus_test::PutU16(b, 0x0800);
-    b.resize(b.size() + 46, 0x5a);
-    return b;
-}
 
 std::vector<uint16_t> Vlans(const Bytes &frame)
 {
@@ -128,7 +115,7 @@ TEST_F(PlaneTest, IngressClassifiesByPortModeAndVlanMembership)
     struct Row {
         const char *why;
         uint32_t port;
-        int vlan;            // -1: untagged
+        int tci;             // of a 0x8100 tag; -1: untagged
         bool accepted;
         uint16_t learntVlan;
     };
@@ -136,6 +123,8 @@ TEST_F(PlaneTest, IngressClassifiesByPortModeAndVlanMembership)
         {"untagged on an access port enters in its PVID", 5, -1, true, 100},
         {"tagged with the PVID on an access port enters", 6, 100, true, 100},
         {"tagged with another VID on an access port is dropped", 5, 101, false, 0},
+        {"priority-tagged (VID 0) on an access port enters in its PVID", 6, 0x6000, true, 100},
+        {"priority-tagged on a trunk port is untagged there: dropped", 49, 0x6000, false, 0},
         {"tagged in a member VLAN on a trunk port enters", 49, 101, true, 101},
         {"tagged in a foreign VLAN on a trunk port is dropped", 49, 200, false, 0},
         {"untagged on a trunk port is dropped", 49, -1, false, 0},
@@ -148,7 +137,7 @@ TEST_F(PlaneTest, IngressClassifiesByPortModeAndVlanMembership)
     for (const Row &row : rows) {
         const pplus_test::Mac src{0x02, 0, 0, 0, 0, host++};
         const auto before = plane_->Counters(row.port);
-        plane_->Receive(row.port, Plain(pplus_test::kBroadcast, src, row.vlan));
+        plane_->Receive(row.port, PlainFrame(pplus_test::kBroadcast, src, row.tci));
         const auto after = plane_->Counters(row.port);
         EXPECT_EQ(after.rx, before.rx + 1) << row.why;
         EXPECT_EQ(after.dropped, before.dropped + (row.accepted ? 0U : 1U)) << row.why;
@@ -164,16 +153,16 @@ TEST_F(PlaneTest, FloodsWithinTheVlanTaggedOnTrunksUntaggedOnAccessThenSendsToTh
 {
     // Unknown destination from access port 5 (VLAN 100): every other on-board
     // member of VLAN 100, once per trunk, never back to 5, never to VLAN 101.
-    plane_->Receive(5, Plain(kHostB, kHostA));
+    plane_->Receive(5, PlainFrame(kHostB, kHostA));
     ASSERT_TRUE(Idle());
     const auto toSub2 = ports_.Take(6, 0ms);
     const auto toUp = ports_.Take(49, 0ms);
     const auto toRing = ports_.Take(27, 0ms);
     ASSERT_TRUE(toSub2 && toUp && toRing);
     EXPECT_TRUE(Vlans(*toSub2).empty()) << "access ports send untagged";
-    EXPECT_EQ(*toSub2, Plain(kHostB, kHostA));
+    EXPECT_EQ(*toSub2, PlainFrame(kHostB, kHostA));
     EXPECT_EQ(Vlans(*toUp), std::vector<uint16_t>{100}) << "trunk ports send tagged";
-    EXPECT_EQ(*toUp, Plain(kHostB, kHostA, 100));
+    EXPECT_EQ(*toUp, PlainFrame(kHostB, kHostA, 100));
     EXPECT_EQ(Vlans(*toRing), std::vector<uint16_t>{100});
     EXPECT_EQ(ports_.Pending(28), 0U) << "a trunk is flooded through one member only";
     EXPECT_EQ(ports_.Pending(5), 0U) << "never back out of the ingress port";
@@ -183,19 +172,29 @@ TEST_F(PlaneTest, FloodsWithinTheVlanTaggedOnTrunksUntaggedOnAccessThenSendsToTh
     EXPECT_EQ(plane_->Counters(27).tx, 1U);
 
     // B answers from the uplink; A is known by now: only port 5 gets it.
-    plane_->Receive(49, Plain(kHostA, kHostB, 100));
+    plane_->Receive(49, PlainFrame(kHostA, kHostB, 100));
     ASSERT_TRUE(Idle());
     const auto reply = ports_.Take(5, 0ms);
     ASSERT_TRUE(reply);
-    EXPECT_EQ(*reply, Plain(kHostA, kHostB));
+    EXPECT_EQ(*reply, PlainFrame(kHostA, kHostB));
     EXPECT_EQ(ports_.Pending(6) + ports_.Pending(27) + ports_.Pending(28), 0U);
 
     // Same MAC in another VLAN is another entry; a move relearns.
-    plane_->Receive(49, Plain(kHostA, kHostB, 101));
-    plane_->Receive(6, Plain(kHostA, kHostB));
+    plane_->Receive(49, PlainFrame(kHostA, kHostB, 101));
+    plane_->Receive(6, PlainFrame(kHostA, kHostB));
     EXPECT_EQ(plane_->Lookup(101, kHostB), 49U);
     EXPECT_EQ(plane_->Lookup(100, kHostB), 6U);
     EXPECT_EQ(plane_->MacTable().size(), 3U);
+
+    // A priority tag (VID 0) classifies like no tag: the frame joins the
+    // PVID and keeps its priority.
+    plane_->Receive(5, PlainFrame(pplus_test::kBroadcast, kHostA, 0xA000));
+    ASSERT_TRUE(Idle());
+    const auto prioUp = ports_.Take(49, 0ms);
+    const auto prioSub2 = ports_.Take(6, 0ms);
+    ASSERT_TRUE(prioUp && prioSub2);
+    EXPECT_EQ(*prioUp, PlainFrame(pplus_test::kBroadcast, kHostA, 0xA000 | 100));
+    EXPECT_EQ(*prioSub2, PlainFrame(pplus_test::kBroadcast, kHostA));
 }
 
 TEST_F(PlaneTest, DiscoveryFramesArePuntedOnlyWhileTheFeatureIsOn)
@@ -223,11 +222,11 @@ TEST_F(PlaneTest, DiscoveryFramesArePuntedOnlyWhileTheFeatureIsOn)
     EXPECT_EQ(plane_->Counters(5).punted, 1U);
 
     // A reply from the server on trunk member 28 (double tagged, outer TPID
-    // 0x88a8): egress is the learnt subscriber port, ingress the member.
+    // 0x9100): egress is the learnt subscriber port, ingress the member.
     const Bytes pado = Frame()
                            .src(pplus_test::kServerMac)
                            .dst(pplus_test::kSubscriberMac)
-                           .vlan(100, 0x88a8)
+                           .vlan(100, 0x9100)
                            .qinq(7)
                            .pado()
                            .eol()
@@ -253,6 +252,165 @@ TEST_F(PlaneTest, DiscoveryFramesArePuntedOnlyWhileTheFeatureIsOn)
     PLAT_FailClearAll();
     EXPECT_EQ(plane_->Counters(6).dropped, 1U);
     EXPECT_EQ(plane_->Counters(6).punted, 0U);
+}
+
+TEST_F(PlaneTest, WorldChangesApplyFromTheNextFrame)
+{
+    const auto floodReaches = [this](uint32_t port) {
+        plane_->Receive(5, PlainFrame(pplus_test::kBroadcast, kHostA));
+        EXPECT_TRUE(Idle());
+        const bool reached = ports_.Pending(port) > 0;
+        for (const uint32_t p : {6U, 27U, 28U, 49U}) {
+            while (ports_.Take(p, 0ms)) {
+            }
+        }
+        return reached;
+    };
+
+    // A VLAN added to a trunk port.
+    plane_->Receive(49, PlainFrame(kHostA, kHostB, 102));
+    EXPECT_EQ(plane_->Counters(49).dropped, 1U);
+    platform::world::PortVlanSet(49, 102, true);
+    plane_->Receive(49, PlainFrame(kHostA, kHostB, 102));
+    EXPECT_EQ(plane_->Counters(49).dropped, 1U);
+    EXPECT_EQ(plane_->Lookup(102, kHostB), 49U);
+
+    // A port leaving the board.
+    EXPECT_TRUE(floodReaches(6));
+    platform::world::IfSetOnBoard(6, false);
+    EXPECT_FALSE(floodReaches(6));
+
+    // A member leaving its trunk is a port of its own.
+    EXPECT_FALSE(floodReaches(28));
+    platform::world::TrunkPortRemove(28);
+    EXPECT_TRUE(floodReaches(28));
+}
+
+TEST_F(PlaneTest, ReceiversOnSeveralPortsAtOnceWhileTheWorldChanges)
+{
+    // The server is learnt on the uplink; three ports' threads send to it
+    // while the uplink goes off and on board and its VLANs change.
+    plane_->Receive(49, PlainFrame(kHostA, kHostB, 100));
+    plane_->Receive(49, PlainFrame(kHostA, kHostB, 101));
+    constexpr uint64_t kFrames = 2000;
+    const uint32_t senders[] = {5, 6, 7};
+    std::atomic<int> running{static_cast<int>(std::size(senders))};
+    std::vector<std::thread> threads;
+    for (const uint32_t port : senders) {
+        threads.emplace_back([this, port, &running]() {
+            const Bytes frame = PlainFrame(kHostB, pplus_test::Mac{0x02, 0, 0, 0, 1, static_cast<uint8_t>(port)});
+            for (uint64_t i = 0; i < kFrames; i++) {
+                plane_->Receive(port, frame);
+            }
+            running--;
+        });
+    }
+    for (bool on = false; running.load() > 0; on = !on) {
+        platform::world::IfSetOnBoard(49, on);
+        platform::world::PortVlanSet(49, 300, on);
+        std::this_thread::yield();
+    }
+    for (std::thread &t : threads) {
+        t.join();
+    }
+    platform::world::IfSetOnBoard(49, true);
+
+    ASSERT_TRUE(Idle());
+    for (const uint32_t port : senders) {
+        EXPECT_EQ(plane_->Counters(port).rx, kFrames);
+        EXPECT_EQ(plane_->Counters(port).dropped, 0U);
+        EXPECT_EQ(plane_->Lookup(port == 7 ? 101 : 100, pplus_test::Mac{0x02, 0, 0, 0, 1, static_cast<uint8_t>(port)}),
+                  port);
+    }
+    const auto uplink = plane_->Counters(49);
+    EXPECT_EQ(uplink.tx + uplink.dropped, kFrames * std::size(senders)) << "each frame left or dropped on the uplink";
+    EXPECT_EQ(ports_.Pending(49), uplink.tx);
+
+    // A new plane starts from nothing, on this thread too.
+    plane_.reset();
+    plane_ = std::make_unique<ForwardingPlane>(ports_);
+    plane_->Receive(5, PlainFrame(pplus_test::kBroadcast, kHostA));
+    EXPECT_EQ(plane_->Counters(5).rx, 1U);
+    EXPECT_EQ(plane_->AllCounters().size(), 4U) << "port 5 and the three ports the broadcast left through";
+}
+
+TEST_F(PlaneTest, AFloodOfSourceMacsNeitherGrowsTheMacTableNorStopsLearning)
+{
+    struct Discard : device::fplane::PortBackend {
+        void Transmit(uint32_t, std::span<const uint8_t>) override {}
+    } discard;
+    plane_.reset();
+    plane_ = std::make_unique<ForwardingPlane>(discard);
+    const size_t macs = device::fplane::kMacTableSlots + device::fplane::kMacTableSlots / 8;
+    Bytes frame = PlainFrame(pplus_test::kBroadcast, kHostA);
+    for (size_t i = 0; i < macs; i++) {
+        frame[9] = static_cast<uint8_t>(i >> 16);
+        frame[10] = static_cast<uint8_t>(i >> 8);
+        frame[11] = static_cast<uint8_t>(i);
+        plane_->Receive(5, frame);
+    }
+    const size_t learnt = plane_->MacTable().size();
+    EXPECT_LE(learnt, device::fplane::kMacTableSlots);
+    EXPECT_GT(learnt, device::fplane::kMacTableSlots / 2) << "the table holds what it can";
+    plane_->Receive(6, PlainFrame(pplus_test::kBroadcast, kHostB));
+    EXPECT_EQ(plane_->Lookup(100, kHostB), 6U) << "a new station is learnt in a full table";
+    plane_.reset();
+}
+
+TEST_F(PlaneTest, DiscoveryBehindATagStackTheAgentCannotParseIsDroppedNeverSwitched)
+{
+    // The agent reads an outer 0x8100 or 0x9100 tag and an inner 0x8100 one.
+    SetFeature(true);
+    enum class Fate { Punted, Dropped, Switched };
+    struct Tag {
+        uint16_t tpid;
+        uint16_t vid;
+    };
+    struct Row {
+        const char *why;
+        std::vector<Tag> tags;
+        uint16_t etherType;
+        Fate fate;
+    };
+    const Row rows[] = {
+        {"one C-tag", {{0x8100, 100}}, 0x8863, Fate::Punted},
+        {"an 0x9100 tag outside a C-tag", {{0x9100, 100}, {0x8100, 7}}, 0x8863, Fate::Punted},
+        {"an 802.1ad outer tag", {{0x88a8, 100}}, 0x8863, Fate::Dropped},
+        {"an 802.1ad tag outside a C-tag", {{0x88a8, 100}, {0x8100, 7}}, 0x8863, Fate::Dropped},
+        {"0x9100 as the inner tag", {{0x8100, 100}, {0x9100, 7}}, 0x8863, Fate::Dropped},
+        {"0x88a8 as the inner tag", {{0x8100, 100}, {0x88a8, 7}}, 0x8863, Fate::Dropped},
+        {"three tags", {{0x8100, 100}, {0x8100, 7}, {0x8100, 8}}, 0x8863, Fate::Dropped},
+        {"session traffic behind three tags", {{0x8100, 100}, {0x8100, 7}, {0x8100, 8}}, 0x8864, Fate::Switched},
+    };
+    for (const Row &row : rows) {
+        Frame builder = Frame().src(pplus_test::kServerMac).dst(pplus_test::kSubscriberMac).pado();
+        for (const Tag &t : row.tags) {
+            builder.vlan(t.vid, t.tpid);
+        }
+        Bytes frame = builder.eol().bytes();
+        const size_t typeOff = 12 + 4 * row.tags.size();
+        frame[typeOff] = static_cast<uint8_t>(row.etherType >> 8);
+        frame[typeOff + 1] = static_cast<uint8_t>(row.etherType);
+
+        const auto before = plane_->Counters(49);
+        plane_->Receive(49, frame);
+        const auto punt = TakePunt(0);
+        EXPECT_EQ(punt.has_value(), row.fate == Fate::Punted) << row.why;
+        if (punt) {
+            EXPECT_EQ(punt->frame, frame) << row.why;
+        }
+        ASSERT_TRUE(Idle()) << row.why;
+        const auto after = plane_->Counters(49);
+        EXPECT_EQ(after.punted - before.punted, row.fate == Fate::Punted ? 1U : 0U) << row.why;
+        EXPECT_EQ(after.dropped - before.dropped, row.fate == Fate::Dropped ? 1U : 0U) << row.why;
+        size_t sent = 0;
+        for (const uint32_t port : {5U, 6U, 7U, 10U, 27U, 28U, 49U}) {
+            while (ports_.Take(port, 0ms)) {
+                sent++;
+            }
+        }
+        EXPECT_EQ(sent > 0, row.fate == Fate::Switched) << row.why;
+    }
 }
 
 TEST_F(PlaneTest, AgentFramesLeaveThroughTheNamedPort)
