@@ -7,7 +7,17 @@
 //    of the VLAN (access ports untagged, trunks tagged).
 //  - Punted: a PADI while the feature is on, written to the agent's channel;
 //    each thread takes its batch back off the channel as the agent would,
-//    and that take is part of the figure.
+//    and that take is part of the figure. Twice: on a plane with punt
+//    policing off and no subscriber table (features_off), and on one that
+//    polices every port and the switch (at a rate the bench never reaches,
+//    so every frame pays for the buckets and none is refused) and keeps its
+//    subscriber table (features_on), each thread's PADI refreshing its
+//    subscriber's entry.
+//  - SubscriberSent: what the subscriber table adds to each frame the agent
+//    sends back (its PADI towards the concentrator, read for the Circuit ID
+//    and Remote ID of the entry).
+// The difference between the two Punted figures and the SubscriberSent
+// figure together are what the two features cost a relayed PADI.
 // The ports discard what leaves them. The world is the bundled example.
 //
 //   ./build/default/bin/plane_bench [--benchmark_filter=...]
@@ -23,6 +33,7 @@
 #include "device/fwm.hpp"
 #include "device/world.hpp"
 #include "platform/control.h"
+#include "subscribers.hpp"
 #include "pppoe_frame.hpp"
 #include "wick.h"
 
@@ -37,6 +48,7 @@ constexpr uint32_t kUplink = 49;            // XGigabitEthernet0/0/1, a trunk po
 constexpr uint32_t kBatch = 32;             // punts between two takes off the agent's channel
 constexpr uint32_t kTakeCap = 2048;
 constexpr Mac kServer{0x02, 0, 0, 0, 0, 0xaa};
+constexpr uint32_t kNeverReached = 10000000;   // frames a second (and burst) of the policed plane's buckets
 
 // The access port and VLAN each benchmark thread receives on.
 struct Lane {
@@ -51,7 +63,8 @@ public:
 };
 
 DiscardPorts g_ports;
-ForwardingPlane *g_plane = nullptr;
+ForwardingPlane *g_plane = nullptr;      // features on
+ForwardingPlane *g_planeOff = nullptr;   // no punt policing, no subscriber table
 
 [[noreturn]] void Die(const char *what)
 {
@@ -93,7 +106,7 @@ void BM_Flooded(benchmark::State &state)
     Through(state, pplus_test::PlainFrame(pplus_test::kBroadcast, HostOf(state.thread_index())));
 }
 
-void BM_Punted(benchmark::State &state)
+void BM_Punted(benchmark::State &state, ForwardingPlane **plane)
 {
     const uint32_t port = LaneOf(state).port;
     const Bytes padi = Padi(HostOf(state.thread_index()));
@@ -101,7 +114,7 @@ void BM_Punted(benchmark::State &state)
     uint64_t frames = 0;
     for (auto _ : state) {
         for (uint32_t i = 0; i < kBatch; i++) {
-            g_plane->Receive(port, padi);
+            (*plane)->Receive(port, padi);
         }
         uint32_t len = 0;
         for (uint32_t i = 0; i < kBatch; i++) {
@@ -114,7 +127,44 @@ void BM_Punted(benchmark::State &state)
 
 BENCHMARK(BM_Switched)->Threads(1)->Threads(2)->Threads(4)->UseRealTime();
 BENCHMARK(BM_Flooded)->Threads(1)->Threads(2)->Threads(4)->UseRealTime();
-BENCHMARK(BM_Punted)->Threads(1)->Threads(2)->Threads(4)->UseRealTime();
+BENCHMARK_CAPTURE(BM_Punted, features_off, &g_planeOff)->Threads(1)->Threads(2)->Threads(4)->UseRealTime();
+BENCHMARK_CAPTURE(BM_Punted, features_on, &g_plane)->Threads(1)->Threads(2)->Threads(4)->UseRealTime();
+
+// The agent's PADI towards the concentrator, as the plane's transmit thread
+// hands it to the subscriber table after sending it.
+void BM_SubscriberSent(benchmark::State &state)
+{
+    static device::fplane::SubscriberTable *table = nullptr;
+    if (state.thread_index() == 0) {
+        table = new device::fplane::SubscriberTable(platform::SubscriberTableSettings{});
+    }
+    const Lane &lane = LaneOf(state);
+    const Mac host = HostOf(state.thread_index());
+    const Bytes tagged = pplus_test::Frame()
+                             .src(host)
+                             .vlan(lane.vlan)
+                             .padi()
+                             .serviceName()
+                             .hostUniq("bench-0001")
+                             .vendor(3561, "eth 0/0/1:100.0 AccessSwitch-1/0/0/0/0/0", "00e0-fc12-3456")
+                             .eol()
+                             .bytes();
+    // Threads start together after setup; the entry exists before the loop.
+    const Bytes padi = pplus_test::Frame().src(host).vlan(lane.vlan).padi().eol().bytes();
+    for (auto _ : state) {
+        state.PauseTiming();
+        table->Punted(lane.port, padi);
+        state.ResumeTiming();
+        for (uint32_t i = 0; i < kBatch; i++) {
+            table->Sent(kUplink, tagged);
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * kBatch);
+    if (state.thread_index() == 0 && table->Stats().entries == 0) {
+        Die("the subscriber table kept nothing");
+    }
+}
+BENCHMARK(BM_SubscriberSent)->Threads(1)->Threads(2)->Threads(4)->UseRealTime();
 
 // The server's MAC is learnt on the uplink in every lane's VLAN, and one
 // frame of each kind goes where it should before anything is measured.
@@ -153,12 +203,25 @@ int main(int argc, char **argv)
     }
     platform::world::ApplyTopology(*topology);
     device::fwm::Apply({device::fwm::RequestKind::GlobalCfg, 1U, 0});
-    ForwardingPlane plane(g_ports);
+    platform::PlaneSettings on;
+    on.policing.port = {kNeverReached, kNeverReached};
+    on.policing.global = {kNeverReached, kNeverReached};
+    platform::PlaneSettings off;
+    off.policing.port = {};
+    off.policing.global = {};
+    off.subscribers.size = 0;
+    ForwardingPlane plane(g_ports, on);
+    ForwardingPlane planeOff(g_ports, off);
     g_plane = &plane;
+    g_planeOff = &planeOff;
     Prepare();
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
+    if (plane.SubscriberStats().entries == 0 || plane.AllCounters()[kLanes[0].port].policed != 0) {
+        Die("the policed plane refused a frame or kept no subscriber");
+    }
     g_plane = nullptr;
+    g_planeOff = nullptr;
     return 0;
 }

@@ -10,21 +10,18 @@
 //   ha start-work <role> | ha new-backup <chassis> <board> | ha backup-removed |
 //   ha promote | ha demote | ha master <chassis> <board> | ha show
 //   port replay <PORT>=<FILE.pcap> | port list
+//   police show | police global|default <rate> <burst>|off | police port <PORT> <rate> <burst>|off|default
+//   stats
+//   fail <op> [skip times code] | fail clear
 //
 // The agent itself is configured through the datastore, not through here.
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
+
 #include <unistd.h>
 
-#include <cerrno>
 #include <charconv>
-#include <cstring>
+#include <cstdio>
 #include <optional>
 #include <sstream>
-#include <thread>
 #include <vector>
 
 #include "control.hpp"
@@ -32,13 +29,11 @@
 #include "device/ha.hpp"
 #include "platform/control.h"
 #include "platform/world.hpp"
+#include "wick.h"
 
 namespace host {
 
 namespace {
-
-constexpr size_t kMaxLine = 512;
-constexpr int kLineTimeoutMs = 2000;
 
 std::vector<std::string> Words(const std::string &line)
 {
@@ -275,40 +270,23 @@ std::string HaCommand(const std::vector<std::string> &w, const ControlHooks &age
     return Error(usage);
 }
 
-// Reads one line (without its newline) from a connection; false when none came in time.
-bool ReadLine(int fd, std::string *line)
+// The switch's memory, one "name value" per line for programs (the soak)
+// to read: resident size, the agent's outstanding allocations and bytes,
+// frame buffers not yet freed.
+std::string StatsCommand()
 {
-    line->clear();
-    for (;;) {
-        pollfd p = {fd, POLLIN, 0};
-        if (poll(&p, 1, kLineTimeoutMs) <= 0) {
-            return false;
+    long pages = 0;
+    long resident = 0;
+    if (std::FILE *statm = std::fopen("/proc/self/statm", "r")) {
+        if (std::fscanf(statm, "%ld %ld", &pages, &resident) != 2) {
+            resident = 0;
         }
-        char c = 0;
-        const ssize_t n = read(fd, &c, 1);
-        if (n <= 0) {
-            return !line->empty();
-        }
-        if (c == '\n') {
-            return true;
-        }
-        if (line->size() >= kMaxLine) {
-            return false;
-        }
-        line->push_back(c);
+        std::fclose(statm);
     }
-}
-
-void WriteAll(int fd, const std::string &text)
-{
-    size_t sent = 0;
-    while (sent < text.size()) {
-        const ssize_t n = send(fd, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
-        if (n <= 0) {
-            return;
-        }
-        sent += static_cast<size_t>(n);
-    }
+    std::ostringstream out;
+    out << "rss-kb " << resident * (sysconf(_SC_PAGESIZE) / 1024) << "\nallocations " << PLAT_MemOutstanding()
+        << "\nallocated-bytes " << PLAT_MemOutstandingBytes() << "\nframe-buffers " << WICK_MbufOutstanding();
+    return Ok(out.str());
 }
 
 }  // namespace
@@ -331,6 +309,9 @@ std::string RunControlCommand(const std::string &line, const ControlHooks &hooks
     if (w[0] == "fwm" && w.size() == 1) {
         return Ok(device::fwm::Describe(device::fwm::GetState()));
     }
+    if (w[0] == "stats" && w.size() == 1) {
+        return StatsCommand();
+    }
     if (w[0] == "port" && w.size() == 3 && w[1] == "replay") {
         if (!hooks.replay) {
             return Error("this host has no ports to replay into");
@@ -344,104 +325,18 @@ std::string RunControlCommand(const std::string &line, const ControlHooks &hooks
     if (w[0] == "ha") {
         return HaCommand(w, hooks);
     }
+    if (w[0] == "police") {
+        if (!hooks.police) {
+            return Error("this host has no forwarding plane");
+        }
+        std::string output;
+        return hooks.police(w, &output) ? Ok(output) : Error(output);
+    }
     if (w[0] == "fail") {
         return FailCommand(w);
     }
-    return Error("unknown command \"" + line + "\" (commands: if, board, fwm, ha, port replay, port list, fail)");
-}
-
-struct ControlServer::State {
-    std::string path;
-    ControlHooks hooks;
-    int listenFd = -1;
-    int stopFd = -1;
-    std::thread thread;
-
-    void Serve()
-    {
-        for (;;) {
-            pollfd fds[2] = {{listenFd, POLLIN, 0}, {stopFd, POLLIN, 0}};
-            if (poll(fds, 2, -1) < 0) {
-                if (errno == EINTR) {
-                    continue;
-                }
-                return;
-            }
-            if ((fds[1].revents & POLLIN) != 0) {
-                return;
-            }
-            const int conn = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
-            if (conn < 0) {
-                continue;
-            }
-            std::string line;
-            if (ReadLine(conn, &line)) {
-                WriteAll(conn, RunControlCommand(line, hooks));
-            } else {
-                WriteAll(conn, Error("no command line received"));
-            }
-            close(conn);
-        }
-    }
-};
-
-ControlServer::ControlServer() : state_(std::make_unique<State>()) {}
-
-ControlServer::~ControlServer()
-{
-    Stop();
-}
-
-bool ControlServer::Start(const std::string &path, const ControlHooks &hooks, std::string *error)
-{
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof(addr.sun_path)) {
-        *error = "unusable control socket path: \"" + path + "\"";
-        return false;
-    }
-    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-    // A socket file left by an earlier host that no one serves any more is replaced.
-    struct stat st = {};
-    if (lstat(path.c_str(), &st) == 0) {
-        std::string reply;
-        std::string ignored;
-        if (!S_ISSOCK(st.st_mode)) {
-            *error = path + " exists and is no socket";
-            return false;
-        }
-        if (ControlRequest(path, "fwm", &reply, &ignored)) {
-            *error = "another pppoe-plus-switch serves " + path;
-            return false;
-        }
-        unlink(path.c_str());
-    }
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof(addr)) != 0 || listen(fd, 8) != 0) {
-        *error = "cannot listen at " + path + ": " + std::strerror(errno);
-        if (fd >= 0) {
-            close(fd);
-        }
-        return false;
-    }
-    state_->path = path;
-    state_->hooks = hooks;
-    state_->listenFd = fd;
-    state_->stopFd = eventfd(0, EFD_CLOEXEC);
-    state_->thread = std::thread([state = state_.get()]() { state->Serve(); });
-    return true;
-}
-
-void ControlServer::Stop()
-{
-    if (!state_->thread.joinable()) {
-        return;
-    }
-    (void)eventfd_write(state_->stopFd, 1);
-    state_->thread.join();
-    close(state_->listenFd);
-    close(state_->stopFd);
-    unlink(state_->path.c_str());
+    return Error("unknown command \"" + line + "\" (commands: if, board, fwm, ha, port replay, port list, police, "
+                 "fail, stats)");
 }
 
 }  // namespace host

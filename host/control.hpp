@@ -6,8 +6,8 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <string>
+#include <vector>
 
 namespace host {
 
@@ -15,9 +15,10 @@ namespace host {
 // $XDG_RUNTIME_DIR/pppoe-plus-switch.sock, or under /tmp without it.
 std::string DefaultControlPath();
 
-// Sends one command line and reads the whole reply. The reply's first line
-// is "ok" or "error: <why>", further lines are the command's output. False,
-// with *error set, when the host cannot be reached.
+// Sends one command line and reads the whole reply (waiting up to 10 s,
+// or as long as a "port replay" takes). The reply's first line is "ok" or
+// "error: <why>", further lines are the command's output. False, with
+// *error set, when the host cannot be reached.
 bool ControlRequest(const std::string &path, const std::string &line, std::string *reply, std::string *error);
 
 // What the control socket asks of the rest of the host.
@@ -27,6 +28,9 @@ struct ControlHooks {
     std::function<bool(const std::string &binding, std::string *output)> replay;
     // Per-port counters of the forwarding plane and the live ports.
     std::function<std::string()> ports;
+    // "police ..." (the words of the line): punt policing shown or changed;
+    // false with the reason in *output.
+    std::function<bool(const std::vector<std::string> &words, std::string *output)> police;
     // The agent's HA accessors, for "ha show" (null when the module lacks one).
     uint32_t (*haGetRole)() = nullptr;
     uint32_t (*haGetSmbInstId)() = nullptr;
@@ -36,24 +40,5 @@ struct ControlHooks {
 // Runs one command line against the world model and the forwarding
 // manager; returns the reply as ControlRequest hands it back.
 std::string RunControlCommand(const std::string &line, const ControlHooks &hooks);
-
-// Serves the control socket on a thread of its own.
-class ControlServer {
-public:
-    ControlServer();
-    ~ControlServer();
-    ControlServer(const ControlServer &) = delete;
-    ControlServer &operator=(const ControlServer &) = delete;
-
-    // Listens at path (a stale socket file there is replaced); false with
-    // *error when the socket cannot be set up.
-    bool Start(const std::string &path, const ControlHooks &hooks, std::string *error);
-    // Stops serving and removes the socket file.
-    void Stop();
-
-private:
-    struct State;
-    std::unique_ptr<State> state_;
-};
 
 }  // namespace host

@@ -73,10 +73,12 @@ bool ControlRequest(const std::string &path, const std::string &line, std::strin
         }
         sent += static_cast<size_t>(n);
     }
+    // A replay answers once it is done, however long its capture.
+    const int timeoutMs = line.rfind("port replay", 0) == 0 ? -1 : kReplyTimeoutMs;
     reply->clear();
     for (;;) {
         pollfd p = {sock.get(), POLLIN, 0};
-        if (poll(&p, 1, kReplyTimeoutMs) <= 0) {
+        if (poll(&p, 1, timeoutMs) <= 0) {
             *error = "no reply from pppoe-plus-switch";
             return false;
         }

@@ -49,6 +49,7 @@ std::unique_ptr<device::yangdb::Server> StartDatastore(const DatastoreOptions &o
     serverOptions.socketPath = opts.socketPath;
     serverOptions.storePath = opts.storePath;
     serverOptions.yangDir = opts.yangDir.empty() ? Absolute("../share/yang") : opts.yangDir;
+    serverOptions.access.group = opts.group;
     auto server = device::yangdb::Server::Start(serverOptions, error);
     if (!server) {
         return nullptr;

@@ -22,6 +22,7 @@ struct DatastoreOptions {
     std::string storePath = "/var/orvale/yangdb/running.xml";
     std::string startupConfig;  // XML, applied when storePath holds nothing yet
     std::string yangDir;        // default: share/yang beside the host's bin folder
+    std::string group;          // the group that may connect besides the owner (--group)
 };
 
 // --yangdb-socket, --yangdb-store, --startup-config, --yang-dir.

@@ -7,6 +7,7 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cerrno>
 #include <climits>
@@ -25,6 +26,7 @@
 #pragma GCC diagnostic pop
 
 #include "control.hpp"
+#include "control_server.hpp"
 #include "datastore.hpp"
 #include "devm.h"
 #include "example_topology.hpp"
@@ -33,6 +35,7 @@
 #include "device/fwm.hpp"
 #include "device/ha.hpp"
 #include "device/world.hpp"
+#include "police.hpp"
 #include "ports.hpp"
 #include "wick.h"
 
@@ -41,6 +44,7 @@ namespace {
 struct Options {
     std::string topologyFile;
     bool verbose = false;
+    bool quiet = false;
     unsigned devmDelayMs = 0;
     unsigned readyTimeoutSec = 60;
     unsigned runForSec = 0;
@@ -69,18 +73,28 @@ const char *KindName(uint32_t kind)
     }
 }
 
+// What the log printer shows.
+struct PrintFilter {
+    bool verbose = false;  // debug lines too
+    bool quiet = false;    // neither system-log lines nor diagnostic records
+};
+
 void PrintLine(uint32_t kind, const char *line, void *arg)
 {
-    const bool verbose = *static_cast<const bool *>(arg);
-    if (kind == PLAT_LOG_DEBUG && !verbose) {
+    const auto *filter = static_cast<const PrintFilter *>(arg);
+    if ((kind == PLAT_LOG_DEBUG && !filter->verbose) ||
+        (filter->quiet && (kind == PLAT_LOG_SYSLOG || kind == PLAT_LOG_DIAG))) {
         return;
     }
     std::printf("[%s] %s\n", KindName(kind), line);
     std::fflush(stdout);
 }
 
+// The host's own lines go after every log line logged before them: the
+// sink prints from its own thread, so what it holds is printed first.
 void Say(const char *text)
 {
+    PLAT_LogFlush();
     std::printf("pppoe-plus-switch: %s\n", text);
     std::fflush(stdout);
 }
@@ -123,7 +137,8 @@ struct HaPlan {
     uint32_t mainBoardId = 1;
 };
 
-bool SetUpWorld(const Options &opts, HaPlan *ha, std::map<uint32_t, std::string> *netdevs)
+bool SetUpWorld(const Options &opts, HaPlan *ha, std::map<uint32_t, std::string> *netdevs,
+                platform::PlaneSettings *plane)
 {
     std::string error;
     const auto topology = opts.topologyFile.empty() ? device::world::LoadTopologyText(kExampleTopology, &error)
@@ -141,6 +156,7 @@ bool SetUpWorld(const Options &opts, HaPlan *ha, std::map<uint32_t, std::string>
     platform::world::FrmInstPut(instance);
     *ha = HaPlan{topology->haRole, sys.chassisId, sys.mainBoardId};
     *netdevs = topology->netdevs;
+    *plane = topology->plane;
     std::printf("pppoe-plus-switch: switch \"%s\", chassis %u, board %u (main board %u)\n", sys.sysName.c_str(),
                 sys.chassisId, sys.selfBoardId, sys.mainBoardId);
     return true;
@@ -164,6 +180,7 @@ host::ControlHooks AgentHaOf(void *module)
 
 void ReportLeaks()
 {
+    PLAT_LogFlush();
     const uint32_t sites = PLAT_MemLeakReport(
         [](const char *handle, const char *file, uint32_t line, uint32_t blocks, uint64_t bytes, void *) {
             std::printf("pppoe-plus-switch: outstanding %u block(s), %llu bytes, handle %s, allocated at %s:%u\n",
@@ -195,6 +212,7 @@ void StartHa(const HaPlan &ha, const host::ControlHooks &agent)
            std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
+    PLAT_LogFlush();
     std::printf("pppoe-plus-switch: HA start of work reported with role %u, master board %u/%u%s; agent role %u\n",
                 ha.role, ha.chassisId, ha.mainBoardId, delivered ? "" : " (not delivered in time)", role);
     std::fflush(stdout);
@@ -222,6 +240,23 @@ bool WaitAgentReady(unsigned timeoutSec)
            PLAT_TaskWaitUntilWaiting("PPPoE_Plus_Main", "FPC_EventRead", remainingMs()) != 0;
 }
 
+// Waits for SIGINT or SIGTERM, or until done() holds (looked at every
+// 100 ms); what stopped the switch ("" when done).
+template <typename Done>
+std::string WaitForStop(const sigset_t &signals, Done done)
+{
+    constexpr timespec kLook{0, 100 * 1000 * 1000};
+    for (;;) {
+        const int sig = sigtimedwait(&signals, nullptr, &kLook);
+        if (sig == SIGINT || sig == SIGTERM) {
+            return std::string(sig == SIGINT ? "SIGINT" : "SIGTERM") + " received, stopping";
+        }
+        if (done()) {
+            return "";
+        }
+    }
+}
+
 }  // namespace
 
 int main(int argc, char **argv)
@@ -231,6 +266,8 @@ int main(int argc, char **argv)
     app.add_option("-t,--topology", opts.topologyFile, "Topology file (YAML); default: the bundled example")
         ->check(CLI::ExistingFile);
     app.add_flag("-v,--verbose", opts.verbose, "Show debug lines and switch every debug level on");
+    app.add_flag("-q,--quiet", opts.quiet,
+                 "Show neither system-log lines nor diagnostic records (--log-file still gets them)");
     app.add_option("--devm-delay-ms", opts.devmDelayMs, "Keep the device database unready for this long");
     app.add_option("--ready-timeout", opts.readyTimeoutSec, "Seconds to wait for the agent to become ready");
     app.add_option("--run-for", opts.runForSec, "Stop after this many seconds (0: run until SIGINT/SIGTERM)");
@@ -244,6 +281,8 @@ int main(int argc, char **argv)
     host::AddNetconfOptions(app, opts.netconf);
     app.add_option("--control", opts.controlPath, "Control socket for pppoe-plus-cli")
         ->default_str(opts.controlPath);
+    app.add_option("--group", opts.datastore.group,
+                   "Group whose members may use the control and datastore sockets (default: the user's group)");
     app.add_option("--log-file", opts.logFile,
                    "Also write every log line (system log, diagnostic records, debug lines) to this file, "
                    "rotated at 64 MiB into FILE.1");
@@ -258,7 +297,9 @@ int main(int argc, char **argv)
     sigaddset(&stopSignals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
-    PLAT_LogSetPrinter(PrintLine, &opts.verbose);
+    static PrintFilter filter;
+    filter = {opts.verbose, opts.quiet};
+    PLAT_LogSetPrinter(PrintLine, &filter);
     // The host reads no call counts: operations skip the counting.
     PLAT_CallCountEnable(0);
     if (!opts.logFile.empty() && PLAT_LogSetFile(opts.logFile.c_str(), kLogFileRotateBytes) != 0) {
@@ -280,13 +321,14 @@ int main(int argc, char **argv)
     }
     HaPlan haPlan;
     std::map<uint32_t, std::string> netdevs;
-    if (!SetUpWorld(opts, &haPlan, &netdevs)) {
+    platform::PlaneSettings planeSettings;
+    if (!SetUpWorld(opts, &haPlan, &netdevs, &planeSettings)) {
         return 1;
     }
     // Ports are checked before the agent starts.
     host::HostPorts ports;
     std::string portError;
-    if (!ports.Open(portOpts, netdevs, &portError)) {
+    if (!ports.Open(portOpts, netdevs, planeSettings, &portError)) {
         std::fprintf(stderr, "pppoe-plus-switch: %s\n", portError.c_str());
         return 1;
     }
@@ -320,6 +362,10 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "pppoe-plus-switch: datastore: %s\n", datastoreError.c_str());
         return 1;
     }
+    // The plane's own state (subscribers, punt policing, ports) is served
+    // beside the agent's.
+    datastore->ServeState(device::fplane::kStatePath,
+                          [plane = ports.Plane()](const std::string &) { return device::fplane::StateXml(*plane); });
 
     if (!PreloadSwitchLibraries()) {
         return 1;
@@ -385,39 +431,62 @@ int main(int argc, char **argv)
         return ports.ReplayMore(binding, output);
     };
     hooks.ports = [&ports]() { return ports.Describe(); };
-    if (std::string error; !control.Start(opts.controlPath, hooks, &error)) {
+    hooks.police = [plane = ports.Plane()](const std::vector<std::string> &words, std::string *output) {
+        return host::PoliceCommand(*plane, words, output);
+    };
+    if (std::string error; !control.Start(opts.controlPath, hooks, &error, {opts.datastore.group})) {
         Say(("control socket not available: " + error).c_str());
     } else {
+        PLAT_LogFlush();
         std::printf("pppoe-plus-switch: control socket %s\n", opts.controlPath.c_str());
         std::fflush(stdout);
     }
+    // The inputs replay on a thread of their own, so that a signal stops
+    // the switch (and the replay) at any time.
+    std::atomic<bool> replayDone{!ports.HasInputs()};
+    std::thread replayer;
     if (ports.HasInputs()) {
-        if (!ports.Replay()) {
-            Say("the forwarding plane did not become idle after the replay");
-        }
-        ports.PrintSummary();
+        replayer = std::thread([&ports, &replayDone]() {
+            const host::ReplayResult result = ports.Replay();
+            Say(result.Describe().c_str());
+            if (!result.idle && !result.stopped) {
+                Say("the forwarding plane did not become idle after the replay");
+            }
+            ports.PrintSummary();
+            replayDone = true;
+        });
     }
-
-    if (ports.HasInputs() && opts.runForSec == 0 && !opts.stay) {
-        // Replayed: done.
-    } else if (opts.runForSec == 0) {
-        int sig = 0;
-        sigwait(&stopSignals, &sig);
-        std::printf("pppoe-plus-switch: %s received, stopping\n", sig == SIGINT ? "SIGINT" : "SIGTERM");
-    } else {
-        timespec wait{static_cast<time_t>(opts.runForSec), 0};
-        const int sig = sigtimedwait(&stopSignals, nullptr, &wait);
-        std::printf("pppoe-plus-switch: %s, stopping\n", sig > 0 ? "signal received" : "run time over");
+    // Replayed and nothing more asked: done. Otherwise until a signal or
+    // the end of --run-for.
+    const bool endsWithReplay = ports.HasInputs() && opts.runForSec == 0 && !opts.stay;
+    const auto runUntil = std::chrono::steady_clock::now() + std::chrono::seconds(opts.runForSec);
+    const std::string stopReason = WaitForStop(stopSignals, [&]() {
+        if (endsWithReplay) {
+            return replayDone.load();
+        }
+        return opts.runForSec != 0 && std::chrono::steady_clock::now() >= runUntil;
+    });
+    if (!stopReason.empty()) {
+        Say(stopReason.c_str());
+    } else if (!endsWithReplay) {
+        Say("run time over, stopping");
+    }
+    ports.StopReplays();
+    if (replayer.joinable()) {
+        replayer.join();
     }
     netconf.reset();
     control.Stop();
     if (ports.HasLivePorts()) {
         ports.PrintSummary();
     }
+    datastore->ServeState(device::fplane::kStatePath, nullptr);
     ports.Close();
     const uint32_t exitRet = mainExit();
+    PLAT_LogFlush();
     std::printf("pppoe-plus-switch: agent exit returned %u\n", exitRet);
     PLAT_LogWrite(PLAT_LOG_PLATFORM, "[fwm] state: %s", device::fwm::Describe(device::fwm::GetState()).c_str());
+    PLAT_AssertFlushReports();
     ReportLeaks();
     (void)PLAT_LogSetFile(nullptr, 0);  // writes what is pending
     std::fflush(stdout);

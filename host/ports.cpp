@@ -19,9 +19,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The agent's receive thread: idle while it waits for frames.
-constexpr const char *kAgentRxThread = "thread/dpx2ppplus";
-
 // PORT=FILE, PORT a name or an ifIndex.
 bool SplitBinding(const std::string &binding, const char *option, uint32_t *ifIndex, std::string *path,
                   std::string *error)
@@ -52,6 +49,7 @@ void AddPortOptions(CLI::App &app, PortOptions &opts)
     app.add_option("--netdev", opts.netdevs,
                    "Bind PORT to the Linux interface NETDEV (PORT=NETDEV, PORT a name or ifIndex; "
                    "beside the topology's netdev keys)");
+    AddReplayOptions(app, opts.pace);
 }
 
 void MakePathsAbsolute(PortOptions &opts)
@@ -136,7 +134,8 @@ bool Bindings(const std::vector<std::string> &options, const std::map<uint32_t, 
 
 }  // namespace
 
-bool HostPorts::Open(const PortOptions &opts, const std::map<uint32_t, std::string> &netdevs, std::string *error)
+bool HostPorts::Open(const PortOptions &opts, const std::map<uint32_t, std::string> &netdevs,
+                     const platform::PlaneSettings &plane, std::string *error)
 {
     std::vector<device::fplane::NetdevBinding> bindings;
     if (!Bindings(opts.netdevs, netdevs, &bindings, error) || !live_.Open(bindings, error)) {
@@ -164,15 +163,24 @@ bool HostPorts::Open(const PortOptions &opts, const std::map<uint32_t, std::stri
     if (!opts.captureDir.empty() && !capture_.SetFolder(opts.captureDir, error)) {
         return false;
     }
-    plane_ = std::make_unique<device::fplane::ForwardingPlane>(*backends_);
+    plane_ = std::make_unique<device::fplane::ForwardingPlane>(*backends_, plane);
+    pace_ = opts.pace;
+    replayer_ = std::make_unique<Replayer>(*plane_);
     return live_.Start([this](uint32_t ifIndex, std::span<const uint8_t> frame) { plane_->Receive(ifIndex, frame); },
                        [](uint32_t ifIndex, bool up) { (void)platform::world::IfSetOnBoard(ifIndex, up); }, error);
 }
 
-bool HostPorts::Replay()
+ReplayResult HostPorts::Replay()
 {
     const std::lock_guard<std::mutex> lock(replayLock_);
-    return Run(replay_);
+    return replayer_->Run(replay_.Merged(), pace_);
+}
+
+void HostPorts::StopReplays()
+{
+    if (replayer_) {
+        replayer_->Stop();
+    }
 }
 
 bool HostPorts::ReplayMore(const std::string &binding, std::string *output)
@@ -183,42 +191,24 @@ bool HostPorts::ReplayMore(const std::string &binding, std::string *output)
     if (!SplitBinding(binding, "replay", &ifIndex, &path, output) || !more.Add(ifIndex, path, output)) {
         return false;
     }
-    const std::lock_guard<std::mutex> lock(replayLock_);
-    if (!Run(more)) {
+    // One replay at a time; none once the host stops.
+    std::unique_lock<std::mutex> lock(replayLock_, std::defer_lock);
+    while (!lock.try_lock() && !replayer_->Stopping()) {
+        std::this_thread::sleep_for(10ms);
+    }
+    if (replayer_->Stopping()) {
+        *output = "the switch is stopping";
+        return false;
+    }
+    ReplayPace once = pace_;
+    once.loops = 1;
+    const ReplayResult result = replayer_->Run(more.Merged(), once);
+    if (!result.idle) {
         *output = "the forwarding plane did not become idle after the replay";
         return false;
     }
-    *output = "replayed " + std::to_string(more.Size()) + " frame(s) into " + device::fplane::PortName(ifIndex) +
-              "\n" + Describe();
+    *output = result.Describe() + " into " + device::fplane::PortName(ifIndex) + "\n" + Describe();
     return true;
-}
-
-bool HostPorts::Run(const device::fplane::PcapReplay &replay)
-{
-    // Idle: nothing in the channels, nothing handled for a while, and the
-    // agent's receive thread back in its wait.
-    const auto settled = [this](std::chrono::milliseconds quiet, std::chrono::milliseconds timeout) {
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (std::chrono::steady_clock::now() < deadline) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now());
-            if (plane_->WaitIdle(quiet, left) && WICK_ThreadIsWaiting(kAgentRxThread) != 0 &&
-                plane_->WaitIdle(quiet, quiet * 4)) {
-                return true;
-            }
-            std::this_thread::sleep_for(5ms);
-        }
-        return false;
-    };
-    // Each frame goes in once the previous one has been handled, so that
-    // answers follow the requests they answer; once the plane stalls, the
-    // rest go in without waiting.
-    bool ok = true;
-    replay.Run([&](const device::fplane::ReplayFrame &frame) {
-        plane_->Receive(frame.ifIndex, frame.bytes);
-        ok = ok && settled(20ms, 2s);
-    });
-    return settled(200ms, ok ? 10s : 2s) && ok;
 }
 
 std::string HostPorts::Describe() const
@@ -230,7 +220,7 @@ std::string HostPorts::Describe() const
     };
     for (const auto &[ifIndex, c] : plane_->AllCounters()) {
         out << "port " << portName(ifIndex) << ": rx " << c.rx << " tx " << c.tx << " punted " << c.punted
-            << " dropped " << c.dropped << "\n";
+            << " dropped " << c.dropped << " policed " << c.policed << "\n";
     }
     for (const device::fplane::LivePortStats &s : live_.Stats()) {
         out << "port " << portName(s.ifIndex) << " on netdev " << s.netdev << ": " << (s.up ? "up" : "down")
@@ -247,6 +237,7 @@ std::string HostPorts::Describe() const
 
 void HostPorts::PrintSummary() const
 {
+    PLAT_LogFlush();   // the log lines of the replay before its summary
     std::istringstream lines(Describe());
     for (std::string line; std::getline(lines, line);) {
         std::printf("pppoe-plus-switch: %s\n", line.c_str());
@@ -265,7 +256,13 @@ void HostPorts::PrintSummary() const
 
 void HostPorts::Close()
 {
+    // Frames a stopped replay or the live ports left under way are handled
+    // first, so that the exit report counts no frame buffer still on its way.
+    constexpr auto kDrainLimit = 2s;
     live_.Stop();
+    if (replayer_) {
+        (void)replayer_->Drain(kDrainLimit);
+    }
     plane_.reset();
     capture_.Close();
 }

@@ -12,7 +12,7 @@
 set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config g++ clang-14 libclang-rt-14-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
   libsafec-dev libyaml-cpp-dev libcli11-dev libpcap-dev libxml2-dev
   libyang2-dev libyang-tools libnl-3-dev libnl-route-3-dev
   libnetconf2-dev libssh-dev python3-ncclient

@@ -6,8 +6,9 @@
 # concentrators running rp-pppoe's pppoe-server.
 #
 #   sudo bash scripts/lab.sh up       install and build what is missing, then start the lab
-#   sudo bash scripts/lab.sh demo     discovery (PADI, PADO, PADR, PADS) and PADT from each subscriber;
-#                                     what the concentrators and the subscribers saw; the agent's statistics
+#   sudo bash scripts/lab.sh demo     discovery (PADI, PADO, PADR, PADS) from each subscriber, the switch's
+#                                     subscriber table, PADT from each; what the concentrators and the
+#                                     subscribers saw; the agent's statistics
 #   sudo bash scripts/lab.sh status   what runs
 #   sudo bash scripts/lab.sh down     remove every namespace, netdev and process the lab made, even after a failure
 #
@@ -22,8 +23,10 @@
 # sub-interfaces, so in each concentrator's namespace vlan-demux splits the
 # trunk into one untagged veth pair per VLAN (P-dN-V to P-aN-V) and
 # pppoe-server listens on the P-aN-V ends. There is no kernel PPP either:
-# pppoe-server offers and confirms sessions, then ends each with a PADT
-# when pppd cannot start; discovery and PADT are what the lab shows.
+# pppoe-server offers and confirms sessions and runs, instead of pppd,
+# scripts/lib/lab-session.sh, which holds each session until the subscriber
+# ends it with a PADT (or for 60 seconds); discovery and PADT are what the
+# lab shows.
 #
 # Environment:
 #   LAB_PREFIX  prefix of every namespace and netdev name (default "ppl", at most 7 characters)
@@ -115,7 +118,7 @@ up() {
     wait_for_line "demux${n}" "${state}/demux${n}.log" "split into" 20 ||
       die "vlan-demux of ${ac} did not start: $(cat "${state}/demux${n}.log")"
     start_in "${ac}" "server${n}" pppoe-server -F -C "${P}-BRAS-$([ "${n}" = 1 ] && echo A || echo B)" \
-      -S internet "${servers[@]}"
+      -S internet -q "${root}/scripts/lib/lab-session.sh" "${servers[@]}"
   done
 
   local switch_args=(
@@ -157,7 +160,8 @@ capture() {
     die "tshark did not start on ${netdev}: $(cat "${state}/capture-${name}.log")"
 }
 
-# One subscriber: discovery, then a PADT for the session it got.
+# One subscriber's discovery; the session it got ("id:mac") in sessions[n].
+declare -A sessions
 discover() {
   local n=$1 ns=$2 netdev=$3 port=$4
   echo
@@ -169,8 +173,16 @@ discover() {
   echo "${session}"
   [[ "${session}" =~ ^[1-9][0-9]*: ]] || die "subscriber ${n} got no session"
   echo "session ${session%%:*} with access concentrator ${session#*:}"
-  echo "\$ ip netns exec ${ns} pppoe -I ${netdev} -k -e ${session}   # PADT: end the session"
-  ip netns exec "${ns}" timeout 10 pppoe -I "${netdev}" -k -e "${session}"
+  sessions[${n}]=${session}
+}
+
+# A subscriber ends its session with a PADT.
+end_session() {
+  local n=$1 ns=$2 netdev=$3
+  echo
+  echo "== subscriber ${n}: PADT"
+  echo "\$ ip netns exec ${ns} pppoe -I ${netdev} -k -e ${sessions[${n}]}"
+  ip netns exec "${ns}" timeout 10 pppoe -I "${netdev}" -k -e "${sessions[${n}]}"
 }
 
 demo() {
@@ -187,7 +199,17 @@ demo() {
 
   discover 1 "${P}-sub1" "${P}-c1" "GigabitEthernet0/0/1, VLAN 100"
   discover 2 "${P}-sub2" "${P}-c3" "GigabitEthernet0/0/3, VLAN 101"
+  echo
+  echo "== the switch's subscriber table: who discovered through which port, with what the agent inserted"
+  echo "\$ pppoe-plus-cli show subscribers"
+  cli show subscribers
+  end_session 1 "${P}-sub1" "${P}-c1"
+  end_session 2 "${P}-sub2" "${P}-c3"
   sleep 1   # the last PADT on its way
+  echo
+  echo "== after the PADTs: their entries are gone"
+  echo "\$ pppoe-plus-cli show subscribers"
+  cli show subscribers
   for c in concentrator-A concentrator-B subscriber-1 subscriber-2; do
     stop_recorded "${state}/capture-${c}.pid"
   done
@@ -203,9 +225,9 @@ demo() {
   echo "\$ pppoe-plus-cli show statistics"
   cli show statistics
   echo
-  echo "== the switch's ports"
-  echo "\$ pppoe-plus-cli world port list"
-  cli world port list
+  echo "== the switch's ports (policed: discovery frames over the punt rate)"
+  echo "\$ pppoe-plus-cli world ports"
+  cli world ports
   echo
   say "captures for Wireshark: ${state#"${root}"/}/demo/"
 }

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Install what is missing, check the formatting of what this branch
 # changed, build, and run every test suite under the default and the
-# AddressSanitizer/UBSan presets (add "tsan" as an argument to run the
-# ThreadSanitizer preset too).
+# AddressSanitizer/UBSan presets, then the fuzz targets' smoke runs (the
+# fuzz preset: each target 30 s over its checked-in seeds). Further presets
+# given as arguments run too ("tsan" for ThreadSanitizer).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh --lab
@@ -28,7 +29,7 @@ check_format() {
 }
 check_format
 
-presets=(default asan "$@")
+presets=(default asan fuzz "$@")
 for preset in "${presets[@]}"; do
   echo "== preset ${preset}"
   cmake --preset "${preset}" >/dev/null

@@ -36,6 +36,34 @@
 #include <mutex>
 #include <shared_mutex>
 #include <type_traits>
+
+/* Counts every change of a port's trust byte (below), so the trusted-port
+ * match knows when the ports it keeps in view need a fresh look. */
+extern std::atomic<uint32_t> g_pppoePlusTrustChanges;
+
+/* A port's trust byte: an atomic byte, as the packet task reads it while
+ * the configuration task (or a test) writes it, whose every store is also
+ * counted in g_pppoePlusTrustChanges. */
+class PppoePlusTrustByte {
+public:
+    uint8_t load(std::memory_order order = std::memory_order_seq_cst) const { return value_.load(order); }
+    void store(uint8_t value, std::memory_order order = std::memory_order_seq_cst)
+    {
+        value_.store(value, order);
+        g_pppoePlusTrustChanges.fetch_add(1, std::memory_order_release);
+    }
+    operator uint8_t() const { return load(); }
+    PppoePlusTrustByte &operator=(uint8_t value)
+    {
+        store(value);
+        return *this;
+    }
+
+private:
+    std::atomic<uint8_t> value_;
+};
+static_assert(sizeof(PppoePlusTrustByte) == 1, "the trust field is one byte");
+
 extern "C" {
 
 /* A member's link in a doubly linked, circular list. */
@@ -72,7 +100,7 @@ typedef struct PortCB {
     uint32_t ifIndex;
     uint8_t reserved2;
     std::atomic<uint8_t> infoPolicy;
-    std::atomic<uint8_t> trust;
+    PppoePlusTrustByte trust;
     std::atomic<uint32_t> stats[PPPOE_PLUS_PORT_COUNTERS];
     PppoePlusDllHead qinqFormatList;
     PppoePlusDllHead vlanFormatList;
@@ -154,14 +182,39 @@ uint32_t PPPOE_PLUS_UdfIsAllAssic(const char *fmt);
 
 }  // extern "C"
 
+/* A reader-writer lock for data read far more often than written: a reader
+ * counts itself in one of a few counters of its own cache line (picked by
+ * thread), so readers on different threads never touch the same line and
+ * take no lock word; a writer announces itself, then waits until every
+ * counter is zero, and readers that see it announced step back until it is
+ * done. A thread may take the shared side again while it holds it. */
+class PppoePlusCfgMutex {
+public:
+    void lock_shared();
+    void unlock_shared();
+    void lock();
+    void unlock();
+
+private:
+    static constexpr unsigned kSlots = 16;
+    struct alignas(64) Slot {
+        std::atomic<uint32_t> readers{0};
+    };
+    Slot slots_[kSlots];
+    alignas(64) std::atomic<bool> writer_{false};
+    std::mutex writers_;
+};
+
 /* The lock around the port list, the format lists and the user-defined
  * strings. Writers (the configuration task, and the packet task when it
  * creates a control block) hold it exclusively; readers that walk a list or
  * read a format string (a node's or the global ones returned by the getters)
- * hold it shared for as long as they use what they read. */
-std::shared_mutex &PppoePlusCfgLock();
-using PppoePlusCfgReadGuard = std::shared_lock<std::shared_mutex>;
-using PppoePlusCfgWriteGuard = std::unique_lock<std::shared_mutex>;
+ * hold it shared for as long as they use what they read. Looking a control
+ * block up by ifIndex needs no lock: blocks are never freed, and an index
+ * beside the list (written under the lock) finds them. */
+PppoePlusCfgMutex &PppoePlusCfgLock();
+using PppoePlusCfgReadGuard = std::shared_lock<PppoePlusCfgMutex>;
+using PppoePlusCfgWriteGuard = std::unique_lock<PppoePlusCfgMutex>;
 
 /* The one walk of the port list: visits every port control block in list
  * order, holding the store's lock shared for the whole walk, until visit

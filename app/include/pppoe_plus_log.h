@@ -44,5 +44,18 @@ void PPPOE_PLUS_PrintVendorSpecInfo(const uint8_t *tag);
 
 #ifdef __cplusplus
 }
+
+/* Whether debug level level is switched on. */
+inline bool PPPOE_PLUS_DbgLevelOn(uint32_t level)
+{
+    return level < PPPOE_PLUS_DBG_LEVELS && g_debugSwitch[level].enabled.load(std::memory_order_relaxed) != 0;
+}
+
+/* Most levels are off most of the time, and the packet path writes dozens of
+ * debug lines a frame: the switch is looked at before the call, so a line of
+ * a level that is off costs neither the call nor its arguments (which have
+ * no effects of their own). The function checks again, as it always did. */
+#define PPPOE_PLUS_DbgOutput(level, ...) \
+    (PPPOE_PLUS_DbgLevelOn(level) ? PPPOE_PLUS_DbgOutput((level), __VA_ARGS__) : (void)0)
 #endif
 #endif

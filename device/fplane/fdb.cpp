@@ -2,6 +2,7 @@
 // MAC) -> port, read and written by every receiving thread without a lock
 // (see fdb.hpp).
 #include "fdb.hpp"
+#include "hash_mix.hpp"
 
 #include <time.h>
 
@@ -37,17 +38,6 @@ MacEntry EntryOf(uint64_t key, uint32_t port)
     }
     e.ifIndex = port;
     return e;
-}
-
-// A 64-bit finaliser: neighbouring MACs land far apart.
-uint64_t Mix(uint64_t k)
-{
-    k ^= k >> 33;
-    k *= 0xff51afd7ed558ccdULL;
-    k ^= k >> 33;
-    k *= 0xc4ceb9fe1a85ec53ULL;
-    k ^= k >> 33;
-    return k;
 }
 
 // Seconds of a clock that is cheap to read on every frame.

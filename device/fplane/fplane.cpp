@@ -8,9 +8,15 @@
 // once on their receiving threads: each thread keeps the view it last used
 // until the world's tables change, and counters are striped per thread, so
 // the frame path takes no lock and allocates nothing for frames of the usual
-// sizes. Tests see it through per-port counters, the MAC table and whatever
-// port backend they give it; failure injection on WICK_ChannelPut makes a
-// punt fail (the frame is counted as dropped).
+// sizes. Discovery frames bound for the agent pass the punt policers (lock-
+// free token buckets, punt_bucket.hpp) and, with what the agent sends back,
+// feed the subscriber table (subscribers.hpp, a lock per shard, never one
+// for the whole table). Tests see it through per-port counters, the MAC
+// table, the subscriber table and whatever port backend they give it;
+// failure injection on WICK_ChannelPut makes a punt fail (the frame is
+// counted as dropped).
+#include <time.h>
+
 #include <algorithm>
 #include <cstring>
 #include <future>
@@ -21,6 +27,7 @@
 #include "platform/control.h"
 #include "platform/world.hpp"
 #include "port_view.hpp"
+#include "subscribers.hpp"
 #include "wick.h"
 
 namespace device::fplane {
@@ -256,12 +263,16 @@ std::string PortName(uint32_t ifIndex)
     return rec ? rec->name : "";
 }
 
-ForwardingPlane::ForwardingPlane(PortBackend &backend)
+ForwardingPlane::ForwardingPlane(PortBackend &backend, const platform::PlaneSettings &settings)
     : backend_(backend),
       id_(g_nextPlaneId.fetch_add(1)),
       fdb_(std::make_unique<Fdb>()),
-      activity_(std::make_unique<Activity>())
+      activity_(std::make_unique<Activity>()),
+      policing_(settings.policing),
+      globalBucket_(std::make_unique<PuntBucket>()),
+      subscribers_(std::make_unique<SubscriberTable>(settings.subscribers))
 {
+    globalBucket_->Configure(policing_.global);
     // The plane owns the channel the agent sends on, as the switch's
     // forwarding plane does: it exists before the constructor returns, so
     // the agent's first send finds it.
@@ -288,17 +299,19 @@ std::shared_ptr<const PortView> ForwardingPlane::Published(uint64_t generation)
 {
     std::lock_guard lock(viewMu_);
     if (view_ == nullptr || view_->Generation() < generation) {
-        view_ = PortView::Build(world::GetPortTables(), [this](uint32_t ifIndex) { return CounterBlock(ifIndex); });
+        view_ = PortView::Build(world::GetPortTables(), [this](uint32_t ifIndex) { return Block(ifIndex); });
     }
     return view_;
 }
 
-PortCounterBlock *ForwardingPlane::CounterBlock(uint32_t ifIndex)
+PortBlock *ForwardingPlane::Block(uint32_t ifIndex)
 {
     std::lock_guard lock(countersMu_);
-    std::unique_ptr<PortCounterBlock> &block = counterBlocks_[ifIndex];
+    std::unique_ptr<PortBlock> &block = blocks_[ifIndex];
     if (block == nullptr) {
-        block = std::make_unique<PortCounterBlock>();
+        block = std::make_unique<PortBlock>();
+        const auto own = policing_.ports.find(ifIndex);
+        block->punt.Configure(own != policing_.ports.end() ? own->second : policing_.port);
     }
     return block.get();
 }
@@ -308,7 +321,7 @@ PortCounterBlock *ForwardingPlane::CounterBlock(uint32_t ifIndex)
 void ForwardingPlane::Count(const PortView &view, uint32_t ifIndex, Counter counter)
 {
     const PortEntry *e = view.Find(ifIndex);
-    (e != nullptr ? e->counters : CounterBlock(ifIndex))->Add(counter);
+    (e != nullptr ? e->block : Block(ifIndex))->Add(counter);
 }
 
 void ForwardingPlane::Receive(uint32_t ifIndex, std::span<const uint8_t> frame)
@@ -316,7 +329,7 @@ void ForwardingPlane::Receive(uint32_t ifIndex, std::span<const uint8_t> frame)
     const FrameScope scope(*this);
     const PortView &view = scope.View();
     const PortEntry *port = view.Find(ifIndex);
-    PortCounterBlock &counters = port != nullptr ? *port->counters : *CounterBlock(ifIndex);
+    PortBlock &counters = port != nullptr ? *port->block : *Block(ifIndex);
     counters.Add(Counter::Rx);
     Ingress in;
     if (!Classify(port, frame, in)) {
@@ -395,18 +408,45 @@ std::optional<uint32_t> ForwardingPlane::Learn(const Ingress &in)
 // names the physical ingress port and the learnt port of the destination.
 void ForwardingPlane::Punt(Ingress &in, std::optional<uint32_t> learnt)
 {
-    // Per-frame punt policy (policing, a subscriber table) decides here,
-    // before the frame is put on the agent's channel.
+    if (!Admit(*in.port)) {
+        in.port->block->Add(Counter::Policed);
+        return;
+    }
     DpxPktHead head;
     head.msgType = kPuntMsgType;
     head.egrIfindex = learnt.value_or(kNoPort);
     head.igrIfindex = in.port->ifIndex;
     const std::span<const uint8_t> message = in.WithHead(head);
+    // Into the table before the agent can answer, so that what it sends back
+    // for this frame finds the entry.
+    subscribers_->Punted(in.port->ifIndex, in.frame);
     if (WICK_ChannelPut(kPuntChannel, message.data(), static_cast<uint32_t>(message.size())) != 0) {
-        in.port->counters->Add(Counter::Dropped);
+        in.port->block->Add(Counter::Dropped);
         return;
     }
-    in.port->counters->Add(Counter::Punted);
+    in.port->block->Add(Counter::Punted);
+}
+
+// Whether a discovery frame from port may go to the agent: within the
+// port's rate, then within the switch's. The port's bucket is asked first,
+// so a port over its own rate spends nothing of the global one; a frame the
+// global bucket refuses is handed back to the port's.
+bool ForwardingPlane::Admit(const PortEntry &port)
+{
+    if (!port.block->punt.Limits() && !globalBucket_->Limits()) {
+        return true;
+    }
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    const uint64_t now = static_cast<uint64_t>(ts.tv_sec) * PuntBucket::kNsPerSecond + static_cast<uint64_t>(ts.tv_nsec);
+    if (!port.block->punt.Take(now)) {
+        return false;
+    }
+    if (!globalBucket_->Take(now)) {
+        port.block->punt.GiveBack();
+        return false;
+    }
+    return true;
 }
 
 // Switches within the VLAN: to the learnt port unless it sits behind the
@@ -417,7 +457,7 @@ void ForwardingPlane::Switch(const PortView &view, const Ingress &in, std::optio
     Outgoing out(in.frame);
     if (learnt) {
         if (view.Logical(*learnt) == in.port->logical) {
-            in.port->counters->Add(Counter::Dropped);
+            in.port->block->Add(Counter::Dropped);
             return;
         }
         Egress(view, *learnt, view.Find(*learnt), out);
@@ -432,16 +472,17 @@ void ForwardingPlane::Switch(const PortView &view, const Ingress &in, std::optio
 
 // Sends a frame out of ifIndex (a port, or a trunk's interface through its
 // sending member); counted as dropped on ifIndex when nothing can send it.
-void ForwardingPlane::Egress(const PortView &view, uint32_t ifIndex, const PortEntry *entry, Outgoing &out)
+bool ForwardingPlane::Egress(const PortView &view, uint32_t ifIndex, const PortEntry *entry, Outgoing &out)
 {
     const PortEntry *sender = entry != nullptr ? entry->sender : nullptr;
     if (sender == nullptr) {
         Count(view, ifIndex, Counter::Dropped);
-        return;
+        return false;
     }
     // Counted before the port has it, so whoever takes the frame sees the count.
-    sender->counters->Add(Counter::Tx);
+    sender->block->Add(Counter::Tx);
     backend_.Transmit(sender->ifIndex, out.For(*sender));
+    return true;
 }
 
 // One message the agent wrote to "channel/ppplus2dpx"; taken is the length
@@ -458,10 +499,11 @@ void ForwardingPlane::SendFromAgent(const PortView &view, std::span<const uint8_
         Count(view, taken >= sizeof(head) ? head.egrIfindex : kNoPort, Counter::Dropped);
         return;
     }
-    // Per-frame checks of what the agent sends (a subscriber table) decide
-    // here, before the frame leaves.
-    Outgoing out(message.subspan(sizeof(head), taken - sizeof(head)));
-    Egress(view, head.egrIfindex, view.Find(head.egrIfindex), out);
+    const std::span<const uint8_t> frame = message.subspan(sizeof(head), taken - sizeof(head));
+    Outgoing out(frame);
+    if (Egress(view, head.egrIfindex, view.Find(head.egrIfindex), out)) {
+        subscribers_->Sent(head.egrIfindex, frame);
+    }
 }
 
 void ForwardingPlane::TransmitLoop()
@@ -480,19 +522,97 @@ void ForwardingPlane::TransmitLoop()
 PortCounters ForwardingPlane::Counters(uint32_t ifIndex) const
 {
     std::lock_guard lock(countersMu_);
-    const auto it = counterBlocks_.find(ifIndex);
-    return it == counterBlocks_.end() ? PortCounters{} : it->second->Read();
+    const auto it = blocks_.find(ifIndex);
+    return it == blocks_.end() ? PortCounters{} : it->second->Read();
 }
 
 std::map<uint32_t, PortCounters> ForwardingPlane::AllCounters() const
 {
     std::lock_guard lock(countersMu_);
     std::map<uint32_t, PortCounters> out;
-    for (const auto &[ifIndex, block] : counterBlocks_) {
+    for (const auto &[ifIndex, block] : blocks_) {
         const PortCounters c = block->Read();
-        if (c.rx != 0 || c.tx != 0 || c.punted != 0 || c.dropped != 0) {
+        if (c.rx != 0 || c.tx != 0 || c.punted != 0 || c.dropped != 0 || c.policed != 0) {
             out.emplace(ifIndex, c);
         }
+    }
+    return out;
+}
+
+PuntPolicing ForwardingPlane::Policing() const
+{
+    std::lock_guard lock(countersMu_);
+    return policing_;
+}
+
+void ForwardingPlane::SetGlobalPolicing(const PuntRate &rate)
+{
+    std::lock_guard lock(countersMu_);
+    policing_.global = rate;
+    globalBucket_->Configure(rate);
+}
+
+void ForwardingPlane::SetDefaultPolicing(const PuntRate &rate)
+{
+    std::lock_guard lock(countersMu_);
+    policing_.port = rate;
+    for (const auto &[ifIndex, block] : blocks_) {
+        if (policing_.ports.count(ifIndex) == 0) {
+            block->punt.Configure(rate);
+        }
+    }
+}
+
+void ForwardingPlane::SetPortPolicing(uint32_t ifIndex, const std::optional<PuntRate> &rate)
+{
+    std::lock_guard lock(countersMu_);
+    if (rate) {
+        policing_.ports[ifIndex] = *rate;
+    } else {
+        policing_.ports.erase(ifIndex);
+    }
+    const auto it = blocks_.find(ifIndex);
+    if (it != blocks_.end()) {
+        it->second->punt.Configure(rate.value_or(policing_.port));
+    }
+}
+
+std::vector<Subscriber> ForwardingPlane::Subscribers() const
+{
+    return subscribers_->Entries();
+}
+
+SubscriberTableStats ForwardingPlane::SubscriberStats() const
+{
+    return subscribers_->Stats();
+}
+
+std::string DiscoveryCodeName(uint8_t code)
+{
+    switch (code) {
+        case kCodePadi: return "PADI";
+        case kCodePado: return "PADO";
+        case kCodePadr: return "PADR";
+        case kCodePads: return "PADS";
+        case kCodePadt: return "PADT";
+        default: break;
+    }
+    static constexpr char kHex[] = "0123456789abcdef";
+    return std::string("0x") + kHex[code >> 4] + kHex[code & 0x0FU];
+}
+
+std::string PrintableId(const std::string &raw)
+{
+    const bool printable = std::all_of(raw.begin(), raw.end(), [](char c) { return c >= 0x20 && c < 0x7f; });
+    if (printable) {
+        return raw;
+    }
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string out = "0x";
+    for (const char c : raw) {
+        const auto byte = static_cast<uint8_t>(c);
+        out += kHex[byte >> 4];
+        out += kHex[byte & 0x0FU];
     }
     return out;
 }

@@ -35,7 +35,7 @@ size_t ThreadStripe()
     return stripe;
 }
 
-PortCounters PortCounterBlock::Read() const
+PortCounters PortBlock::Read() const
 {
     PortCounters c;
     for (size_t i = 0; i < kCounterFields.size(); i++) {
@@ -60,7 +60,7 @@ uint32_t PortView::Logical(uint32_t ifIndex) const
     return trunk == nullptr ? ifIndex : *trunk;
 }
 
-std::shared_ptr<const PortView> PortView::Build(const platform::PortTables &tables, const CountersOf &countersOf)
+std::shared_ptr<const PortView> PortView::Build(const platform::PortTables &tables, const BlockOf &blockOf)
 {
     auto view = std::make_shared<PortView>();
     PortView &v = *view;
@@ -88,7 +88,7 @@ std::shared_ptr<const PortView> PortView::Build(const platform::PortTables &tabl
         const platform::IfRecord &r = tables.interfaces[i];
         PortEntry e;
         e.ifIndex = r.ifIndex;
-        e.counters = countersOf(r.ifIndex);
+        e.block = blockOf(r.ifIndex);
         v.entries_.push_back(e);
         v.byIfIndex_.emplace_back(r.ifIndex, i);
     }

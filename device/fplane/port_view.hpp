@@ -17,6 +17,7 @@
 
 #include "device/fplane.hpp"
 #include "platform/world.hpp"
+#include "punt_bucket.hpp"
 
 namespace device::fplane {
 
@@ -47,14 +48,18 @@ private:
 };
 
 // The per-port counters, one row per field of PortCounters.
-enum class Counter : size_t { Rx, Tx, Punted, Dropped };
-inline constexpr std::array<uint64_t PortCounters::*, 4> kCounterFields{
-    &PortCounters::rx, &PortCounters::tx, &PortCounters::punted, &PortCounters::dropped};
+enum class Counter : size_t { Rx, Tx, Punted, Dropped, Policed };
+inline constexpr std::array<uint64_t PortCounters::*, 5> kCounterFields{
+    &PortCounters::rx, &PortCounters::tx, &PortCounters::punted, &PortCounters::dropped, &PortCounters::policed};
 
-class PortCounterBlock {
+// What the plane keeps of a port across views: its counters and the bucket
+// that polices its punts.
+class PortBlock {
 public:
     void Add(Counter c) { counts_.Add(static_cast<size_t>(c)); }
     PortCounters Read() const;
+
+    PuntBucket punt;
 
 private:
     StripedCounters<kCounterFields.size()> counts_;
@@ -75,17 +80,17 @@ struct PortEntry {
     // The physical port that sends for this interface (itself on board, the
     // lowest on-board member for a trunk's interface); none when nothing can.
     const PortEntry *sender = nullptr;
-    PortCounterBlock *counters = nullptr;
+    PortBlock *block = nullptr;
 
     bool Member(uint16_t vlan) const { return trunkMode ? vlans != nullptr && vlans->test(vlan) : pvid == vlan; }
 };
 
 class PortView {
 public:
-    // The counter block of a port, created on first use; it outlives every view.
-    using CountersOf = std::function<PortCounterBlock *(uint32_t ifIndex)>;
+    // The block of a port, created on first use; it outlives every view.
+    using BlockOf = std::function<PortBlock *(uint32_t ifIndex)>;
 
-    static std::shared_ptr<const PortView> Build(const platform::PortTables &tables, const CountersOf &countersOf);
+    static std::shared_ptr<const PortView> Build(const platform::PortTables &tables, const BlockOf &blockOf);
 
     uint64_t Generation() const { return generation_; }
     const PortEntry *Find(uint32_t ifIndex) const;

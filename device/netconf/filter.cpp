@@ -8,6 +8,8 @@
 // schema) or bind to the schema; both are read here.
 #include "filter.hpp"
 
+#include "device/yangdb.hpp"
+
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -194,6 +196,10 @@ bool SelectInto(const struct lyd_node *data, const std::string &xpath, struct ly
 {
     if (data == nullptr) {
         return true;
+    }
+    if (!device::yangdb::XPathEvaluable(xpath, error)) {
+        *error = "invalid filter " + xpath + ": " + *error;
+        return false;
     }
     struct ly_set *set = nullptr;
     if (lyd_find_xpath(data, xpath.c_str(), &set) != LY_SUCCESS) {

@@ -33,7 +33,16 @@
 //         members: [GigabitEthernet0/0/1, GigabitEthernet0/0/2]
 //     access-pairs:               # the two ports are isolated both ways
 //       - [GigabitEthernet0/0/3, GigabitEthernet0/0/4]
+//   forwarding-plane:
+//     punt-policing:              # discovery frames punted to the agent, frames a second
+//       port: {rate: 100, burst: 200}     # each port without its own (interface key punt-policing)
+//       global: {rate: 2000, burst: 4000} # the whole switch; "off": no limit
+//     subscriber-table:
+//       size: 65536               # entries at most; 0: no table
+//       idle-timeout: 86400       # seconds without discovery before an entry goes; 0: never
 //
+// An interface may carry its own bucket: punt-policing: {rate: 1000, burst: 2000}
+// or punt-policing: off. A bucket's burst defaults to twice its rate.
 // Every key is optional except the system section itself, and name and
 // ifindex of an interface, name, id and ifindex of a trunk, id of a group;
 // an unknown key, a repeated key, a bad value, a name or ifIndex given
@@ -42,12 +51,14 @@
 // are caught here and never leave the library.
 #include <yaml-cpp/yaml.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <string>
@@ -198,6 +209,93 @@ bool BoolOf(const std::string &source, const YAML::Node &node, const std::string
     return ChoiceOf(source, node, key, kBools) != 0;
 }
 
+constexpr uint32_t kRateMax = 10000000;   // frames a second, and frames of a burst
+
+// A punt bucket: "off", or {rate: R, burst: B} with burst twice the rate
+// when not given.
+platform::PuntRate PuntRateOf(const std::string &source, const YAML::Node &node, const std::string &key)
+{
+    if (node.IsScalar() && node.Scalar() == "off") {
+        return {};
+    }
+    if (!node.IsMap()) {
+        Refuse(source, node, key, "expected off or {rate: R, burst: B}");
+    }
+    platform::PuntRate r;
+    std::set<std::string> seen;
+    for (auto it = node.begin(); it != node.end(); ++it) {
+        const std::string name = ScalarOf(source, it->first, key + " key");
+        if (!seen.insert(name).second) {
+            Refuse(source, it->first, key + "." + name, "given twice");
+        }
+        if (name == "rate") {
+            r.rate = RangedOf(source, it->second, key + ".rate", 1, kRateMax);
+        } else if (name == "burst") {
+            r.burst = RangedOf(source, it->second, key + ".burst", 1, kRateMax);
+        } else {
+            Refuse(source, it->first, key + "." + name, "unknown key");
+        }
+    }
+    if (seen.count("rate") == 0) {
+        Refuse(source, node, key, "missing key 'rate'");
+    }
+    if (seen.count("burst") == 0) {
+        r.burst = std::min(kRateMax, r.rate * 2);
+    }
+    return r;
+}
+
+// Keys of a section, each once, through fn(name, key, value); an unknown
+// one is refused by fn returning false.
+template <typename Fn>
+void ForEachKey(const std::string &source, const YAML::Node &section, const std::string &what, Fn fn)
+{
+    if (!section.IsMap()) {
+        Refuse(source, section, what, "expected a section of keys");
+    }
+    std::set<std::string> seen;
+    for (auto it = section.begin(); it != section.end(); ++it) {
+        const std::string name = ScalarOf(source, it->first, what + " key");
+        const std::string key = what + "." + name;
+        if (!seen.insert(name).second) {
+            Refuse(source, it->first, key, "given twice");
+        }
+        if (!fn(name, key, it->second)) {
+            Refuse(source, it->first, key, "unknown key");
+        }
+    }
+}
+
+void ParsePlane(const std::string &source, const YAML::Node &plane, platform::PlaneSettings &settings)
+{
+    ForEachKey(source, plane, "forwarding-plane", [&](const std::string &name, const std::string &key,
+                                                      const YAML::Node &value) {
+        if (name == "punt-policing") {
+            ForEachKey(source, value, key, [&](const std::string &which, const std::string &k, const YAML::Node &v) {
+                if (which != "port" && which != "global") {
+                    return false;
+                }
+                (which == "port" ? settings.policing.port : settings.policing.global) = PuntRateOf(source, v, k);
+                return true;
+            });
+        } else if (name == "subscriber-table") {
+            ForEachKey(source, value, key, [&](const std::string &which, const std::string &k, const YAML::Node &v) {
+                if (which == "size") {
+                    settings.subscribers.size = RangedOf(source, v, k, 0, kRateMax);
+                } else if (which == "idle-timeout") {
+                    settings.subscribers.idleSeconds = NumberOf(source, v, k);
+                } else {
+                    return false;
+                }
+                return true;
+            });
+        } else {
+            return false;
+        }
+        return true;
+    });
+}
+
 constexpr uint32_t kVlanMin = 1;
 constexpr uint32_t kVlanMax = 4094;
 
@@ -242,6 +340,7 @@ struct Entry {
     platform::IfRecord record;
     platform::PortVlanRecord vlans;
     std::string netdev;          // interfaces only
+    std::optional<platform::PuntRate> punt;   // interfaces only: its own punt bucket
     YAML::Node members;          // trunks only
     YAML::Node mark;
 };
@@ -318,6 +417,8 @@ Entry ParseInterface(const std::string &source, const YAML::Node &node, size_t i
             if (entry.netdev.empty()) {
                 Refuse(source, value, key, "must not be empty");
             }
+        } else if (name == "punt-policing") {
+            entry.punt = PuntRateOf(source, value, key);
         } else {
             Refuse(source, it->first, key, "unknown key");
         }
@@ -502,7 +603,8 @@ std::optional<platform::Topology> Parse(const std::string &source, const std::st
         Interfaces ifs;
         for (auto it = root.begin(); it != root.end(); ++it) {
             const std::string name = ScalarOf(source, it->first, "top-level key");
-            if (name != "system" && name != "interfaces" && name != "trunks" && name != "isolation") {
+            if (name != "system" && name != "interfaces" && name != "trunks" && name != "isolation" &&
+                name != "forwarding-plane") {
                 Refuse(source, it->first, name, "unknown key");
             }
             if (!seen.insert(name).second) {
@@ -518,6 +620,8 @@ std::optional<platform::Topology> Parse(const std::string &source, const std::st
                 ForEachItem(source, it->second, name, [&](const YAML::Node &item, size_t index) {
                     ifs.Add(source, "trunks[" + std::to_string(index) + "]", ParseTrunk(source, item, index));
                 });
+            } else if (name == "forwarding-plane") {
+                ParsePlane(source, it->second, topology.plane);
             } else {
                 isolation = it->second;  // after every interface is known
             }
@@ -536,6 +640,9 @@ std::optional<platform::Topology> Parse(const std::string &source, const std::st
             topology.portVlans.push_back(entry.vlans);
             if (!entry.netdev.empty()) {
                 topology.netdevs[entry.record.ifIndex] = entry.netdev;
+            }
+            if (entry.punt) {
+                topology.plane.policing.ports[entry.record.ifIndex] = *entry.punt;
             }
         }
         return topology;

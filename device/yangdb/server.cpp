@@ -1,8 +1,10 @@
 // The datastore server: accepts subscribers (libydbc) and management
-// sessions on one unix socket. A reader thread per connection decodes
-// messages; replies to the server's own requests go to whoever waits for
-// them, everything else is queued for a single worker that owns the YANG
-// store. The worker runs one request at a time, so a transaction (edit,
+// sessions on one unix socket. An I/O thread per connection (stream_io)
+// decodes messages; replies to the server's own requests go to whoever
+// waits for them, requests are queued for a single worker that owns the
+// YANG store, one per connection at a time, and what the worker sends is
+// queued per connection with a bound (a client that reads no answers is
+// no longer read, then dropped). The worker runs one request at a time, so a transaction (edit,
 // delivery to the subscribers, rollback or save) never interleaves with
 // another, and libyang is used from one thread only.
 //
@@ -16,12 +18,15 @@
 // pending change without waiting, since it may still apply it.
 #include <device/yangdb.hpp>
 
+#include "device/sockets.hpp"
 #include "platform/ydbc_wire.hpp"
+#include "stream_io.hpp"
 #include "yang_store.hpp"
 
 #include <platform/fail_point.hpp>
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -36,6 +41,7 @@
 #include <cstring>
 #include <deque>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <set>
@@ -61,6 +67,11 @@ namespace {
 
 using wire::Message;
 using wire::Type;
+
+constexpr int kBacklog = 16;
+constexpr unsigned kStoreFolderMode = 0700;
+// A connection that buffered this much gives the memory back when it ends.
+constexpr size_t kTrimAfterBytes = 1U << 20;
 
 // How long the server waits for a subscriber's answer; the environment
 // variable can shorten it (tests) or lengthen it (debugging a subscriber).
@@ -88,28 +99,15 @@ struct Subscription {
 
 struct Connection {
     int fd = -1;
-    std::thread reader;
-    std::mutex writeMu;
+    std::unique_ptr<StreamIo> io;  // its reads and writes
     std::atomic<bool> alive{true};
     // Worker only.
     std::string name;
     std::vector<Subscription> subs;
     bool activated = false;
 
-    // A failed or partial write leaves the stream unusable: the connection
-    // is shut down and its reader reports the loss.
-    bool Send(const Message &message)
-    {
-        std::lock_guard<std::mutex> lock(writeMu);
-        if (!alive.load()) {
-            return false;
-        }
-        if (!wire::Send(fd, message)) {
-            ::shutdown(fd, SHUT_RDWR);
-            return false;
-        }
-        return true;
-    }
+    // Queues a message; false once the connection is ending.
+    bool Send(const Message &message) { return alive.load() && io->Send(message); }
 };
 using ConnectionPtr = std::shared_ptr<Connection>;
 
@@ -192,6 +190,9 @@ struct Server::Impl {
     std::map<uint32_t, Message> results;
     std::map<std::string, uint32_t> replays;  // finished replays per client name
 
+    std::mutex localMu;  // local; held while an answer runs
+    std::map<std::string, Server::StateAnswer> local;   // state answered in this process, by path
+
     // Worker only.
     uint32_t nextId = 1;
     uint64_t nextSeq = 1;
@@ -199,7 +200,8 @@ struct Server::Impl {
 
     ~Impl();
     void AcceptLoop();
-    void ReadLoop(const ConnectionPtr &conn);
+    StreamIo::Handlers HandlersOf(const ConnectionPtr &conn);
+    void Closed(Job &job);
     void WorkLoop();
     void Handle(Job &job);
 
@@ -216,6 +218,14 @@ struct Server::Impl {
     Reply Apply(Tree candidate);
     void Replay(const ConnectionPtr &conn);
 
+    // Who answers state: the subscribers of state paths, then this
+    // process's own answers (ServeState).
+    struct StateSource {
+        const struct lysc_node *schema = nullptr;
+        std::string path;
+        std::function<std::string(const std::string &asked, std::string *text)> ask;  // "" or the failure
+    };
+    std::vector<StateSource> StateSources();
     Reply Get(const std::string &path);
     Reply Rpc(const std::string &xml);
 
@@ -238,7 +248,7 @@ Server::Impl::~Impl()
         std::lock_guard<std::mutex> lock(mu);
         stopping = true;
         for (const ConnectionPtr &conn : conns) {
-            ::shutdown(conn->fd, SHUT_RDWR);
+            conn->io->Shutdown();
         }
     }
     cv.notify_all();
@@ -259,10 +269,7 @@ Server::Impl::~Impl()
         jobs.clear();
     }
     for (const ConnectionPtr &conn : left) {
-        ::shutdown(conn->fd, SHUT_RDWR);
-        if (conn->reader.joinable()) {
-            conn->reader.join();
-        }
+        conn->io.reset();
         ::close(conn->fd);
     }
     if (listenFd >= 0) {
@@ -293,10 +300,6 @@ void Server::Impl::AcceptLoop()
         if (fd < 0) {
             continue;
         }
-        // A subscriber that stops reading must not block the worker for ever.
-        struct timeval tv {};
-        tv.tv_sec = 10;
-        ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
         auto conn = std::make_shared<Connection>();
         conn->fd = fd;
         std::lock_guard<std::mutex> lock(mu);
@@ -306,30 +309,38 @@ void Server::Impl::AcceptLoop()
         }
         conn->name = "client" + std::to_string(conns.size() + 1);
         conns.push_back(conn);
-        conn->reader = std::thread([this, conn] { ReadLoop(conn); });
+        conn->io = std::make_unique<StreamIo>(fd, options.limits, HandlersOf(conn));
     }
 }
 
-void Server::Impl::ReadLoop(const ConnectionPtr &conn)
+// The connection's thread hands on results to whoever awaits them, requests
+// to the worker, and its end as a closed job. It holds the connection
+// weakly: the connection owns it.
+StreamIo::Handlers Server::Impl::HandlersOf(const ConnectionPtr &conn)
 {
-    Message message;
-    while (wire::Receive(conn->fd, &message)) {
+    const std::weak_ptr<Connection> weak = conn;
+    StreamIo::Handlers handlers;
+    handlers.result = [this](Message message) {
         std::lock_guard<std::mutex> lock(mu);
-        if (message.type == Type::kResult) {
-            if (awaited.count(message.id) != 0) {
-                results[message.id] = std::move(message);
-            }
-        } else {
-            jobs.push_back({conn, std::move(message), false});
+        if (awaited.count(message.id) != 0) {
+            results[message.id] = std::move(message);
         }
         cv.notify_all();
-    }
-    {
+    };
+    handlers.request = [this, weak](Message message) {
         std::lock_guard<std::mutex> lock(mu);
-        conn->alive = false;
-        jobs.push_back({conn, {}, true});
-    }
-    cv.notify_all();
+        jobs.push_back({weak.lock(), std::move(message), false});
+        cv.notify_all();
+    };
+    handlers.closed = [this, weak]() {
+        std::lock_guard<std::mutex> lock(mu);
+        if (const ConnectionPtr gone = weak.lock()) {
+            gone->alive = false;
+            jobs.push_back({gone, {}, true});
+        }
+        cv.notify_all();
+    };
+    return handlers;
 }
 
 void Server::Impl::WorkLoop()
@@ -346,6 +357,9 @@ void Server::Impl::WorkLoop()
             jobs.pop_front();
         }
         Handle(job);
+        if (!job.closed) {
+            job.conn->io->RequestDone();
+        }
     }
 }
 
@@ -558,47 +572,79 @@ void Server::Impl::Replay(const ConnectionPtr &conn)
     cv.notify_all();
 }
 
+std::vector<Server::Impl::StateSource> Server::Impl::StateSources()
+{
+    std::vector<StateSource> sources;
+    for (const auto &[conn, sub] : ActiveSubs(YDBC_SUB_GET)) {
+        auto ask = [this, conn = conn, row = sub->row](const std::string &asked, std::string *text) -> std::string {
+            Message request;
+            request.type = Type::kGetRequest;
+            request.fields = {std::to_string(row), asked};
+            Message result;
+            Outcome outcome = Request(conn, request, &result);
+            if (outcome != Outcome::kDone) {
+                return "no answer from " + conn->name + " for " + asked;
+            }
+            if (result.Number(0, 1) != 0) {
+                return "get of " + asked + " failed in " + conn->name + " (result " + result.Field(0) + ")";
+            }
+            *text = result.Field(1);
+            return "";
+        };
+        sources.push_back({sub->schema, sub->path, ask});
+    }
+    std::vector<std::string> paths;
+    {
+        std::lock_guard<std::mutex> lock(localMu);
+        for (const auto &entry : local) {
+            paths.push_back(entry.first);
+        }
+    }
+    for (const std::string &path : paths) {
+        const struct lysc_node *schema = store.FindSchema(path);
+        if (schema == nullptr || (schema->flags & LYS_CONFIG_R) == 0) {
+            continue;
+        }
+        auto ask = [this, path](const std::string &asked, std::string *text) -> std::string {
+            std::lock_guard<std::mutex> lock(localMu);
+            const auto it = local.find(path);
+            if (it == local.end()) {
+                return "no longer served: " + asked;
+            }
+            *text = it->second(asked);
+            return "";
+        };
+        sources.push_back({schema, path, ask});
+    }
+    return sources;
+}
+
 Reply Server::Impl::Get(const std::string &path)
 {
     const struct lysc_node *node = store.FindSchema(path);
     if (node == nullptr || (node->nodetype & (LYS_RPC | LYS_ACTION | LYS_NOTIF)) != 0) {
         return {false, "unknown path " + path, "invalid-value", path};
     }
-    const auto subs = ActiveSubs(YDBC_SUB_GET);
-    auto ask = [this](const ConnectionPtr &conn, const Subscription *sub, const std::string &asked,
-                      std::string *text) -> std::string {
-        Message request;
-        request.type = Type::kGetRequest;
-        request.fields = {std::to_string(sub->row), asked};
-        Message result;
-        Outcome outcome = Request(conn, request, &result);
-        if (outcome != Outcome::kDone) {
-            return "no answer from " + conn->name + " for " + asked;
-        }
-        if (result.Number(0, 1) != 0) {
-            return "get of " + asked + " failed in " + conn->name + " (result " + result.Field(0) + ")";
-        }
-        *text = result.Field(1);
-        return "";
-    };
+    const std::vector<StateSource> subs = StateSources();
     // A list answered per key has nothing to say without its key, so it is
     // not asked without one; the refusal names the key missing.
-    auto needsKey = [](const Subscription *sub) {
+    auto needsKey = [](const StateSource *sub) {
         const struct lysc_node *key = lysc_node_child(sub->schema);
         return Reply(false,
                      sub->path + " is answered only for a key: ask for " +
                          YangStore::WithKeyPlaceholders(sub->path, sub->schema),
                      "missing-element", sub->path + "/" + (key != nullptr ? key->name : ""));
     };
-    // A path at or below a state subscription goes to its subscriber as given.
-    for (const auto &[conn, sub] : subs) {
+    // A path at or below a state source goes to it as given.
+    for (const StateSource &source : subs) {
+        const StateSource *sub = &source;
         if (IsAncestorOrSelf(sub->schema, node)) {
             if (YangStore::AnsweredPerKey(sub->schema) &&
                 path.find(std::string(sub->schema->name) + "[") == std::string::npos) {
                 return needsKey(sub);
             }
             std::string text;
-            std::string error = ask(conn, sub, path, &text);
+            std::string error = sub->ask(path, &text);
             if (!error.empty()) {
                 return {false, error};
             }
@@ -617,16 +663,17 @@ Reply Server::Impl::Get(const std::string &path)
     }
     // An ancestor of state subscriptions: their answers join the data.
     // Those that fail are left out.
-    const Subscription *keyed = nullptr;
+    const StateSource *keyed = nullptr;
     if (path.find('[') == std::string::npos) {
-        for (const auto &[conn, sub] : subs) {
+        for (const StateSource &source : subs) {
+            const StateSource *sub = &source;
             if (sub->schema != node && IsAncestorOrSelf(node, sub->schema)) {
                 if (YangStore::AnsweredPerKey(sub->schema)) {
                     keyed = sub;
                     continue;
                 }
                 std::string text;
-                if (ask(conn, sub, sub->path, &text).empty()) {
+                if (sub->ask(sub->path, &text).empty()) {
                     YangStore::Merge(&result, store.ParseState(text));
                     served = true;
                 }
@@ -668,6 +715,26 @@ Reply Server::Impl::Rpc(const std::string &xml)
     return {false, "no subscriber serves " + opPath, "operation-not-supported", opPath};
 }
 
+void Server::Impl::Closed(Job &job)
+{
+    const ConnectionPtr &conn = job.conn;
+    {
+        std::lock_guard<std::mutex> lock(mu);
+        conns.erase(std::remove(conns.begin(), conns.end(), conn), conns.end());
+    }
+    const std::string why = conn->io->EndReason();
+    if (!why.empty()) {
+        PLAT_LogWrite(PLAT_LOG_PLATFORM, "[yangdb] %s dropped: %s", conn->name.c_str(), why.c_str());
+    }
+    const size_t peak = conn->io->PeakBuffered();
+    conn->io.reset();
+    ::close(conn->fd);
+    // What a large backlog took goes back to the system, not only to the heap.
+    if (peak >= kTrimAfterBytes) {
+        (void)malloc_trim(0);
+    }
+}
+
 void Server::Impl::Handle(Job &job)
 {
     const ConnectionPtr &conn = job.conn;
@@ -675,14 +742,7 @@ void Server::Impl::Handle(Job &job)
         if (lockOwner == conn) {
             lockOwner.reset();  // a session's lock ends with it
         }
-        {
-            std::lock_guard<std::mutex> lock(mu);
-            conns.erase(std::remove(conns.begin(), conns.end(), conn), conns.end());
-        }
-        if (conn->reader.joinable()) {
-            conn->reader.join();
-        }
-        ::close(conn->fd);
+        Closed(job);
         return;
     }
     const Message &m = job.message;
@@ -823,6 +883,16 @@ const std::string &Server::SocketPath() const
     return impl_->options.socketPath;
 }
 
+void Server::ServeState(const std::string &path, StateAnswer answer)
+{
+    std::lock_guard<std::mutex> lock(impl_->localMu);
+    if (answer) {
+        impl_->local[path] = std::move(answer);
+    } else {
+        impl_->local.erase(path);
+    }
+}
+
 bool Server::WaitReplayed(std::string_view client, std::chrono::milliseconds timeout) const
 {
     std::unique_lock<std::mutex> lock(impl_->mu);
@@ -843,49 +913,22 @@ std::unique_ptr<Server> Server::Start(const ServerOptions &options, std::string 
     auto impl = std::make_unique<Impl>();
     impl->options = options;
     impl->timeout = ReplyTimeout();
-    std::error_code ec;
-    const auto storeDir = std::filesystem::path(options.storePath).parent_path();
-    if (!storeDir.empty()) {
-        std::filesystem::create_directories(storeDir, ec);
-        if (ec) {
-            err = "cannot create " + storeDir.string() + ": " + ec.message();
-            return nullptr;
-        }
+    // The store's folder is the owner's alone, whatever the umask.
+    if (!device::sockets::MakeFolders(std::filesystem::path(options.storePath).parent_path(), kStoreFolderMode,
+                                      &err)) {
+        return nullptr;
     }
     if (!impl->store.Open(options.yangDir, options.storePath, &err)) {
         return nullptr;
     }
 
-    struct sockaddr_un addr {};
-    addr.sun_family = AF_UNIX;
-    if (options.socketPath.empty() || options.socketPath.size() >= sizeof addr.sun_path) {
-        err = "bad socket path \"" + options.socketPath + "\"";
-        return nullptr;
-    }
-    const auto socketDir = std::filesystem::path(options.socketPath).parent_path();
-    if (!socketDir.empty()) {
-        std::filesystem::create_directories(socketDir, ec);
-    }
-    std::memcpy(addr.sun_path, options.socketPath.c_str(), options.socketPath.size() + 1);
-    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int fd = device::sockets::ListenUnix(options.socketPath, options.access, kBacklog, "datastore", &err);
     if (fd < 0 || ::pipe2(impl->stopPipe, O_CLOEXEC) != 0) {
-        err = std::string("cannot create the socket: ") + std::strerror(errno);
         if (fd >= 0) {
+            err = std::string("cannot create a pipe: ") + std::strerror(errno);
             ::close(fd);
+            ::unlink(options.socketPath.c_str());
         }
-        return nullptr;
-    }
-    // A socket file nobody answers on is left over from an earlier run.
-    if (int probe = wire::ConnectUnix(options.socketPath); probe >= 0) {
-        ::close(probe);
-        ::close(fd);
-        err = "another datastore is listening on " + options.socketPath;
-        return nullptr;
-    }
-    ::unlink(options.socketPath.c_str());
-    if (::bind(fd, reinterpret_cast<const struct sockaddr *>(&addr), sizeof addr) != 0 || ::listen(fd, 16) != 0) {
-        err = "cannot listen on " + options.socketPath + ": " + std::strerror(errno);
-        ::close(fd);
         return nullptr;
     }
     impl->listenFd = fd;

@@ -1,9 +1,12 @@
 // The running configuration in libyang (see yang_store.hpp).
 #include "yang_store.hpp"
 
+#include "device/yangdb.hpp"
+
 #include <platform/fail_point.hpp>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -48,10 +51,18 @@ Tree Duplicate(const struct lyd_node *tree)
     return Tree(dup);
 }
 
+constexpr mode_t kStoreFileMode = 0600;
+
 bool WriteFileAtomically(const std::string &path, const std::string &text, std::string *error)
 {
     const std::string temp = path + ".tmp";
-    int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    // The owner's alone whatever the umask, also when a temporary file of
+    // another mode was left behind.
+    int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kStoreFileMode);
+    if (fd >= 0 && ::fchmod(fd, kStoreFileMode) != 0) {
+        ::close(fd);
+        fd = -1;
+    }
     if (fd < 0) {
         *error = "cannot save the configuration: " + temp + ": " + std::strerror(errno);
         return false;
@@ -329,6 +340,12 @@ bool YangStore::EditCandidate(std::string_view xml, bool replace, Tree *candidat
 bool YangStore::DeleteCandidate(std::string_view path, Tree *candidate, std::string *error)
 {
     const std::string text(path);
+    std::string unsafe;
+    if (!XPathEvaluable(text, &unsafe)) {
+        *error = unsafe + ": " + text;
+        SetError("invalid-value", text);
+        return false;
+    }
     if (FindSchema(text) == nullptr) {
         ly_err_clean(ctx_, nullptr);
         *error = "unknown path " + text;
@@ -501,6 +518,10 @@ bool YangStore::SelectConfig(std::string_view path, Tree *result, std::string *e
 {
     const std::string text(path);
     struct ly_set *raw = nullptr;
+    if (!XPathEvaluable(text, error)) {
+        *error += ": " + text;
+        return false;
+    }
     if (running_ == nullptr) {
         result->reset();
         return true;

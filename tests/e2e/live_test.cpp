@@ -2,7 +2,8 @@
 // brings up the lab (scripts/lab.sh, with a prefix of its own so that runs
 // never meet) and takes it down again, also when it fails. rp-pppoe's client
 // discovers through the switch; what the concentrators and subscribers
-// receive is captured in their namespaces with libpcap. Needs root, network
+// receive is captured in their namespaces with libpcap; the switch's
+// subscriber table and punt policing are read through pppoe-plus-cli. Needs root, network
 // namespaces and rp-pppoe: a test skips with the reason otherwise.
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -21,7 +22,10 @@
 #include <sstream>
 #include <thread>
 
+#include <nlohmann/json.hpp>
+
 #include "host_process.hpp"
+#include "pplus_test.hpp"
 #include "pppoe_frame.hpp"
 
 namespace {
@@ -364,6 +368,31 @@ TEST_F(LiveTest, ConfigurationChangedThroughTheCliAppliesToTheNextDiscovery)
     }));
 }
 
+TEST_F(LiveTest, SubscriberTableShowsADiscoveredClientUntilItsPadt)
+{
+    const ProgramRun got = lab_->Discover(1);
+    std::smatch session;
+    ASSERT_TRUE(std::regex_search(got.output, session, std::regex(R"(([1-9]\d*):([0-9a-f:]{17}))"))) << got.output;
+    ProgramRun shown = lab_->Cli({"show", "subscribers", "--json", "--port", "GigabitEthernet0/0/1"});
+    ASSERT_EQ(shown.status, 0) << shown.output;
+    const auto list = nlohmann::json::parse(shown.output);
+    ASSERT_EQ(list.size(), 1U) << shown.output;
+    EXPECT_EQ(list[0]["vlan"], 100);
+    EXPECT_EQ(list[0]["session-id"], std::stoi(session[1])) << shown.output;
+    EXPECT_EQ(list[0]["ac-mac"], std::string(session[2])) << shown.output;
+    EXPECT_EQ(list[0]["circuit-id"], kCircuitIdLine1);
+    EXPECT_EQ(list[0]["remote-id"], kRemoteId);
+    EXPECT_EQ(list[0]["last-code"], "PADS");
+
+    // The subscriber ends its session: its entry goes.
+    const ProgramRun padt = lab_->In("sub1", {"pppoe", "-I", lab_->Name("c1"), "-k", "-e", session[0]});
+    EXPECT_EQ(padt.status, 0) << padt.output;
+    EXPECT_TRUE(pplus_test::WaitFor([&]() {
+        shown = lab_->Cli({"show", "subscribers", "--json"});
+        return shown.status == 0 && shown.output == "[]\n";
+    }, kWaitMs)) << shown.output;
+}
+
 TEST_F(LiveTest, SwitchSurvivesAClientFloodingPadiWhileAnotherDiscovers)
 {
     // Subscriber 2 floods for longer than subscriber 1 needs to discover.
@@ -373,12 +402,23 @@ TEST_F(LiveTest, SwitchSurvivesAClientFloodingPadiWhileAnotherDiscovers)
                                   "12", "--rate", "5000", "--sources", "64"});
     });
     std::this_thread::sleep_for(std::chrono::seconds(1));
+    const auto began = std::chrono::steady_clock::now();
     const ProgramRun got = lab_->Discover(1);
     flooder.join();
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count() + 1;
     EXPECT_EQ(got.status, 0) << got.output;
     EXPECT_TRUE(std::regex_search(got.output, kSession)) << got.output;
     EXPECT_EQ(flood.status, 0) << flood.output;
     EXPECT_NE(flood.output.find("sent="), std::string::npos) << flood.output;
+    // The flood was policed on its own port (100 a second, a burst of 200).
+    const ProgramRun ports = lab_->Cli({"world", "ports"});
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(ports.output, m,
+                                  std::regex(R"(port GigabitEthernet0/0/3 \(7\): rx (\d+) tx \d+ punted (\d+) dropped (\d+) policed (\d+))")))
+        << ports.output;
+    EXPECT_EQ(std::stoull(m[1]), std::stoull(m[2]) + std::stoull(m[3]) + std::stoull(m[4])) << ports.output;
+    EXPECT_GT(std::stoull(m[4]), 0U) << ports.output;
+    EXPECT_LE(std::stoull(m[2]), 200 + static_cast<uint64_t>(100 * seconds)) << ports.output;
 
     // Still whole: running, answering, and the flooder itself discovers afterwards.
     EXPECT_TRUE(lab_->SwitchRuns()) << lab_->SwitchOutput();

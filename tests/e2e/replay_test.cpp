@@ -2,7 +2,9 @@
 // it configures the agent from its datastore, replays, prints a per-port
 // summary, writes what left the ports and exits 0; bad ports, files and
 // settings are refused by name. The same replay with the agent on is checked
-// frame by frame in interop_test.cpp.
+// frame by frame in interop_test.cpp; here it fills the plane's subscriber
+// table, which the CLI shows, and a port replayed into while the switch runs
+// shows its policed frames.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -11,7 +13,14 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+#include <pcap/pcap.h>
+#include <signal.h>
+
+#include <regex>
+
 #include "host_process.hpp"
+#include "pppoe_frame.hpp"
 
 namespace {
 
@@ -85,6 +94,98 @@ TEST_F(Replay, FeatureOffSwitchesTheSampleCapturesAndWritesWhatLeftEachPort)
     EXPECT_EQ(Frames((dir_ / "uplink.pcap").string()).size(), 3U);
     EXPECT_EQ(Frames((dir_ / "captures" / "GigabitEthernet0_0_1.pcap").string()).size(), 2U);
     EXPECT_EQ(Frames((dir_ / "captures" / "GigabitEthernet0_0_3.pcap").string()).size(), 1U);
+}
+
+// A capture of frames entering one port, for "world port replay".
+void WriteCapture(const std::string &path, const std::vector<pplus_test::Bytes> &frames)
+{
+    pcap_t *dead = pcap_open_dead(DLT_EN10MB, 65535);
+    pcap_dumper_t *dumper = pcap_dump_open(dead, path.c_str());
+    ASSERT_NE(dumper, nullptr) << path;
+    for (const pplus_test::Bytes &f : frames) {
+        pcap_pkthdr h{};
+        h.caplen = h.len = static_cast<bpf_u_int32>(f.size());
+        pcap_dump(reinterpret_cast<u_char *>(dumper), &h, f.data());
+    }
+    pcap_dump_close(dumper);
+    pcap_close(dead);
+}
+
+TEST_F(Replay, SubscribersShowAfterDiscoveryLeaveWithThePadtAndPolicedFramesAddUp)
+{
+    const std::string ds = pplus_e2e::NewDatastoreDir();
+    const std::string ctl = ds + "/control.sock";
+    std::vector<std::string> args = Args({"--stay", "--control", ctl, "--startup-config", kExamples + "/pppoe-plus.xml"});
+    const auto more = pplus_e2e::DatastoreArgs(ds);
+    args.insert(args.end(), more.begin(), more.end());
+    pplus_e2e::Host host(args);
+    ASSERT_TRUE(host.WaitForOutput("pppoe-plus-switch: fwm:", 60000)) << host.Output();
+    const auto cli = [&](std::vector<std::string> words) {
+        words.insert(words.begin(), {"--socket", ds + "/yangdb.sock", "--control", ctl});
+        return pplus_e2e::Cli(words);
+    };
+
+    // Both sample subscribers, with what the agent inserted for each.
+    HostRun shown = cli({"show", "subscribers", "--json"});
+    ASSERT_EQ(shown.status, 0) << shown.output;
+    auto list = nlohmann::json::parse(shown.output);
+    ASSERT_EQ(list.size(), 2U) << shown.output;
+    EXPECT_EQ(list[0]["mac"], "02:00:00:00:00:01");
+    EXPECT_EQ(list[0]["port"], "GigabitEthernet0/0/1");
+    EXPECT_EQ(list[0]["vlan"], 100);
+    EXPECT_EQ(list[0]["ac-mac"], "02:00:00:00:00:aa");
+    EXPECT_EQ(list[0]["session-id"], 1);
+    EXPECT_EQ(list[0]["circuit-id"], "eth 0/0/1:100.0 AccessSwitch-1/0/0/0/0/0");
+    EXPECT_EQ(list[0]["remote-id"], "00e0-fc12-3456");
+    EXPECT_EQ(list[0]["last-code"], "PADS");
+    EXPECT_EQ(list[1]["port"], "GigabitEthernet0/0/3");
+    EXPECT_TRUE(list[1]["session-id"].is_null());
+    shown = cli({"show", "subscribers", "--port", "GigabitEthernet0/0/3"});
+    ASSERT_EQ(shown.status, 0) << shown.output;
+    EXPECT_EQ(shown.output.find("02:00:00:00:00:01"), std::string::npos) << shown.output;
+    EXPECT_NE(shown.output.find("02:00:00:00:00:02  GigabitEthernet0/0/3  101"), std::string::npos) << shown.output;
+    EXPECT_NE(cli({"show", "subscribers", "--mac", "nonsense"}).status, 0);
+
+    // The concentrator ends the first session: the entry goes.
+    const std::string padt = (dir_ / "padt.pcap").string();
+    WriteCapture(padt, {pplus_test::Frame()
+                            .src(pplus_test::kServerMac)
+                            .dst(pplus_test::kSubscriberMac)
+                            .vlan(100)
+                            .session(1)
+                            .padt()
+                            .eol()
+                            .bytes()});
+    ASSERT_EQ(cli({"world", "port", "replay", "XGigabitEthernet0/0/1=" + padt}).status, 0);
+    shown = cli({"show", "subscribers", "--json"});
+    list = nlohmann::json::parse(shown.output);
+    ASSERT_EQ(list.size(), 1U) << shown.output;
+    EXPECT_EQ(list[0]["mac"], "02:00:00:00:00:02");
+
+    // One PADI a second on port 2 while ten come: the rest are policed.
+    const HostRun policed = cli({"world", "police", "port", "GigabitEthernet0/0/2", "1", "1"});
+    ASSERT_EQ(policed.status, 0) << policed.output;
+    EXPECT_EQ(policed.output, "port GigabitEthernet0/0/2 (6) punt policing 1/s burst 1\n");
+    std::vector<pplus_test::Bytes> padis;
+    for (uint8_t i = 0; i < 10; i++) {
+        padis.push_back(pplus_test::Frame().src({0x02, 0, 0, 0, 0x66, i}).padi().hostUniq().eol().bytes());
+    }
+    const std::string flood = (dir_ / "flood.pcap").string();
+    WriteCapture(flood, padis);
+    ASSERT_EQ(cli({"world", "port", "replay", "GigabitEthernet0/0/2=" + flood}).status, 0);
+    const HostRun ports = cli({"world", "ports"});
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(ports.output, m,
+                                  std::regex(R"(port GigabitEthernet0/0/2 \(6\): rx 10 tx \d+ punted (\d+) dropped 0 policed (\d+))")))
+        << ports.output;
+    EXPECT_EQ(std::stoul(m[1]) + std::stoul(m[2]), 10U) << ports.output;
+    EXPECT_GE(std::stoul(m[2]), 5U) << ports.output;
+    const HostRun police = cli({"world", "police", "show"});
+    EXPECT_NE(police.output.find("port GigabitEthernet0/0/2 (6) 1/s burst 1 (own), policed " + std::string(m[2])),
+              std::string::npos)
+        << police.output;
+    EXPECT_NE(cli({"world", "police", "port", "GigabitEthernet0/0/2", "0", "5"}).status, 0) << "a rate of 0 is refused";
+    EXPECT_EQ(host.Stop(SIGTERM), 0) << host.Output();
 }
 
 TEST_F(Replay, BadPortsFilesAndSettingsAreRefusedByName)

@@ -7,35 +7,22 @@
 #include <cstdio>
 #include <string>
 
+#include "fuzz_support.hpp"
 #include "platform/control.h"
-#include "platform/world.hpp"
 #include "pppoe_plus_log.h"
 #include "pppoe_plus_mem.h"
 #include "pppoe_plus_tlv.h"
 #include "pppoe_plus_udfchk.h"
 
+using pplus_fuzz::Require;
+
 namespace {
 
 UserInfo g_info = {};
 
-void Require(bool holds)
-{
-    if (!holds) {
-        __builtin_trap();
-    }
-}
-
 void ReadyModule()
 {
-    platform::world::Reset();
-    platform::SystemIdentity id;
-    id.sysName = "FuzzSwitch";
-    id.sysMac = {0x00, 0xe0, 0xfc, 0x01, 0x02, 0x03};
-    id.chassisId = 1;
-    id.selfBoardId = 1;
-    id.mainBoardId = 1;
-    platform::world::SetIdentity(id);
-    platform::world::SetDevmReady(true);
+    pplus_fuzz::UseFuzzSwitch();
     Require(PPPOE_PLUS_InitMemHandle() == 0U);
     Require(PPPOE_PLUS_InitIMAgent() == 0U);
     Require(PPPOE_PLUS_InitKeyWordDict() == 0U);

@@ -1,13 +1,12 @@
 // The short forms of pppoe-plus-cli in terms of the agent's YANG model.
 #include "agent_requests.hpp"
 
-#include <libxml/parser.h>
-#include <libxml/tree.h>
-
 #include <array>
 #include <memory>
 #include <sstream>
 #include <vector>
+
+#include "xml_reader.hpp"
 
 namespace pplus_cli {
 
@@ -59,60 +58,17 @@ std::string EncapType(std::string_view which)
     return which == "rid" ? "remote-id" : "circuit-id";
 }
 
-// libxml2 documents freed on every path.
-struct DocFree {
-    void operator()(xmlDoc *doc) const { xmlFreeDoc(doc); }
-};
-using Doc = std::unique_ptr<xmlDoc, DocFree>;
-
-std::string Name(const xmlNode *node)
-{
-    return node->name == nullptr ? "" : reinterpret_cast<const char *>(node->name);
-}
-
-Doc ParseReply(std::string_view xml)
-{
-    return Doc(xmlReadMemory(xml.data(), static_cast<int>(xml.size()), nullptr, "utf-8",
-                             XML_PARSE_NOBLANKS | XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING));
-}
+using xml::Child;
+using xml::Children;
+using xml::ChildText;
+using xml::Doc;
+using xml::Name;
 
 // The agent's reply element, null when the reply is something else.
 const xmlNode *AgentRoot(const Doc &doc)
 {
     const xmlNode *root = doc == nullptr ? nullptr : xmlDocGetRootElement(doc.get());
     return root != nullptr && Name(root) == "pppoe-plus" ? root : nullptr;
-}
-
-std::string Text(const xmlNode *node)
-{
-    xmlChar *content = xmlNodeGetContent(node);
-    std::string text = content == nullptr ? "" : reinterpret_cast<const char *>(content);
-    xmlFree(content);
-    return text;
-}
-
-std::vector<const xmlNode *> Children(const xmlNode *parent, std::string_view name)
-{
-    std::vector<const xmlNode *> found;
-    for (const xmlNode *child = parent == nullptr ? nullptr : parent->children; child != nullptr;
-         child = child->next) {
-        if (child->type == XML_ELEMENT_NODE && Name(child) == name) {
-            found.push_back(child);
-        }
-    }
-    return found;
-}
-
-const xmlNode *Child(const xmlNode *parent, std::string_view name)
-{
-    const auto found = Children(parent, name);
-    return found.empty() ? nullptr : found.front();
-}
-
-std::string ChildText(const xmlNode *parent, std::string_view name)
-{
-    const xmlNode *child = Child(parent, name);
-    return child == nullptr ? "" : Text(child);
 }
 
 std::string Column(std::string text, size_t width)
@@ -334,7 +290,7 @@ std::optional<std::string> FormatCheckPath(std::string_view text, std::string *w
 
 std::optional<std::string> RenderQueryReply(std::string_view what, std::string_view xml)
 {
-    const Doc doc = ParseReply(xml);
+    const Doc doc = xml::Read(xml);
     const xmlNode *root = AgentRoot(doc);
     if (root == nullptr) {
         return std::nullopt;
@@ -376,7 +332,7 @@ std::optional<std::string> RenderQueryReply(std::string_view what, std::string_v
 
 std::optional<std::string> RenderFormatCheckReply(std::string_view typed, std::string_view xml)
 {
-    const Doc doc = ParseReply(xml);
+    const Doc doc = xml::Read(xml);
     const xmlNode *list = Child(Child(AgentRoot(doc), "query-format-check"), "query-format-check-list");
     if (list == nullptr) {
         return std::nullopt;

@@ -7,9 +7,11 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <sstream>
 
 #include "cli.hpp"
+#include "subscribers.hpp"
 
 namespace pplus_cli {
 
@@ -127,6 +129,44 @@ int ShowReply(const std::optional<std::string> &text, const std::string &xml)
 {
     std::fputs(text ? text->c_str() : (xml + "\n").c_str(), stdout);
     return kExitDone;
+}
+
+// show WHAT [--port IF] [--vlan V] [--mac M] [--json]: the options are the
+// subscriber table's.
+struct ShowArgs {
+    std::string what;
+    std::string port;
+    std::optional<uint16_t> vlan;
+    std::string mac;
+    bool json = false;
+    bool Filtered() const { return !port.empty() || vlan || !mac.empty() || json; }
+};
+
+// The subscriber table from the switch's datastore, those the options
+// select, as a table or as JSON.
+int ShowSubscribers(const Globals &g, const CLI::App &cmd, const ShowArgs &opts)
+{
+    SubscriberFilter filter{opts.port, opts.vlan, ""};
+    if (!opts.mac.empty()) {
+        const auto mac = NormalMac(opts.mac);
+        if (!mac) {
+            return UsageError(cmd, "show subscribers: not a MAC address: " + opts.mac);
+        }
+        filter.mac = *mac;
+    }
+    const std::string path(kSubscribersPath);
+    return WithDatastore(
+        g, [&path](Admin &admin) { return admin.Get(path); },
+        [&](const std::string &xml) {
+            auto table = ReadSubscribers(xml);
+            if (!table) {
+                return Fail("show subscribers: the switch answered no subscriber table");
+            }
+            std::erase_if(table->rows, [&filter](const SubscriberRow &r) { return !Selects(filter, r); });
+            const std::string text = opts.json ? SubscribersJson(table->rows) : SubscribersText(*table);
+            std::fputs(text.c_str(), stdout);
+            return kExitDone;
+        });
 }
 
 }  // namespace
@@ -320,18 +360,28 @@ void AddDescription(CLI::App &app, Action *action)
 
 void AddShow(CLI::App &app, Action *action)
 {
-    auto what = std::make_shared<std::string>();
-    CLI::App *cmd = app.add_subcommand("show", "Show the agent's state");
-    AddArgument(cmd, "what", *what, "statistics, encapsulation, policy, format or config",
-                {"statistics", "encapsulation", "policy", "format", "config"});
-    OnParsed(cmd, action, [what](const Globals &g) {
-        if (*what == "config") {
+    auto args = std::make_shared<ShowArgs>();
+    CLI::App *cmd = app.add_subcommand("show", "Show the agent's state, or the subscribers the switch saw");
+    AddArgument(cmd, "what", args->what, "statistics, encapsulation, policy, format, config or subscribers",
+                {"statistics", "encapsulation", "policy", "format", "config", "subscribers"});
+    cmd->add_option("--port", args->port, "subscribers: only those on this interface (name or ifIndex)");
+    cmd->add_option("--vlan", args->vlan, "subscribers: only those in this outer VLAN")->check(CLI::Range(1, 4094));
+    cmd->add_option("--mac", args->mac, "subscribers: only this client MAC");
+    cmd->add_flag("--json", args->json, "subscribers: a JSON list of objects instead of a table");
+    OnParsed(cmd, action, [args, cmd](const Globals &g) {
+        if (args->what == "subscribers") {
+            return ShowSubscribers(g, *cmd, *args);
+        }
+        if (args->Filtered()) {
+            return UsageError(*cmd, "show " + args->what + ": --port, --vlan, --mac and --json are for show subscribers");
+        }
+        if (args->what == "config") {
             return WithDatastore(g, [](Admin &admin) { return admin.Export(); });
         }
-        const std::string path = *QueryPath(*what);
+        const std::string path = *QueryPath(args->what);
         return WithDatastore(
             g, [&path](Admin &admin) { return admin.Get(path); },
-            [&what](const std::string &xml) { return ShowReply(RenderQueryReply(*what, xml), xml); });
+            [&args](const std::string &xml) { return ShowReply(RenderQueryReply(args->what, xml), xml); });
     });
 }
 

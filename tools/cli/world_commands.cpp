@@ -1,5 +1,6 @@
 // pppoe-plus-cli's world commands: they change the switch the agent runs on
-// (interfaces, boards, HA events, failure injection, port replays) through the
+// (interfaces, boards, HA events, failure injection, punt policing, port
+// replays) and show its state (forwarding manager, memory, ports) through the
 // running switch's control socket, one command line each, as the socket takes it.
 #include <filesystem>
 #include <memory>
@@ -66,20 +67,28 @@ void AddHa(CLI::App *world, Action *action)
     AddVerb(ha, action, "show", "Show the agent's role, standby slot and master, and the switchover reports");
 }
 
-// "fail OP [SKIP TIMES CODE]" or "fail clear", as the switch takes it.
-void AddFail(CLI::App *world, Action *action)
+// A command whose 1 to maxArgs words go to the switch after its name, as
+// the switch takes them.
+void AddWords(CLI::App *world, Action *action, const std::string &name, const std::string &help,
+              const std::string &wordsHelp, size_t maxArgs)
 {
-    CLI::App *fail = world->add_subcommand("fail", "Failure injection: OP [SKIP TIMES CODE] makes a platform "
-                                                   "operation fail (default: its next call, code 1); clear disarms all");
+    CLI::App *cmd = world->add_subcommand(name, help);
     auto args = std::make_shared<std::vector<std::string>>();
-    fail->add_option("args", *args, "OP [SKIP TIMES CODE], or clear")->required()->expected(1, 4);
-    OnParsed(fail, action, [args](const Globals &g) {
-        std::string line = "fail";
+    cmd->add_option("args", *args, wordsHelp)->required()->expected(1, static_cast<int>(maxArgs));
+    OnParsed(cmd, action, [name, args](const Globals &g) {
+        std::string line = name;
         for (const std::string &arg : *args) {
             line += " " + arg;
         }
         return WithSwitch(g, line);
     });
+}
+
+// A command that sends one fixed line.
+void AddLine(CLI::App *world, Action *action, const std::string &name, const std::string &help,
+             const std::string &line)
+{
+    OnParsed(world->add_subcommand(name, help), action, [line](const Globals &g) { return WithSwitch(g, line); });
 }
 
 void AddPortReplay(CLI::App *world, Action *action)
@@ -111,10 +120,18 @@ void AddWorld(CLI::App &app, Action *action)
     CLI::App *world = AddGroup(&app, "world", "Change the switch the agent runs on, while it runs");
     AddInterfaces(world, action);
     AddBoards(world, action);
-    OnParsed(world->add_subcommand("fwm", "Show what the forwarding manager was told"), action,
-             [](const Globals &g) { return WithSwitch(g, "fwm"); });
+    AddLine(world, action, "fwm", "Show what the forwarding manager was told", "fwm");
+    AddLine(world, action, "stats", "Show the switch's resident memory, the agent's allocations and frame buffers",
+            "stats");
     AddHa(world, action);
-    AddFail(world, action);
+    AddWords(world, action, "fail",
+             "Failure injection: OP [SKIP TIMES CODE] makes a platform operation fail (default: its next call, "
+             "code 1); clear disarms all",
+             "OP [SKIP TIMES CODE], or clear", 4);
+    AddLine(world, action, "ports", "Per-port counters (rx, tx, punted, dropped, policed), as port list", "port list");
+    AddWords(world, action, "police",
+             "Punt policing of discovery frames: show; global|default RATE BURST|off; port PORT RATE BURST|off|default",
+             "show | global RATE BURST | default RATE BURST | port PORT RATE BURST, or off instead of RATE BURST", 4);
     AddPortReplay(world, action);
 }
 

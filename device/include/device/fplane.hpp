@@ -25,6 +25,16 @@
 //    discovery frame behind any other tag stack is dropped and counted on
 //    its port, never switched past the agent.
 //
+// Discovery frames bound for the agent are policed first: a token bucket
+// per port and one for the whole switch (platform::PuntPolicing, from the
+// topology, changeable while frames flow); a frame over either rate is
+// dropped before the agent and counted on its port as policed. A flooding
+// port spends its own bucket, never the other ports' share of the global
+// one.
+//
+// The plane also keeps a table of subscribers from the discovery frames
+// going to and coming from the agent (Subscribers(), subscribers.hpp).
+//
 // Frames reach the world through a PortBackend: in memory (tests) or pcap
 // files (the host's replay and capture).
 #pragma once
@@ -47,6 +57,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "platform/world.hpp"
 
 namespace device::fplane {
 
@@ -73,7 +85,44 @@ struct PortCounters {
     uint64_t tx = 0;       // frames that left it
     uint64_t punted = 0;   // entered and went to the agent
     uint64_t dropped = 0;  // entered and went nowhere, or could not leave through it
+    uint64_t policed = 0;  // discovery frames that entered over the punt rate, dropped before the agent
 };
+
+// PPPoE discovery codes.
+inline constexpr uint8_t kCodePadi = 0x09;
+inline constexpr uint8_t kCodePado = 0x07;
+inline constexpr uint8_t kCodePadr = 0x19;
+inline constexpr uint8_t kCodePads = 0x65;
+inline constexpr uint8_t kCodePadt = 0xA7;
+// "PADI", ... for a discovery code, "0x%02x" for any other.
+std::string DiscoveryCodeName(uint8_t code);
+
+// A subscriber as discovery showed it (see subscribers.hpp).
+struct Subscriber {
+    Mac mac{};                          // the client
+    uint32_t ifIndex = kNoPort;         // the port its PADI and PADR entered
+    uint16_t vlan = 0;                  // outer VLAN
+    uint16_t innerVlan = 0;             // inner VLAN; 0: none
+    std::optional<Mac> acMac;           // the concentrator that answered, then the one chosen
+    std::optional<uint16_t> sessionId;  // from the PADS
+    std::string circuitId;              // sub-options of the Vendor-Specific tag sent towards the
+    std::string remoteId;               // concentrator, as bytes (empty: none)
+    uint8_t lastCode = 0;               // code of the last discovery frame of the client
+    std::chrono::system_clock::time_point started;    // its discovery began (the first PADI or PADR)
+    std::chrono::system_clock::time_point lastSeen;
+};
+
+struct SubscriberTableStats {
+    size_t entries = 0;
+    size_t capacity = 0;
+    uint64_t evictions = 0;    // entries that made room for a new client
+    uint64_t agedOut = 0;      // entries idle for idleSeconds
+    uint32_t idleSeconds = 0;
+};
+
+// A Circuit ID or Remote ID for display: as it is when every byte is
+// printable ASCII, else "0x" and its bytes in hex.
+std::string PrintableId(const std::string &raw);
 
 // The MAC table holds at most this many (VLAN, MAC) entries, like a
 // switch's hardware table; when a MAC finds no room, the entry near it that
@@ -101,15 +150,22 @@ std::string PortName(uint32_t ifIndex);
 
 class Fdb;
 class PortView;
-class PortCounterBlock;
+class PortBlock;
+class PuntBucket;
+class SubscriberTable;
 struct PortEntry;
 enum class Counter : size_t;
+
+// The punt policing in force: the global bucket, the per-port default and
+// the ports with a bucket of their own.
+using platform::PuntPolicing;
+using platform::PuntRate;
 
 class ForwardingPlane {
 public:
     // Starts the transmit thread, which serves "channel/ppplus2dpx" until
     // the plane is destroyed.
-    explicit ForwardingPlane(PortBackend &backend);
+    explicit ForwardingPlane(PortBackend &backend, const platform::PlaneSettings &settings = {});
     ~ForwardingPlane();
     ForwardingPlane(const ForwardingPlane &) = delete;
     ForwardingPlane &operator=(const ForwardingPlane &) = delete;
@@ -126,6 +182,17 @@ public:
     std::vector<MacEntry> MacTable() const;
     // The learnt port of mac in vlan.
     std::optional<uint32_t> Lookup(uint16_t vlan, const Mac &mac) const;
+
+    // Punt policing, changed while frames flow (from the next frame on).
+    PuntPolicing Policing() const;
+    void SetGlobalPolicing(const PuntRate &rate);
+    // The bucket of every port without one of its own.
+    void SetDefaultPolicing(const PuntRate &rate);
+    // A port's own bucket; nullopt: the port follows the default again.
+    void SetPortPolicing(uint32_t ifIndex, const std::optional<PuntRate> &rate);
+
+    std::vector<Subscriber> Subscribers() const;
+    SubscriberTableStats SubscriberStats() const;
 
     // Waits until both channels are empty and neither the plane nor the
     // transmit thread has handled a frame for quiet; false when that did not
@@ -146,14 +213,15 @@ private:
     std::optional<uint32_t> Learn(const Ingress &in);
     void Punt(Ingress &in, std::optional<uint32_t> learnt);
     void Switch(const PortView &view, const Ingress &in, std::optional<uint32_t> learnt);
-    void Egress(const PortView &view, uint32_t ifIndex, const PortEntry *entry, Outgoing &out);
+    bool Admit(const PortEntry &port);
+    bool Egress(const PortView &view, uint32_t ifIndex, const PortEntry *entry, Outgoing &out);
     void SendFromAgent(const PortView &view, std::span<const uint8_t> message, size_t taken);
     void TransmitLoop();
 
     // The current view, rebuilt when it is older than generation. Takes viewMu_.
     std::shared_ptr<const PortView> Published(uint64_t generation);
-    // The counter block of ifIndex, created on first use. Takes countersMu_.
-    PortCounterBlock *CounterBlock(uint32_t ifIndex);
+    // The block (counters, punt bucket) of ifIndex, created on first use. Takes countersMu_.
+    PortBlock *Block(uint32_t ifIndex);
     void Count(const PortView &view, uint32_t ifIndex, Counter counter);
 
     PortBackend &backend_;
@@ -162,11 +230,23 @@ private:
     std::unique_ptr<Activity> activity_;     // frames in hand and handled, for WaitIdle
     std::mutex viewMu_;                      // guards view_
     std::shared_ptr<const PortView> view_;
-    mutable std::mutex countersMu_;          // guards counterBlocks_ (never taken for a port of the view)
-    std::map<uint32_t, std::unique_ptr<PortCounterBlock>> counterBlocks_;
+    mutable std::mutex countersMu_;          // guards blocks_ and policing_ (never taken for a port of the view)
+    std::map<uint32_t, std::unique_ptr<PortBlock>> blocks_;
+    PuntPolicing policing_;
+    std::unique_ptr<PuntBucket> globalBucket_;
+    std::unique_ptr<SubscriberTable> subscribers_;
     std::atomic<bool> stop_{false};
     std::thread transmitter_;
 };
+
+// ---- The plane's state as YANG data (yang/quendal-forwarding-plane.yang) ----
+inline constexpr const char *kStateNamespace = "urn:quendal:yang:quendal-forwarding-plane";
+inline constexpr const char *kStatePath = "/quendal-forwarding-plane:forwarding-plane";
+// The subscriber table, the punt policing and the ports that counted
+// anything, as XML rooted at the module's top container.
+std::string StateXml(const ForwardingPlane &plane);
+// "00:e0:fc:12:34:56".
+std::string MacText(const Mac &mac);
 
 // ---- In-memory ports (tests) ----
 class MemoryPorts : public PortBackend {

@@ -5,20 +5,45 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
 
+#include "device/sockets.hpp"
+
 namespace device::yangdb {
+
+// False, with *why, for an XPath expression that must not reach libyang:
+// its "mod" operator divides integers and a zero divisor ends the process,
+// so expressions using it are refused. Every expression a client sends
+// (a get, a delete, a NETCONF filter) passes through this first.
+bool XPathEvaluable(std::string_view expr, std::string *why);
 
 // "/var/orvale/yangdb.sock", or the path $YDBC_SOCKET names.
 std::string DefaultSocketPath();
 
+// What the server lets one connection hold. Answers the peer has not read
+// yet are queued; past pauseRequestsAt no further request of its is taken,
+// and its socket is no longer read once maxHeldRequests (or maxHeldBytes)
+// of them wait; past maxQueuedOutput, or with queued output that has not
+// moved for drainTimeout, the connection is dropped.
+struct ConnectionLimits {
+    size_t pauseRequestsAt = 1U << 20;
+    size_t maxQueuedOutput = 64U << 20;
+    std::chrono::milliseconds drainTimeout{10000};
+    size_t maxHeldRequests = 64;
+    size_t maxHeldBytes = 4U << 20;
+};
+
 struct ServerOptions {
-    std::string socketPath;  // where to listen (a stale socket file there is replaced)
-    std::string storePath;   // the saved running configuration (XML); its folder is created
+    std::string socketPath;  // where to listen (a stale socket file there is replaced), mode 0660
+    std::string storePath;   // the saved running configuration (XML, mode 0600); its folder is created (0700)
     std::string yangDir;     // folder of the YANG modules to load
+    device::sockets::SocketAccess access;  // the group that may connect besides the owner
+    ConnectionLimits limits;
 };
 
 // The datastore: running configuration as a libyang data tree, loaded from
@@ -33,6 +58,15 @@ public:
     Server &operator=(const Server &) = delete;
 
     const std::string &SocketPath() const;
+
+    // State data that the process embedding the datastore answers itself,
+    // beside its subscribers: a get at or below path (a config-false node
+    // of the model, without keys) calls answer with the path as asked, on
+    // the datastore's worker; it returns XML rooted at the module's top
+    // node. A null answer stops serving path, once a call under way has
+    // returned.
+    using StateAnswer = std::function<std::string(const std::string &path)>;
+    void ServeState(const std::string &path, StateAnswer answer);
     // Waits until the subscriber named client has activated and answered
     // the replay of the stored configuration that follows; false on
     // time-out.

@@ -44,11 +44,17 @@ uint32_t PLAT_GetTimeScale(void);
 /* Sleeps ms scaled milliseconds (what RUK delays do). */
 void PLAT_ScaledSleep(uint32_t ms);
 
-/* ---- Asserts ---- */
+/* ---- Asserts ----
+ * Every assert is counted. The log gets "ZAVK assert at <file>:<line>" for
+ * the first of a site; repeats within the report interval (10 s, scaled)
+ * are summed into one line per interval, "ZAVK assert at <file>:<line>
+ * repeated N more time(s) over M ms (T in total)". */
 uint32_t PLAT_AssertCount(void);
 /* Times ZAVK_Assert was raised at file:line. */
 uint32_t PLAT_AssertCountAt(const char *file, uint32_t line);
 void PLAT_AssertReset(void);
+/* Writes the summaries of repeats not reported yet now (at exit). */
+void PLAT_AssertFlushReports(void);
 
 /* ---- Memory accounting (RUK_MemAlloc_F blocks not yet freed) ---- */
 uint32_t PLAT_MemOutstanding(void);
@@ -61,7 +67,10 @@ uint32_t PLAT_MemLeakReport(PLAT_MEM_REPORT_FN report, void *arg);
 /* ---- Log sink ----
  * Every line the platform is given (system log, diagnostic records, debug
  * lines, the platform's own reports) is kept in a ring of the last
- * PLAT_LOG_RING lines and handed to the printer, if one is set. */
+ * PLAT_LOG_RING lines and handed to the printer, if one is set. A line is
+ * queued by whoever logs and rendered, kept, written and printed by the
+ * sink's own thread in queue order; every call below first takes what is
+ * queued, so it sees every line logged before it. */
 #define PLAT_LOG_RING 8192U
 enum PLAT_LOG_KIND {
     PLAT_LOG_ANY = 0,
@@ -83,8 +92,16 @@ typedef void (*PLAT_LOG_VISIT_FN)(uint32_t kind, uint64_t seq, const char *line,
 /* Visits the kept lines in order; returns how many. */
 uint32_t PLAT_LogVisit(PLAT_LOG_VISIT_FN visit, void *arg);
 void PLAT_LogClear(void);
+/* The printer gets every line from now on, on the sink's thread (or on the
+ * thread of a call that takes the queue); the old one has printed every
+ * line logged before the call when it returns. */
 typedef void (*PLAT_LOG_PRINTER_FN)(uint32_t kind, const char *line, void *arg);
 void PLAT_LogSetPrinter(PLAT_LOG_PRINTER_FN printer, void *arg);
+/* Keeps, writes and prints every line queued so far before returning. */
+void PLAT_LogFlush(void);
+/* Lines lost because the queue was full (the sink's thread could not keep
+ * up); a line of the sink reports each loss where it noticed it. */
+uint64_t PLAT_LogRecordsDropped(void);
 /* Also copy syslog(3) lines to the real system log (off by default). */
 void PLAT_LogForwardSyslog(uint32_t on);
 /* Also appends every line, as "<kind> <text>", to the file at path

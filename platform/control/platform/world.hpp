@@ -109,6 +109,37 @@ struct PortTables {
     std::vector<PortVlanRecord> portVlans;
 };
 
+// A token bucket for discovery frames punted to the agent: rate frames a
+// second, up to burst at once; rate 0 lets every frame through.
+struct PuntRate {
+    uint32_t rate = 0;
+    uint32_t burst = 0;
+
+    bool Limits() const { return rate != 0; }
+    bool operator==(const PuntRate &) const = default;
+};
+
+// How the forwarding plane polices what it punts: a bucket per port (the
+// default one, or the port's own) and one for the whole switch.
+struct PuntPolicing {
+    PuntRate port{100, 200};
+    PuntRate global{2000, 4000};
+    std::map<uint32_t, PuntRate> ports;   // ifIndex -> a port's own bucket
+};
+
+// The forwarding plane's table of subscribers seen in discovery: at most
+// size entries (0: no table), each dropped after idleSeconds without a
+// discovery frame (0: kept until a PADT or eviction).
+struct SubscriberTableSettings {
+    uint32_t size = 65536;
+    uint32_t idleSeconds = 86400;
+};
+
+struct PlaneSettings {
+    PuntPolicing policing;
+    SubscriberTableSettings subscribers;
+};
+
 struct Topology {
     SystemIdentity system;
     uint32_t haRole = 1;             // role reported at start of work: 1 master, 2 standby, 3 slave
@@ -119,6 +150,7 @@ struct Topology {
     std::vector<AccessIsolateRecord> accessIsolation;
     std::vector<PortIsolateRecord> portIsolation;
     std::map<uint32_t, std::string> netdevs;     // port ifIndex -> the Linux netdev it is bound to
+    PlaneSettings plane;                         // punt policing and the subscriber table
 };
 
 namespace world {

@@ -4,7 +4,9 @@
 // system is in trouble. Ours lets the host and tests make any platform
 // operation fail on chosen calls (after `skip` calls, the next `times`, or
 // forever) with a chosen code, and counts every call of every operation.
-// Each operation calls PLAT_FailCheck with its own function name on entry.
+// Each operation opens with platform::FailPoint(__func__) (fail_point.hpp).
+// With nothing armed and counting off (the host, the benchmark), that check
+// is one relaxed load of a word that says whether either is on.
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -19,6 +21,7 @@
 
 #include "core/internal.hpp"
 #include "platform/control.h"
+#include "platform/fail_point.hpp"
 
 namespace {
 
@@ -47,17 +50,27 @@ struct Registry {
     // Lookup cache: slots hold records owned by knownRecords (under mapMu).
     std::array<std::atomic<const Known *>, kKnownSlots> known{};
     std::map<const char *, std::vector<std::unique_ptr<Known>>> knownRecords;
-    // Arming state of every entry; armedCount mirrors into anyArmed so the
-    // common (nothing armed) path never takes this lock.
+    // Arming state of every entry; armedCount mirrors into the kArmed bit
+    // of g_failActive, so the common (nothing armed) path never takes this lock.
     std::mutex armMu;
     uint32_t armedCount = 0;
-    std::atomic<bool> anyArmed{false};
-    std::atomic<bool> counting{true};
 };
 
 Registry &Reg()
 {
     return platform::internal::Leaky<Registry>();
+}
+
+constexpr uint32_t kCounting = 1U;
+constexpr uint32_t kArmed = 2U;
+
+void SetActive(uint32_t bit, bool on)
+{
+    if (on) {
+        platform::internal::g_failActive.fetch_or(bit, std::memory_order_release);
+    } else {
+        platform::internal::g_failActive.fetch_and(~bit, std::memory_order_release);
+    }
 }
 
 OpEntry &EntryFor(std::string_view op)
@@ -121,11 +134,18 @@ void Disarm(Registry &reg, OpEntry &entry)
     if (entry.armed) {
         entry.armed = false;
         reg.armedCount--;
-        reg.anyArmed.store(reg.armedCount != 0, std::memory_order_release);
+        SetActive(kArmed, reg.armedCount != 0);
     }
 }
 
 }  // namespace
+
+namespace platform::internal {
+
+// Call counting is on from the start, as tests expect.
+std::atomic<uint32_t> g_failActive{kCounting};
+
+}  // namespace platform::internal
 
 extern "C" {
 
@@ -146,7 +166,7 @@ void PLAT_FailSet(const char *op, uint32_t skip, uint32_t times, uint32_t code)
     entry.code = code;
     entry.armed = true;
     reg.armedCount++;
-    reg.anyArmed.store(true, std::memory_order_release);
+    SetActive(kArmed, true);
 }
 
 void PLAT_FailClear(const char *op)
@@ -175,17 +195,14 @@ void PLAT_FailClearAll(void)
 
 uint32_t PLAT_FailCheck(const char *op, uint32_t *code)
 {
-    if (op == nullptr) {
+    const uint32_t active = platform::internal::g_failActive.load(std::memory_order_relaxed);
+    if (active == 0 || op == nullptr) {
         return 0;
     }
     Registry &reg = Reg();
-    const bool armed = reg.anyArmed.load(std::memory_order_acquire);
-    if (!armed && !reg.counting.load(std::memory_order_relaxed)) {
-        return 0;
-    }
     OpEntry &entry = CachedEntryFor(op);
     entry.calls.fetch_add(1, std::memory_order_relaxed);
-    if (!armed) {
+    if ((active & kArmed) == 0) {
         return 0;
     }
     uint32_t injected = 0;
@@ -224,7 +241,7 @@ uint32_t PLAT_FailHits(const char *op)
 
 void PLAT_CallCountEnable(uint32_t on)
 {
-    Reg().counting.store(on != 0, std::memory_order_relaxed);
+    SetActive(kCounting, on != 0);
 }
 
 void PLAT_CallCountReset(void)

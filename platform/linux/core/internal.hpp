@@ -65,8 +65,18 @@ private:
 // ms scaled milliseconds in real microseconds.
 uint64_t ScaledMicros(uint64_t ms);
 
-// Appends one finished line to the log sink. The ring's slots keep their
-// storage, so a line written from a view costs no allocation once warm.
+// Turns a queued record (its context, id and payload) into its line, on the
+// sink's thread; out keeps its storage from line to line.
+using RenderFn = void (*)(const void *ctx, uint32_t id, std::string_view payload, std::string &out);
+
+// Queues a record of kind for the log sink, which renders it with render
+// and keeps, writes and prints the line in queue order. ctx must stay valid
+// until then (the callers pass data that lives as long as the process).
+// Costs a copy of the payload and no lock or allocation; false when the
+// queue was full and the record was dropped (and counted).
+bool LogRecord(uint32_t kind, RenderFn render, const void *ctx, uint32_t id, std::string_view payload);
+
+// Queues one finished line for the log sink.
 void LogLine(uint32_t kind, std::string_view line);
 
 // printf into a std::string.

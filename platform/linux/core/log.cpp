@@ -6,7 +6,18 @@
 // reports) in a ring of the last PLAT_LOG_RING lines with a kind and a
 // sequence number, hands each to an optional printer (the host's output),
 // and lets tests count, find and visit them. PLAT_LogSetFile adds a file
-// that a thread of its own writes, off the path of whoever logs. libplatform defines syslog and
+// that a thread of its own writes.
+//
+// Whoever logs only appends a binary record (kind, a render function, a few
+// words and the payload bytes) to a lock-free queue (record_ring.hpp) and
+// goes on: the sink's own thread renders the records into lines, numbers
+// them, keeps them in the ring and hands them to the file and the printer,
+// in the order they were queued. A full queue drops the record and counts
+// it (PLAT_LogRecordsDropped), so a packet task is never held up by its
+// logging; the sink then notes the loss in a line of its own. Every query
+// (count, find, visit, the last number, clear) and every change of printer
+// or file first takes what is queued, so a caller sees the lines it logged
+// before the call. libplatform defines syslog and
 // vsyslog (and the fortified __syslog_chk/__vsyslog_chk), so programs linked
 // with it log here; PLAT_LogForwardSyslog(1) also passes lines to libc.
 // This file defines syslog itself: the fortified inline wrappers of
@@ -35,6 +46,7 @@
 #include <vector>
 
 #include "core/internal.hpp"
+#include "core/record_ring.hpp"
 #include "platform/control.h"
 
 namespace {
@@ -170,21 +182,53 @@ private:
     std::thread thread_;  // last: starts once the members above exist
 };
 
+using platform::internal::RecordRing;
+using platform::internal::RenderFn;
+
+// Records queued for the sink's thread: 2^16 cells of 64 bytes (4 MiB),
+// tens of thousands of lines.
+constexpr uint32_t kRecordCellsLog2 = 16;
+// The sink's thread takes what is queued, then waits this long for more
+// when it found a few records, or (woken by the next record) up to
+// kIdleWait when it found none.
+constexpr auto kGatherWait = std::chrono::milliseconds(1);
+constexpr auto kIdleWait = std::chrono::milliseconds(200);
+// A batch this large means records pour in: take the next one at once.
+constexpr size_t kBusyBatch = 256;
+
+void RenderCopy(const void *ctx, uint32_t id, std::string_view payload, std::string &out)
+{
+    (void)ctx;
+    (void)id;
+    out.assign(payload);
+}
+
 struct Sink {
-    platform::internal::SpinMutex mu;
+    Sink() { std::thread([this]() { Run(); }).detach(); }
+
+    RecordRing records{kRecordCellsLog2};
+
+    // Taking records and everything below; recursive, so a printer that
+    // searches the sink from inside a line it prints does not deadlock.
+    std::recursive_mutex mu;
     std::vector<Line> ring = std::vector<Line>(PLAT_LOG_RING);
     uint64_t lastSeq = 0;   // last sequence number written
     uint64_t firstSeq = 1;  // oldest kept line (firstSeq > lastSeq: none kept)
-    // Serialises writers with the printer and guards it; recursive so a
-    // printer that logs cannot deadlock its own thread. Taken before mu.
-    std::recursive_mutex printMu;
     PLAT_LOG_PRINTER_FN printer = nullptr;
     void *printerArg = nullptr;
-    std::atomic<bool> hasPrinter{false};
-    std::unique_ptr<FileWriter> file;  // guarded by mu
-};
+    std::unique_ptr<FileWriter> file;
+    uint64_t droppedNoted = 0;   // records lost to a full queue, as last reported
+    std::string rendered;        // the line being rendered; keeps its storage
 
-std::atomic<bool> g_forwardSyslog{false};
+    // Waking the sink's thread: a producer that finds it idle (or the queue
+    // half full) notifies under wakeMu.
+    std::mutex wakeMu;
+    std::condition_variable wake;
+    std::atomic<bool> idle{false};
+    std::atomic<bool> hurry{false};
+
+    void Run();
+};
 
 Sink &TheSink()
 {
@@ -195,6 +239,103 @@ Line &Slot(Sink &sink, uint64_t seq)
 {
     return sink.ring[(seq - 1) % PLAT_LOG_RING];
 }
+
+// Numbers one line, keeps it and hands it on. Caller holds Sink::mu.
+void Emit(Sink &sink, uint32_t kind, std::string_view line)
+{
+    const uint64_t seq = ++sink.lastSeq;
+    if (seq - sink.firstSeq >= PLAT_LOG_RING) {
+        sink.firstSeq = seq - PLAT_LOG_RING + 1;
+    }
+    Line &slot = Slot(sink, seq);
+    slot.kind = kind;
+    slot.seq = seq;
+    slot.text.assign(line);  // reuses the slot's storage
+    if (sink.file) {
+        sink.file->Append(kind, line);
+    }
+    if (sink.printer != nullptr) {
+        sink.printer(kind, slot.text.c_str(), sink.printerArg);
+    }
+}
+
+// Set while this thread takes records, so a printer's own query does not
+// start a second pass inside the first.
+thread_local bool t_draining = false;
+
+// Renders and emits every queued record. Caller holds Sink::mu.
+size_t DrainLocked(Sink &sink)
+{
+    if (t_draining) {
+        return 0;
+    }
+    t_draining = true;
+    const size_t taken = sink.records.Drain([&sink](const RecordRing::Head &head, std::string_view payload) {
+        const auto render = reinterpret_cast<RenderFn>(head.fn);
+        render(head.ctx, head.id, payload, sink.rendered);
+        Emit(sink, head.kind, sink.rendered);
+    });
+    const uint64_t dropped = sink.records.Dropped();
+    if (dropped != sink.droppedNoted) {
+        Emit(sink, PLAT_LOG_PLATFORM,
+             "platform log: " + std::to_string(dropped - sink.droppedNoted) +
+                 " record(s) dropped, the sink could not keep up");
+        sink.droppedNoted = dropped;
+    }
+    t_draining = false;
+    return taken;
+}
+
+void Sink::Run()
+{
+    for (;;) {
+        size_t taken = 0;
+        {
+            std::lock_guard lock(mu);
+            taken = DrainLocked(*this);
+        }
+        hurry.store(false, std::memory_order_relaxed);
+        if (taken >= kBusyBatch) {
+            continue;
+        }
+        std::unique_lock lock(wakeMu);
+        if (taken != 0) {
+            wake.wait_for(lock, kGatherWait);
+            continue;
+        }
+        // Announced before the last look, so a record queued after it
+        // finds the announcement and wakes this thread (see RecordRing).
+        idle.store(true, std::memory_order_seq_cst);
+        if (records.Empty()) {
+            wake.wait_for(lock, kIdleWait);
+        }
+        idle.store(false, std::memory_order_relaxed);
+    }
+}
+
+// Wakes the sink's thread when it waits for records, or when the queue is
+// half full.
+void WakeIfNeeded(Sink &sink)
+{
+    bool wakeUp = sink.idle.load(std::memory_order_seq_cst) && sink.idle.exchange(false);
+    if (!wakeUp && sink.records.Used() > sink.records.Capacity() / 2) {
+        wakeUp = !sink.hurry.exchange(true);
+    }
+    if (wakeUp) {
+        std::lock_guard lock(sink.wakeMu);
+        sink.wake.notify_one();
+    }
+}
+
+// Takes what is queued on the calling thread; the lock is held on return.
+std::unique_lock<std::recursive_mutex> Drained(Sink &sink)
+{
+    std::unique_lock lock(sink.mu);
+    (void)DrainLocked(sink);
+    return lock;
+}
+
+std::atomic<bool> g_forwardSyslog{false};
 
 bool Matches(const Line &line, uint32_t kind, const char *text)
 {
@@ -264,37 +405,30 @@ pid_t CurrentTid()
     return static_cast<pid_t>(syscall(SYS_gettid));
 }
 
-void LogLine(uint32_t kind, std::string_view line)
+bool LogRecord(uint32_t kind, RenderFn render, const void *ctx, uint32_t id, std::string_view payload)
 {
     Sink &sink = TheSink();
-    // With a printer, printMu is held from numbering to printing: the
-    // printer sees lines in sequence order, and once PLAT_LogSetPrinter
-    // returns the old printer is done. Without one (a benchmark, most
-    // tests) the ring's lock is all a line takes.
-    std::unique_lock<std::recursive_mutex> printLock;
-    if (sink.hasPrinter.load(std::memory_order_acquire)) {
-        printLock = std::unique_lock(sink.printMu);
+    RecordRing::Head head;
+    head.kind = kind;
+    head.id = id;
+    head.ctx = ctx;
+    head.fn = reinterpret_cast<void (*)()>(render);
+    if (payload.size() > sink.records.MaxPayload()) {
+        // Too large for a record: rendered here, after everything queued.
+        auto lock = Drained(sink);
+        std::string line;
+        render(ctx, id, payload, line);
+        Emit(sink, kind, line);
+        return true;
     }
-    {
-        std::lock_guard lock(sink.mu);
-        const uint64_t seq = ++sink.lastSeq;
-        if (seq - sink.firstSeq >= PLAT_LOG_RING) {
-            sink.firstSeq = seq - PLAT_LOG_RING + 1;
-        }
-        Line &slot = Slot(sink, seq);
-        slot.kind = kind;
-        slot.seq = seq;
-        slot.text.assign(line);  // reuses the slot's storage
-        // Under the ring's lock, so the file has the lines in ring order.
-        if (sink.file) {
-            sink.file->Append(kind, line);
-        }
-    }
-    if (printLock.owns_lock() && sink.printer != nullptr) {
-        // The printer wants a terminated string; line may be a view.
-        const std::string printed(line);
-        sink.printer(kind, printed.c_str(), sink.printerArg);
-    }
+    const bool queued = sink.records.Push(head, payload);
+    WakeIfNeeded(sink);
+    return queued;
+}
+
+void LogLine(uint32_t kind, std::string_view line)
+{
+    (void)LogRecord(kind, RenderCopy, nullptr, 0, line);
 }
 
 }  // namespace platform::internal
@@ -319,7 +453,7 @@ void PLAT_LogWrite(uint32_t kind, const char *fmt, ...)
 uint32_t PLAT_LogCount(uint32_t kind, const char *text)
 {
     Sink &sink = TheSink();
-    std::lock_guard lock(sink.mu);
+    const auto lock = Drained(sink);
     uint32_t count = 0;
     for (uint64_t seq = sink.firstSeq; seq <= sink.lastSeq; seq++) {
         if (Matches(Slot(sink, seq), kind, text)) {
@@ -332,7 +466,7 @@ uint32_t PLAT_LogCount(uint32_t kind, const char *text)
 uint64_t PLAT_LogFind(uint32_t kind, const char *text, uint64_t fromSeq)
 {
     Sink &sink = TheSink();
-    std::lock_guard lock(sink.mu);
+    const auto lock = Drained(sink);
     for (uint64_t seq = fromSeq > sink.firstSeq ? fromSeq : sink.firstSeq; seq <= sink.lastSeq; seq++) {
         if (Matches(Slot(sink, seq), kind, text)) {
             return seq;
@@ -344,7 +478,7 @@ uint64_t PLAT_LogFind(uint32_t kind, const char *text, uint64_t fromSeq)
 uint64_t PLAT_LogLastSeq(void)
 {
     Sink &sink = TheSink();
-    std::lock_guard lock(sink.mu);
+    const auto lock = Drained(sink);
     return sink.lastSeq;
 }
 
@@ -354,7 +488,7 @@ uint32_t PLAT_LogVisit(PLAT_LOG_VISIT_FN visit, void *arg)
     std::vector<Line> kept;
     {
         Sink &sink = TheSink();
-        std::lock_guard lock(sink.mu);
+        const auto lock = Drained(sink);
         kept.reserve(sink.lastSeq + 1 - sink.firstSeq);
         for (uint64_t seq = sink.firstSeq; seq <= sink.lastSeq; seq++) {
             kept.push_back(Slot(sink, seq));
@@ -371,7 +505,7 @@ uint32_t PLAT_LogVisit(PLAT_LOG_VISIT_FN visit, void *arg)
 void PLAT_LogClear(void)
 {
     Sink &sink = TheSink();
-    std::lock_guard lock(sink.mu);
+    const auto lock = Drained(sink);
     // Sequence numbers go on from where they were, so a seq taken before
     // the clear never names a later line.
     for (uint64_t seq = sink.firstSeq; seq <= sink.lastSeq; seq++) {
@@ -382,11 +516,22 @@ void PLAT_LogClear(void)
 
 void PLAT_LogSetPrinter(PLAT_LOG_PRINTER_FN printer, void *arg)
 {
+    // The old printer prints what was logged before the change.
     Sink &sink = TheSink();
-    std::lock_guard lock(sink.printMu);
+    const auto lock = Drained(sink);
     sink.printer = printer;
     sink.printerArg = arg;
-    sink.hasPrinter.store(printer != nullptr, std::memory_order_release);
+}
+
+void PLAT_LogFlush(void)
+{
+    Sink &sink = TheSink();
+    const auto lock = Drained(sink);
+}
+
+uint64_t PLAT_LogRecordsDropped(void)
+{
+    return TheSink().records.Dropped();
 }
 
 void PLAT_LogForwardSyslog(uint32_t on)
@@ -406,8 +551,9 @@ uint32_t PLAT_LogSetFile(const char *path, uint64_t rotateBytes)
     }
     std::unique_ptr<FileWriter> old;
     {
+        // What was logged before the change goes to the old file.
         Sink &sink = TheSink();
-        std::lock_guard lock(sink.mu);
+        const auto lock = Drained(sink);
         old = std::exchange(sink.file, std::move(opened));
     }
     return 0;  // old, if any, writes what it holds and closes here

@@ -8,11 +8,15 @@
 // nodes), trunks, trunk ports, port-VLAN maps, access isolation, port
 // isolation, system information and the board registry ("devm"). Objects
 // created for a subscription (db_create_devm_obj, db_create_if_obj) also
-// carry its description; the connections live in db_sub.cpp. Objects are snapshots taken when a read
-// or an iteration starts; every object and iterator handed out is tracked,
-// so a stale or foreign pointer, or an object of another kind, is refused
-// with DB_ERR_PARAM instead of being used. Every call passes failure
-// injection under its own name.
+// carry its description; the connections live in db_sub.cpp. Objects are
+// snapshots taken when a read or an iteration starts (the world's tables are
+// read without a lock). Objects live in blocks of the platform's block pool
+// behind a state word, and a released one waits, with its storage, on a free
+// list of the releasing thread for the next create of its table: a frame's
+// reads take no lock and make no allocation once warm. A pointer is checked
+// by its address and that word, so a stale or foreign pointer, or an object
+// of another kind, is refused with DB_ERR_PARAM instead of being used.
+// Every call passes failure injection under its own name.
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -24,6 +28,7 @@
 #include <type_traits>
 #include <unordered_set>
 
+#include "core/block_pool.hpp"
 #include "core/internal.hpp"
 #include "db.h"
 #include "db/db_object.hpp"
@@ -49,33 +54,160 @@ void SysInfoRecords(const platform::world::RowFilter<SysInfoRecord> &keep, std::
     }
 }
 
-// Released table objects wait here for the next create of their table, so
-// the lookups a frame makes cost no allocation; at most this many per table.
-constexpr size_t kPooledPerTable = 64;
-
-struct Db {
-    platform::internal::SpinMutex mu;  // guards every object's state and the members below
-    // Every object that exists, handed out (DB_OBJ::live) or pooled.
-    std::unordered_set<DB_OBJ *> objs;
-    std::unordered_set<DB_ITER *> liveIters;
-    std::array<std::vector<std::unique_ptr<DB_OBJ>>, DB_TABLE_FRM_INST + 1> pool;  // by table id
-};
-
-Db &TheDb()
+uint64_t SysInfoSerial()
 {
-    return platform::internal::Leaky<Db>();
+    return platform::world::DeviceSerial();
 }
+
+namespace pool = platform::internal::block_pool;
+
+// In front of every object, in its pool block: its state word tells a live
+// object from one waiting for reuse (or none at all).
+using ObjHead = pool::BlockHead;
+constexpr uint32_t kObjLive = 0x44424F4CU;
+constexpr uint32_t kObjIdle = 0x44424F49U;
+
+ObjHead *HeadOf(const DB_OBJ *obj)
+{
+    return reinterpret_cast<ObjHead *>(const_cast<char *>(reinterpret_cast<const char *>(obj)) - sizeof(ObjHead));
+}
+
+// A new object of type Obj in a block of its own; null when memory is out.
+template <typename Obj, typename... Args>
+Obj *NewObject(Args &&...args)
+{
+    void *block = pool::Take(sizeof(ObjHead) + sizeof(Obj));
+    if (block == nullptr) {
+        return nullptr;
+    }
+    auto *head = new (block) ObjHead{};
+    head->state.store(kObjIdle, std::memory_order_relaxed);
+    try {
+        return new (head + 1) Obj(std::forward<Args>(args)...);
+    } catch (const std::bad_alloc &) {
+        head->state.store(0, std::memory_order_relaxed);
+        pool::Give(block);
+        return nullptr;
+    }
+}
+
+void DestroyObject(DB_OBJ *obj)
+{
+    ObjHead *head = HeadOf(obj);
+    head->state.store(0, std::memory_order_release);
+    obj->~DB_OBJ();
+    pool::Give(head);
+}
+
+// The object p points at when it is a live one of ours; nothing foreign is read.
+DB_OBJ *LiveObject(const void *p)
+{
+    void *block = pool::BlockOf(p);
+    if (block == nullptr) {
+        return nullptr;
+    }
+    auto *head = static_cast<ObjHead *>(block);
+    if (static_cast<const void *>(head + 1) != p || head->state.load(std::memory_order_acquire) != kObjLive) {
+        return nullptr;
+    }
+    return reinterpret_cast<DB_OBJ *>(head + 1);
+}
+
+// Released objects of each table (and child-node kind) wait on the
+// releasing thread's lists for the next create, at most this many each.
+constexpr size_t kPooledPerTable = 16;
+constexpr size_t kTableSlots = DB_TABLE_FRM_INST + 3;   // tables, then the "dev" and "l2" nodes
+
+size_t SlotOf(uint32_t table)
+{
+    if (table == DB_TABLE_IF_DEV) {
+        return DB_TABLE_FRM_INST + 1;
+    }
+    if (table == DB_TABLE_IF_L2) {
+        return DB_TABLE_FRM_INST + 2;
+    }
+    return table;
+}
+
+// A thread's waiting objects: a plain record (reached without a call), and
+// a guard made on the thread's first wait that destroys them when it ends.
+struct IdleList {
+    std::array<DB_OBJ *, kPooledPerTable> objs;
+    size_t count;
+};
+struct ThreadObjects {
+    std::array<IdleList, kTableSlots> idle;
+};
+thread_local ThreadObjects t_objects;
+
+struct ThreadObjectsGuard {
+    bool armed = false;
+    ~ThreadObjectsGuard()
+    {
+        for (IdleList &list : t_objects.idle) {
+            for (size_t i = 0; i < list.count; i++) {
+                DestroyObject(list.objs[i]);
+            }
+            list.count = 0;
+        }
+    }
+};
+thread_local ThreadObjectsGuard t_objectsGuard;
+
+// A live object of the table: a waiting one of this thread's, else made.
+// Null when memory is out or the table is unknown.
+DB_OBJ *TakeObject(uint32_t table, std::unique_ptr<DB_OBJ, void (*)(DB_OBJ *)> (*make)(uint32_t))
+{
+    IdleList &idle = t_objects.idle[SlotOf(table)];
+    DB_OBJ *obj = nullptr;
+    if (idle.count != 0) {
+        obj = idle.objs[--idle.count];
+    } else {
+        obj = make(table).release();
+        if (obj == nullptr) {
+            return nullptr;
+        }
+    }
+    HeadOf(obj)->state.store(kObjLive, std::memory_order_release);
+    return obj;
+}
+
+// Gives a live object (not a subscription's) back for reuse.
+void GiveObject(DB_OBJ *obj)
+{
+    ObjHead *head = HeadOf(obj);
+    head->state.store(kObjIdle, std::memory_order_release);
+    for (DB_OBJ *child : obj->children) {
+        GiveObject(child);
+    }
+    obj->children.clear();
+    obj->iterLive = false;
+    IdleList &idle = t_objects.idle[SlotOf(obj->table)];
+    if (obj->sub == nullptr && idle.count < kPooledPerTable) {
+        if (idle.count == 0 && !t_objectsGuard.armed) {
+            t_objectsGuard.armed = true;   // the thread's end destroys what waits
+        }
+        obj->Recycle();
+        idle.objs[idle.count++] = obj;
+        return;
+    }
+    DestroyObject(obj);
+}
+
+using ObjectPtr = std::unique_ptr<DB_OBJ, void (*)(DB_OBJ *)>;
 
 // An object of one of the world's tables.
 template <typename Row>
-std::unique_ptr<DB_OBJ> WorldObject(uint32_t table)
+ObjectPtr WorldObject(uint32_t table)
 {
-    return std::make_unique<TableObject<Row>>(table, &platform::world::SelectRows<Row>,
-                                              &platform::world::SelectRowsWhere<Row>);
+    return ObjectPtr(NewObject<TableObject<Row>>(table, &platform::world::SelectRows<Row>,
+                                                 &platform::world::SelectRowsWhere<Row>,
+                                                 &platform::world::TableSerial<Row>),
+                     DestroyObject);
 }
 
 // The tables this client serves.
-std::unique_ptr<DB_OBJ> MakeObject(uint32_t table)
+ObjectPtr MakeObject(uint32_t table)
 {
     switch (table) {
         case DB_TABLE_FRM_INST: return WorldObject<platform::FrmInstRecord>(table);
@@ -85,9 +217,14 @@ std::unique_ptr<DB_OBJ> MakeObject(uint32_t table)
         case DB_TABLE_PORT_VLAN_MAP: return WorldObject<platform::PortVlanRecord>(table);
         case DB_TABLE_ACCESS_ISOLATE: return WorldObject<platform::AccessIsolateRecord>(table);
         case DB_TABLE_PORT_ISOLATE: return WorldObject<platform::PortIsolateRecord>(table);
-        case DB_TABLE_SYS_INFO: return std::make_unique<TableObject<SysInfoRecord>>(table, &SysInfoRecords);
+        case DB_TABLE_SYS_INFO:
+            return ObjectPtr(NewObject<TableObject<SysInfoRecord>>(table, &SysInfoRecords, nullptr, &SysInfoSerial),
+                             DestroyObject);
         case DB_TABLE_DEVM: return WorldObject<platform::BoardRecord>(table);
-        default: return nullptr;
+        case DB_TABLE_IF_DEV:
+        case DB_TABLE_IF_L2:
+            return ObjectPtr(NewObject<NodeObject<platform::IfRecord>>(table, platform::IfRecord{}), DestroyObject);
+        default: return ObjectPtr(nullptr, DestroyObject);
     }
 }
 
@@ -96,22 +233,24 @@ bool IsNode(const DB_OBJ *obj)
     return obj->table == DB_TABLE_IF_DEV || obj->table == DB_TABLE_IF_L2;
 }
 
-// Caller holds Db::mu.
-bool IsLive(const Db &db, DB_OBJ *obj)
-{
-    return obj != nullptr && db.objs.count(obj) != 0 && obj->live;
-}
-
-// Caller holds Db::mu. The object if it is live and of the table, else null.
+// The object if it is live and of the table, else null.
 template <typename Obj>
-Obj *Typed(const Db &db, DB_OBJ *obj, uint32_t table)
+Obj *Typed(DB_OBJ *obj, uint32_t table)
 {
-    if (!IsLive(db, obj) || obj->table != table) {
+    DB_OBJ *live = LiveObject(obj);
+    if (live == nullptr || live->table != table) {
         return nullptr;
     }
     // A table's objects are all of one type (MakeObject, AdoptChange and
     // the child nodes keep to it), so the id settles the type.
-    return static_cast<Obj *>(obj);
+    return static_cast<Obj *>(live);
+}
+
+// Subscription descriptions are set up and copied under this lock.
+std::mutex &SubMu()
+{
+    static auto *mu = new std::mutex();
+    return *mu;
 }
 
 // The calls on one table of Row records, read through objects of type Obj
@@ -131,23 +270,13 @@ struct Table {
         if (asked != Id) {
             return DB_ERR_NO_TABLE;
         }
-        static_assert(Id < std::tuple_size_v<decltype(Db::pool)>, "objects of a table are pooled by its id");
-        Db &db = TheDb();
-        std::lock_guard lock(db.mu);
-        std::unique_ptr<DB_OBJ> made;
-        if (auto &pooled = db.pool[Id]; !pooled.empty()) {
-            made = std::move(pooled.back());
-            pooled.pop_back();
-        } else {
-            made = MakeObject(Id);
-            if (!made) {
-                return DB_ERR_NO_TABLE;
-            }
-            db.objs.insert(made.get());
+        static_assert(Id < kTableSlots, "objects of a table are pooled by its id");
+        DB_OBJ *made = TakeObject(Id, MakeObject);
+        if (made == nullptr) {
+            return DB_ERR_NO_TABLE;
         }
         made->Snapshot();
-        made->live = true;
-        *obj = made.release();
+        *obj = made;
         return DB_OK;
     }
 
@@ -156,37 +285,17 @@ struct Table {
         if (const auto failed = platform::FailPoint(op)) {
             return *failed;
         }
-        std::unique_ptr<DB_OBJ> owned;
-        std::vector<std::unique_ptr<DB_OBJ>> children;
-        {
-            Db &db = TheDb();
-            std::lock_guard lock(db.mu);
-            if (!IsLive(db, obj) || obj->table != Id) {
-                return DB_ERR_PARAM;
-            }
-            for (DB_OBJ *child : obj->children) {
-                db.objs.erase(child);
-                db.liveIters.erase(&child->iter);
-                children.emplace_back(child);
-            }
-            obj->children.clear();
-            db.liveIters.erase(&obj->iter);
-            obj->live = false;
-            auto &pooled = db.pool[Id];
-            if (obj->sub == nullptr && pooled.size() < kPooledPerTable) {
-                obj->Recycle();
-                pooled.emplace_back(obj);
-            } else {
-                db.objs.erase(obj);
-                owned.reset(obj);
-            }
+        DB_OBJ *live = LiveObject(obj);
+        if (live == nullptr || live->table != Id) {
+            return DB_ERR_PARAM;
         }
+        GiveObject(live);
         return DB_OK;
     }
 
-    // Runs use on the object, under the lock, once the call passed failure
-    // injection; DB_ERR_PARAM when an out argument is missing or the object
-    // is no live one of this table.
+    // Runs use on the object once the call passed failure injection;
+    // DB_ERR_PARAM when an out argument is missing or the object is no live
+    // one of this table.
     template <typename As, typename Use>
     static uint32_t WithObject(const char *op, DB_OBJ *obj, bool outMissing, Use use)
     {
@@ -196,9 +305,7 @@ struct Table {
         if (outMissing) {
             return DB_ERR_PARAM;
         }
-        Db &db = TheDb();
-        std::lock_guard lock(db.mu);
-        auto *typed = Typed<As>(db, obj, Id);
+        auto *typed = Typed<As>(obj, Id);
         return typed == nullptr ? DB_ERR_PARAM : use(*typed);
     }
 
@@ -294,8 +401,7 @@ uint32_t CreateSubObject(uint32_t code, DB_OBJ_S **obj, uint32_t table)
     if (code != DB_OK) {
         return code;
     }
-    Db &db = TheDb();
-    std::lock_guard lock(db.mu);
+    std::lock_guard lock(SubMu());
     (*obj)->sub = std::make_unique<platform::db::SubDescription>();
     (*obj)->sub->table = table;
     return DB_OK;
@@ -309,25 +415,24 @@ uint32_t WithSubDescription(const char *op, DB_OBJ *obj, Use use)
     if (const auto failed = platform::FailPoint(op)) {
         return *failed;
     }
-    Db &db = TheDb();
-    std::lock_guard lock(db.mu);
-    if (!IsLive(db, obj) || !obj->sub) {
+    std::lock_guard lock(SubMu());
+    DB_OBJ *live = LiveObject(obj);
+    if (live == nullptr || !live->sub) {
         return DB_ERR_PARAM;
     }
-    return use(*obj->sub);
+    return use(*live->sub);
 }
 
 template <typename Row>
 DB_OBJ *AdoptChange(uint32_t table, const Row &row)
 {
-    auto made = std::make_unique<TableObject<Row>>(table, nullptr);
+    auto *made = NewObject<TableObject<Row>>(table, nullptr);
+    if (made == nullptr) {
+        return nullptr;
+    }
     made->Pin(row);
-    Db &db = TheDb();
-    std::lock_guard lock(db.mu);
-    DB_OBJ *obj = made.release();
-    obj->live = true;
-    db.objs.insert(obj);
-    return obj;
+    HeadOf(made)->state.store(kObjLive, std::memory_order_release);
+    return made;
 }
 
 // Copies a text with its terminator into a caller's buffer.
@@ -346,12 +451,12 @@ namespace platform::db {
 
 uint32_t CopySubDescription(DB_OBJ *obj, SubDescription *out)
 {
-    Db &db = TheDb();
-    std::lock_guard lock(db.mu);
-    if (!IsLive(db, obj) || !obj->sub) {
+    std::lock_guard lock(SubMu());
+    DB_OBJ *live = LiveObject(obj);
+    if (live == nullptr || !live->sub) {
         return DB_ERR_PARAM;
     }
-    *out = *obj->sub;
+    *out = *live->sub;
     return DB_OK;
 }
 
@@ -367,14 +472,15 @@ DB_OBJ *MakeChangeObject(const platform::BoardRecord &row)
 
 void DropChangeObject(DB_OBJ *obj)
 {
-    if (obj == nullptr) {
+    DB_OBJ *live = LiveObject(obj);
+    if (live == nullptr) {
         return;
     }
-    Db &db = TheDb();
-    std::lock_guard lock(db.mu);
-    db.objs.erase(obj);
-    db.liveIters.erase(&obj->iter);
-    delete obj;
+    for (DB_OBJ *child : live->children) {
+        GiveObject(child);
+    }
+    live->children.clear();
+    DestroyObject(live);
 }
 
 }  // namespace platform::db
@@ -393,12 +499,11 @@ uint32_t db_reset_frm_inst_object(DB_OBJ_S *obj, uint32_t mode)
     if (const auto failed = platform::FailPoint(__func__)) {
         return *failed;
     }
-    Db &db = TheDb();
-    std::lock_guard lock(db.mu);
-    if (!IsLive(db, obj)) {
+    DB_OBJ *live = LiveObject(obj);
+    if (live == nullptr) {
         return DB_ERR_PARAM;
     }
-    obj->Snapshot();
+    live->Snapshot();
     return DB_OK;
 }
 
@@ -491,9 +596,7 @@ uint32_t db_create_child_node(DB_OBJ_S *obj, const char *node, DB_OBJ_S **child)
     } else {
         return DB_ERR_PARAM;
     }
-    Db &db = TheDb();
-    std::lock_guard lock(db.mu);
-    auto *parent = Typed<TableObject<platform::IfRecord>>(db, obj, DB_TABLE_IF);
+    auto *parent = Typed<TableObject<platform::IfRecord>>(obj, DB_TABLE_IF);
     if (parent == nullptr) {
         return DB_ERR_PARAM;
     }
@@ -501,11 +604,32 @@ uint32_t db_create_child_node(DB_OBJ_S *obj, const char *node, DB_OBJ_S **child)
     if (row == nullptr) {
         return DB_ERR_NO_RECORD;
     }
-    auto made = std::make_unique<NodeObject<platform::IfRecord>>(table, *row);
-    *child = made.get();
-    made->live = true;
-    parent->children.push_back(made.get());
-    db.objs.insert(made.release());
+    DB_OBJ *made = TakeObject(table, MakeObject);
+    if (made == nullptr) {
+        return DB_ERR_NO_TABLE;
+    }
+    try {
+        parent->children.push_back(made);
+    } catch (const std::bad_alloc &) {
+        GiveObject(made);
+        return DB_ERR_NO_TABLE;
+    }
+    // A node serves only the numbers of its part ("dev": placement, "l2":
+    // the trunk), so the interface's texts are not copied into it.
+    auto *part = static_cast<NodeObject<platform::IfRecord> *>(made);
+    part->Hold(*row, [](platform::IfRecord &to, const platform::IfRecord &from) {
+        to.ifIndex = from.ifIndex;
+        to.slot = from.slot;
+        to.card = from.card;
+        to.port = from.port;
+        to.l2TrunkId = from.l2TrunkId;
+        to.lagId = from.lagId;
+        to.portSwitch = from.portSwitch;
+        to.onBoard = from.onBoard;
+        to.trunkMode = from.trunkMode;
+        to.pvid = from.pvid;
+    });
+    *child = made;
     return DB_OK;
 }
 
@@ -695,12 +819,11 @@ uint32_t db_get_table_record_count(DB_OBJ_S *obj, uint32_t *count)
     if (count == nullptr) {
         return DB_ERR_PARAM;
     }
-    Db &db = TheDb();
-    std::lock_guard lock(db.mu);
-    if (!IsLive(db, obj)) {
+    DB_OBJ *live = LiveObject(obj);
+    if (live == nullptr) {
         return DB_ERR_PARAM;
     }
-    *count = static_cast<uint32_t>(obj->LiveCount());
+    *count = static_cast<uint32_t>(live->LiveCount());
     return DB_OK;
 }
 
@@ -714,15 +837,14 @@ uint32_t db_create_root_iter(DB_OBJ_S *obj, uint32_t keyMask, uint32_t filter, D
     if (iter == nullptr) {
         return DB_ERR_PARAM;
     }
-    Db &db = TheDb();
-    std::lock_guard lock(db.mu);
-    if (!IsLive(db, obj) || IsNode(obj)) {
+    DB_OBJ *live = LiveObject(obj);
+    if (live == nullptr || IsNode(live)) {
         return DB_ERR_PARAM;
     }
     // A second iteration starts over on a fresh snapshot, with the same iterator.
-    obj->Snapshot();
-    db.liveIters.insert(&obj->iter);
-    *iter = &obj->iter;
+    live->Snapshot();
+    live->iterLive = true;
+    *iter = &live->iter;
     return DB_OK;
 }
 
@@ -731,12 +853,13 @@ uint32_t db_root_iterator_next(DB_ITER_S *iter)
     if (const auto failed = platform::FailPoint(__func__)) {
         return *failed;
     }
-    Db &db = TheDb();
-    std::lock_guard lock(db.mu);
-    if (iter == nullptr || db.liveIters.count(iter) == 0) {
+    // The iterator lies inside its object: found by the object's block.
+    void *block = iter != nullptr ? pool::BlockOf(iter) : nullptr;
+    DB_OBJ *owner = block != nullptr ? LiveObject(static_cast<ObjHead *>(block) + 1) : nullptr;
+    if (owner == nullptr || &owner->iter != iter || !owner->iterLive) {
         return DB_ERR_PARAM;
     }
-    return iter->owner->Next() ? DB_OK : DB_ITER_END;
+    return owner->Next() ? DB_OK : DB_ITER_END;
 }
 
 // ---- Subscription objects and the board registry ----

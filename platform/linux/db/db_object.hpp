@@ -8,9 +8,12 @@
 // the snapshot to the matching rows. A further table is added by naming
 // its row type and source in MakeObject (db.cpp) and writing its field
 // getters with GetField. Child nodes ("dev", "l2") are NodeObjects holding
-// a copy of their parent's current row; the parent owns them.
+// a copy of their parent's current row; the parent owns them. Objects are
+// reused (db.cpp): Recycle puts one back to the state of a new one while it
+// keeps its storage.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -18,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "core/internal.hpp"
 #include "db.h"
 #include "platform/world.hpp"
 #include "world/world_internal.hpp"
@@ -83,7 +87,7 @@ struct DB_OBJ {
     DB_ITER iter;
     std::vector<DB_OBJ *> children;   // child nodes, released with this object
     std::unique_ptr<platform::db::SubDescription> sub;   // objects describing a subscription only
-    bool live = false;        // handed out and not released (pooled objects are not)
+    bool iterLive = false;    // db_create_root_iter handed iter out
     bool started = false;     // Next was called since the last rewind
     bool hasCurrent = false;
     size_t current = 0;
@@ -96,10 +100,11 @@ class TableObject final : public DB_OBJ {
 public:
     using Match = platform::world::RowFilter<Row>;
     using Source = void (*)(const Match &, std::vector<Row> &);
-    using KeyedSource = void (*)(uint32_t Row::*field, uint32_t key, std::vector<Row> &);
+    using KeyedSource = uint64_t (*)(uint32_t Row::*field, uint32_t key, std::vector<Row> &);
+    using SerialSource = uint64_t (*)();
 
-    TableObject(uint32_t tableId, Source source, KeyedSource keyed = nullptr)
-        : DB_OBJ(tableId), source_(source), keyed_(keyed)
+    TableObject(uint32_t tableId, Source source, KeyedSource keyed = nullptr, SerialSource serial = nullptr)
+        : DB_OBJ(tableId), source_(source), keyed_(keyed), serial_(serial)
     {
     }
 
@@ -118,7 +123,9 @@ public:
     }
     void Recycle() override
     {
-        match_ = nullptr;
+        if (match_) {
+            match_ = nullptr;
+        }
         keyField_ = nullptr;
         stale_ = true;
         Rewind();
@@ -129,15 +136,24 @@ public:
         match_ = std::move(match);
         keyField_ = nullptr;
     }
-    // The same for a key of one 32-bit field, which the world can compare
-    // directly.
+    // The same for a key of one 32-bit field, which the world compares
+    // directly (through its index when the field is the table's key).
     void SetKeyField(uint32_t Row::*field, uint32_t key)
     {
-        match_ = [field, key](const Row &r) { return r.*field == key; };
+        if (match_) {
+            match_ = nullptr;
+        }
         keyField_ = field;
         keyValue_ = key;
     }
-    bool HasKey() const { return static_cast<bool>(match_); }
+    bool HasKey() const { return keyField_ != nullptr || static_cast<bool>(match_); }
+
+    // Whether the rows held are those of a keyed read of field = key.
+    bool HoldsReadOf(uint32_t Row::*field, uint32_t key) const
+    {
+        return filledSerial_ != 0 && filledField_ == field && filledKey_ == key;
+    }
+
     size_t SnapshotCount() const override
     {
         if (stale_) {
@@ -152,6 +168,8 @@ public:
     // Holds exactly this row as the current one (the records of a change).
     void Pin(const Row &row)
     {
+        filledSerial_ = 0;
+        wholeSerial_ = 0;
         rows_.assign(1, row);
         stale_ = false;
         started = true;
@@ -164,24 +182,106 @@ private:
     void Fill(std::vector<Row> &out) const
     {
         if (keyField_ != nullptr && keyed_ != nullptr) {
-            keyed_(keyField_, keyValue_, out);
+            if (&out != &rows_) {
+                (void)keyed_(keyField_, keyValue_, out);
+                return;
+            }
+            // Rows of the same key from a version that is still the
+            // table's are what a new read would copy: kept as they are,
+            // whether this object holds them or the thread kept them.
+            const uint64_t serial = serial_ != nullptr ? serial_() : 0;
+            if (serial != 0 && HoldsReadOf(keyField_, keyValue_) && filledSerial_ == serial) {
+                return;
+            }
+            // The rows held are parked in the slot of their own key, for a
+            // later read of it; the slot of this key gives what it keeps.
+            if (filledSerial_ != 0 && filledKey_ != keyValue_) {
+                Trade(Kept().reads[KeptSlot(filledKey_)]);
+            }
+            Trade(Kept().reads[KeptSlot(keyValue_)]);
+            if (serial != 0 && HoldsReadOf(keyField_, keyValue_) && filledSerial_ == serial) {
+                return;
+            }
+            filledSerial_ = keyed_(keyField_, keyValue_, out);
+            filledField_ = keyField_;
+            filledKey_ = keyValue_;
             return;
         }
+        if (&out == &rows_) {
+            filledSerial_ = 0;   // rows_ no longer holds a keyed read
+        }
+        if (source_ != nullptr && keyField_ == nullptr && !match_ && serial_ != nullptr && &out == &rows_) {
+            // The whole table, kept while its version is: the serial is read
+            // first, so a write during the copy makes the next read copy again.
+            const uint64_t serial = serial_();
+            if (wholeSerial_ == serial) {
+                return;
+            }
+            source_(match_, out);
+            wholeSerial_ = serial;
+            return;
+        }
+        if (&out == &rows_) {
+            wholeSerial_ = 0;
+        }
         if (source_ != nullptr) {
-            source_(match_, out);  // the world copies only the matching rows
+            if (keyField_ != nullptr) {
+                const auto field = keyField_;
+                const uint32_t key = keyValue_;
+                source_([field, key](const Row &r) { return r.*field == key; }, out);
+            } else {
+                source_(match_, out);  // the world copies only the matching rows
+            }
             return;
         }
         // A change's object has no source: its pinned row is all it holds.
         if (&out != &rows_) {
             out = rows_;
         }
-        if (match_) {
+        if (keyField_ != nullptr) {
+            std::erase_if(out, [this](const Row &r) { return r.*keyField_ != keyValue_; });
+        } else if (match_) {
             std::erase_if(out, [this](const Row &r) { return !match_(r); });
         }
     }
 
+    // Keyed reads a thread set aside, so that reads alternating between a
+    // few keys (the two ports of an isolation check) each keep theirs.
+    struct KeptRead {
+        std::vector<Row> rows;
+        uint64_t serial = 0;
+        uint32_t Row::*field = nullptr;
+        uint32_t key = 0;
+    };
+    static constexpr size_t kKept = 16;   // slots, by key
+    struct KeptReads {
+        std::array<KeptRead, kKept> reads;
+    };
+    static size_t KeptSlot(uint32_t key) { return (key * 0x9E3779B1U) >> 28U; }
+    static KeptReads &Kept()
+    {
+        static thread_local KeptReads kept;
+        return kept;
+    }
+
+    // Swaps the keyed read held with one kept.
+    void Trade(KeptRead &read) const
+    {
+        rows_.swap(read.rows);
+        std::swap(filledSerial_, read.serial);
+        std::swap(filledField_, read.field);
+        std::swap(filledKey_, read.key);
+    }
+
     Source source_;
     KeyedSource keyed_;
+    SerialSource serial_;
+    // What rows_ holds when it was filled by key: kept across reuse of the
+    // object (0: nothing kept).
+    mutable uint64_t filledSerial_ = 0;
+    mutable uint32_t Row::*filledField_ = nullptr;
+    mutable uint32_t filledKey_ = 0;
+    mutable uint64_t wholeSerial_ = 0;   // the same for a read of the whole table
     Match match_;
     uint32_t Row::*keyField_ = nullptr;
     uint32_t keyValue_ = 0;
@@ -202,8 +302,15 @@ public:
     size_t LiveCount() const override { return 1; }
     void Snapshot() override {}
     size_t SnapshotCount() const override { return 1; }
+    void Recycle() override {}
 
     const Row *CurrentRow() const { return &row_; }
+    // Holds what copy takes of row (a reused node keeps its storage).
+    template <typename Copy>
+    void Hold(const Row &row, Copy copy)
+    {
+        copy(row_, row);
+    }
 
 private:
     Row row_;

@@ -8,13 +8,23 @@
 // (the description's "[Info]" replaced by the first STRING parameter) and
 // every debug line as PLAT_LOG_DEBUG "0x<debugId> <text>". Every call passes
 // failure injection (null or the injected code).
+//
+// Modules send a record per event, packets included, so nothing here takes
+// a lock once warm: records come from a free list of the calling thread,
+// a handle or record pointer is checked against published, never-changing
+// lists of the ones made (so a foreign pointer is refused without being
+// read), and Send only queues the record's parts for the log sink, whose
+// thread renders the line. Registered id tables are kept for the life of
+// the process, so a queued record can point at its id.
+#include <array>
+#include <charconv>
 #include <cstdarg>
 #include <cstring>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <unordered_set>
+#include <string_view>
 #include <vector>
 
 #include "core/internal.hpp"
@@ -32,74 +42,206 @@ struct LogId {
     std::string paraFormat;
 };
 
-struct Param {
-    uint32_t type = 0;
-    std::string bytes;  // a number or a MAC fits the string's own storage
+// The ids one registration gave; never changed once published.
+struct IdTable {
+    std::vector<LogId> ids;
+
+    const LogId *Find(uint32_t id) const
+    {
+        for (const LogId &logId : ids) {
+            if (logId.id == id) {
+                return &logId;
+            }
+        }
+        return nullptr;
+    }
 };
 
 }  // namespace platform::im
 
 struct IM_AGENT_HANDLE {
     std::string module;
-    // Shared with the records made against them: registering the table
-    // again leaves records in flight their own id.
-    std::map<uint32_t, std::shared_ptr<const platform::im::LogId>> ids;  // guarded by Agent::mu
+    // Registering again publishes a new table; records in flight keep
+    // pointing into the one they were made against.
+    std::atomic<const platform::im::IdTable *> ids{nullptr};
 };
 
-// Records are recycled (the diagnostic path makes one per frame): a freed
-// record goes back to the agent's pool with its storage, not to the heap.
 struct IM_AGENT_OBJ {
-    std::shared_ptr<const platform::im::LogId> logId;
-    std::vector<platform::im::Param> params;  // guarded by Agent::mu
-    bool live = false;                    // guarded by Agent::mu
+    std::atomic<uint32_t> state{0};   // kLive while handed out
+    const platform::im::LogId *logId = nullptr;
+    // The first STRING parameter, the one the line shows; it keeps its
+    // storage when the record is reused. Other parameters are checked only.
+    bool hasText = false;
+    std::string text;
 };
 
 namespace {
 
+using platform::im::IdTable;
 using platform::im::LogId;
-using platform::im::Param;
 
 constexpr uint32_t kImOk = 0;
 constexpr uint32_t kImErr = 1;
+constexpr uint32_t kLive = 0x4C495645U;
+constexpr uint32_t kFree = 0;
+constexpr size_t kChunkRecords = 64;       // records are made this many at a time
+constexpr size_t kThreadFreeMax = 64;      // beyond this a thread's freed records go to the shared pool
 
-struct Agent {
-    platform::internal::SpinMutex mu;
-    // Handles live as long as the process: modules keep them in globals.
-    std::map<std::string, std::unique_ptr<IM_AGENT_HANDLE>, std::less<>> handles;
-    std::unordered_set<const IM_AGENT_HANDLE *> knownHandles;
-    // Every record ever made, live or pooled; a pointer not in it is none.
-    std::unordered_set<IM_AGENT_OBJ *> knownObjs;
-    std::vector<IM_AGENT_OBJ *> pool;  // freed records, ready for reuse
+// A list published for lock-free readers: replaced, never changed, and the
+// old ones kept, so a reader may go on with the one it loaded.
+template <typename T>
+class Published {
+public:
+    const std::vector<T> &Load() const
+    {
+        const std::vector<T> *now = current_.load(std::memory_order_acquire);
+        return now != nullptr ? *now : empty_;
+    }
+    // Caller serialises writers.
+    void Append(T value)
+    {
+        auto next = std::make_unique<std::vector<T>>(Load());
+        next->push_back(value);
+        current_.store(next.get(), std::memory_order_release);
+        kept_.push_back(std::move(next));
+    }
+
+private:
+    std::atomic<const std::vector<T> *> current_{nullptr};
+    std::vector<std::unique_ptr<std::vector<T>>> kept_;
+    const std::vector<T> empty_{};
 };
 
-// Caller holds Agent::mu.
-bool IsLive(const Agent &agent, IM_AGENT_OBJ *obj)
-{
-    return obj != nullptr && agent.knownObjs.count(obj) != 0 && obj->live;
-}
+struct Agent {
+    std::mutex mu;   // registrations, making records, the shared pool
+    // Handles live as long as the process: modules keep them in globals.
+    std::map<std::string, std::unique_ptr<IM_AGENT_HANDLE>, std::less<>> handles;
+    Published<const IM_AGENT_HANDLE *> knownHandles;
+    std::vector<std::unique_ptr<const IdTable>> tables;   // every table ever registered
+    // Records are made in chunks and never destroyed; a pointer that is
+    // not in one of them is none.
+    std::vector<std::unique_ptr<IM_AGENT_OBJ[]>> chunks;
+    Published<const IM_AGENT_OBJ *> chunkStarts;
+    std::vector<IM_AGENT_OBJ *> pool;   // freed records beyond the threads' own lists
+};
 
 Agent &TheAgent()
 {
     return platform::internal::Leaky<Agent>();
 }
 
-// "<NAME> <description>" into line, whose storage is reused from call to call.
-void Render(const IM_AGENT_OBJ &obj, std::string &line)
+bool KnownHandle(const IM_AGENT_HANDLE *handle)
 {
-    const LogId &id = *obj.logId;
+    if (handle == nullptr) {
+        return false;
+    }
+    for (const IM_AGENT_HANDLE *known : TheAgent().knownHandles.Load()) {
+        if (known == handle) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// obj is one of the records made here (its memory is never read otherwise).
+bool KnownRecord(const IM_AGENT_OBJ *obj)
+{
+    const auto at = reinterpret_cast<uintptr_t>(obj);
+    for (const IM_AGENT_OBJ *start : TheAgent().chunkStarts.Load()) {
+        const auto first = reinterpret_cast<uintptr_t>(start);
+        if (at >= first && at < first + kChunkRecords * sizeof(IM_AGENT_OBJ)) {
+            return (at - first) % sizeof(IM_AGENT_OBJ) == 0;
+        }
+    }
+    return false;
+}
+
+bool IsLive(const IM_AGENT_OBJ *obj)
+{
+    return obj != nullptr && KnownRecord(obj) && obj->state.load(std::memory_order_acquire) == kLive;
+}
+
+// The calling thread's freed records: a plain record (reached without a
+// call), and a guard made with the first that hands them to the shared pool
+// when the thread ends.
+struct ThreadRecords {
+    std::array<IM_AGENT_OBJ *, kThreadFreeMax> free;
+    size_t count;
+};
+thread_local ThreadRecords t_records;
+
+struct ThreadRecordsGuard {
+    bool armed = false;
+    ~ThreadRecordsGuard()
+    {
+        Agent &agent = TheAgent();
+        std::lock_guard lock(agent.mu);
+        agent.pool.insert(agent.pool.end(), t_records.free.begin(), t_records.free.begin() + t_records.count);
+        t_records.count = 0;
+    }
+};
+thread_local ThreadRecordsGuard t_recordsGuard;
+
+// A free record: the thread's own, the shared pool's, or a new chunk's.
+IM_AGENT_OBJ *TakeRecord()
+{
+    if (t_records.count != 0) {
+        return t_records.free[--t_records.count];
+    }
+    Agent &agent = TheAgent();
+    std::lock_guard lock(agent.mu);
+    if (agent.pool.empty()) {
+        auto chunk = std::make_unique<IM_AGENT_OBJ[]>(kChunkRecords);
+        for (size_t i = 0; i < kChunkRecords; i++) {
+            agent.pool.push_back(&chunk[i]);
+        }
+        agent.chunkStarts.Append(chunk.get());
+        agent.chunks.push_back(std::move(chunk));
+    }
+    IM_AGENT_OBJ *obj = agent.pool.back();
+    agent.pool.pop_back();
+    return obj;
+}
+
+void GiveBack(IM_AGENT_OBJ *obj)
+{
+    if (t_records.count < kThreadFreeMax) {
+        if (t_records.count == 0 && !t_recordsGuard.armed) {
+            t_recordsGuard.armed = true;
+        }
+        t_records.free[t_records.count++] = obj;
+        return;
+    }
+    Agent &agent = TheAgent();
+    std::lock_guard lock(agent.mu);
+    agent.pool.push_back(obj);
+}
+
+// "<NAME> <description>", the description's first "[Info]" replaced by the
+// record's first STRING parameter when it has one (id 1).
+void RenderDiag(const void *ctx, uint32_t hasText, std::string_view text, std::string &line)
+{
+    const LogId &id = *static_cast<const LogId *>(ctx);
     line.assign(id.name).push_back(' ');
     const size_t start = line.size();
     line.append(id.description);
-    for (const Param &param : obj.params) {
-        if (param.type != IM_AGENT_PARA_STRING) {
-            continue;
-        }
+    if (hasText != 0) {
         const size_t at = line.find("[Info]", start);
         if (at != std::string::npos) {
-            line.replace(at, 6, param.bytes);
+            line.replace(at, 6, text);
         }
-        break;
     }
+}
+
+// "0x<debugId> <text>", the id in lower-case hex.
+void RenderDebug(const void *ctx, uint32_t debugId, std::string_view text, std::string &line)
+{
+    (void)ctx;
+    char hex[8];
+    const auto [end, ec] = std::to_chars(hex, hex + sizeof(hex), debugId, 16);
+    (void)ec;
+    line.assign("0x").append(hex, end).push_back(' ');
+    line.append(text);
 }
 
 // fmt without the platform's "%_VSID" directive.
@@ -125,19 +267,21 @@ IM_AGENT_HANDLE_S *IM_Agent_GetHandle(const char *module, const IM_AGENT_LOG_ID_
     if (module == nullptr || module[0] == '\0' || (ids == nullptr && count != 0)) {
         return nullptr;
     }
-    std::map<uint32_t, std::shared_ptr<const LogId>> table;
+    auto table = std::make_unique<IdTable>();
     for (uint32_t i = 0; i < count; i++) {
         const IM_AGENT_LOG_ID_S &src = ids[i];
         if (src.name == nullptr) {
             return nullptr;
         }
-        auto dst = std::make_shared<LogId>();
-        dst->id = src.id;
-        dst->logClass = src.logClass;
-        dst->name = src.name;
-        dst->description = src.description == nullptr ? "" : src.description;
-        dst->paraFormat = src.paraFormat == nullptr ? "" : src.paraFormat;
-        table[src.id] = std::move(dst);
+        LogId dst;
+        dst.id = src.id;
+        dst.logClass = src.logClass;
+        dst.name = src.name;
+        dst.description = src.description == nullptr ? "" : src.description;
+        dst.paraFormat = src.paraFormat == nullptr ? "" : src.paraFormat;
+        // A repeated id: the later entry wins.
+        std::erase_if(table->ids, [&dst](const LogId &known) { return known.id == dst.id; });
+        table->ids.push_back(std::move(dst));
     }
     Agent &agent = TheAgent();
     std::lock_guard lock(agent.mu);
@@ -145,10 +289,11 @@ IM_AGENT_HANDLE_S *IM_Agent_GetHandle(const char *module, const IM_AGENT_LOG_ID_
     if (!handle) {
         handle = std::make_unique<IM_AGENT_HANDLE>();
         handle->module = module;
-        agent.knownHandles.insert(handle.get());
+        agent.knownHandles.Append(handle.get());
     }
     // Asking again registers the table given now.
-    handle->ids = std::move(table);
+    handle->ids.store(table.get(), std::memory_order_release);
+    agent.tables.push_back(std::move(table));
     return handle.get();
 }
 
@@ -157,26 +302,19 @@ IM_AGENT_OBJ_S *IM_Agent_ObjCreate(IM_AGENT_HANDLE_S *handle, uint32_t logId)
     if (platform::FailPoint(__func__)) {
         return nullptr;
     }
-    Agent &agent = TheAgent();
-    std::lock_guard lock(agent.mu);
-    if (handle == nullptr || agent.knownHandles.count(handle) == 0) {
+    if (!KnownHandle(handle)) {
         return nullptr;
     }
-    const auto it = handle->ids.find(logId);
-    if (it == handle->ids.end()) {
+    const IdTable *table = handle->ids.load(std::memory_order_acquire);
+    const LogId *id = table != nullptr ? table->Find(logId) : nullptr;
+    if (id == nullptr) {
         return nullptr;
     }
-    IM_AGENT_OBJ *obj = nullptr;
-    if (!agent.pool.empty()) {
-        obj = agent.pool.back();
-        agent.pool.pop_back();
-    } else {
-        obj = new IM_AGENT_OBJ();  // kept for the life of the process
-        agent.knownObjs.insert(obj);
-    }
-    obj->logId = it->second;
-    obj->params.clear();
-    obj->live = true;
+    IM_AGENT_OBJ *obj = TakeRecord();
+    obj->logId = id;
+    obj->hasText = false;
+    obj->text.clear();
+    obj->state.store(kLive, std::memory_order_release);
     return obj;
 }
 
@@ -188,8 +326,6 @@ uint32_t IM_Agent_AddPara(IM_AGENT_OBJ_S *obj, uint32_t type, uint32_t size, con
     if (value == nullptr) {
         return kImErr;
     }
-    Param param;
-    param.type = type;
     switch (type) {
         case IM_AGENT_PARA_UINT32:
         case IM_AGENT_PARA_INT32:
@@ -209,13 +345,13 @@ uint32_t IM_Agent_AddPara(IM_AGENT_OBJ_S *obj, uint32_t type, uint32_t size, con
         default:
             return kImErr;
     }
-    param.bytes.assign(static_cast<const char *>(value), size);
-    Agent &agent = TheAgent();
-    std::lock_guard lock(agent.mu);
-    if (!IsLive(agent, obj)) {
+    if (!IsLive(obj)) {
         return kImErr;
     }
-    obj->params.push_back(std::move(param));
+    if (type == IM_AGENT_PARA_STRING && !obj->hasText) {
+        obj->text.assign(static_cast<const char *>(value), size);
+        obj->hasText = true;
+    }
     return kImOk;
 }
 
@@ -224,16 +360,12 @@ uint32_t IM_Agent_Send(IM_AGENT_OBJ_S *obj)
     if (const auto failed = platform::FailPoint(__func__)) {
         return *failed;
     }
-    thread_local std::string line;
-    {
-        Agent &agent = TheAgent();
-        std::lock_guard lock(agent.mu);
-        if (!IsLive(agent, obj)) {
-            return kImErr;
-        }
-        Render(*obj, line);
+    if (!IsLive(obj)) {
+        return kImErr;
     }
-    platform::internal::LogLine(PLAT_LOG_DIAG, line);
+    // Queued even when the sink drops it for want of room: that loss is the
+    // sink's to count and report.
+    (void)platform::internal::LogRecord(PLAT_LOG_DIAG, RenderDiag, obj->logId, obj->hasText ? 1U : 0U, obj->text);
     return kImOk;
 }
 
@@ -242,14 +374,15 @@ uint32_t IM_Agent_ObjFree(IM_AGENT_OBJ_S *obj)
     if (const auto failed = platform::FailPoint(__func__)) {
         return *failed;
     }
-    Agent &agent = TheAgent();
-    std::lock_guard lock(agent.mu);
-    if (!IsLive(agent, obj)) {
+    if (obj == nullptr || !KnownRecord(obj)) {
         return kImErr;
     }
-    obj->live = false;
-    obj->logId.reset();
-    agent.pool.push_back(obj);
+    uint32_t live = kLive;
+    if (!obj->state.compare_exchange_strong(live, kFree, std::memory_order_acq_rel)) {
+        return kImErr;   // freed already
+    }
+    obj->logId = nullptr;
+    GiveBack(obj);
     return kImOk;
 }
 
@@ -259,22 +392,22 @@ uint32_t IM_Agent_Debug(IM_AGENT_HANDLE_S *handle, uint32_t debugId, const char 
     if (const auto failed = platform::FailPoint(__func__)) {
         return *failed;
     }
-    if (fmt == nullptr) {
+    if (fmt == nullptr || !KnownHandle(handle)) {
         return kImErr;
     }
-    {
-        Agent &agent = TheAgent();
-        std::lock_guard lock(agent.mu);
-        if (handle == nullptr || agent.knownHandles.count(handle) == 0) {
-            return kImErr;
-        }
-    }
-    const std::string format = StripVsid(fmt);
     va_list ap;
     va_start(ap, fmt);
-    const std::string text = platform::internal::FormatV(format.c_str(), ap);
+    if (std::strcmp(fmt, "%s%_VSID") == 0) {
+        // The modules' own form: the text is the argument, nothing to format.
+        const char *text = va_arg(ap, const char *);
+        (void)platform::internal::LogRecord(PLAT_LOG_DEBUG, RenderDebug, nullptr, debugId,
+                                        text != nullptr ? text : "(null)");
+    } else {
+        const std::string format = StripVsid(fmt);
+        const std::string text = platform::internal::FormatV(format.c_str(), ap);
+        (void)platform::internal::LogRecord(PLAT_LOG_DEBUG, RenderDebug, nullptr, debugId, text);
+    }
     va_end(ap);
-    platform::internal::LogLine(PLAT_LOG_DEBUG, platform::internal::Format("0x%x ", debugId) + text);
     return kImOk;
 }
 

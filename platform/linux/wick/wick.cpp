@@ -9,22 +9,28 @@
 // Ours keeps all of that in process memory. A channel is a bounded FIFO of
 // buffers, owned by the thread that created it; FPC_EventRead blocks that
 // thread on a condition variable until one of its channels has buffers (or
-// 200 ms pass, so no task is stuck forever). Buffers are single heap blocks
-// (descriptor followed by storage) recorded in a table of live buffers with
-// the (file, line) that made them, which gives leak reports by call site and
-// lets a bad or double free be logged and ignored instead of crashing.
+// 200 ms pass, so no task is stuck forever). Buffers of up to 16 KiB come
+// from the platform's block pool (free lists per thread, so a frame costs no
+// lock and no heap allocation once warm), larger ones from the heap; each
+// carries the (file, line) that made it, which gives leak reports by call
+// site, and a state word, so a bad or double free is logged and ignored
+// instead of crashing.
 //
 // A test can stand in for the forwarding plane (WICK_ChannelPut/Take), make
 // any function fail or count its calls through PLAT_FailCheck, see whether a
 // task waits for frames (WICK_ThreadIsWaiting), count outstanding buffers and
 // drop every channel between cases (WICK_Reset).
 //
-// Locking: one mutex guards channels and thread records, a second one the
-// table of live buffers; the first may be held while taking the second,
-// never the other way round. Sends and receives take the channel mutex once
-// and wake a receiver only when it is actually blocked, so the frame path
-// costs one lock per operation and no allocation besides the buffer itself.
+// Locking: the table mutex guards names, thread records and channel
+// creation, and is what a waiting receiver sleeps on. Sends and receives
+// find their channel by id without it and hold only the channel's own spin
+// lock; a send takes the table mutex only to wake a receiver that is
+// actually blocked. Channels and thread records are never freed (a reset or
+// a thread's end retires them), so an id or an owner read without the table
+// mutex stays valid.
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -42,12 +48,16 @@
 #include <utility>
 #include <vector>
 
+#include "core/block_pool.hpp"
+#include "core/internal.hpp"
 #include "platform/control.h"
 #include "platform/fail_point.hpp"
 #include "wick.h"
 
 namespace {
 
+namespace pool = platform::internal::block_pool;
+using platform::internal::SpinMutex;
 using Clock = std::chrono::steady_clock;
 
 // Longest FPC_EventRead waits without frames (real time).
@@ -65,12 +75,12 @@ uint32_t FailStatus(uint32_t code)
 }
 
 // ---------------------------------------------------------------------------
-// Live buffers and their allocation sites
+// Buffers and their allocation sites
 
 struct Site {
     std::string file;
     uint32_t line = 0;
-    uint32_t live = 0;
+    std::atomic<uint32_t> live{0};
 };
 
 struct SiteKey {
@@ -86,108 +96,28 @@ struct SiteKeyHash {
     }
 };
 
-// Open-addressing table of live buffers (linear probing, deletion by
-// backward shift): lookups never read the buffer itself, so freeing a
-// pointer that is not ours, or no longer ours, is caught without touching
-// its memory. It grows by doubling, so steady traffic allocates nothing.
-class LiveTable {
-public:
-    bool insert(FpcMbuf *key, Site *site)
-    {
-        if ((size_ + 1) * 2 > slots_.size() && !grow()) {
-            return false;
-        }
-        place(key, site);
-        size_++;
-        return true;
-    }
-
-    // Removes key; returns its site, or null when key is not live.
-    Site *erase(const FpcMbuf *key)
-    {
-        if (slots_.empty()) {
-            return nullptr;
-        }
-        size_t i = home(key);
-        while (slots_[i].key != key) {
-            if (slots_[i].key == nullptr) {
-                return nullptr;
-            }
-            i = (i + 1) & mask();
-        }
-        Site *site = slots_[i].site;
-        // Shift later members of the probe run back so no hole breaks it.
-        size_t j = i;
-        for (;;) {
-            j = (j + 1) & mask();
-            if (slots_[j].key == nullptr) {
-                break;
-            }
-            const size_t k = home(slots_[j].key);
-            const bool stays = i <= j ? (i < k && k <= j) : (i < k || k <= j);
-            if (!stays) {
-                slots_[i] = slots_[j];
-                i = j;
-            }
-        }
-        slots_[i] = Slot{};
-        size_--;
-        return site;
-    }
-
-    size_t size() const { return size_; }
-
-private:
-    struct Slot {
-        FpcMbuf *key = nullptr;
-        Site *site = nullptr;
-    };
-
-    size_t mask() const { return slots_.size() - 1; }
-
-    size_t home(const FpcMbuf *key) const
-    {
-        const uint64_t h = (reinterpret_cast<uintptr_t>(key) >> 4) * 0x9E3779B97F4A7C15ULL;
-        return h >> shift_;
-    }
-
-    void place(FpcMbuf *key, Site *site)
-    {
-        size_t i = home(key);
-        while (slots_[i].key != nullptr) {
-            i = (i + 1) & mask();
-        }
-        slots_[i] = Slot{key, site};
-    }
-
-    bool grow()
-    {
-        const size_t cap = slots_.empty() ? 1024 : slots_.size() * 2;
-        std::vector<Slot> old;
-        try {
-            old = std::exchange(slots_, std::vector<Slot>(cap));
-        } catch (const std::bad_alloc &) {
-            return false;
-        }
-        shift_ = 64U - static_cast<unsigned>(__builtin_ctzll(cap));
-        for (const Slot &s : old) {
-            if (s.key != nullptr) {
-                place(s.key, s.site);
-            }
-        }
-        return true;
-    }
-
-    std::vector<Slot> slots_;
-    size_t size_ = 0;
-    unsigned shift_ = 64;
+// A call site as the caller names it (its file pointer), for the lookup
+// cache; kept for good once made.
+struct KnownSite {
+    const char *file;
+    uint32_t line;
+    Site *site;
 };
+constexpr unsigned kSiteSlotBits = 8;
+
+// In front of every buffer's descriptor (heap buffers too): state and the
+// allocation site (owner).
+using BufferHead = pool::BlockHead;
+constexpr uint32_t kLive = 0x4D425546U;
+constexpr uint32_t kFreed = 0x46524545U;
 
 struct BufferRegistry {
     std::mutex mu;
-    LiveTable live;
-    // Sites are never dropped: the table and leak reports point into them.
+    // Sites are never dropped: buffers and leak reports point into them.
     std::unordered_map<SiteKey, std::unique_ptr<Site>, SiteKeyHash> sites;
+    std::vector<std::unique_ptr<KnownSite>> known;
+    std::array<std::atomic<const KnownSite *>, size_t{1} << kSiteSlotBits> siteSlots{};
+    std::atomic<uint32_t> live{0};
 };
 
 BufferRegistry &Buffers()
@@ -197,50 +127,84 @@ BufferRegistry &Buffers()
     return *registry;
 }
 
+// The site of (file, line): by the name's address when seen before, else
+// by its text (two pointers to one name are one site). Null when memory is out.
 Site *SiteFor(BufferRegistry &reg, const char *file, uint32_t line)
 {
-    const std::string_view name = file != nullptr ? file : "?";
-    const auto it = reg.sites.find(SiteKey{name, line});
-    if (it != reg.sites.end()) {
-        return it->second.get();
+    const uint64_t hash = (reinterpret_cast<uintptr_t>(file) ^ (uint64_t{line} << 32)) * 0x9E3779B97F4A7C15ULL;
+    std::atomic<const KnownSite *> &slot = reg.siteSlots[hash >> (64U - kSiteSlotBits)];
+    const KnownSite *known = slot.load(std::memory_order_acquire);
+    if (known != nullptr && known->file == file && known->line == line) {
+        return known->site;
     }
-    auto site = std::make_unique<Site>();
-    site->file.assign(name);
-    site->line = line;
-    Site *raw = site.get();
-    reg.sites.emplace(SiteKey{raw->file, line}, std::move(site));
-    return raw;
+    try {
+        std::lock_guard<std::mutex> lock(reg.mu);
+        const std::string_view name = file != nullptr ? file : "?";
+        auto it = reg.sites.find(SiteKey{name, line});
+        if (it == reg.sites.end()) {
+            auto site = std::make_unique<Site>();
+            site->file.assign(name);
+            site->line = line;
+            const SiteKey key{site->file, line};
+            it = reg.sites.emplace(key, std::move(site)).first;
+        }
+        reg.known.push_back(std::make_unique<KnownSite>(KnownSite{file, line, it->second.get()}));
+        slot.store(reg.known.back().get(), std::memory_order_release);
+        return it->second.get();
+    } catch (const std::bad_alloc &) {
+        return nullptr;
+    }
 }
 
-// One block: the descriptor, then bufLen bytes of storage.
+// Heap buffers (beyond the pool's largest block), which the pool cannot
+// tell from foreign memory: listed here.
+struct HeapBuffers {
+    std::mutex mu;
+    std::unordered_map<const FpcMbuf *, BufferHead *> live;
+};
+
+HeapBuffers &Heap()
+{
+    static HeapBuffers *heap = new HeapBuffers;
+    return *heap;
+}
+
+// One block: our head, the descriptor, then bufLen bytes of storage.
 FpcMbuf *NewBuffer(uint32_t bufLen, const char *file, uint32_t line)
 {
-    void *block = std::malloc(sizeof(FpcMbuf) + bufLen);
+    const size_t total = sizeof(BufferHead) + sizeof(FpcMbuf) + size_t{bufLen};
+    BufferRegistry &reg = Buffers();
+    Site *site = SiteFor(reg, file, line);
+    if (site == nullptr) {
+        return nullptr;
+    }
+    const bool pooled = total <= pool::kMaxBlock;
+    void *block = pooled ? pool::Take(total) : std::malloc(total);
     if (block == nullptr) {
         return nullptr;
     }
-    auto *m = static_cast<FpcMbuf *>(block);
+    auto *head = static_cast<BufferHead *>(block);
+    auto *m = reinterpret_cast<FpcMbuf *>(head + 1);
+    if (!pooled) {
+        new (block) BufferHead{};
+        try {
+            HeapBuffers &heap = Heap();
+            std::lock_guard<std::mutex> lock(heap.mu);
+            heap.live.emplace(m, head);
+        } catch (const std::bad_alloc &) {
+            std::free(block);
+            return nullptr;
+        }
+    }
+    head->owner = site;
     m->pData = reinterpret_cast<uint8_t *>(m + 1);
     m->dataOff = 0;
     m->dataLen = 0;
     m->bufLen = bufLen;
     m->reserved = 0;
-    BufferRegistry &reg = Buffers();
-    bool recorded = false;
-    try {
-        std::lock_guard<std::mutex> lock(reg.mu);
-        Site *site = SiteFor(reg, file, line);
-        recorded = reg.live.insert(m, site);
-        if (recorded) {
-            site->live++;
-        }
-    } catch (const std::bad_alloc &) {
-        recorded = false;
-    }
-    if (!recorded) {
-        std::free(block);
-        return nullptr;
-    }
+    site->live.fetch_add(1, std::memory_order_relaxed);
+    reg.live.fetch_add(1, std::memory_order_relaxed);
+    head->state.store(kLive, std::memory_order_release);
     return m;
 }
 
@@ -261,26 +225,44 @@ FpcMbuf *NewBufferFromData(const void *data, uint32_t len, const char *file, uin
     return m;
 }
 
+// The head of a live buffer of ours, or null (nothing foreign is read).
+BufferHead *HeadOf(const FpcMbuf *m)
+{
+    void *block = pool::BlockOf(m);
+    if (block != nullptr) {
+        auto *head = static_cast<BufferHead *>(block);
+        return reinterpret_cast<const FpcMbuf *>(head + 1) == m ? head : nullptr;
+    }
+    HeapBuffers &heap = Heap();
+    std::lock_guard<std::mutex> lock(heap.mu);
+    const auto it = heap.live.find(m);
+    return it != heap.live.end() ? it->second : nullptr;
+}
+
 void FreeBuffer(FpcMbuf *m, const char *file, uint32_t line)
 {
     if (m == nullptr) {
         return;
     }
-    BufferRegistry &reg = Buffers();
-    {
-        std::lock_guard<std::mutex> lock(reg.mu);
-        Site *site = reg.live.erase(m);
-        if (site == nullptr) {
-            m = nullptr;
-        } else {
-            site->live--;
-        }
-    }
-    if (m == nullptr) {
+    BufferHead *head = HeadOf(m);
+    uint32_t live = kLive;
+    if (head == nullptr || !head->state.compare_exchange_strong(live, kFreed, std::memory_order_acq_rel)) {
         PLAT_LogWrite(PLAT_LOG_PLATFORM, "wick: bad free at %s:%u", file != nullptr ? file : "?", line);
         return;
     }
-    std::free(m);
+    static_cast<Site *>(head->owner)->live.fetch_sub(1, std::memory_order_relaxed);
+    Buffers().live.fetch_sub(1, std::memory_order_relaxed);
+    const size_t total = sizeof(BufferHead) + sizeof(FpcMbuf) + size_t{m->bufLen};
+    if (total <= pool::kMaxBlock) {
+        pool::Give(head);
+        return;
+    }
+    {
+        HeapBuffers &heap = Heap();
+        std::lock_guard<std::mutex> lock(heap.mu);
+        heap.live.erase(m);
+    }
+    std::free(head);
 }
 
 // ---------------------------------------------------------------------------
@@ -347,29 +329,45 @@ struct ThreadState;
 struct Channel {
     std::string name;
     uint32_t id = FPC_INVALID_ID;
-    uint32_t depth = 0;
-    ThreadState *owner = nullptr;  // null: made by the forwarding plane's side, not yet adopted
+    std::atomic<uint32_t> depth{0};
+    // null: made by the forwarding plane's side, not yet adopted. Written
+    // under the table mutex, read by senders without it.
+    std::atomic<ThreadState *> owner{nullptr};
+    SpinMutex mu;                      // the ring and retired
     Ring ring;
+    std::atomic<uint32_t> pending{0};  // buffers in the ring, for readers without mu
+    bool retired = false;              // dropped by a reset: takes no more buffers
 };
 
-// What the library knows of one thread; lives as long as the thread.
+// What the library knows of one thread. Kept when the thread ends (a sender
+// may still look at it), and used again by a later thread.
 struct ThreadState {
     std::condition_variable cv;        // signalled when an owned channel gets a buffer
     std::vector<Channel *> owned;      // its receive channels
     std::string regName;               // name given to FPC_ThreadInfoRegByName, "" if none
-    bool blocked = false;              // inside FPC_EventRead waiting for frames
+    std::atomic<bool> blocked{false};  // inside FPC_EventRead waiting for frames
 };
+
+// Channel ids index pages of slots made on first use, so a channel is
+// found by id without a lock; ids are never reused.
+constexpr uint32_t kIdPageBits = 8;
+constexpr uint32_t kIdPages = 4096;
+constexpr uint32_t kMaxIds = kIdPages << kIdPageBits;
+using IdPage = std::array<std::atomic<Channel *>, size_t{1} << kIdPageBits>;
 
 struct ChannelTable {
     std::mutex mu;
     std::condition_variable takeCv;    // WICK_ChannelTake waiters
-    uint32_t takers = 0;               // how many wait on takeCv
-    // Indexed by id; slot 0 stays empty and dropped channels leave a null
-    // slot, so ids are small and never reused.
-    std::vector<std::unique_ptr<Channel>> byId{1};
+    std::atomic<uint32_t> takers{0};   // how many wait on takeCv
+    uint32_t nextId = 1;               // slot 0 stays empty
+    std::array<std::atomic<IdPage *>, kIdPages> byId{};
     std::map<std::string, Channel *, std::less<>> byName;
     std::map<std::string, ThreadState *, std::less<>> threadsByName;
-    std::vector<ThreadState *> threads;
+    std::vector<ThreadState *> threads;            // threads that run now
+    std::vector<ThreadState *> spareThreads;       // records of ended threads, for reuse
+    std::vector<std::unique_ptr<Channel>> channels;        // every channel ever made
+    std::vector<std::unique_ptr<ThreadState>> threadRecords;  // every thread record ever made
+    std::atomic<uint64_t> resets{0};   // WICK_Reset calls, so a name's channel remembered before one is not used
 };
 
 ChannelTable &Channels()
@@ -379,7 +377,7 @@ ChannelTable &Channels()
     return *table;
 }
 
-// Drops the thread's record when the thread ends; its channels stay and
+// Gives the thread's record up when the thread ends; its channels stay and
 // wait for an owner.
 struct ThreadSlot {
     ThreadState *state = nullptr;
@@ -390,18 +388,18 @@ struct ThreadSlot {
             return;
         }
         ChannelTable &t = Channels();
-        {
-            std::lock_guard<std::mutex> lock(t.mu);
-            for (Channel *ch : state->owned) {
-                ch->owner = nullptr;
-            }
-            const auto named = t.threadsByName.find(state->regName);
-            if (named != t.threadsByName.end() && named->second == state) {
-                t.threadsByName.erase(named);
-            }
-            std::erase(t.threads, state);
+        std::lock_guard<std::mutex> lock(t.mu);
+        for (Channel *ch : state->owned) {
+            ch->owner.store(nullptr, std::memory_order_release);
         }
-        delete state;
+        state->owned.clear();
+        const auto named = t.threadsByName.find(state->regName);
+        if (named != t.threadsByName.end() && named->second == state) {
+            t.threadsByName.erase(named);
+        }
+        state->regName.clear();
+        std::erase(t.threads, state);
+        t.spareThreads.push_back(state);
     }
 };
 
@@ -413,9 +411,17 @@ ThreadState *Self(ChannelTable &t)
 {
     if (t_self.state == nullptr) {
         try {
-            auto state = std::make_unique<ThreadState>();
-            t.threads.push_back(state.get());
-            t_self.state = state.release();
+            ThreadState *state = nullptr;
+            if (!t.spareThreads.empty()) {
+                state = t.spareThreads.back();
+            } else {
+                t.threadRecords.push_back(std::make_unique<ThreadState>());
+                state = t.threadRecords.back().get();
+                t.spareThreads.push_back(state);
+            }
+            t.threads.push_back(state);
+            t.spareThreads.pop_back();
+            t_self.state = state;
         } catch (const std::bad_alloc &) {
             return nullptr;
         }
@@ -423,9 +429,13 @@ ThreadState *Self(ChannelTable &t)
     return t_self.state;
 }
 
-Channel *FindById(ChannelTable &t, uint32_t id)
+Channel *FindById(const ChannelTable &t, uint32_t id)
 {
-    return id < t.byId.size() ? t.byId[id].get() : nullptr;
+    if (id >= kMaxIds) {
+        return nullptr;
+    }
+    const IdPage *page = t.byId[id >> kIdPageBits].load(std::memory_order_acquire);
+    return page != nullptr ? (*page)[id & ((1U << kIdPageBits) - 1U)].load(std::memory_order_acquire) : nullptr;
 }
 
 Channel *FindByName(ChannelTable &t, std::string_view name)
@@ -447,54 +457,116 @@ void ReserveOneMore(Vec &v)
 // that can fail is done before the tables change.
 Channel *AddChannel(ChannelTable &t, std::string_view name, uint32_t depth, ThreadState *owner)
 {
-    if (t.byId.size() >= FPC_INVALID_ID) {
+    const uint32_t id = t.nextId;
+    if (id >= kMaxIds) {
         return nullptr;
     }
     Channel *raw = nullptr;
     try {
+        auto &page = t.byId[id >> kIdPageBits];
+        if (page.load(std::memory_order_relaxed) == nullptr) {
+            page.store(new IdPage(), std::memory_order_release);   // kept for the life of the process
+        }
         auto ch = std::make_unique<Channel>();
         ch->name.assign(name);
-        ch->id = static_cast<uint32_t>(t.byId.size());
-        ch->depth = depth;
-        ch->owner = owner;
-        ReserveOneMore(t.byId);
+        ch->id = id;
+        ch->depth.store(depth, std::memory_order_relaxed);
+        ch->owner.store(owner, std::memory_order_relaxed);
+        ReserveOneMore(t.channels);
         if (owner != nullptr) {
             ReserveOneMore(owner->owned);
         }
         raw = ch.get();
         t.byName.emplace(raw->name, raw);
-        t.byId.push_back(std::move(ch));
+        t.channels.push_back(std::move(ch));
     } catch (const std::bad_alloc &) {
         return nullptr;
     }
     if (owner != nullptr) {
         owner->owned.push_back(raw);
     }
-    if (t.takers != 0) {
+    (*t.byId[id >> kIdPageBits].load(std::memory_order_relaxed))[id & ((1U << kIdPageBits) - 1U)].store(
+        raw, std::memory_order_release);
+    t.nextId++;
+    if (t.takers.load(std::memory_order_relaxed) != 0) {
         t.takeCv.notify_all();
     }
     return raw;
 }
 
-// Appends m and wakes whoever waits for it. Caller holds t.mu.
+// Appends m and wakes whoever waits for it; false when the channel is full
+// or retired. Caller holds neither lock.
 bool Enqueue(ChannelTable &t, Channel *ch, FpcMbuf *m)
 {
-    if (!ch->ring.push(m, ch->depth)) {
-        return false;
+    {
+        std::lock_guard<SpinMutex> lock(ch->mu);
+        if (ch->retired || !ch->ring.push(m, ch->depth.load(std::memory_order_relaxed))) {
+            return false;
+        }
+        // Counted before the owner is looked at, while a receiver announces
+        // it blocks before it looks at the count: one sees the other.
+        ch->pending.fetch_add(1, std::memory_order_seq_cst);
     }
-    if (ch->owner != nullptr && ch->owner->blocked) {
-        ch->owner->cv.notify_one();
-    }
-    if (t.takers != 0) {
-        t.takeCv.notify_all();
+    ThreadState *owner = ch->owner.load(std::memory_order_acquire);
+    const bool wakeOwner = owner != nullptr && owner->blocked.load(std::memory_order_seq_cst);
+    const bool wakeTakers = t.takers.load(std::memory_order_seq_cst) != 0;
+    if (wakeOwner || wakeTakers) {
+        std::lock_guard<std::mutex> lock(t.mu);
+        if (wakeOwner) {
+            owner->cv.notify_one();
+        }
+        if (wakeTakers) {
+            t.takeCv.notify_all();
+        }
     }
     return true;
 }
 
+FpcMbuf *Dequeue(Channel *ch)
+{
+    std::lock_guard<SpinMutex> lock(ch->mu);
+    FpcMbuf *m = ch->ring.pop();
+    if (m != nullptr) {
+        ch->pending.fetch_sub(1, std::memory_order_relaxed);
+    }
+    return m;
+}
+
+// The channel a name last resolved to on this thread (the forwarding
+// plane's side puts and takes by name, once per frame), while no reset came
+// between. A retired channel refuses buffers, so one remembered across a
+// concurrent reset loses nothing: the caller looks the name up again.
+struct NameCache {
+    std::string name;
+    uint64_t resets = UINT64_MAX;
+    Channel *ch = nullptr;
+
+    Channel *Find(const ChannelTable &t, const char *wanted) const
+    {
+        return ch != nullptr && resets == t.resets.load(std::memory_order_acquire) && name == wanted ? ch : nullptr;
+    }
+    // Caller holds t.mu.
+    void Keep(const ChannelTable &t, const char *wanted, Channel *found)
+    {
+        try {
+            name.assign(wanted);
+            resets = t.resets.load(std::memory_order_relaxed);
+            ch = found;
+        } catch (const std::bad_alloc &) {
+            ch = nullptr;
+        }
+    }
+};
+
+thread_local NameCache t_putName;
+thread_local NameCache t_takeName;
+
+// Caller holds t.mu.
 bool AnyPending(const ThreadState *self)
 {
-    return std::any_of(self->owned.begin(), self->owned.end(),
-                       [](const Channel *ch) { return ch->ring.count() != 0; });
+    return std::any_of(self->owned.begin(), self->owned.end(), [](const Channel *ch) {
+        return ch->pending.load(std::memory_order_seq_cst) != 0;
+    });
 }
 
 }  // namespace
@@ -530,14 +602,14 @@ uint32_t FPC_ChannelCreate(const char *name, uint32_t depth)
         return FPC_INVALID_ID;
     }
     if (Channel *ch = FindByName(t, name); ch != nullptr) {
-        if (ch->owner == nullptr) {
+        if (ch->owner.load(std::memory_order_relaxed) == nullptr) {
             try {
                 self->owned.push_back(ch);
             } catch (const std::bad_alloc &) {
                 return FPC_INVALID_ID;
             }
-            ch->owner = self;
-            ch->depth = depth;
+            ch->depth.store(depth, std::memory_order_relaxed);
+            ch->owner.store(self, std::memory_order_release);
         }
         return ch->id;
     }
@@ -601,13 +673,13 @@ uint32_t FPC_EventRead(uint32_t *eventFlags)
         lock.unlock();
         PLAT_TaskMarkWaiting("FPC_EventRead");
         lock.lock();
-        self->blocked = true;
+        self->blocked.store(true, std::memory_order_seq_cst);
         while (!AnyPending(self)) {
             if (self->cv.wait_until(lock, deadline) == std::cv_status::timeout) {
                 break;
             }
         }
-        self->blocked = false;
+        self->blocked.store(false, std::memory_order_relaxed);
     }
     *eventFlags = AnyPending(self) ? FPC_EVENT_RX : 0U;
     return 0;
@@ -624,10 +696,8 @@ uint32_t FPC_ChannelDcRecv(uint32_t channelId, FpcMbuf **mbuf)
     if (mbuf == nullptr) {
         return 1;
     }
-    ChannelTable &t = Channels();
-    std::lock_guard<std::mutex> lock(t.mu);
-    Channel *ch = FindById(t, channelId);
-    *mbuf = ch != nullptr ? ch->ring.pop() : nullptr;
+    Channel *ch = FindById(Channels(), channelId);
+    *mbuf = ch != nullptr ? Dequeue(ch) : nullptr;
     return *mbuf != nullptr ? 0U : 1U;
 }
 
@@ -643,7 +713,6 @@ uint32_t FPC_ChannelDcSendByIdNoSem(const char * /*threadName*/, uint32_t channe
         return 1;
     }
     ChannelTable &t = Channels();
-    std::lock_guard<std::mutex> lock(t.mu);
     Channel *ch = FindById(t, channelId);
     return ch != nullptr && Enqueue(t, ch, mbuf) ? 0U : 1U;
 }
@@ -756,13 +825,19 @@ uint32_t WICK_ChannelPut(const char *channelName, const void *data, uint32_t len
     if (m == nullptr) {
         return 1;
     }
-    bool queued = false;
-    {
-        ChannelTable &t = Channels();
-        std::lock_guard<std::mutex> lock(t.mu);
-        Channel *ch = FindByName(t, channelName);
-        if (ch == nullptr) {
-            ch = AddChannel(t, channelName, kPutChannelDepth, nullptr);
+    ChannelTable &t = Channels();
+    Channel *ch = t_putName.Find(t, channelName);
+    bool queued = ch != nullptr && Enqueue(t, ch, m);
+    if (!queued) {
+        {
+            std::lock_guard<std::mutex> lock(t.mu);
+            ch = FindByName(t, channelName);
+            if (ch == nullptr) {
+                ch = AddChannel(t, channelName, kPutChannelDepth, nullptr);
+            }
+            if (ch != nullptr) {
+                t_putName.Keep(t, channelName, ch);
+            }
         }
         queued = ch != nullptr && Enqueue(t, ch, m);
     }
@@ -783,23 +858,34 @@ uint32_t WICK_ChannelTake(const char *channelName, void *buf, uint32_t cap, uint
     if (channelName == nullptr || (buf == nullptr && cap != 0)) {
         return 1;
     }
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    FpcMbuf *m = nullptr;
-    {
-        ChannelTable &t = Channels();
+    ChannelTable &t = Channels();
+    Channel *known = t_takeName.Find(t, channelName);
+    FpcMbuf *m = known != nullptr ? Dequeue(known) : nullptr;
+    if (m == nullptr) {
+        const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
         std::unique_lock<std::mutex> lock(t.mu);
+        if (Channel *ch = FindByName(t, channelName); ch != nullptr) {
+            t_takeName.Keep(t, channelName, ch);
+        }
         for (;;) {
             Channel *ch = FindByName(t, channelName);
-            m = ch != nullptr ? ch->ring.pop() : nullptr;
+            m = ch != nullptr ? Dequeue(ch) : nullptr;
             if (m != nullptr || timeoutMs == 0) {
                 break;
             }
-            t.takers++;
+            // Announced before the channel is looked at again, as a sender
+            // counts its buffer before it looks at the takers.
+            t.takers.fetch_add(1, std::memory_order_seq_cst);
+            ch = FindByName(t, channelName);
+            if (ch != nullptr && ch->pending.load(std::memory_order_seq_cst) != 0) {
+                t.takers.fetch_sub(1, std::memory_order_relaxed);
+                continue;
+            }
             const std::cv_status st = t.takeCv.wait_until(lock, deadline);
-            t.takers--;
+            t.takers.fetch_sub(1, std::memory_order_relaxed);
             if (st == std::cv_status::timeout) {
                 ch = FindByName(t, channelName);
-                m = ch != nullptr ? ch->ring.pop() : nullptr;
+                m = ch != nullptr ? Dequeue(ch) : nullptr;
                 break;
             }
         }
@@ -825,7 +911,7 @@ uint32_t WICK_ChannelDepth(const char *channelName)
     ChannelTable &t = Channels();
     std::lock_guard<std::mutex> lock(t.mu);
     const Channel *ch = FindByName(t, channelName);
-    return ch != nullptr ? ch->ring.count() : 0U;
+    return ch != nullptr ? ch->pending.load(std::memory_order_relaxed) : 0U;
 }
 
 // Threads keep their records (one may be blocked in FPC_EventRead right
@@ -841,16 +927,22 @@ void WICK_Reset(void)
             th->regName.clear();
         }
         t.threadsByName.clear();
-        t.byName.clear();
-        for (auto &ch : t.byId) {
-            if (ch != nullptr) {
-                while (FpcMbuf *m = ch->ring.pop()) {
-                    dropped.push_back(m);
-                }
-                ch.reset();
+        // Channels are retired, not freed: a sender may hold one by its id.
+        t.resets.fetch_add(1, std::memory_order_release);
+        for (const auto &[name, ch] : t.byName) {
+            ch->owner.store(nullptr, std::memory_order_release);
+            {
+                std::lock_guard<SpinMutex> channelLock(ch->mu);
+                ch->retired = true;
             }
+            while (FpcMbuf *m = Dequeue(ch)) {
+                dropped.push_back(m);
+            }
+            (*t.byId[ch->id >> kIdPageBits].load(std::memory_order_relaxed))[ch->id & ((1U << kIdPageBits) - 1U)]
+                .store(nullptr, std::memory_order_release);
         }
-        if (t.takers != 0) {
+        t.byName.clear();
+        if (t.takers.load(std::memory_order_relaxed) != 0) {
             t.takeCv.notify_all();
         }
     }
@@ -861,9 +953,7 @@ void WICK_Reset(void)
 
 uint32_t WICK_MbufOutstanding(void)
 {
-    BufferRegistry &reg = Buffers();
-    std::lock_guard<std::mutex> lock(reg.mu);
-    return static_cast<uint32_t>(reg.live.size());
+    return Buffers().live.load(std::memory_order_relaxed);
 }
 
 uint32_t WICK_MbufLeakReport(WICK_LEAK_REPORT_FN report, void *arg)
@@ -877,8 +967,9 @@ uint32_t WICK_MbufLeakReport(WICK_LEAK_REPORT_FN report, void *arg)
         BufferRegistry &reg = Buffers();
         std::lock_guard<std::mutex> lock(reg.mu);
         for (const auto &[key, site] : reg.sites) {
-            if (site->live != 0) {
-                entries.push_back(Entry{site.get(), site->live});
+            const uint32_t live = site->live.load(std::memory_order_relaxed);
+            if (live != 0) {
+                entries.push_back(Entry{site.get(), live});
             }
         }
     }
@@ -905,7 +996,7 @@ uint32_t WICK_ThreadIsWaiting(const char *threadName)
     ChannelTable &t = Channels();
     std::lock_guard<std::mutex> lock(t.mu);
     const auto it = t.threadsByName.find(std::string_view(threadName));
-    return it != t.threadsByName.end() && it->second->blocked ? 1U : 0U;
+    return it != t.threadsByName.end() && it->second->blocked.load(std::memory_order_relaxed) ? 1U : 0U;
 }
 
 }  // extern "C"

@@ -23,15 +23,23 @@ DeviceView GetDeviceView();
 
 // Keyed reads of the database: the rows of Row's table that keep accepts
 // (all when keep is empty), copied into out over what it held so that a
-// reused buffer costs no allocation. keep runs under the world's lock and
-// must not call back into the world. Defined for every table row type.
+// reused buffer costs no allocation. Lock-free; keep may call back into the
+// world. Defined for every table row type.
 template <typename Row>
 using RowFilter = std::function<bool(const Row &)>;
 template <typename Row>
 void SelectRows(const RowFilter<Row> &keep, std::vector<Row> &out);
-// The same for the rows whose field equals key.
+// The same for the rows whose field equals key; returns the serial number
+// of the table's version they were read from.
 template <typename Row>
-void SelectRowsWhere(uint32_t Row::*field, uint32_t key, std::vector<Row> &out);
+uint64_t SelectRowsWhere(uint32_t Row::*field, uint32_t key, std::vector<Row> &out);
+// The serial number of the table's current version. Every write of a table
+// gives it a new one, never seen before, so rows read from a version are
+// still the table's while its serial is.
+template <typename Row>
+uint64_t TableSerial();
+// The same for the identity and its readability (GetDeviceView).
+uint64_t DeviceSerial();
 
 // One write of a table that subscriptions follow, with the record as it was
 // (none for a create) and as it is (none for a delete).

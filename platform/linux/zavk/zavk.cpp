@@ -3,8 +3,13 @@
 // On the real platform an assertion is recorded with its call site and a
 // watchdog escalates (warning, error, critical, board reset) when a
 // registered task spends too long inside one unit of work. Ours never
-// aborts or resets: ZAVK_Assert writes "ZAVK assert at <file>:<line>" to the
-// log sink and counts (total and per call site); the watchdog is one thread,
+// aborts or resets: ZAVK_Assert counts every assert (total and per call
+// site) and writes "ZAVK assert at <file>:<line>" to the log sink. A site
+// that keeps asserting (the same fault on every frame) is not written again
+// within the report interval (10 s, scaled): the repeats are counted and one
+// summary line per interval says how many there were, written by a
+// reporter thread started with the first repeat (or at once by
+// PLAT_AssertFlushReports, which the host calls at exit). The watchdog is one thread,
 // started with the first registration, that looks every 100 scaled ms at the
 // registered threads and writes one report per threshold crossed per unit
 // of work. Thresholds follow the time scale, so a test can make a thread look
@@ -40,15 +45,79 @@ using Clock = std::chrono::steady_clock;
 
 // ---- Asserts ----
 
+// A site reported less than this long ago (scaled) is not reported again;
+// its repeats go into one summary line per interval.
+constexpr uint64_t kAssertReportIntervalMs = 10000;
+
+using Site = std::pair<std::string, uint32_t>;  // file, line
+
+struct SiteRecord {
+    uint32_t count = 0;        // every assert at the site
+    uint32_t unreported = 0;   // repeats since the last line written for the site
+    Clock::time_point lastReport{};
+    Clock::time_point firstUnreported{};
+};
+
 struct Asserts {
     std::mutex mu;
     uint32_t total = 0;
-    std::map<std::pair<std::string, uint32_t>, uint32_t> bySite;
+    std::map<Site, SiteRecord> bySite;
+    bool reporterStarted = false;
 };
 
 Asserts &TheAsserts()
 {
     return platform::internal::Leaky<Asserts>();
+}
+
+Clock::duration AssertReportInterval()
+{
+    return std::chrono::microseconds(platform::internal::ScaledMicros(kAssertReportIntervalMs));
+}
+
+std::string RepeatSummary(const Site &site, SiteRecord &rec, Clock::time_point now)
+{
+    const auto spanMs =
+        std::chrono::duration_cast<std::chrono::milliseconds>(now - rec.firstUnreported).count();
+    std::string line = platform::internal::Format(
+        "ZAVK assert at %s:%u repeated %u more time(s) over %lld ms (%u in total)", site.first.c_str(),
+        site.second, rec.unreported, static_cast<long long>(spanMs), rec.count);
+    rec.unreported = 0;
+    rec.lastReport = now;
+    return line;
+}
+
+// Summaries of the sites whose repeats are due (all of them when force);
+// called with the lock held.
+std::vector<std::string> DueSummaries(Asserts &asserts, bool force)
+{
+    std::vector<std::string> lines;
+    const auto now = Clock::now();
+    for (auto &[site, rec] : asserts.bySite) {
+        if (rec.unreported != 0 && (force || now - rec.lastReport >= AssertReportInterval())) {
+            lines.push_back(RepeatSummary(site, rec, now));
+        }
+    }
+    return lines;
+}
+
+// Writes the due summaries every tenth of an interval, for the life of
+// the process.
+void AssertReportLoop()
+{
+    Asserts &asserts = TheAsserts();
+    for (;;) {
+        const uint64_t periodUs = std::max<uint64_t>(platform::internal::ScaledMicros(kAssertReportIntervalMs / 10), 1000);
+        std::this_thread::sleep_for(std::chrono::microseconds(periodUs));
+        std::vector<std::string> lines;
+        {
+            std::lock_guard lock(asserts.mu);
+            lines = DueSummaries(asserts, false);
+        }
+        for (std::string &line : lines) {
+            platform::internal::LogLine(PLAT_LOG_PLATFORM, line);
+        }
+    }
 }
 
 // ---- Dead-loop watchdog ----
@@ -148,13 +217,44 @@ extern "C" {
 void ZAVK_Assert(const char *file, uint32_t line)
 {
     const std::string where = file == nullptr ? "(unknown)" : file;
+    const auto now = Clock::now();
+    Asserts &asserts = TheAsserts();
     {
-        Asserts &asserts = TheAsserts();
         std::lock_guard lock(asserts.mu);
         asserts.total++;
-        asserts.bySite[{where, line}]++;
+        SiteRecord &rec = asserts.bySite[{where, line}];
+        rec.count++;
+        const bool quiet = rec.count == 1 || now - rec.lastReport >= AssertReportInterval();
+        if (!quiet || rec.unreported != 0) {
+            if (rec.unreported++ == 0) {
+                rec.firstUnreported = now;
+            }
+            if (!asserts.reporterStarted) {
+                try {
+                    std::thread(AssertReportLoop).detach();
+                    asserts.reporterStarted = true;
+                } catch (const std::system_error &) {
+                    // Repeats stay counted; PLAT_AssertFlushReports still reports them.
+                }
+            }
+            return;
+        }
+        rec.lastReport = now;
     }
     PLAT_LogWrite(PLAT_LOG_PLATFORM, "ZAVK assert at %s:%u", where.c_str(), line);
+}
+
+void PLAT_AssertFlushReports(void)
+{
+    Asserts &asserts = TheAsserts();
+    std::vector<std::string> lines;
+    {
+        std::lock_guard lock(asserts.mu);
+        lines = DueSummaries(asserts, true);
+    }
+    for (std::string &text : lines) {
+        platform::internal::LogLine(PLAT_LOG_PLATFORM, text);
+    }
 }
 
 uint32_t PLAT_AssertCount(void)
@@ -169,7 +269,7 @@ uint32_t PLAT_AssertCountAt(const char *file, uint32_t line)
     Asserts &asserts = TheAsserts();
     std::lock_guard lock(asserts.mu);
     const auto it = asserts.bySite.find({file == nullptr ? "(unknown)" : file, line});
-    return it == asserts.bySite.end() ? 0 : it->second;
+    return it == asserts.bySite.end() ? 0 : it->second.count;
 }
 
 void PLAT_AssertReset(void)

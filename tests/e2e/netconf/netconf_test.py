@@ -2,8 +2,9 @@
 the real pppoe-plus-switch on 127.0.0.1 with a generated host key and a
 client key made for the run. Edits take the datastore's path to the agent
 (validation, delivery, rollback), locks hold against other sessions and
-pppoe-plus-cli, state comes from the agent, and clients that misbehave do
-not stop the server.
+pppoe-plus-cli, state comes from the agent and from the forwarding plane
+(subscribers, punt policing), and clients that misbehave do not stop the
+server.
 """
 import os
 import unittest
@@ -14,7 +15,8 @@ from ncclient.operations.rpc import RPCError
 
 from netconf_support import (EXAMPLES, IFM_NS, NC_BASE, PLUS_NS, Switch, config, pcap_frames, plus, port)
 
-NS = {"nc": NC_BASE, "pp": PLUS_NS, "ifm": IFM_NS}
+PLANE_NS = "urn:quendal:yang:quendal-forwarding-plane"
+NS = {"nc": NC_BASE, "pp": PLUS_NS, "ifm": IFM_NS, "fp": PLANE_NS}
 
 
 def inline(xml):
@@ -213,8 +215,25 @@ class Netconf(unittest.TestCase):
             '<set-debugging xmlns="%s"><debug-switch>true</debug-switch><debug-type>9</debug-type>'
             '</set-debugging>' % PLUS_NS)), "operation-failed", None, "range")  # refused by libnetconf2's parse
 
+    def test_get_returns_the_planes_subscribers_and_punt_policing(self):
+        ok, output = self.switch.control_request(
+            "port replay GigabitEthernet0/0/1=" + os.path.join(EXAMPLES, "captures", "subscribers.pcap"))
+        self.assertTrue(ok, output)
+        subscribers = self.m.get(filter=("subtree", '<forwarding-plane xmlns="%s"><subscribers/></forwarding-plane>'
+                                         % PLANE_NS))
+        mine = "//fp:subscriber[fp:mac='02:00:00:00:00:01']"
+        self.assertEqual(texts(subscribers, mine + "/fp:port"), ["GigabitEthernet0/0/1"], subscribers.data_xml)
+        self.assertEqual(texts(subscribers, mine + "/fp:circuit-id"), ["eth 0/0/1:100.0 AccessSwitch-1/0/0/0/0/0"])
+        self.assertEqual(texts(subscribers, mine + "/fp:last-code"), ["PADR"])
+        self.assertEqual(texts(subscribers, "//fp:punt-policing"), [], "the filter selects the subscribers only")
+        rate = self.m.get(filter=("xpath", ({"q": PLANE_NS}, "/q:forwarding-plane/q:punt-policing/q:global/q:rate")))
+        self.assertEqual(texts(rate, "//fp:rate"), ["2000"], rate.data_xml)
+        everything = self.m.get()
+        self.assertEqual(texts(everything, "//fp:port[fp:name='XGigabitEthernet0/0/1']/fp:punt-policing/fp:rate"),
+                         ["1000"], "the uplink's own bucket")
+
     def test_get_schema_serves_the_switchs_modules(self):
-        for module in ("quendal-pppoe-plus", "quendal-ifm"):
+        for module in ("quendal-pppoe-plus", "quendal-ifm", "quendal-forwarding-plane"):
             with self.subTest(module):
                 text = self.m.get_schema(module).data
                 self.assertIn("module %s {" % module, text)

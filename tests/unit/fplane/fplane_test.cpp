@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <random>
 
 #include "platform/control.h"
 #include "device/fplane.hpp"
@@ -24,6 +25,7 @@ using device::fplane::MemoryPorts;
 using pplus_test::Bytes;
 using pplus_test::Frame;
 using pplus_test::PlainFrame;
+using device::fplane::PuntRate;
 
 // Access ports 5, 6 (VLAN 100), 7 (VLAN 101), 10 (VLAN 100, off board);
 // uplink trunk port 49 (VLANs 100, 101); trunk 100 of members 27, 28
@@ -490,3 +492,195 @@ TEST_F(PlaneTest, RoundTripThroughAStandInAgentAndPromptStop)
 }
 
 }  // namespace
+
+// ---- The subscriber table and punt policing ----
+
+class OperatorViewTest : public PlaneTest {
+protected:
+    void Rebuild(const platform::PlaneSettings &settings)
+    {
+        plane_.reset();
+        WICK_Reset();
+        plane_ = std::make_unique<ForwardingPlane>(ports_, settings);
+        SetFeature(true);
+    }
+    // Punts taken off the agent's channel, then the plane idle.
+    bool Settled()
+    {
+        while (TakePunt(0)) {
+        }
+        return Idle();
+    }
+    static platform::PlaneSettings Unpoliced(uint32_t size = 65536, uint32_t idleSeconds = 0)
+    {
+        platform::PlaneSettings s;
+        s.policing.port = {};
+        s.policing.global = {};
+        s.subscribers = {size, idleSeconds};
+        return s;
+    }
+    std::optional<device::fplane::Subscriber> Find(const pplus_test::Mac &mac, uint16_t inner = 0) const
+    {
+        for (const auto &s : plane_->Subscribers()) {
+            if (s.mac == mac && s.innerVlan == inner) {
+                return s;
+            }
+        }
+        return std::nullopt;
+    }
+    static pplus_test::Mac Client(uint32_t n) { return {0x02, 0x10, 0, static_cast<uint8_t>(n >> 16), static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(n)}; }
+    static Bytes PadiFrom(const pplus_test::Mac &mac) { return Frame().src(mac).padi().hostUniq().eol().bytes(); }
+};
+
+TEST_F(OperatorViewTest, SubscriberEntryFollowsDiscoveryFromPadiToPadtOfEitherSide)
+{
+    Rebuild(Unpoliced());
+    constexpr pplus_test::Mac kAc = pplus_test::kServerMac;
+    constexpr pplus_test::Mac kOtherAc{0x02, 0, 0, 0, 0, 0xbb};
+    const pplus_test::Mac client = pplus_test::kSubscriberMac;
+
+    // PADI punted from port 5; the agent relays it with its tag; two
+    // concentrators offer; the client chooses the second; its PADS names the session.
+    plane_->Receive(5, PadiFrom(client));
+    ASSERT_TRUE(Settled());
+    auto s = Find(client);
+    ASSERT_TRUE(s) << "a PADI punted from a port makes an entry";
+    EXPECT_EQ(s->ifIndex, 5U);
+    EXPECT_EQ(s->vlan, 100);
+    EXPECT_EQ(s->lastCode, device::fplane::kCodePadi);
+    EXPECT_FALSE(s->acMac);
+    EXPECT_FALSE(s->sessionId);
+    SendFromAgent(49, Frame().src(client).vlan(100).padi().hostUniq().vendor(3561, "eth 0/0/1:100", "rid-1").eol().bytes());
+    plane_->Receive(49, Frame().src(kAc).dst(client).vlan(100).pado().eol().bytes());
+    plane_->Receive(49, Frame().src(kOtherAc).dst(client).vlan(100).pado().eol().bytes());
+    ASSERT_TRUE(Settled());
+    s = Find(client);
+    ASSERT_TRUE(s);
+    EXPECT_EQ(s->circuitId, "eth 0/0/1:100") << "the agent's tag towards the concentrator";
+    EXPECT_EQ(s->remoteId, "rid-1");
+    EXPECT_EQ(s->acMac, kAc) << "the first concentrator that answered";
+    EXPECT_EQ(s->ifIndex, 5U) << "an answer from the uplink leaves the port alone";
+    plane_->Receive(5, Frame().src(client).dst(kOtherAc).padr().eol().bytes());
+    SendFromAgent(5, Frame().src(kOtherAc).dst(client).vlan(100).session(0x1234).pads().eol().bytes());
+    ASSERT_TRUE(Settled());
+    s = Find(client);
+    ASSERT_TRUE(s);
+    EXPECT_EQ(s->acMac, kOtherAc) << "the concentrator chosen in the PADR";
+    EXPECT_EQ(s->sessionId, 0x1234);
+    EXPECT_EQ(s->lastCode, device::fplane::kCodePads);
+    EXPECT_LE(s->started, s->lastSeen);
+
+    // A PADO to a client never seen makes nothing; a PADT of another session removes nothing.
+    plane_->Receive(49, Frame().src(kAc).dst(Client(7)).vlan(100).pado().eol().bytes());
+    plane_->Receive(49, Frame().src(kOtherAc).dst(client).vlan(100).session(0x9999).padt().eol().bytes());
+    ASSERT_TRUE(Settled());
+    EXPECT_FALSE(Find(Client(7)));
+    ASSERT_TRUE(Find(client)) << "a PADT names its session";
+    plane_->Receive(49, Frame().src(kOtherAc).dst(client).vlan(100).session(0x1234).padt().eol().bytes());
+    ASSERT_TRUE(Settled());
+    EXPECT_FALSE(Find(client)) << "the concentrator's PADT ends the entry";
+
+    // The same client behind an inner tag on the trunk is another entry;
+    // its own PADT (the agent forwarding it) ends only that one.
+    plane_->Receive(5, PadiFrom(client));
+    plane_->Receive(49, Frame().src(client).vlan(100).qinq(300).padi().eol().bytes());
+    ASSERT_TRUE(Settled());
+    ASSERT_TRUE(Find(client, 300));
+    EXPECT_EQ(Find(client, 300)->ifIndex, 49U);
+    SendFromAgent(49, Frame().src(client).dst(kAc).vlan(100).qinq(300).padt().eol().bytes());
+    ASSERT_TRUE(Settled());
+    EXPECT_FALSE(Find(client, 300));
+    EXPECT_TRUE(Find(client));
+    EXPECT_EQ(plane_->SubscriberStats().entries, 1U);
+}
+
+TEST_F(OperatorViewTest, ARandomMacStormStaysWithinTheBoundEvictingTheIdlestFirst)
+{
+    struct Row {
+        const char *why;
+        uint32_t size;
+    };
+    const Row rows[] = {
+        {"a small table keeps one order", 8},
+        {"a large table is sharded", 4096},
+    };
+    std::mt19937 random(7);
+    for (const Row &row : rows) {
+        Rebuild(Unpoliced(row.size));
+        const pplus_test::Mac quiet = Client(0xF00000);
+        const pplus_test::Mac active = Client(0xF00001);
+        plane_->Receive(5, PadiFrom(quiet));
+        const uint32_t storm = row.size * 4;
+        for (uint32_t i = 0; i < storm; i++) {
+            if (i % 4 == 0) {
+                plane_->Receive(6, PadiFrom(active));   // keeps discovering through the storm
+            }
+            plane_->Receive(7, Frame().src(Client(random() & 0xFFFFF)).padi().eol().bytes());
+            // The agent's channel is drained as the agent would.
+            while (TakePunt(0)) {
+            }
+        }
+        const auto stats = plane_->SubscriberStats();
+        EXPECT_LE(stats.entries, row.size) << row.why;
+        EXPECT_EQ(plane_->Subscribers().size(), stats.entries) << row.why;
+        EXPECT_GT(stats.evictions, 0U) << row.why;
+        EXPECT_TRUE(Find(active)) << row.why << ": an entry in use survives";
+        EXPECT_FALSE(Find(quiet)) << row.why << ": the idlest goes first";
+    }
+    // Entries age out after their idle time.
+    Rebuild(Unpoliced(64, 1));
+    plane_->Receive(5, PadiFrom(Client(1)));
+    ASSERT_TRUE(Find(Client(1)));
+    EXPECT_TRUE(pplus_test::WaitFor([this]() { return plane_->Subscribers().empty(); }, 10000));
+    EXPECT_EQ(plane_->SubscriberStats().agedOut, 1U);
+}
+
+TEST_F(OperatorViewTest, PolicingCountsAddUpAndAFloodingPortLeavesOthersTheirRate)
+{
+    // Ports at 50/s (burst 50), the switch at 60/s (burst 60): the flood
+    // on port 5 is held to its own rate and leaves port 7 its ten PADIs.
+    platform::PlaneSettings settings = Unpoliced();
+    settings.policing.port = {50, 50};
+    settings.policing.global = {60, 60};
+    Rebuild(settings);
+    const auto began = std::chrono::steady_clock::now();
+    std::thread flood([this]() {
+        const Bytes padi = PadiFrom(Client(1));
+        for (int i = 0; i < 5000; i++) {
+            plane_->Receive(5, padi);
+        }
+    });
+    for (uint32_t i = 0; i < 10; i++) {
+        plane_->Receive(7, PadiFrom(Client(100 + i)));   // while the flood runs
+    }
+    flood.join();
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+    const auto flooded = plane_->Counters(5);
+    const auto other = plane_->Counters(7);
+    EXPECT_EQ(flooded.rx, 5000U);
+    EXPECT_EQ(flooded.rx, flooded.punted + flooded.policed + flooded.dropped) << "every frame counted once";
+    EXPECT_GE(flooded.punted, 50U) << "the burst goes through";
+    EXPECT_LE(flooded.punted, 50U + static_cast<uint64_t>(50 * seconds) + 1) << "then the rate";
+    EXPECT_EQ(other.punted, 10U) << "another port keeps its share";
+    EXPECT_EQ(other.policed, 0U);
+
+    // A port's own bucket, set while frames flow; and no limit at all.
+    plane_->SetPortPolicing(7, PuntRate{1, 2});
+    for (int i = 0; i < 10; i++) {
+        plane_->Receive(7, PadiFrom(Client(200)));
+    }
+    EXPECT_LE(plane_->Counters(7).punted, 10U + 2U + 1U);
+    EXPECT_GE(plane_->Counters(7).policed, 7U);
+    EXPECT_EQ(plane_->Policing().ports.at(7), (PuntRate{1, 2}));
+    plane_->SetPortPolicing(7, std::nullopt);
+    plane_->SetDefaultPolicing({});
+    plane_->SetGlobalPolicing({});
+    const auto before = plane_->Counters(5);
+    for (int i = 0; i < 500; i++) {
+        plane_->Receive(5, PadiFrom(Client(1)));
+        while (TakePunt(0)) {
+        }
+    }
+    EXPECT_EQ(plane_->Counters(5).punted, before.punted + 500) << "policing off lets everything through";
+    EXPECT_EQ(plane_->Counters(5).policed, before.policed);
+}

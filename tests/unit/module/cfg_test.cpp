@@ -4,9 +4,11 @@
 #include <atomic>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "module_fixture.hpp"
 #include "platform/control.h"
+#include "platform/world.hpp"
 #include "plat_safe.h"
 #include "pppoe_plus_cfg.h"
 
@@ -256,4 +258,56 @@ TEST_F(CfgTest, TrustedPortsMatchByVlanInListOrderAtMostEight)
     EXPECT_EQ(ports[0], 20U);
     PPPOE_PLUS_GetAllMatchTrustPort(ports, 8, &count, 300, 2);
     EXPECT_EQ(count, 0U);
+}
+
+TEST_F(CfgTest, TrustedPortMatchFollowsTrustHoweverWritten)
+{
+    // The match walks the ports it last saw trusted: a trust byte written
+    // through the setter or straight into the block, and a list made anew,
+    // each show in the next match, in list order.
+    PPPOE_PLUS_UpdateDebugSwitch(4, 0);
+    for (uint32_t port = 1; port <= 3; port++) {
+        platform::world::PortVlanSet(port, 100, true);
+    }
+    PortCB *second = nullptr;
+    ASSERT_EQ(PPPOE_PLUS_GetPortCBByIndex(1, &second), 0U);
+    ASSERT_EQ(PPPOE_PLUS_GetPortCBByIndex(2, &second), 0U);
+    PPPOE_PLUS_SetPortTrust(3, 1);
+    auto match = []() {
+        uint32_t ports[8] = {};
+        uint32_t count = 0;
+        PPPOE_PLUS_GetAllMatchTrustPort(ports, 8, &count, 100, 99);
+        return std::vector<uint32_t>(ports, ports + count);
+    };
+    EXPECT_EQ(match(), std::vector<uint32_t>{3});
+    second->trust = 1;
+    PPPOE_PLUS_SetPortTrust(1, 1);
+    EXPECT_EQ(match(), (std::vector<uint32_t>{1, 2, 3}));
+    second->trust.store(0);
+    PPPOE_PLUS_SetPortTrust(3, 2);
+    EXPECT_EQ(match(), std::vector<uint32_t>{1});
+    PPPOE_PLUS_InitGlobalCfgData();
+    EXPECT_EQ(match(), std::vector<uint32_t>{});
+    PPPOE_PLUS_SetPortTrust(2, 1);
+    EXPECT_EQ(match(), std::vector<uint32_t>{2});
+}
+
+TEST_F(CfgTest, BlocksBeyondTheIndexAreFoundThroughTheList)
+{
+    // More blocks than the index holds: the later ones are found by walking
+    // the list, each exactly once and never made twice.
+    PPPOE_PLUS_UpdateDebugSwitch(4, 0);
+    constexpr uint32_t kPorts = 13000;
+    std::vector<PortCB *> made(kPorts);
+    for (uint32_t i = 0; i < kPorts; i++) {
+        ASSERT_EQ(PPPOE_PLUS_GetPortCBByIndex(100000 + i * 7, &made[i]), 0U);
+    }
+    for (uint32_t i = 0; i < kPorts; i += 97) {
+        EXPECT_EQ(PPPOE_PLUS_FindPortCBByindex(100000 + i * 7), made[i]);
+        PortCB *again = nullptr;
+        ASSERT_EQ(PPPOE_PLUS_GetPortCBByIndex(100000 + i * 7, &again), 0U);
+        EXPECT_EQ(again, made[i]);
+    }
+    EXPECT_EQ(PPPOE_PLUS_FindPortCBByindex(100000 + kPorts * 7), nullptr);
+    EXPECT_EQ(PPPOE_PLUS_GetGlobalPortList().count, kPorts);
 }

@@ -7,11 +7,13 @@
 
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -403,4 +405,57 @@ TEST(TaskRegistry, ForeignThreadsAreRecordedUnderTheirThreadName)
     EXPECT_STREQ(info.waitingIn, "Gate");
     release = true;
     waiter.join();
+}
+
+TEST(LogSink, AStalledSinkNeverHoldsUpWritersAndReportsWhatItLost)
+{
+    // The sink's thread is stuck in a slow printer: writers keep going,
+    // lines beyond the queue's room are dropped and counted, and a line of
+    // the sink says how many once it catches up; the rest stay in order.
+    struct Gate {
+        std::mutex mu;
+        std::condition_variable cv;
+        bool entered = false;
+        bool open = false;
+        std::vector<std::string> notes;  // the sink's own lines
+    } gate;
+    PLAT_LogSetPrinter(
+        [](uint32_t kind, const char *line, void *arg) {
+            auto *g = static_cast<Gate *>(arg);
+            std::unique_lock lock(g->mu);
+            if (kind == PLAT_LOG_PLATFORM) {
+                g->notes.emplace_back(line);
+            }
+            g->entered = true;
+            g->cv.notify_all();
+            g->cv.wait(lock, [g]() { return g->open; });
+        },
+        &gate);
+    PLAT_LogWrite(PLAT_LOG_DIAG, "first");
+    {
+        std::unique_lock lock(gate.mu);
+        ASSERT_TRUE(gate.cv.wait_for(lock, std::chrono::seconds(10), [&gate]() { return gate.entered; }));
+    }
+    const uint64_t droppedBefore = PLAT_LogRecordsDropped();
+    constexpr uint32_t kLines = 80000;  // more than the queue holds
+    for (uint32_t i = 0; i < kLines; i++) {
+        PLAT_LogWrite(PLAT_LOG_DEBUG, "flood %u", i);
+    }
+    const uint64_t dropped = PLAT_LogRecordsDropped() - droppedBefore;
+    EXPECT_GT(dropped, 0U);
+    {
+        std::lock_guard lock(gate.mu);
+        gate.open = true;
+    }
+    gate.cv.notify_all();
+    PLAT_LogSetPrinter(nullptr, nullptr);
+    EXPECT_EQ(gate.notes, std::vector<std::string>{"platform log: " + std::to_string(dropped) +
+                                                   " record(s) dropped, the sink could not keep up"});
+    // What was kept is the oldest lines, in order, with no gap inside them.
+    EXPECT_EQ(PLAT_LogLastSeq(), 1U + (kLines - dropped) + 1U);
+    EXPECT_NE(pplus_test::LogInOrder(PLAT_LOG_DEBUG,
+                                     {("flood " + std::to_string(kLines - dropped - 2)).c_str(),
+                                      ("flood " + std::to_string(kLines - dropped - 1)).c_str()}),
+              0U);
+    EXPECT_EQ(PLAT_LogFind(PLAT_LOG_DEBUG, ("flood " + std::to_string(kLines - dropped)).c_str(), 0), 0U);
 }

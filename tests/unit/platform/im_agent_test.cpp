@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <thread>
 
 #include "im_agent.h"
 #include "platform/control.h"
@@ -80,4 +81,37 @@ TEST(ImAgent, DebugLinesDropTheVsidDirective)
     EXPECT_EQ(PLAT_LogCount(PLAT_LOG_DEBUG, ""), 1U);
     EXPECT_NE(IM_Agent_Debug(nullptr, 1, "MOD", "x"), 0U);
     EXPECT_NE(IM_Agent_Debug(h, 1, "MOD", nullptr), 0U);
+}
+
+TEST(ImAgent, PointersThatAreNoRecordAreRefusedWithoutBeingRead)
+{
+    IM_AGENT_HANDLE_S *h = IM_Agent_GetHandle("mod", kIds, 2);
+    ASSERT_NE(h, nullptr);
+    IM_AGENT_OBJ_S *obj = IM_Agent_ObjCreate(h, 0x100);
+    ASSERT_NE(obj, nullptr);
+    // A foreign pointer, one inside a record and a handle used as a record.
+    alignas(64) unsigned char foreign[256] = {};
+    auto *inside = reinterpret_cast<IM_AGENT_OBJ_S *>(reinterpret_cast<unsigned char *>(obj) + 8);
+    for (IM_AGENT_OBJ_S *bad : {reinterpret_cast<IM_AGENT_OBJ_S *>(foreign), inside,
+                                reinterpret_cast<IM_AGENT_OBJ_S *>(h)}) {
+        EXPECT_NE(IM_Agent_AddPara(bad, IM_AGENT_PARA_STRING, 1, "x"), 0U);
+        EXPECT_NE(IM_Agent_Send(bad), 0U);
+        EXPECT_NE(IM_Agent_ObjFree(bad), 0U);
+    }
+    EXPECT_EQ(IM_Agent_ObjCreate(reinterpret_cast<IM_AGENT_HANDLE_S *>(foreign), 0x100), nullptr);
+    EXPECT_EQ(IM_Agent_ObjFree(obj), 0U);
+
+    // A record freed on another thread is reused without what it carried.
+    obj = IM_Agent_ObjCreate(h, 0x100);
+    ASSERT_NE(obj, nullptr);
+    EXPECT_EQ(IM_Agent_AddPara(obj, IM_AGENT_PARA_STRING, 5, "stale"), 0U);
+    std::thread([obj]() { EXPECT_EQ(IM_Agent_ObjFree(obj), 0U); }).join();
+    EXPECT_NE(IM_Agent_Send(obj), 0U);
+    std::thread([h]() {
+        IM_AGENT_OBJ_S *again = IM_Agent_ObjCreate(h, 0x100);
+        ASSERT_NE(again, nullptr);
+        EXPECT_EQ(IM_Agent_Send(again), 0U);
+        EXPECT_EQ(IM_Agent_ObjFree(again), 0U);
+    }).join();
+    EXPECT_EQ(LastLine(), "MOD_LOG_ID_DEBUG Module debug information. (Info=[Info])");
 }

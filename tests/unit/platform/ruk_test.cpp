@@ -8,6 +8,7 @@
 #include <string>
 #include <thread>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "platform/control.h"
@@ -205,4 +206,51 @@ TEST(RukMemory, HandlesPartitionsAndPerSiteAccounting)
     EXPECT_EQ(RUK_MemFree_F(h, a2, "f.c", 1), RUK_OK);
     EXPECT_EQ(PLAT_MemOutstanding(), 0U);
     EXPECT_EQ(PLAT_MemLeakReport(nullptr, nullptr), 0U);
+}
+
+TEST(RukMemory, BlocksCrossThreadsAndLargeOnesComeFromTheHeap)
+{
+    // Blocks made on one thread and freed on others (the queue's payloads),
+    // of every size up to beyond the pooled ones: accounting stays exact,
+    // each block is whole while it lives, and a freed one is refused again.
+    uint32_t h = 0;
+    uint32_t pt = 0;
+    ASSERT_EQ(RUK_HandleInitialize("cross", &h), RUK_OK);
+    ASSERT_EQ(RUK_MemPtNoGet("EXTPT", &pt), RUK_OK);
+    const uint32_t base = PLAT_MemOutstanding();
+    const size_t sizes[] = {1, 31, 32, 200, 4096, 8192, 16384 - 32, 16384, 70000};
+    std::vector<std::pair<void *, size_t>> blocks;
+    for (int round = 0; round < 50; round++) {
+        for (size_t size : sizes) {
+            void *p = RUK_MemAlloc_F(h, pt, size, "cross.c", 1);
+            ASSERT_NE(p, nullptr);
+            std::memset(p, round, size);
+            blocks.emplace_back(p, size);
+        }
+    }
+    EXPECT_EQ(PLAT_MemOutstanding(), base + blocks.size());
+    std::vector<std::thread> freers;
+    std::atomic<uint32_t> torn{0};
+    for (size_t t = 0; t < 3; t++) {
+        freers.emplace_back([&blocks, &torn, h, pt, t]() {
+            for (size_t i = t; i < blocks.size(); i += 3) {
+                const auto *bytes = static_cast<const unsigned char *>(blocks[i].first);
+                const unsigned char mark = static_cast<unsigned char>(i / (sizeof(sizes) / sizeof(sizes[0])));
+                if (bytes[0] != mark || bytes[blocks[i].second - 1] != mark) {
+                    torn++;
+                }
+                EXPECT_EQ(RUK_MemFree_F(h, blocks[i].first, "cross.c", 2), RUK_OK);
+                // Freshly made and freed on this thread meanwhile.
+                void *p = RUK_MemAlloc_F(h, pt, blocks[i].second, "cross.c", 3);
+                EXPECT_EQ(RUK_MemFree_F(h, p, "cross.c", 4), RUK_OK);
+            }
+        });
+    }
+    for (std::thread &t : freers) {
+        t.join();
+    }
+    EXPECT_EQ(torn.load(), 0U);
+    EXPECT_EQ(PLAT_MemOutstanding(), base);
+    EXPECT_EQ(RUK_MemFree_F(h, blocks.back().first, "cross.c", 5), RUK_ERR_BAD_FREE);  // a heap block
+    EXPECT_EQ(RUK_MemFree_F(h, blocks.front().first, "cross.c", 5), RUK_ERR_BAD_FREE);  // a pooled one
 }

@@ -197,3 +197,50 @@ TEST(Topology, SwitchingRefusalsNameTheLineAndTheKey)
         EXPECT_NE(error.find(c.what), std::string::npos) << yaml << " -> " << error;
     }
 }
+
+TEST(Topology, PlaneSectionSetsPuntPolicingAndTheSubscriberTable)
+{
+    std::string error;
+    const auto defaults = device::world::LoadTopologyText("system: {name: S}\n", &error);
+    ASSERT_TRUE(defaults) << error;
+    EXPECT_EQ(defaults->plane.policing.port, (platform::PuntRate{100, 200}));
+    EXPECT_EQ(defaults->plane.policing.global, (platform::PuntRate{2000, 4000}));
+    EXPECT_EQ(defaults->plane.subscribers.size, 65536U);
+
+    const auto set = device::world::LoadTopologyText(
+        "system: {name: S}\n"
+        "interfaces:\n"
+        "  - {name: A, ifindex: 5, punt-policing: {rate: 7}}\n"
+        "  - {name: B, ifindex: 6, punt-policing: off}\n"
+        "forwarding-plane:\n"
+        "  punt-policing: {port: {rate: 10, burst: 15}, global: off}\n"
+        "  subscriber-table: {size: 0, idle-timeout: 30}\n",
+        &error);
+    ASSERT_TRUE(set) << error;
+    EXPECT_EQ(set->plane.policing.port, (platform::PuntRate{10, 15}));
+    EXPECT_FALSE(set->plane.policing.global.Limits());
+    EXPECT_EQ(set->plane.policing.ports.at(5), (platform::PuntRate{7, 14})) << "burst defaults to twice the rate";
+    EXPECT_FALSE(set->plane.policing.ports.at(6).Limits());
+    EXPECT_EQ(set->plane.subscribers.size, 0U);
+    EXPECT_EQ(set->plane.subscribers.idleSeconds, 30U);
+
+    struct Case {
+        const char *yaml;
+        const char *what;
+    };
+    const Case cases[] = {
+        {"forwarding-plane: {punt-policing: {port: {rate: 0}}}\n", "forwarding-plane.punt-policing.port.rate"},
+        {"forwarding-plane: {punt-policing: {port: {burst: 5}}}\n", "missing key 'rate'"},
+        {"forwarding-plane: {punt-policing: {global: fast}}\n", "expected off or {rate: R, burst: B}"},
+        {"forwarding-plane: {punt-policing: {ports: off}}\n", "forwarding-plane.punt-policing.ports: unknown key"},
+        {"forwarding-plane: {subscriber-table: {size: many}}\n", "forwarding-plane.subscriber-table.size"},
+        {"forwarding-plane: {colour: red}\n", "forwarding-plane.colour: unknown key"},
+        {"interfaces:\n  - {name: A, ifindex: 5, punt-policing: {rate: 5, colour: red}}\n",
+         "interfaces[0].punt-policing.colour: unknown key"},
+    };
+    for (const Case &c : cases) {
+        const std::string yaml = std::string("system: {name: S}\n") + c.yaml;
+        EXPECT_FALSE(device::world::LoadTopologyText(yaml, &error)) << yaml;
+        EXPECT_NE(error.find(c.what), std::string::npos) << yaml << " -> " << error;
+    }
+}

@@ -55,10 +55,38 @@ TEST(ZavkAssert, CountsPerCallSiteAndNeverAborts)
     EXPECT_EQ(PLAT_AssertCountAt("a.c", 10), 2U);
     EXPECT_EQ(PLAT_AssertCountAt("a.c", 11), 0U);
     EXPECT_EQ(PLAT_AssertCountAt("b.c", 10), 1U);
-    EXPECT_EQ(PLAT_LogCount(PLAT_LOG_PLATFORM, "ZAVK assert at a.c:10"), 2U);
     PLAT_AssertReset();
     EXPECT_EQ(PLAT_AssertCount(), 0U);
     EXPECT_EQ(PLAT_AssertCountAt("a.c", 10), 0U);
+}
+
+TEST(ZavkAssert, RepeatsAreCountedAllAndReportedOnceThenSummarisedPerInterval)
+{
+    PLAT_SetTimeScale(50);  // the 10 s report interval takes 500 ms
+    for (int i = 0; i < 1000; i++) {
+        ZAVK_Assert("rep.c", 7);
+    }
+    ZAVK_Assert("once.c", 20);
+    EXPECT_EQ(PLAT_AssertCountAt("rep.c", 7), 1000U);
+    EXPECT_EQ(PLAT_AssertCount(), 1001U);
+    EXPECT_EQ(PLAT_LogCount(PLAT_LOG_PLATFORM, "ZAVK assert at rep.c:7"), 1U);
+
+    // The interval's repeats become one summary line.
+    ASSERT_TRUE(WaitFor([]() {
+        return PLAT_LogCount(PLAT_LOG_PLATFORM, "ZAVK assert at rep.c:7 repeated 999 more time(s) over ") == 1;
+    }));
+    EXPECT_EQ(PLAT_LogCount(PLAT_LOG_PLATFORM, "(1000 in total)"), 1U);
+    // Repeats within the next interval wait for its summary; an exit writes it at once.
+    for (int i = 0; i < 5; i++) {
+        ZAVK_Assert("rep.c", 7);
+    }
+    EXPECT_EQ(PLAT_LogCount(PLAT_LOG_PLATFORM, "ZAVK assert at rep.c:7"), 2U);
+    PLAT_AssertFlushReports();
+    EXPECT_EQ(PLAT_LogCount(PLAT_LOG_PLATFORM, "ZAVK assert at rep.c:7 repeated 5 more time(s) over "), 1U);
+    EXPECT_EQ(PLAT_LogCount(PLAT_LOG_PLATFORM, "(1005 in total)"), 1U);
+    // A site that asserted once has nothing to summarise.
+    EXPECT_EQ(PLAT_LogCount(PLAT_LOG_PLATFORM, "ZAVK assert at once.c:20"), 1U);
+    PLAT_SetTimeScale(1000);
 }
 
 TEST(ZavkWatchdog, ReportsEachThresholdOnceForAStuckUnitOfWorkOnly)

@@ -291,3 +291,29 @@ TEST_F(WickChannelTest, InjectedFailuresReturnTheDocumentedForms)
     EXPECT_EQ(PLAT_CallCount("MbufPktNewFromData"), 0U);
     EXPECT_EQ(PLAT_CallCount("FpcMbufFree"), 0U);
 }
+
+TEST_F(WickChannelTest, AResetRetiresChannelsAndNothingPutAfterItIsLost)
+{
+    // The forwarding plane's side remembers a name's channel: after a reset
+    // a put by that name reaches the channel made anew, not the retired one.
+    const uint8_t b = 7;
+    ASSERT_EQ(WICK_ChannelPut("reset/ch", &b, 1), 0U);
+    uint8_t got = 0;
+    uint32_t len = 0;
+    ASSERT_EQ(WICK_ChannelTake("reset/ch", &got, 1, &len, 0), 0U);
+    const uint32_t oldId = FPC_ChannelGetIdByName("reset/ch");
+    WICK_Reset();
+    EXPECT_EQ(FPC_ChannelGetIdByName("reset/ch"), FPC_INVALID_ID);
+    ASSERT_EQ(WICK_ChannelPut("reset/ch", &b, 1), 0U);
+    EXPECT_EQ(WICK_ChannelDepth("reset/ch"), 1U);
+    EXPECT_NE(FPC_ChannelGetIdByName("reset/ch"), oldId);
+    // A receiver still holding the old id finds no channel there.
+    FpcMbuf *m = nullptr;
+    EXPECT_NE(FPC_ChannelDcRecv(oldId, &m), 0U);
+    FpcMbuf *unsent = Frame(1);
+    EXPECT_EQ(FPC_ChannelDcSendByIdNoSem("t", oldId, 0, unsent), 1U);  // the sender keeps it
+    FpcMbufFree(unsent, "channel_test", 0);
+    ASSERT_EQ(WICK_ChannelTake("reset/ch", &got, 1, &len, 0), 0U);
+    EXPECT_EQ(got, 7U);
+    EXPECT_NE(WICK_ChannelTake("reset/ch", &got, 1, &len, 0), 0U);
+}

@@ -4,9 +4,18 @@
 #include "ydbc_harness.hpp"
 
 #include <platform/control.h>
+#include <platform/ydbc_wire.hpp>
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <fstream>
+#include <thread>
 #include <sstream>
 
 namespace ydbc_test {
@@ -455,7 +464,18 @@ TEST_F(DatastoreTest, TheStoreSurvivesARestartAndABadStoreStopsTheStart)
     EXPECT_FALSE(std::filesystem::exists(options_.socketPath));
     EXPECT_FALSE(std::filesystem::exists(options_.storePath + ".tmp"));
 
-    std::ofstream(options_.socketPath) << "left over";  // a stale file is replaced
+    // A socket file no one serves is replaced; any other file is left alone.
+    std::ofstream(options_.socketPath) << "left over";
+    std::string refused;
+    EXPECT_EQ(device::yangdb::Server::Start(options_, &refused), nullptr);
+    EXPECT_EQ(refused, options_.socketPath + " exists and is no socket");
+    std::filesystem::remove(options_.socketPath);
+    const int stale = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    options_.socketPath.copy(addr.sun_path, sizeof(addr.sun_path) - 1);
+    ASSERT_EQ(bind(stale, reinterpret_cast<const sockaddr *>(&addr), sizeof(addr)), 0);
+    close(stale);
     StartServer();
     EXPECT_EQ(admin_->Export().text, exported);
     std::string busy;
@@ -541,6 +561,108 @@ TEST_F(DatastoreTest, ClientEntryPointsFailCleanly)
     EXPECT_EQ(bytes->length, 4U);
     ydbc_free_bytes(bytes);
     EXPECT_EQ(ydbc_pull(nullptr, 0, "/x", 0, &bytes), 1U);
+}
+
+TEST_F(DatastoreTest, AClientThatReadsNoAnswersStopsBeingReadThenIsDroppedWhileOthersAreServed)
+{
+    options_.limits.pauseRequestsAt = 64U << 10;
+    options_.limits.drainTimeout = std::chrono::milliseconds(1500);
+    StartServer();
+    for (int i = 0; i < 20; i++) {
+        const std::string name = "GigabitEthernet0/0/" + std::to_string(i);
+        ASSERT_TRUE(admin_->Edit(PortXml(name, "<if-description><ifIndex>" + std::to_string(i) +
+                                                   "</ifIndex><ifDescr>line " + name + "</ifDescr></if-description>"),
+                                 EditMode::kMerge).ok);
+    }
+    // Exports pipelined as fast as the socket takes them, no answer read.
+    const int hog = platform::ydbc::wire::ConnectUnix(options_.socketPath);
+    ASSERT_GE(hog, 0);
+    platform::ydbc::wire::Message exportRequest;
+    exportRequest.type = platform::ydbc::wire::Type::kExport;
+    std::string batch;
+    for (int i = 0; i < 1000; i++) {
+        batch += platform::ydbc::wire::Encode(exportRequest);
+    }
+    size_t accepted = 0;
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (std::chrono::steady_clock::now() < until && accepted < (200U << 20)) {
+        const ssize_t n = send(hog, batch.data(), batch.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (n > 0) {
+            accepted += static_cast<size_t>(n);
+        } else {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
+    // The socket filled up: a few hundred requests at most were taken.
+    EXPECT_LT(accepted / (batch.size() / 1000), 20000U);
+
+    // Meanwhile another session is served at once.
+    const auto asked = std::chrono::steady_clock::now();
+    const device::yangdb::Reply exported = admin_->Export();
+    EXPECT_TRUE(exported.ok);
+    EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(1));
+
+    // With its answers not read for the drain timeout, the hog is dropped.
+    EXPECT_TRUE(WaitFor([]() {
+        return PLAT_LogCount(PLAT_LOG_PLATFORM, "dropped: its answers were not read for 1500 ms") == 1;
+    }));
+    char buf[65536];
+    ssize_t n = 0;
+    while ((n = recv(hog, buf, sizeof(buf), 0)) > 0) {
+    }
+    EXPECT_TRUE(n == 0 || errno == ECONNRESET);  // the end of the stream, after what was queued for it
+    close(hog);
+    EXPECT_TRUE(admin_->Export().ok);
+}
+
+TEST_F(DatastoreTest, SocketStoreAndItsFolderAreTheOwnersWhateverTheUmask)
+{
+    const mode_t old = umask(0);
+    StartServer();
+    umask(old);
+    ASSERT_TRUE(admin_->Edit(PlusXml("<vendor-id><vendor-id>7</vendor-id></vendor-id>"), EditMode::kMerge).ok);
+    const auto mode = [](const std::string &path) {
+        struct stat st = {};
+        return stat(path.c_str(), &st) == 0 ? st.st_mode & 0777 : 01000U;
+    };
+    EXPECT_EQ(mode(options_.socketPath), 0660U);
+    EXPECT_EQ(mode(options_.storePath), 0600U);
+    EXPECT_EQ(mode(std::filesystem::path(options_.storePath).parent_path()), 0700U);
+}
+
+TEST(XPathGuard, TheModOperatorIsRefusedWhereverItStandsAndNamesOrLiteralsAreNot)
+{
+    struct Row {
+        const char *expr;
+        bool evaluable;
+    };
+    const Row rows[] = {
+        {"/quendal-ifm:ifm/interfaces/interface[name='GigabitEthernet0/0/1']", true},
+        {"/quendal-ifm:ifm[0 mod 0]", false},
+        {"*modQ*/*/*", false},                   // libyang reads an operator there without a blank
+        {"(0 div 0) mod -1", false},
+        {"/a[last() mod 2 = 0]", false},
+        {"/a[mode='x']/x:mode/mod", true},       // names
+        {"/a[b='mod' or c=\"1 mod 0\"]", true},  // literals
+        {"/a[b=$mod]", true},                     // a variable
+    };
+    for (const Row &row : rows) {
+        std::string why;
+        EXPECT_EQ(device::yangdb::XPathEvaluable(row.expr, &why), row.evaluable) << row.expr;
+        EXPECT_EQ(why.empty(), row.evaluable) << row.expr;
+    }
+}
+
+TEST_F(DatastoreTest, AnExpressionThatWouldKillTheEvaluatorIsRefusedAndTheDatastoreServesOn)
+{
+    StartServer();
+    for (const char *path : {"/quendal-ifm:ifm[0 mod 0]", "/quendal-pppoe-plus:pppoe-plus[(0 div 0) mod -1]"}) {
+        const device::yangdb::Reply got = admin_->Get(path);
+        EXPECT_FALSE(got.ok) << path;
+        EXPECT_NE(got.text.find("the XPath operator mod is not supported"), std::string::npos) << got.text;
+        EXPECT_FALSE(admin_->Delete(path).ok) << path;
+    }
+    EXPECT_TRUE(admin_->Export().ok);
 }
 
 }  // namespace

@@ -3,11 +3,16 @@
 // owns a port control block with its trust, policy, counters and up to 32
 // per-interface formats. The configuration task writes the store, the packet
 // task reads it and creates blocks for new ports; the port and format lists
-// and the user-defined strings are guarded by one reader-writer lock.
+// and the user-defined strings are guarded by one reader-writer lock, whose
+// readers (the packet task, many times a frame) share no cache line. Blocks
+// are never freed, so a lock-free index beside the list finds a block by
+// ifIndex, and the trusted-port match walks only the ports it last saw
+// trusted, looking at the whole list again when a trust byte changed.
 #include "pppoe_plus_cfg.h"
 
 #include <cstdarg>
 #include <cstring>
+#include <thread>
 
 #include "plat_safe.h"
 #include "pppoe_plus_acl.h"
@@ -74,10 +79,133 @@ T *DllFind(const PppoePlusDllHead *head, Visit visit)
     return nullptr;
 }
 
+// ---- Finding a control block by ifIndex ----
+//
+// An open-addressing table of the blocks, written under the lock and read
+// without it: blocks are never freed and never leave the table (until the
+// list itself is reset at start-up). Beyond kPortIndexMax blocks the table
+// stops taking more and look-ups that miss walk the list.
+constexpr uint32_t kPortIndexBits = 14;
+constexpr uint32_t kPortIndexSlots = 1U << kPortIndexBits;
+constexpr uint32_t kPortIndexMax = kPortIndexSlots / 4U * 3U;
+
+std::atomic<PortCB *> g_portIndex[kPortIndexSlots];
+uint32_t g_portIndexed = 0;                   // under the lock
+std::atomic<bool> g_portIndexFull{false};
+// Bumped when the port list is reset, so views of it are taken afresh.
+std::atomic<uint32_t> g_portListEpoch{0};
+
+uint32_t PortIndexHome(uint32_t ifIndex)
+{
+    return (ifIndex * 0x9E3779B1U) >> (32U - kPortIndexBits);
+}
+
+PortCB *PortIndexFind(uint32_t ifIndex)
+{
+    uint32_t i = PortIndexHome(ifIndex);
+    for (uint32_t probes = 0; probes < kPortIndexSlots; probes++, i = (i + 1U) & (kPortIndexSlots - 1U)) {
+        PortCB *cb = g_portIndex[i].load(std::memory_order_acquire);
+        if (cb == nullptr || cb->ifIndex == ifIndex) {
+            return cb;
+        }
+    }
+    return nullptr;
+}
+
+// Caller holds the lock exclusively.
+void PortIndexAdd(PortCB *cb)
+{
+    if (g_portIndexed >= kPortIndexMax) {
+        g_portIndexFull.store(true, std::memory_order_release);
+        return;
+    }
+    uint32_t i = PortIndexHome(cb->ifIndex);
+    while (g_portIndex[i].load(std::memory_order_relaxed) != nullptr) {
+        i = (i + 1U) & (kPortIndexSlots - 1U);
+    }
+    g_portIndex[i].store(cb, std::memory_order_release);
+    g_portIndexed++;
+}
+
+// Caller holds the lock exclusively.
+void PortIndexClear()
+{
+    for (auto &slot : g_portIndex) {
+        slot.store(nullptr, std::memory_order_relaxed);
+    }
+    g_portIndexed = 0;
+    g_portIndexFull.store(false, std::memory_order_release);
+}
+
+// Caller holds the lock, either way.
 PortCB *FindPortLocked(uint32_t ifIndex)
 {
+    PortCB *cb = PortIndexFind(ifIndex);
+    if (cb != nullptr || !g_portIndexFull.load(std::memory_order_acquire)) {
+        return cb;
+    }
     return DllFind<PortCB>(&g_pppoePlusGlobalInfo.portList,
-                           [ifIndex](const PortCB *cb) { return cb->ifIndex == ifIndex; });
+                           [ifIndex](const PortCB *found) { return found->ifIndex == ifIndex; });
+}
+
+// Without the lock: it is taken only when the index is full and missed.
+PortCB *FindPort(uint32_t ifIndex)
+{
+    PortCB *cb = PortIndexFind(ifIndex);
+    if (cb != nullptr || !g_portIndexFull.load(std::memory_order_acquire)) {
+        return cb;
+    }
+    PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
+    return FindPortLocked(ifIndex);
+}
+
+// ---- The trusted ports in list order, for the trusted-port match ----
+//
+// Rebuilt under the lock exclusively when a trust byte changed or the list
+// was reset since the last build, and read under it shared. More trusted
+// ports than it holds: the match walks the whole list.
+constexpr uint32_t kTrustViewMax = 64;
+
+struct TrustView {
+    bool built = false;
+    uint32_t trustChanges = 0;
+    uint32_t listEpoch = 0;
+    bool overflow = false;
+    uint32_t count = 0;
+    PortCB *ports[kTrustViewMax] = {};
+};
+
+TrustView g_trustView;
+
+// Caller holds the lock, either way.
+bool TrustViewCurrent()
+{
+    return g_trustView.built &&
+           g_trustView.trustChanges == g_pppoePlusTrustChanges.load(std::memory_order_acquire) &&
+           g_trustView.listEpoch == g_portListEpoch.load(std::memory_order_acquire);
+}
+
+// Caller holds the lock exclusively.
+void TrustViewBuild()
+{
+    TrustView &view = g_trustView;
+    // Read first: a change made while the list is walked builds again.
+    view.trustChanges = g_pppoePlusTrustChanges.load(std::memory_order_acquire);
+    view.listEpoch = g_portListEpoch.load(std::memory_order_acquire);
+    view.count = 0;
+    view.overflow = false;
+    (void)DllFind<PortCB>(&g_pppoePlusGlobalInfo.portList, [](PortCB *cb) {
+        if (cb->trust.load(std::memory_order_relaxed) != 1) {
+            return false;
+        }
+        if (g_trustView.count == kTrustViewMax) {
+            g_trustView.overflow = true;
+            return true;
+        }
+        g_trustView.ports[g_trustView.count++] = cb;
+        return false;
+    });
+    view.built = true;
 }
 
 PppoePlusDllHead *ListFor(PortCB *cb, const InfoFormatNode *key)
@@ -144,6 +272,7 @@ uint32_t GetPortLocked(uint32_t ifIndex, PortCB **out)
     DllInit(&cb->noVlanFormatList);
     cb->ifIndex = ifIndex;
     DllAppend(&g_pppoePlusGlobalInfo.portList, &cb->link);
+    PortIndexAdd(cb);
     *out = cb;
     return 0;
 }
@@ -257,11 +386,78 @@ uint32_t ShowExampleValue(uint32_t infoType, bool asText, const char *label, uin
 
 }  // namespace
 
-std::shared_mutex &PppoePlusCfgLock()
+namespace {
+
+// A number per thread, which picks its reader counter. Two words in the
+// initial thread-local block (room glibc keeps for loaded modules), so the
+// packet path reaches them without a call.
+__attribute__((tls_model("initial-exec"))) thread_local uint32_t t_cfgThread = UINT32_MAX;
+std::atomic<uint32_t> g_cfgThreads{0};
+// How deep this thread holds the shared side: a nested reader goes ahead
+// even while a writer waits for the outer one.
+__attribute__((tls_model("initial-exec"))) thread_local uint32_t t_cfgReadDepth = 0;
+
+uint32_t CfgThread()
 {
-    static std::shared_mutex lock;
+    if (t_cfgThread == UINT32_MAX) {
+        t_cfgThread = g_cfgThreads.fetch_add(1, std::memory_order_relaxed);
+    }
+    return t_cfgThread;
+}
+
+}  // namespace
+
+void PppoePlusCfgMutex::lock_shared()
+{
+    Slot &slot = slots_[CfgThread() % kSlots];
+    if (t_cfgReadDepth++ != 0) {
+        slot.readers.fetch_add(1, std::memory_order_relaxed);
+        return;
+    }
+    for (;;) {
+        // Counted before the writer is looked at, and the writer announces
+        // itself before it looks at the counters: one of them sees the other.
+        slot.readers.fetch_add(1, std::memory_order_seq_cst);
+        if (!writer_.load(std::memory_order_seq_cst)) {
+            return;
+        }
+        slot.readers.fetch_sub(1, std::memory_order_release);
+        while (writer_.load(std::memory_order_acquire)) {
+            std::this_thread::yield();
+        }
+    }
+}
+
+void PppoePlusCfgMutex::unlock_shared()
+{
+    slots_[CfgThread() % kSlots].readers.fetch_sub(1, std::memory_order_release);
+    t_cfgReadDepth--;
+}
+
+void PppoePlusCfgMutex::lock()
+{
+    writers_.lock();
+    writer_.store(true, std::memory_order_seq_cst);
+    for (Slot &slot : slots_) {
+        while (slot.readers.load(std::memory_order_seq_cst) != 0) {
+            std::this_thread::yield();
+        }
+    }
+}
+
+void PppoePlusCfgMutex::unlock()
+{
+    writer_.store(false, std::memory_order_release);
+    writers_.unlock();
+}
+
+PppoePlusCfgMutex &PppoePlusCfgLock()
+{
+    static PppoePlusCfgMutex lock;
     return lock;
 }
+
+std::atomic<uint32_t> g_pppoePlusTrustChanges{0};
 
 PortCB *PppoePlusWalkPorts(bool (*visit)(PortCB *cb, void *ctx), void *ctx)
 {
@@ -285,6 +481,8 @@ void PPPOE_PLUS_InitGlobalCfgData(void)
     g.ridFormatType = PPPOE_PLUS_FORMAT_COMMON;
     PppoePlusCfgWriteGuard guard(PppoePlusCfgLock());
     DllInit(&g.portList);
+    PortIndexClear();
+    g_portListEpoch.fetch_add(1, std::memory_order_release);
 }
 
 uint8_t PPPOE_PLUS_IsEnable(void)
@@ -405,12 +603,9 @@ uint32_t PPPOE_PLUS_GetPortCBByIndex(uint32_t ifIndex, PortCB **out)
     if (out == nullptr) {
         return 1;
     }
-    {
-        PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
-        *out = FindPortLocked(ifIndex);
-        if (*out != nullptr) {
-            return 0;
-        }
+    *out = FindPort(ifIndex);
+    if (*out != nullptr) {
+        return 0;
     }
     PppoePlusCfgWriteGuard guard(PppoePlusCfgLock());
     return GetPortLocked(ifIndex, out);
@@ -418,8 +613,7 @@ uint32_t PPPOE_PLUS_GetPortCBByIndex(uint32_t ifIndex, PortCB **out)
 
 PortCB *PPPOE_PLUS_FindPortCBByindex(uint32_t ifIndex)
 {
-    PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
-    return FindPortLocked(ifIndex);
+    return FindPort(ifIndex);
 }
 
 uint32_t PPPOE_PLUS_SetPortTrust(uint32_t ifIndex, uint32_t enable)
@@ -506,28 +700,48 @@ void PPPOE_PLUS_GetAllMatchTrustPort(uint32_t *outIfIndexes, uint32_t maxCount, 
     PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPLUS-CFG] Find trusted port, input param igrIfIndex %u, VLAN %u.",
                          ingressIfIndex, vlan);
     uint32_t found = 0;
+    // Visits the ports in list order; true stops the walk.
+    auto visit = [&](const PortCB *cb) {
+        if (cb->trust.load(std::memory_order_relaxed) != 1) {
+            return false;
+        }
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPLUS-CFG] Trusted port %u.", cb->ifIndex);
+        if (cb->ifIndex == ingressIfIndex) {
+            return false;
+        }
+        if (PPPOE_PLUS_IsPortInVlan(cb->ifIndex, vlan) == 0) {
+            PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPLUS-CFG] Trusted port %u is not join vlan %u.",
+                                 cb->ifIndex, vlan);
+            return false;
+        }
+        if (found >= maxCount) {
+            return true;  // the first maxCount matching ports win
+        }
+        outIfIndexes[found++] = cb->ifIndex;
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPLUS-CFG] Find matched ifIndex %u", cb->ifIndex);
+        return false;
+    };
     {
         PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
-        (void)DllFind<PortCB>(&g_pppoePlusGlobalInfo.portList, [&](const PortCB *cb) {
-            if (cb->trust != 1) {
-                return false;
+        if (!TrustViewCurrent()) {
+            guard.unlock();
+            {
+                PppoePlusCfgWriteGuard rebuild(PppoePlusCfgLock());
+                if (!TrustViewCurrent()) {
+                    TrustViewBuild();
+                }
             }
-            PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPLUS-CFG] Trusted port %u.", cb->ifIndex);
-            if (cb->ifIndex == ingressIfIndex) {
-                return false;
+            guard.lock();
+        }
+        // The view is only as new as its last build, as a walk of the list
+        // is only as new as the moment it passes a port: a trust byte read
+        // here decides, as it did there.
+        if (g_trustView.overflow) {
+            (void)DllFind<PortCB>(&g_pppoePlusGlobalInfo.portList, visit);
+        } else {
+            for (uint32_t i = 0; i < g_trustView.count && !visit(g_trustView.ports[i]); i++) {
             }
-            if (PPPOE_PLUS_IsPortInVlan(cb->ifIndex, vlan) == 0) {
-                PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPLUS-CFG] Trusted port %u is not join vlan %u.",
-                                     cb->ifIndex, vlan);
-                return false;
-            }
-            if (found >= maxCount) {
-                return true;  // the first maxCount matching ports win
-            }
-            outIfIndexes[found++] = cb->ifIndex;
-            PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPLUS-CFG] Find matched ifIndex %u", cb->ifIndex);
-            return false;
-        });
+        }
     }
     *outCount = found;
     PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPLUS-CFG] Find matched trusted port cnt %u.", found);

@@ -14,6 +14,7 @@
 #include "pppoe_plus_intf.h"
 #include "pppoe_plus_log.h"
 #include "pppoe_plus_pkt.h"
+#include "pppoe_plus_bounded.h"
 #include "pppoe_plus_tlv.h"
 #include "zavk.h"
 
@@ -137,21 +138,24 @@ const InfoFormatNode *FindPortFormat(const PortCB *cb, const UserInfo *info, uin
     return node;
 }
 
+// The string is copied only for a user-defined format, the one that uses it.
 void KeepFormat(FormatChoice *choice, FormatSource source, uint8_t formatType, const char *udf)
 {
     choice->source = source;
     choice->formatType = formatType;
     choice->udfValid = false;
-    if (udf != nullptr &&
-        strncpy_s(choice->udf, sizeof(choice->udf), udf, strnlen(udf, sizeof(choice->udf) - 1U)) == EOK) {
+    if (formatType == PPPOE_PLUS_FORMAT_USER_DEFINE && udf != nullptr) {
+        const size_t len = strnlen(udf, sizeof(choice->udf) - 1U);
+        std::memcpy(choice->udf, udf, len);
+        choice->udf[len] = '\0';
         choice->udfValid = true;
     }
 }
 
-// The device-wide format of one info type, copied under the lock.
-void GlobalFormat(uint8_t infoType, FormatChoice *choice)
+// The device-wide format of one info type; the caller holds the
+// configuration lock.
+void GlobalFormatLocked(uint8_t infoType, FormatChoice *choice)
 {
-    PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
     if (infoType == PPPOE_PLUS_INFO_CID) {
         KeepFormat(choice, FormatSource::Global, PPPOE_PLUS_GetGlobalCidFormat(), PPPOE_PLUS_GetGlobalCidUdfFormat());
     } else {
@@ -163,8 +167,8 @@ void GlobalFormat(uint8_t infoType, FormatChoice *choice)
 // when the outer VLAN is 0 or no node matches.
 void LookupFormat(const PortCB *cb, const UserInfo *info, uint8_t infoType, FormatChoice *choice)
 {
+    PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
     if (info->ulXpi != 0U) {
-        PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
         FormatSource source = FormatSource::Global;
         const InfoFormatNode *node = FindPortFormat(cb, info, infoType, &source);
         if (node != nullptr) {
@@ -177,15 +181,15 @@ void LookupFormat(const PortCB *cb, const UserInfo *info, uint8_t infoType, Form
             return;
         }
     }
-    GlobalFormat(infoType, choice);
+    GlobalFormatLocked(infoType, choice);
 }
 
 // A built value as terminated text for the debug lines.
 void ValueText(const uint8_t *value, uint32_t len, char (&text)[kValueRoom + 1U])
 {
-    (void)memset_s(text, sizeof(text), 0, sizeof(text));
+    std::memset(text, 0, sizeof(text));
     if (len != 0U) {
-        (void)memcpy_s(text, kValueRoom, value, len < kValueRoom ? len : kValueRoom);
+        (void)PppoePlusCopy(text, kValueRoom, value, len < kValueRoom ? len : kValueRoom);
     }
 }
 
@@ -276,16 +280,18 @@ uint32_t RenderRid(const UserInfo *info, const FormatChoice &choice, uint8_t *ri
         case PPPOE_PLUS_FORMAT_EXTEND:
             value[0] = kExtendType;
             value[1] = kExtendRidLen;
-            (void)memcpy_s(value + 2, kValueRoom - 2U, mac, kMacLen);
+            (void)PppoePlusCopy(value + 2, kValueRoom - 2U, mac, kMacLen);
             valueLen = kExtendRidLen + 2U;
             break;
         case PPPOE_PLUS_FORMAT_COMMON: {
-            char text[kMacTextBound] = {};
-            const int n = snprintf_truncated_s(text, sizeof(text), "%02x%02x-%02x%02x-%02x%02x", mac[0], mac[1],
-                                               mac[2], mac[3], mac[4], mac[5]);
-            valueLen = n > 0 ? static_cast<uint32_t>(n) % 256U : 0U;
+            // As "%02x%02x-%02x%02x-%02x%02x".
+            char text[kMacTextBound];   // kept terminated by the builder
+            PppoePlusText mac4(text, sizeof(text));
+            mac4.AppendHex2(mac[0]).AppendHex2(mac[1]).Append("-").AppendHex2(mac[2]).AppendHex2(mac[3]);
+            mac4.Append("-").AppendHex2(mac[4]).AppendHex2(mac[5]);
+            valueLen = mac4.Length() % 256U;
             if (valueLen != 0U) {
-                (void)memcpy_s(value, kValueRoom, text, valueLen);
+                (void)PppoePlusCopy(value, kValueRoom, text, valueLen);
             }
             PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO,
                                  global ? "Global Rid common format.(PortName=%s,Vlan=%d,RId=%s)"
@@ -349,8 +355,8 @@ void ShortPortName(const char *portName, char (&out)[kShortNameLen])
         }
     }
     const char *rest = start < kPortNameLen ? portName + start : "";
-    const int restLen = static_cast<int>(strnlen(rest, kPortNameLen - (start < kPortNameLen ? start : 0U)));
-    (void)snprintf_truncated_s(out, sizeof(out), "eth %.*s", restLen, rest);
+    const size_t restLen = strnlen(rest, kPortNameLen - (start < kPortNameLen ? start : 0U));
+    PppoePlusText(out, sizeof(out)).Append("eth ").Append(std::string_view(rest, restLen));
 }
 
 }  // namespace
@@ -363,30 +369,34 @@ uint32_t PPPOE_PLUS_EncapCommonCid(const UserInfo *info, uint8_t *value, uint32_
         ZAVK_Assert(kCidRidFile, __LINE__);
         return PPPOE_PLUS_ERR;
     }
-    char sysName[PPPOE_PLUS_SYSNAME_LEN] = {};
+    char sysName[PPPOE_PLUS_SYSNAME_LEN];
+    sysName[0] = '\0';
     if (PPPOE_PLUS_GetSysName(sysName, sizeof(sysName)) != 0U) {
         sysName[0] = '\0';   // the circuit is still described without it
     }
     sysName[sizeof(sysName) - 1U] = '\0';
-    char text[kCommonRenderLen] = {};
+    // "eth": "%s:%u.%u %s/0/0/0/0/0" with the short name; otherwise
+    // "%s %01u/%01u/%u:%u.%u %s/0/0/0/0/0" with the interface type.
+    char text[kCommonRenderLen];   // kept terminated by the builder
+    PppoePlusText cid(text, sizeof(text));
     if (strncmp(info->ifType, "eth", sizeof(info->ifType)) == 0) {
         char shortName[kShortNameLen] = {};
         ShortPortName(info->portName, shortName);
-        (void)snprintf_truncated_s(text, sizeof(text), "%s:%u.%u %s/%u/%u/%u/%u/%u", shortName, info->ulXpi,
-                                   info->ulXci, sysName, 0U, 0U, 0U, 0U, 0U);
+        cid.Append(shortName);
     } else {
-        const int typeLen = static_cast<int>(strnlen(info->ifType, sizeof(info->ifType)));
-        (void)snprintf_truncated_s(text, sizeof(text), "%.*s %01u/%01u/%u:%u.%u %s/%u/%u/%u/%u/%u", typeLen,
-                                   info->ifType, info->ulNas_Slot, info->ulNas_SubSlot, info->ulNas_Port,
-                                   info->ulXpi, info->ulXci, sysName, 0U, 0U, 0U, 0U, 0U);
+        cid.Append(std::string_view(info->ifType, strnlen(info->ifType, sizeof(info->ifType)))).Append(" ");
+        cid.AppendU32(info->ulNas_Slot).Append("/").AppendU32(info->ulNas_SubSlot).Append("/");
+        cid.AppendU32(info->ulNas_Port);
     }
-    const auto len = static_cast<uint32_t>(strnlen(text, sizeof(text)));
+    cid.Append(":").AppendU32(info->ulXpi).Append(".").AppendU32(info->ulXci).Append(" ");
+    cid.Append(sysName).Append("/0/0/0/0/0");
+    const uint32_t len = cid.Length();
     if (len >= kCommonCidLimit) {
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "Encap info format circuit-id length error.");
         return PPPOE_PLUS_ERR;
     }
     if (len != 0U) {
-        (void)memcpy_s(value, kCommonCidLimit - 1U, text, len);
+        (void)PppoePlusCopy(value, kCommonCidLimit - 1U, text, len);
     }
     *valueLen = len;
     PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO,

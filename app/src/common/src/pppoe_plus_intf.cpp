@@ -15,6 +15,7 @@
 #include "db.h"
 #include "devm.h"
 #include "plat_safe.h"
+#include "pppoe_plus_bounded.h"
 #include "pppoe_plus_db.h"
 #include "pppoe_plus_log.h"
 #include "pppoe_plus_types.h"
@@ -224,12 +225,12 @@ uint32_t PPPOE_PLUS_GetIfNameRaw(uint32_t ifIndex, char *buf, uint32_t size)
     if (intf.ret != DB_OK) {
         return intf.ret;
     }
-    char name[kIfNameLen] = {};
+    char name[kIfNameLen];   // terminated by a read that succeeds
     const uint32_t ret = Check(db_get_if_name(intf.obj.get(), name, sizeof(name)), "db_get_if_name failed, ret = %d.");
     if (ret != DB_OK) {
         return ret;
     }
-    if (strcpy_s(buf, size, name) != EOK) {
+    if (PppoePlusCopyStr(buf, size, name) != EOK) {
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "Fail to copy ifname(name=%s, length=%u).", name, size);
         return PPPOE_PLUS_ERR;
     }
@@ -435,7 +436,7 @@ uint32_t PPPOE_PLUS_IsPortIsolate(uint32_t srcIfIndex, uint32_t dstIfIndex)
     }
     // Groups 1 to 64 as one bit each; higher ids do not isolate.
     auto groupSet = [](uint32_t ifIndex, uint64_t *set) {
-        uint32_t ids[PPPOE_PLUS_ISOLATE_GROUP_MAX] = {};
+        uint32_t ids[PPPOE_PLUS_ISOLATE_GROUP_MAX];   // the first count are read
         uint32_t count = 0;
         if (PPPOE_PLUS_GetPortIsolateGroupIds(ifIndex, ids, PPPOE_PLUS_ISOLATE_GROUP_MAX, &count) != 0) {
             return false;

@@ -13,6 +13,7 @@
 
 #include "devm.h"
 #include "plat_safe.h"
+#include "pppoe_plus_bounded.h"
 #include "pppoe_plus_ha.h"
 #include "pppoe_plus_pkt.h"
 
@@ -66,19 +67,25 @@ constexpr std::array<ParaType, 4> kParaTypes = {{
     {"STRING", IM_AGENT_PARA_STRING, 0},
 }};
 
-// Adds one parameter per bracketed token of the record's format; false
-// when the format holds anything else or runs out of arguments.
-bool AddParas(IM_AGENT_OBJ_S *obj, std::string_view format, std::span<const ImArg> args)
+// A record's parameter format, read once: the type of each bracketed
+// token up to the first that is none (then invalid).
+struct ParaList {
+    bool valid = true;
+    size_t count = 0;
+    std::array<const ParaType *, 8> types{};
+};
+
+constexpr ParaList ParseParaFormat(std::string_view format)
 {
-    size_t next = 0;
+    ParaList list;
     while (!format.empty()) {
         const size_t close = format.find(']');
-        if (format.front() != '[' || close == std::string_view::npos || next >= args.size()) {
-            return false;
+        if (format.front() != '[' || close == std::string_view::npos || list.count == list.types.size()) {
+            list.valid = false;
+            return list;
         }
         const std::string_view token = format.substr(1, close - 1);
         format.remove_prefix(close + 1);
-        const ImArg &arg = args[next++];
         const ParaType *para = nullptr;
         for (const auto &candidate : kParaTypes) {
             if (candidate.token == token) {
@@ -86,8 +93,29 @@ bool AddParas(IM_AGENT_OBJ_S *obj, std::string_view format, std::span<const ImAr
             }
         }
         if (para == nullptr) {
+            list.valid = false;
+            return list;
+        }
+        list.types[list.count++] = para;
+    }
+    return list;
+}
+
+// The formats of the log id table, parsed at build time.
+constexpr std::array<ParaList, kLogIds.size()> kLogParas = {
+    ParseParaFormat(kLogIds[0].paraFormat), ParseParaFormat(kLogIds[1].paraFormat),
+    ParseParaFormat(kLogIds[2].paraFormat)};
+
+// Adds one parameter per token of the record's format; false when the
+// format holds anything else or runs out of arguments.
+bool AddParas(IM_AGENT_OBJ_S *obj, const ParaList &list, std::span<const ImArg> args)
+{
+    for (size_t next = 0; next < list.count; next++) {
+        if (next >= args.size()) {
             return false;
         }
+        const ImArg &arg = args[next];
+        const ParaType *para = list.types[next];
         const void *value = nullptr;
         uint32_t size = para->size;
         switch (para->type) {
@@ -101,7 +129,7 @@ bool AddParas(IM_AGENT_OBJ_S *obj, std::string_view format, std::span<const ImAr
         }
         (void)IM_Agent_AddPara(obj, para->type, size, value);
     }
-    return true;
+    return list.valid;
 }
 
 // Sends text as a record of logId: only on the HA master, only for the
@@ -119,7 +147,7 @@ void SendRecord(uint32_t logId, const char *text)
         return;
     }
     const std::array<ImArg, 1> args = {ImArg{.str = text}};
-    if (!AddParas(obj, rec->paraFormat, args)) {
+    if (!AddParas(obj, kLogParas[static_cast<size_t>(rec - kLogIds.data())], args)) {
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "fmt is invalid.");
     } else if (const uint32_t ret = IM_Agent_Send(obj); ret != 0) {
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "im agent send fail. (ret=%u)", ret);
@@ -138,7 +166,7 @@ size_t SlotPrefix(char *buf, size_t size, uint32_t chassis, uint32_t board)
     size_t len = 0;
     auto put = [&tmp, &len](std::string_view part) {
         const size_t n = std::min(part.size(), tmp.size() - len);
-        (void)memcpy_s(tmp.data() + len, tmp.size() - len, part.data(), n);
+        (void)PppoePlusCopy(tmp.data() + len, tmp.size() - len, part.data(), n);
         len += n;
     };
     auto number = [&put](uint32_t value) {
@@ -152,7 +180,7 @@ size_t SlotPrefix(char *buf, size_t size, uint32_t chassis, uint32_t board)
     number(board);
     put("]");
     len = std::min(len, size - 1U);
-    (void)memcpy_s(buf, size, tmp.data(), len);
+    (void)PppoePlusCopy(buf, size, tmp.data(), len);
     buf[len] = '\0';
     return len;
 }
@@ -239,7 +267,8 @@ uint32_t PPPOE_PLUS_InitIMAgent(void)
     return handle == nullptr ? 1U : 0U;
 }
 
-void PPPOE_PLUS_DbgOutput(uint32_t level, const char *format, ...)
+// The name in parentheses: the header's macro of the same name stays out.
+void(PPPOE_PLUS_DbgOutput)(uint32_t level, const char *format, ...)
 {
     IM_AGENT_HANDLE_S *handle = g_pppoePlusIMAgentHandle.load(std::memory_order_acquire);
     if (!DebugEnabled(level) || handle == nullptr) {
@@ -264,14 +293,28 @@ void PPPOE_PLUS_DiagLog(uint32_t logId, const char *format, ...)
         return;  // nothing would be sent: spare the formatting
     }
     // The packet path sends several records per frame: the prefix is built
-    // without printf, and a fixed text (no conversion) is copied as it is.
+    // without printf (once per thread for the ids it last saw), and a fixed
+    // text (no conversion) is copied as it is.
+    struct Prefix {
+        uint32_t chassis = kInvalidId;
+        uint32_t board = kInvalidId;
+        size_t len = 0;
+        char text[32] = {};
+    };
+    __attribute__((tls_model("initial-exec"))) static thread_local Prefix t_prefix;
+    if (t_prefix.len == 0 || t_prefix.chassis != chassis || t_prefix.board != board) {
+        t_prefix.len = SlotPrefix(t_prefix.text, sizeof(t_prefix.text), chassis, board);
+        t_prefix.chassis = chassis;
+        t_prefix.board = board;
+    }
     char text[kLogBufLen];
-    const size_t prefix = SlotPrefix(text, sizeof(text), chassis, board);
+    const size_t prefix = t_prefix.len;
+    std::memcpy(text, t_prefix.text, prefix + 1U);
     char *rest = text + prefix;
     const size_t room = sizeof(text) - prefix;
     if (std::strchr(format, '%') == nullptr) {
         const size_t len = strnlen(format, room - 1U);
-        (void)memcpy_s(rest, room, format, len);
+        (void)PppoePlusCopy(rest, room, format, len);
         rest[len] = '\0';
     } else {
         va_list ap;

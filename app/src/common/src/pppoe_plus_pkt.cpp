@@ -11,6 +11,7 @@
 #include "pppoe_plus_pkt.h"
 
 #include "plat_safe.h"
+#include "pppoe_plus_bounded.h"
 #include "pppoe_plus_cfg.h"
 #include "pppoe_plus_fpc.h"
 #include "pppoe_plus_intf.h"
@@ -141,19 +142,19 @@ void InsertInPlace(FpcMbuf *mbuf, uint32_t ethHeadLen, uint32_t tagOffset, const
     if (scratch == nullptr) {
         return;
     }
-    (void)memset_s(scratch, newLen + 1U, 0, newLen + 1U);
+    (void)PppoePlusFill(scratch, newLen + 1U, 0, newLen + 1U);
     uint8_t *data = FrameData(mbuf);
     const uint32_t remainLen = frameLen - copyOffset;
-    (void)memcpy_s(scratch, newLen, data, copyOffset);
-    (void)memcpy_s(scratch + copyOffset, newLen - copyOffset, tag, tagLen);
+    (void)PppoePlusCopy(scratch, newLen, data, copyOffset);
+    (void)PppoePlusCopy(scratch + copyOffset, newLen - copyOffset, tag, tagLen);
     if (remainLen != 0) {
-        (void)memcpy_s(scratch + copyOffset + added, newLen - copyOffset - added, data + copyOffset, remainLen);
+        (void)PppoePlusCopy(scratch + copyOffset + added, newLen - copyOffset - added, data + copyOffset, remainLen);
     }
     PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "New pkt ctrl: dataTotalLen = %d, copyOffset=%d, remainLen =%u ",
                          static_cast<int>(newLen), static_cast<int>(copyOffset), remainLen);
     uint8_t *lengthField = scratch + ethHeadLen + PPPOE_PLUS_PPPOE_LENGTH_OFF;
     PutBe16(lengthField, Be16(lengthField) + added);
-    (void)memcpy_s(data, frameLen + RoomBehind(mbuf), scratch, newLen);
+    (void)PppoePlusCopy(data, frameLen + RoomBehind(mbuf), scratch, newLen);
     mbuf->dataLen = newLen;
     PPPOE_PLUS_MemFree(scratch);
 }
@@ -200,7 +201,7 @@ uint32_t PPPOE_PLUS_CheckPktMsg(FpcMbuf *mbuf, DpxPktHead *head)
         return 1;
     }
     PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPPOE_PKT] First cut head len %u", PPPOE_PLUS_DPX_HEAD_LEN);
-    (void)memcpy_s(head, sizeof(*head), FrameData(mbuf), PPPOE_PLUS_DPX_HEAD_LEN);
+    (void)PppoePlusCopy(head, sizeof(*head), FrameData(mbuf), PPPOE_PLUS_DPX_HEAD_LEN);
     PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "[PPPoE-Plus] Get pkt from dpx. igrIfindex=%u, egrIfindex =%u",
                          head->igrIfindex, head->egrIfindex);
     (void)PPPOE_PLUS_FpcMbufPktCutHead(mbuf, PPPOE_PLUS_DPX_HEAD_LEN);
@@ -373,15 +374,15 @@ uint32_t PPPOE_PLUS_GetUserInfo(const FpcMbuf *mbuf, const PortCB *portCb, UserI
         ZAVK_Assert(kPktFile, __LINE__);
         return 1;
     }
-    (void)memset_s(info, sizeof(*info), 0, sizeof(*info));
+    (void)PppoePlusFill(info, sizeof(*info), 0, sizeof(*info));
     info->IfIndex = portCb->ifIndex;
     (void)PPPOE_PLUS_GetIfNameByIfIndex(info->IfIndex, info->portName, sizeof(info->portName));
     uint32_t ret = 0;
     if (PPPOE_PLUS_IsTrunkIf(info->IfIndex) == 1) {
-        (void)strcpy_s(info->ifType, sizeof(info->ifType), "trunk");
+        (void)PppoePlusCopyStr(info->ifType, sizeof(info->ifType), "trunk");
         ret = PPPOE_PLUS_GetConfigTrunkIdByIfName(info->portName, &info->ulNas_Port);
     } else {
-        (void)strcpy_s(info->ifType, sizeof(info->ifType), "eth");
+        (void)PppoePlusCopyStr(info->ifType, sizeof(info->ifType), "eth");
         ret = PPPOE_PLUS_GetIfSlotCardPort(info->IfIndex, &info->ulNas_Slot, &info->ulNas_SubSlot,
                                            &info->ulNas_Port);
     }
@@ -414,12 +415,12 @@ uint32_t PPPOE_PLUS_GetDownlinkUserInfo(const FpcMbuf *mbuf, UserInfo *info, uin
     if (PPPOE_PLUS_GetPktVlan(mbuf, &outer, &inner) != 0) {
         return 1;
     }
-    (void)memset_s(info, sizeof(*info), 0, sizeof(*info));
+    (void)PppoePlusFill(info, sizeof(*info), 0, sizeof(*info));
     info->ulXpi = outer;
     info->ulXci = inner;
     info->IfIndex = ifIndex;
     (void)PPPOE_PLUS_GetIfNameByIfIndex(ifIndex, info->portName, sizeof(info->portName));
-    (void)strcpy_s(info->ifType, sizeof(info->ifType), PPPOE_PLUS_IsTrunkIf(ifIndex) == 1 ? "trunk" : "eth");
+    (void)PppoePlusCopyStr(info->ifType, sizeof(info->ifType), PPPOE_PLUS_IsTrunkIf(ifIndex) == 1 ? "trunk" : "eth");
     // Unlike the user side, a trunk keeps what its device node says: the
     // record only serves to rebuild the tag for the comparison.
     return PPPOE_PLUS_GetIfSlotCardPort(ifIndex, &info->ulNas_Slot, &info->ulNas_SubSlot, &info->ulNas_Port);
@@ -441,8 +442,9 @@ uint32_t PPPOE_PLUS_EncodeVendorSpec(UserInfo *info, uint8_t *out, uint32_t *out
         ZAVK_Assert(kPktFile, __LINE__);
         return 1;
     }
-    uint8_t cid[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
-    uint8_t rid[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
+    // Read only as far as the lengths the builds report.
+    uint8_t cid[PPPOE_PLUS_SUBOPT_BUF_LEN];
+    uint8_t rid[PPPOE_PLUS_SUBOPT_BUF_LEN];
     uint32_t cidLen = 0;
     uint32_t ridLen = 0;
     if (PPPOE_PLUS_EncodeCidRid(info, cid, &cidLen, rid, &ridLen) != 0) {
@@ -466,18 +468,18 @@ uint32_t PPPOE_PLUS_EncodeVendorSpec(UserInfo *info, uint8_t *out, uint32_t *out
     const uint8_t vendorBytes[PPPOE_PLUS_VENDOR_ID_LEN] = {
         static_cast<uint8_t>(vendorId >> 24), static_cast<uint8_t>(vendorId >> 16), static_cast<uint8_t>(vendorId >> 8),
         static_cast<uint8_t>(vendorId)};
-    if (memcpy_s(out + PPPOE_PLUS_VENDOR_ID_OFF, PPPOE_PLUS_VENDOR_SPEC_BUF_LEN - PPPOE_PLUS_VENDOR_ID_OFF, vendorBytes,
-                 sizeof(vendorBytes)) != EOK) {
+    if (PppoePlusCopy(out + PPPOE_PLUS_VENDOR_ID_OFF, PPPOE_PLUS_VENDOR_SPEC_BUF_LEN - PPPOE_PLUS_VENDOR_ID_OFF,
+                      vendorBytes, sizeof(vendorBytes)) != EOK) {
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "set vendor id failed");
         return 1;
     }
     uint32_t pos = PPPOE_PLUS_VENDOR_SPEC_HEAD_LEN;
     if (usedCid != 0) {
-        (void)memcpy_s(out + pos, PPPOE_PLUS_VENDOR_SPEC_BUF_LEN - pos, cid, usedCid);
+        (void)PppoePlusCopy(out + pos, PPPOE_PLUS_VENDOR_SPEC_BUF_LEN - pos, cid, usedCid);
         pos += usedCid;
     }
     if (usedRid != 0) {
-        (void)memcpy_s(out + pos, PPPOE_PLUS_VENDOR_SPEC_BUF_LEN - pos, rid, usedRid);
+        (void)PppoePlusCopy(out + pos, PPPOE_PLUS_VENDOR_SPEC_BUF_LEN - pos, rid, usedRid);
     }
     *outLen = subLen + PPPOE_PLUS_VENDOR_SPEC_HEAD_LEN;
     return 0;
@@ -523,7 +525,7 @@ uint32_t PPPOE_PLUS_AddAgentInfo(FpcMbuf *mbuf, PppoeDiscHdr *hdr, PortCB *portC
         ZAVK_Assert(kPktFile, __LINE__);
         return 1;
     }
-    UserInfo info = {};
+    UserInfo info;   // zeroed by PPPOE_PLUS_GetUserInfo
     uint8_t tag[PPPOE_PLUS_VENDOR_SPEC_BUF_LEN] = {};
     uint32_t tagLen = 0;
     if (PPPOE_PLUS_GetUserInfo(mbuf, portCb, &info) != 0 || PPPOE_PLUS_EncodeVendorSpec(&info, tag, &tagLen) != 0) {
@@ -574,7 +576,7 @@ uint32_t PPPOE_PLUS_DelAgentInfo(FpcMbuf *mbuf, PppoeDiscHdr *hdr, uint32_t offs
     PutBe16(hdr->length, pppoeLen - removed);
     const uint32_t tail = frameLen - tagStart - removed;
     if (tail != 0) {
-        (void)memmove_s(data + tagStart, frameLen - tagStart, data + tagStart + removed, tail);
+        (void)PppoePlusMove(data + tagStart, frameLen - tagStart, data + tagStart + removed, tail);
     }
     mbuf->dataLen = frameLen - removed;
     PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "delete the agent informat.");
@@ -806,7 +808,7 @@ uint32_t PPPOE_PLUS_SendPktToIf(FpcMbuf *mbuf, const PppoeDiscHdr *hdr, const Dp
         return 1;
     }
     const DpxPktHead out = {PPPOE_PLUS_SEND_MSG_TYPE, egrIfIndex, 0};
-    (void)memcpy_s(FrameData(mbuf), mbuf->dataLen, &out, sizeof(out));
+    (void)PppoePlusCopy(FrameData(mbuf), mbuf->dataLen, &out, sizeof(out));
 
     // The send channel is looked up on first use and cached; a failed
     // look-up is retried at the next send.

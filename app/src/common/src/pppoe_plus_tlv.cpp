@@ -7,10 +7,13 @@
 // fills in the "length" field, if any, and hands back at most 255 bytes.
 #include "pppoe_plus_tlv.h"
 
+#include <algorithm>
 #include <cstring>
+#include <string_view>
 
 #include "devm.h"
 #include "plat_safe.h"
+#include "pppoe_plus_bounded.h"
 #include "pppoe_plus_intf.h"
 #include "pppoe_plus_log.h"
 #include "pppoe_plus_mem.h"
@@ -37,6 +40,11 @@ constexpr uint32_t kMacTextLen = 14U;
 
 constexpr uint32_t kAsciiDefaultLen[PPPOE_PLUS_KEYWORD_MAX] = {1, 1, 1, 1, 14, 1, 1, 1, 1, 1, 1, 1, 1, 1};
 
+// For each first character, the keyword ids whose name starts with it (bit
+// id), kept with the dictionary by PPPOE_PLUS_KeyWordWriteDict: a keyword
+// reference is compared only with the names it could be.
+uint16_t g_keywordsByFirst[256] = {};
+
 bool IsDigit(char ch)
 {
     return ch >= '0' && ch <= '9';
@@ -60,32 +68,51 @@ bool CtxValid(const KeyWordEncodeCtx *ctx)
 }
 
 // Pads text with the field format ("%Ns", space-padded, or "%0Ns",
-// zero-padded) into out; an empty field format gives an empty text. The
-// length of the result, or -1 when it does not fit.
+// zero-padded, both right-aligned) into out; an empty field format gives an
+// empty text. The length of the result, or -1 when it does not fit. The two
+// forms the encoder builds are padded here; any other goes to sprintf_s.
 int PadText(const char *fieldFmt, const char *text, char *out, uint32_t size)
 {
     out[0] = '\0';
     if (fieldFmt[0] == '\0') {
         return 0;
     }
-    if (fieldFmt[0] != '%' || fieldFmt[1] != '0') {
+    if (fieldFmt[0] != '%') {
         return sprintf_s(out, size, fieldFmt, text);
     }
+    const char fill = fieldFmt[1] == '0' ? '0' : ' ';
     uint32_t width = 0;
-    uint32_t i = 2;
+    uint32_t i = fill == '0' ? 2U : 1U;
     for (; IsDigit(fieldFmt[i]) && i < kFieldFmtLen; ++i) {
         width = width * 10U + static_cast<uint32_t>(fieldFmt[i] - '0');
     }
     if (fieldFmt[i] != 's' || fieldFmt[i + 1U] != '\0') {
         return sprintf_s(out, size, fieldFmt, text);
     }
+    if (fill == ' ') {
+        // As sprintf_s: too long for out fails; exactly as long as out fills
+        // it to its last byte with the text cut by one and the terminator,
+        // and reports the whole length.
+        const size_t textLen = std::strlen(text);
+        const size_t pad = width > textLen ? width - textLen : 0U;
+        if (pad + textLen > size) {
+            return -1;
+        }
+        const size_t keep = pad + textLen == size ? size - 1U : pad + textLen;
+        std::memset(out, ' ', pad < keep ? pad : keep);
+        if (pad < keep) {
+            std::memcpy(out + pad, text, keep - pad);
+        }
+        out[keep] = '\0';
+        return static_cast<int>(pad + textLen);
+    }
     const uint32_t textLen = static_cast<uint32_t>(strnlen(text, size));
     const uint32_t pad = width > textLen ? width - textLen : 0U;
     if (pad + textLen >= size) {
         return -1;
     }
-    (void)memset_s(out, size, '0', pad);
-    if (strcpy_s(out + pad, size - pad, text) != EOK) {
+    std::memset(out, fill, pad);
+    if (PppoePlusCopyStr(out + pad, size - pad, text) != EOK) {
         return -1;
     }
     return static_cast<int>(pad + textLen);
@@ -100,7 +127,7 @@ uint32_t PutText(KeyWordEncodeCtx *ctx, const char *text, uint32_t length)
         return PPPOE_PLUS_OK;
     }
     if (byte >= PPPOE_PLUS_UDF_WORK_LEN ||
-        memcpy_s(ctx->outBuf + byte, PPPOE_PLUS_UDF_WORK_LEN - byte, text, length) != EOK) {
+        PppoePlusCopy(ctx->outBuf + byte, PPPOE_PLUS_UDF_WORK_LEN - byte, text, length) != EOK) {
         return PPPOE_PLUS_ERR;
     }
     *ctx->bitPos += 8U * length;
@@ -123,13 +150,11 @@ uint32_t WriteSmallText(KeyWordEncodeCtx *ctx, const char *text)
     return WriteText(ctx, text, scratch, sizeof(scratch));
 }
 
-// Renders a number with "%u" and then with the field format.
+// Renders a number as "%u" would, then with the field format.
 int RenderNumber(uint32_t value, const char *fieldFmt, char *out, uint32_t size)
 {
     char digits[16] = {};
-    if (sprintf_s(digits, sizeof(digits), "%u", value) < 0) {
-        return -1;
-    }
+    PppoePlusText(digits, sizeof(digits)).AppendU32(value);
     return PadText(fieldFmt, digits, out, size);
 }
 
@@ -137,11 +162,21 @@ int RenderNumber(uint32_t value, const char *fieldFmt, char *out, uint32_t size)
 // the "%" starts with the digit 0, "%Ns" otherwise.
 bool BuildFieldFmt(const char *ref, uint32_t width, char *out, uint32_t size)
 {
-    const unsigned long w = width;
-    if (ref[0] == '0') {
-        return sprintf_s(out, size, "%s0%lus", "%", w) > 0;
+    PppoePlusText fieldFmt(out, size);
+    fieldFmt.Append(ref[0] == '0' ? "%0" : "%").AppendU32(width).Append("s");
+    return fieldFmt.Length() > 0U;
+}
+
+// As strncmp(text, name, len) == 0 for a name without a NUL in its first
+// len characters.
+bool StartsWith(const char *text, const char *name, uint32_t len)
+{
+    for (uint32_t k = 0; k < len; ++k) {
+        if (text[k] != name[k]) {
+            return false;
+        }
     }
-    return sprintf_s(out, size, "%s%lus", "%", w) > 0;
+    return true;
 }
 
 uint32_t EncodeNumberField(uint32_t value, KeyWordEncodeCtx *ctx, const char *failText)
@@ -155,6 +190,10 @@ uint32_t EncodeNumberField(uint32_t value, KeyWordEncodeCtx *ctx, const char *fa
     }
     return PPPOE_PLUS_OK;
 }
+
+// The width of a reference to keyword id (known): as
+// PPPOE_PLUS_UserFmtGetFieldMinLen, without recognising the keyword again.
+uint32_t FieldWidth(const char *ref, uint32_t id, uint8_t ascii, uint32_t *outLen);
 
 uint32_t CheckedVlan(uint32_t vlan, const KeyWordEncodeCtx *ctx)
 {
@@ -175,6 +214,13 @@ uint32_t PPPOE_PLUS_KeyWordWriteDict(uint16_t id, uint16_t fieldSel, uint16_t ke
         return PPPOE_PLUS_ERR;
     }
     PppoePlusKeyWord *entry = &g_pppoePlusKeyWordDict[id];
+    for (uint16_t &ids : g_keywordsByFirst) {
+        ids = static_cast<uint16_t>(ids & ~(1U << id));
+    }
+    if (id < PPPOE_PLUS_KEYWORD_MAX && name[0] != '\0') {
+        auto &ids = g_keywordsByFirst[static_cast<unsigned char>(name[0])];
+        ids = static_cast<uint16_t>(ids | (1U << id));
+    }
     entry->keyWordId = id;
     entry->fieldSel = fieldSel;
     entry->keyWordType = keyWordType;
@@ -193,6 +239,7 @@ uint32_t PPPOE_PLUS_InitKeyWordDict(void)
     }
     (void)memset_s(dict, size, 0, size);
     g_pppoePlusKeyWordDict = dict;
+    std::memset(g_keywordsByFirst, 0, sizeof(g_keywordsByFirst));
 
     struct Row {
         const char *name;
@@ -228,10 +275,13 @@ uint32_t PPPOE_PLUS_UserFmtIfKeyWord(const char *text, uint32_t *outId, uint32_t
     const char *rest = text + digits;
     uint32_t best = PPPOE_PLUS_KW_END;
     uint32_t bestLen = 0;
-    for (uint32_t id = 0; id < PPPOE_PLUS_KEYWORD_MAX; ++id) {
+    // In id order, as the dictionary is walked; only names that start as
+    // the reference does can match.
+    for (uint32_t ids = g_keywordsByFirst[static_cast<unsigned char>(rest[0])]; ids != 0U; ids &= ids - 1U) {
+        const auto id = static_cast<uint32_t>(__builtin_ctz(ids));
         const PppoePlusKeyWord &entry = g_pppoePlusKeyWordDict[id];
         const uint32_t len = entry.nameLen;
-        if (len == 0U || strncmp(rest, entry.name, len) != 0 || IsLetter(rest[len])) {
+        if (len == 0U || !StartsWith(rest, entry.name, len) || IsLetter(rest[len])) {
             continue;
         }
         if (digits == 0U && rest[len] == '\0') {
@@ -303,26 +353,12 @@ uint32_t PPPOE_PLUS_UserFmtGetFieldMinLen(const char *text, uint8_t ascii, uint3
     if (text == nullptr || outLen == nullptr) {
         return Fail(__LINE__);
     }
-    uint32_t digits = 0;
-    uint32_t value = 0;
-    while (IsDigit(text[digits])) {
-        if (digits >= kMaxWidthDigits) {
-            PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "The number is invalid.");
-            return PPPOE_PLUS_ERR;
-        }
-        value = value * 10U + static_cast<uint32_t>(text[digits] - '0');
-        ++digits;
-    }
-    if (digits != 0U) {
-        *outLen = value;
-        return PPPOE_PLUS_OK;
-    }
-    uint32_t id = 0;
+    uint32_t id = PPPOE_PLUS_KW_END;
     uint32_t consumed = 0;
-    if (PPPOE_PLUS_UserFmtIfKeyWord(text, &id, &consumed) == 0U) {
+    if (!IsDigit(text[0]) && PPPOE_PLUS_UserFmtIfKeyWord(text, &id, &consumed) == 0U) {
         return PPPOE_PLUS_ERR;
     }
-    return PPPOE_PLUS_UserFmtGetFieldDftLen(id, ascii, outLen);
+    return FieldWidth(text, id, ascii, outLen);
 }
 
 void PPPOE_PLUS_EncodeDigitByBit(uint8_t *buf, uint32_t startBit, uint32_t value, uint32_t bits)
@@ -374,9 +410,9 @@ uint32_t PPPOE_PLUS_GetDevSysMac(uint8_t *mac)
             PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "fail to get SysMac, ret %d.", static_cast<int>(ret));
             return PPPOE_PLUS_ERR;
         }
-        (void)memcpy_s(g_pppoePlusSystemMac, sizeof(g_pppoePlusSystemMac), read, kMacLen);
+        (void)PppoePlusCopy(g_pppoePlusSystemMac, sizeof(g_pppoePlusSystemMac), read, kMacLen);
     }
-    (void)memcpy_s(mac, kMacLen, g_pppoePlusSystemMac, kMacLen);
+    (void)PppoePlusCopy(mac, kMacLen, g_pppoePlusSystemMac, kMacLen);
     return PPPOE_PLUS_OK;
 }
 
@@ -385,14 +421,17 @@ void PPPOE_PLUS_MacAddrToStr(const uint8_t mac[6], char *out, uint32_t size)
     if (mac == nullptr || out == nullptr || size == 0U) {
         return;
     }
-    (void)memset_s(out, size, 0, size);
+    std::memset(out, 0, size);
+    PppoePlusText text(out, size);
     static const uint8_t kZero[kMacLen] = {};
     if (std::memcmp(mac, kZero, kMacLen) == 0) {
-        (void)snprintf_truncated_s(out, size, "%-*s", static_cast<int>(kMacTextLen), "-");
+        // As "%-14s" of "-".
+        text.Append("-").Append(std::string_view("             ", kMacTextLen - 1U));
         return;
     }
-    (void)snprintf_truncated_s(out, size, "%02x%02x-%02x%02x-%02x%02x", mac[0], mac[1], mac[2], mac[3], mac[4],
-                               mac[5]);
+    // As "%02x%02x-%02x%02x-%02x%02x".
+    text.AppendHex2(mac[0]).AppendHex2(mac[1]).Append("-").AppendHex2(mac[2]).AppendHex2(mac[3]).Append("-");
+    text.AppendHex2(mac[4]).AppendHex2(mac[5]);
 }
 
 uint32_t PPPOE_PLUS_GetPortDescByIfIndex(uint32_t ifIndex, char *buf, uint32_t size)
@@ -605,6 +644,14 @@ uint32_t PPPOE_PLUS_ReplumeFmtStr(const UserInfo *info, const char *fmt, char *o
         return Fail(__LINE__);
     }
     const uint32_t cap = PPPOE_PLUS_UDF_FMT_LEN - 1U;
+    // Without brackets nothing is optional: the format is copied as it is
+    // (escapes included), up to the room of out.
+    const size_t fmtLen = strnlen(fmt, cap);
+    if (std::memchr(fmt, '[', fmtLen) == nullptr && std::memchr(fmt, ']', fmtLen) == nullptr) {
+        std::memcpy(out, fmt, fmtLen);
+        out[fmtLen] = '\0';
+        return PPPOE_PLUS_OK;
+    }
     uint32_t pos = 0;
     uint32_t optStart = 0;
     bool inOpt = false;
@@ -725,7 +772,7 @@ uint32_t PPPOE_PLUS_ReBuildLength(const char *fmt, uint8_t *buf, uint32_t *len)
     }
     const uint8_t ascii = quoted ? 1U : 0U;
     uint32_t width = 0;
-    if (PPPOE_PLUS_UserFmtGetFieldMinLen(ref, ascii, &width) != PPPOE_PLUS_OK) {
+    if (FieldWidth(ref, PPPOE_PLUS_KW_LENGTH, ascii, &width) != PPPOE_PLUS_OK) {
         return Fail(__LINE__);
     }
     char fieldFmt[kFieldFmtLen] = {};
@@ -743,6 +790,41 @@ uint32_t PPPOE_PLUS_ReBuildLength(const char *fmt, uint8_t *buf, uint32_t *len)
 
 namespace {
 
+uint32_t FieldWidth(const char *ref, uint32_t id, uint8_t ascii, uint32_t *outLen)
+{
+    uint32_t digits = 0;
+    uint32_t value = 0;
+    while (IsDigit(ref[digits])) {
+        if (digits >= kMaxWidthDigits) {
+            PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "The number is invalid.");
+            return PPPOE_PLUS_ERR;
+        }
+        value = value * 10U + static_cast<uint32_t>(ref[digits] - '0');
+        ++digits;
+    }
+    if (digits != 0U) {
+        *outLen = value;
+        return PPPOE_PLUS_OK;
+    }
+    return PPPOE_PLUS_UserFmtGetFieldDftLen(id, ascii, outLen);
+}
+
+// No step of the walk writes further than this beyond the current byte
+// (the widest field: a 1024-byte description; a hex field of 9999 bits).
+constexpr uint32_t kStepReach = 2048U;
+
+// The work buffer is zeroed as the walk goes, ahead of every step's reach,
+// instead of all 8192 bytes up front: what is read or ORed is zero all the
+// same.
+void ZeroAhead(uint8_t *work, uint32_t *zeroed, uint32_t bitPos)
+{
+    const uint32_t want = std::min(PPPOE_PLUS_UDF_WORK_LEN, bitPos / 8U + kStepReach);
+    if (want > *zeroed) {
+        std::memset(work + *zeroed, 0, want - *zeroed);
+        *zeroed = want;
+    }
+}
+
 // Walks the working string w into the zeroed work buffer; *byteIdx ends as
 // the built length.
 uint32_t WalkFormat(const UserInfo *info, const char *fmt, const char *w, uint8_t *work, uint32_t *byteIdx)
@@ -750,13 +832,16 @@ uint32_t WalkFormat(const UserInfo *info, const char *fmt, const char *w, uint8_
     bool quoted = false;
     uint32_t bitPos = 0;
     uint32_t idx = 0;
+    uint32_t zeroed = 0;
     const size_t fmtLen = strnlen(fmt, PPPOE_PLUS_UDF_FMT_LEN);
     uint32_t i = 0;
+    ZeroAhead(work, &zeroed, 0);
     while (w[i] != '\0') {
         const char ch = w[i];
         if (idx >= PPPOE_PLUS_UDF_WORK_LEN) {
             return PPPOE_PLUS_ERR;
         }
+        ZeroAhead(work, &zeroed, bitPos);
         if (ch == ' ' && !quoted) {
             ++i;
         } else if (ch == '"') {
@@ -780,7 +865,7 @@ uint32_t WalkFormat(const UserInfo *info, const char *fmt, const char *w, uint8_
             }
             const uint8_t ascii = quoted ? 1U : 0U;
             uint32_t width = 0;
-            if (PPPOE_PLUS_UserFmtGetFieldMinLen(ref, ascii, &width) != PPPOE_PLUS_OK) {
+            if (FieldWidth(ref, id, ascii, &width) != PPPOE_PLUS_OK) {
                 return Fail(__LINE__);
             }
             const PppoePlusKeyWordEncodeFn encode = g_pppoePlusKeyWordDict[id].encode;
@@ -846,10 +931,16 @@ extern "C" uint32_t PPPOE_PLUS_EncodeUdfData(const UserInfo *info, const char *f
         PPPOE_PLUS_MemFree(work);
         return Fail(__LINE__);
     }
-    (void)memset_s(work, PPPOE_PLUS_UDF_WORK_LEN, 0, PPPOE_PLUS_UDF_WORK_LEN);
+    // WalkFormat zeroes the buffer ahead of what it writes.
     uint32_t len = 0;
     uint32_t ret = WalkFormat(info, fmt, w, work, &len);
-    if (ret == PPPOE_PLUS_OK) {
+    // A format without optional parts was walked whole, every keyword of it
+    // recognised: without the word "length" in it, the length scan could
+    // find neither a length field nor a keyword to fail on.
+    const std::string_view whole(fmt, strnlen(fmt, PPPOE_PLUS_UDF_FMT_LEN));
+    const bool lengthScan = whole.find('[') != std::string_view::npos || whole.find(']') != std::string_view::npos ||
+                            whole.find("length") != std::string_view::npos;
+    if (ret == PPPOE_PLUS_OK && lengthScan) {
         ret = PPPOE_PLUS_ReBuildLength(fmt, work, &len);
     }
     if (ret == PPPOE_PLUS_OK && len > PPPOE_PLUS_UDF_OUT_MAX) {
@@ -859,7 +950,7 @@ extern "C" uint32_t PPPOE_PLUS_EncodeUdfData(const UserInfo *info, const char *f
     }
     if (ret == PPPOE_PLUS_OK) {
         if (len != 0U) {
-            (void)memcpy_s(out, PPPOE_PLUS_UDF_OUT_MAX, work, len);
+            (void)PppoePlusCopy(out, PPPOE_PLUS_UDF_OUT_MAX, work, len);
         }
         *outLen = len;
     }

@@ -1,0 +1,170 @@
+// The host's control socket under clients that misbehave: held-open
+// connections, half-sent lines, a long command; and the socket's access
+// whatever the umask.
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "control.hpp"
+#include "control_server.hpp"
+#include "pplus_test.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+std::string SocketPath(const char *name)
+{
+    return "/tmp/pplus-ctl-" + std::to_string(getpid()) + "-" + name + ".sock";
+}
+
+int Connect(const std::string &path)
+{
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd >= 0 && connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof(addr)) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// What the server wrote before closing, waiting up to timeout.
+std::string ReadAll(int fd, std::chrono::milliseconds timeout)
+{
+    std::string text;
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd p = {fd, POLLIN, 0};
+        if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) {
+            return text;
+        }
+        char buf[512];
+        const ssize_t n = read(fd, buf, sizeof(buf));
+        if (n <= 0) {
+            return text;
+        }
+        text.append(buf, static_cast<size_t>(n));
+    }
+}
+
+// A request through the client the CLI uses, and how long it took.
+std::string Request(const std::string &path, const std::string &line, std::chrono::milliseconds *took = nullptr)
+{
+    const auto start = std::chrono::steady_clock::now();
+    std::string reply;
+    std::string error;
+    const bool ok = host::ControlRequest(path, line, &reply, &error);
+    if (took != nullptr) {
+        *took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+    }
+    return ok ? reply : "unreachable: " + error;
+}
+
+}  // namespace
+
+TEST(ControlServer, ServesAWellBehavedClientWhileOthersHoldConnectionsOrSendHalfALine)
+{
+    const std::string path = SocketPath("busy");
+    host::ControlServerLimits limits;
+    limits.maxConnections = 8;
+    limits.readTimeout = 1500ms;
+    host::ControlServer server;
+    std::string error;
+    ASSERT_TRUE(server.Start(path, {}, &error, {}, limits)) << error;
+
+    // Twenty idle clients, one of them with half a line.
+    std::vector<int> idle;
+    for (int i = 0; i < 20; i++) {
+        idle.push_back(Connect(path));
+        ASSERT_GE(idle.back(), 0);
+    }
+    ASSERT_EQ(send(idle.back(), "board li", 8, MSG_NOSIGNAL), 8);
+    std::chrono::milliseconds took{};
+    EXPECT_EQ(Request(path, "fwm", &took).rfind("ok\n", 0), 0U);
+    EXPECT_LT(took, 1000ms);
+
+    // The oldest idle clients made room, each told why; the newest wait on.
+    size_t closedWithReason = 0;
+    for (size_t i = 0; i <= idle.size() - limits.maxConnections; i++) {
+        const std::string said = ReadAll(idle[i], 200ms);
+        closedWithReason += said.find("error: too many connections (8 open)") == 0 ? 1 : 0;
+    }
+    EXPECT_EQ(closedWithReason, idle.size() - limits.maxConnections + 1);
+    // Past the read timeout the half-sent line is refused, not run.
+    EXPECT_EQ(ReadAll(idle.back(), 5000ms), "error: no command line received within 1.5 s\n");
+    for (int fd : idle) {
+        close(fd);
+    }
+
+    // A line over the limit is refused at once.
+    EXPECT_EQ(Request(path, std::string(5000, 'x')), "error: command line longer than 4096 bytes\n");
+}
+
+TEST(ControlServer, ALongCommandDoesNotHoldUpTheOthersAndStopWaitsForIt)
+{
+    const std::string path = SocketPath("long");
+    std::atomic<bool> release{false};
+    host::ControlHooks hooks;
+    hooks.replay = [&release](const std::string &, std::string *output) {
+        pplus_test::WaitFor([&release]() { return release.load(); }, 20000);
+        *output = "replayed";
+        return true;
+    };
+    host::ControlServer server;
+    std::string error;
+    ASSERT_TRUE(server.Start(path, hooks, &error)) << error;
+    const int slow = Connect(path);
+    ASSERT_GE(slow, 0);
+    ASSERT_EQ(send(slow, "port replay X=y.pcap\n", 21, MSG_NOSIGNAL), 21);
+
+    std::chrono::milliseconds took{};
+    EXPECT_EQ(Request(path, "board list", &took).rfind("ok\n", 0), 0U);
+    EXPECT_LT(took, 1000ms);
+    release = true;
+    EXPECT_EQ(ReadAll(slow, 5000ms), "ok\nreplayed\n");
+    close(slow);
+    server.Stop();
+    EXPECT_NE(access(path.c_str(), F_OK), 0);
+}
+
+TEST(ControlServer, SocketIsOwnerAndGroupOnlyWhateverTheUmaskAndALiveOneIsNotTakenOver)
+{
+    const std::string path = SocketPath("mode");
+    const mode_t old = umask(0);
+    host::ControlServer server;
+    std::string error;
+    ASSERT_TRUE(server.Start(path, {}, &error)) << error;
+    umask(old);
+    struct stat st = {};
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0660U);
+
+    host::ControlServer second;
+    EXPECT_FALSE(second.Start(path, {}, &error));
+    EXPECT_EQ(error, "another pppoe-plus-switch is listening on " + path);
+    EXPECT_FALSE(second.Start(SocketPath("grp"), {}, &error, {"no-such-group-hd"}));
+    EXPECT_EQ(error, "no group named \"no-such-group-hd\"");
+
+    // --group: the group named may connect (root may name any group).
+    const group *grp = getuid() == 0 ? getgrnam("daemon") : getgrgid(getgid());
+    ASSERT_NE(grp, nullptr);
+    const gid_t gid = grp->gr_gid;
+    ASSERT_TRUE(second.Start(SocketPath("grp"), {}, &error, {grp->gr_name})) << error;
+    ASSERT_EQ(stat(SocketPath("grp").c_str(), &st), 0);
+    EXPECT_EQ(st.st_gid, gid);
+    EXPECT_EQ(st.st_mode & 0777, 0660U);
+}
