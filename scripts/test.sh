@@ -17,7 +17,7 @@ check_format() {
     echo "== format: no git history or no ${target} to compare with; not checked"
     return 0
   fi
-  out=$(git clang-format-14 --diff "${base}")
+  out=$(git clang-format-14 --extensions c,h,cc,cpp,hpp --diff "${base}")
   case "${out}" in
     "" | "no modified files to format" | "clang-format did not modify any files")
       echo "== format: the lines changed since ${target} follow .clang-format" ;;

@@ -373,7 +373,8 @@ void AddShow(CLI::App &app, Action *action)
             return ShowSubscribers(g, *cmd, *args);
         }
         if (args->Filtered()) {
-            return UsageError(*cmd, "show " + args->what + ": --port, --vlan, --mac and --json are for show subscribers");
+            return UsageError(*cmd,
+                              "show " + args->what + ": --port, --vlan, --mac and --json are for show subscribers");
         }
         if (args->what == "config") {
             return WithDatastore(g, [](Admin &admin) { return admin.Export(); });

@@ -85,8 +85,7 @@ void AddWords(CLI::App *world, Action *action, const std::string &name, const st
 }
 
 // A command that sends one fixed line.
-void AddLine(CLI::App *world, Action *action, const std::string &name, const std::string &help,
-             const std::string &line)
+void AddLine(CLI::App *world, Action *action, const std::string &name, const std::string &help, const std::string &line)
 {
     OnParsed(world->add_subcommand(name, help), action, [line](const Globals &g) { return WithSwitch(g, line); });
 }

@@ -420,7 +420,8 @@ std::optional<IfRecord> IfResolve(std::string_view nameOrIndex)
 {
     const epoch::Pin pin;
     const auto &rows = TheWorld().ifs.Read().rows;
-    const auto named = std::find_if(rows.begin(), rows.end(), [nameOrIndex](const IfRecord &r) { return r.name == nameOrIndex; });
+    const auto named =
+        std::find_if(rows.begin(), rows.end(), [nameOrIndex](const IfRecord &r) { return r.name == nameOrIndex; });
     if (named != rows.end()) {
         return *named;
     }
