@@ -167,6 +167,16 @@ struct Cache {
 
 thread_local Cache t_cache;
 
+__attribute__((noinline)) Cache *CacheOfThread()
+{
+    return &t_cache;
+}
+
+Cache &ThreadCache()
+{
+    return ThreadRef<Cache, CacheOfThread>(ThreadRefId::kBlockCache);
+}
+
 // Moves up to n blocks of the thread's list to the depot.
 void Spill(Cache &cache, size_t sizeClass, uint32_t n)
 {
@@ -257,7 +267,7 @@ void *TakeBlock(size_t size)
         return nullptr;
     }
     const auto sizeClass = static_cast<size_t>(found);
-    Cache &cache = t_cache;
+    Cache &cache = ThreadCache();
     if (cache.closed) {
         uint32_t got = 0;
         return TakeFromDepot(sizeClass, 1, &got);
@@ -290,7 +300,7 @@ void Give(void *block)
 {
     PoisonFree(block);
     const size_t sizeClass = SlabOf(block)->sizeClass;
-    Cache &cache = t_cache;
+    Cache &cache = ThreadCache();
     if (cache.closed) {
         Depot &depot = Depots()[sizeClass];
         std::lock_guard lock(depot.mu);
@@ -309,6 +319,23 @@ void Give(void *block)
 }
 
 constinit thread_local KnownBlocks t_knownBlocks;
+
+static __attribute__((noinline)) KnownBlocks *KnownBlocksOfThread()
+{
+    return &t_knownBlocks;
+}
+
+void *LearnBlock(const void *p)
+{
+    void *block = LookUpBlock(p);
+    if (block != nullptr) {
+        KnownBlocks &known = ThreadRef<KnownBlocks, KnownBlocksOfThread>(ThreadRefId::kKnownBlocks);
+        const size_t slot = KnownBlocks::SlotOf(p);
+        known.address[slot] = p;
+        known.block[slot] = block;
+    }
+    return block;
+}
 
 void *LookUpBlock(const void *p)
 {

@@ -17,6 +17,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/thread_ref.hpp"
+
 namespace platform::internal {
 
 namespace block_pool {
@@ -47,10 +49,11 @@ struct KnownBlocks {
     std::array<const void *, kSlots> address{};
     std::array<void *, kSlots> block{};
 };
-extern constinit thread_local KnownBlocks t_knownBlocks;
 
 // BlockOf without the thread's memory of it.
 void *LookUpBlock(const void *p);
+// BlockOf when the thread does not remember p: looks it up and remembers it.
+void *LearnBlock(const void *p);
 
 // The largest block.
 inline constexpr size_t kMaxBlock = 16384;
@@ -64,16 +67,14 @@ void Give(void *block);
 // one of the pool's blocks.
 inline void *BlockOf(const void *p)
 {
-    const size_t slot = KnownBlocks::SlotOf(p);
-    if (t_knownBlocks.address[slot] == p && p != nullptr) {
-        return t_knownBlocks.block[slot];
+    if (const void *ref = ThreadRefSlot(ThreadRefId::kKnownBlocks); ref != nullptr) {
+        const auto &known = *static_cast<const KnownBlocks *>(ref);
+        const size_t slot = KnownBlocks::SlotOf(p);
+        if (known.address[slot] == p && p != nullptr) {
+            return known.block[slot];
+        }
     }
-    void *block = LookUpBlock(p);
-    if (block != nullptr) {
-        t_knownBlocks.address[slot] = p;
-        t_knownBlocks.block[slot] = block;
-    }
-    return block;
+    return LearnBlock(p);
 }
 // The size of a block (its size class, at least what was asked for).
 size_t BlockSize(const void *block);

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "core/internal.hpp"
+#include "core/thread_ref.hpp"
 
 namespace platform::internal::epoch {
 
@@ -47,6 +48,12 @@ State &TheState()
     return Leaky<State>();
 }
 
+// The slot t_slot claimed, read with one load while the thread has it.
+void *&Claimed()
+{
+    return ThreadRefSlot(ThreadRefId::kEpochSlot);
+}
+
 // The calling thread's slot, claimed on first use and given back when the
 // thread ends; null when every slot is taken.
 struct ThreadSlot {
@@ -56,6 +63,7 @@ struct ThreadSlot {
 
     ~ThreadSlot()
     {
+        Claimed() = nullptr;
         if (slot != nullptr) {
             slot->epoch.store(0, std::memory_order_release);
             slot->depth = 0;
@@ -68,12 +76,16 @@ thread_local ThreadSlot t_slot;
 
 Slot *Claim()
 {
+    if (void *claimed = Claimed(); claimed != nullptr) {
+        return static_cast<Slot *>(claimed);
+    }
     if (!t_slot.claimed) {
         t_slot.claimed = true;
         for (Slot &slot : TheState().slots) {
             bool free = false;
             if (slot.taken.compare_exchange_strong(free, true, std::memory_order_acq_rel)) {
                 t_slot.slot = &slot;
+                Claimed() = &slot;
                 break;
             }
         }

@@ -30,6 +30,7 @@
 
 #include "core/block_pool.hpp"
 #include "core/internal.hpp"
+#include "core/thread_ref.hpp"
 #include "db.h"
 #include "db/db_object.hpp"
 #include "platform/fail_point.hpp"
@@ -100,7 +101,8 @@ void DestroyObject(DB_OBJ *obj)
 }
 
 // The object p points at when it is a live one of ours; nothing foreign is read.
-DB_OBJ *LiveObject(const void *p)
+// Inlined: every call on an object checks it.
+inline __attribute__((always_inline)) DB_OBJ *LiveObject(const void *p)
 {
     void *block = pool::BlockOf(p);
     if (block == nullptr) {
@@ -137,8 +139,19 @@ struct IdleList {
 };
 struct ThreadObjects {
     std::array<IdleList, kTableSlots> idle;
+    bool guardArmed;
 };
 thread_local ThreadObjects t_objects;
+
+__attribute__((noinline)) ThreadObjects *ObjectsOfThread()
+{
+    return &t_objects;
+}
+
+ThreadObjects &ThreadIdle()
+{
+    return platform::internal::ThreadRef<ThreadObjects, ObjectsOfThread>(platform::internal::ThreadRefId::kDbObjects);
+}
 
 struct ThreadObjectsGuard {
     bool armed = false;
@@ -158,7 +171,7 @@ thread_local ThreadObjectsGuard t_objectsGuard;
 // Null when memory is out or the table is unknown.
 DB_OBJ *TakeObject(uint32_t table, std::unique_ptr<DB_OBJ, void (*)(DB_OBJ *)> (*make)(uint32_t))
 {
-    IdleList &idle = t_objects.idle[SlotOf(table)];
+    IdleList &idle = ThreadIdle().idle[SlotOf(table)];
     DB_OBJ *obj = nullptr;
     if (idle.count != 0) {
         obj = idle.objs[--idle.count];
@@ -182,9 +195,11 @@ void GiveObject(DB_OBJ *obj)
     }
     obj->children.clear();
     obj->iterLive = false;
-    IdleList &idle = t_objects.idle[SlotOf(obj->table)];
+    ThreadObjects &objects = ThreadIdle();
+    IdleList &idle = objects.idle[SlotOf(obj->table)];
     if (obj->sub == nullptr && idle.count < kPooledPerTable) {
-        if (idle.count == 0 && !t_objectsGuard.armed) {
+        if (!objects.guardArmed) {
+            objects.guardArmed = true;
             t_objectsGuard.armed = true;   // the thread's end destroys what waits
         }
         obj->Recycle();
@@ -588,10 +603,20 @@ uint32_t db_create_child_node(DB_OBJ_S *obj, const char *node, DB_OBJ_S **child)
     if (node == nullptr || child == nullptr) {
         return DB_ERR_PARAM;
     }
+    // Two short names, asked for several times a frame: compared in place,
+    // reading node no further than its first difference.
+    auto named = [node](std::string_view want) {
+        for (size_t i = 0; i < want.size(); i++) {
+            if (node[i] != want[i]) {
+                return false;
+            }
+        }
+        return node[want.size()] == '\0';
+    };
     uint32_t table = 0;
-    if (std::strcmp(node, "dev") == 0) {
+    if (named("dev")) {
         table = DB_TABLE_IF_DEV;
-    } else if (std::strcmp(node, "l2") == 0) {
+    } else if (named("l2")) {
         table = DB_TABLE_IF_L2;
     } else {
         return DB_ERR_PARAM;

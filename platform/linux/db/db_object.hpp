@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "core/internal.hpp"
+#include "core/thread_ref.hpp"
 #include "db.h"
 #include "platform/world.hpp"
 #include "world/world_internal.hpp"
@@ -61,11 +62,12 @@ struct DB_OBJ {
     // Steps to the next snapshot row and makes it current; false past the end.
     bool Next()
     {
-        const size_t next = hasCurrent ? current + 1 : (started ? SnapshotCount() : 0);
+        const size_t count = SnapshotCount();   // fetches the rows on the first step
+        const size_t next = hasCurrent ? current + 1 : (started ? count : 0);
         started = true;
-        if (next >= SnapshotCount()) {
+        if (next >= count) {
             hasCurrent = false;
-            current = SnapshotCount();
+            current = count;
             return false;
         }
         current = next;
@@ -258,10 +260,18 @@ private:
         std::array<KeptRead, kKept> reads;
     };
     static size_t KeptSlot(uint32_t key) { return (key * 0x9E3779B1U) >> 28U; }
-    static KeptReads &Kept()
+    static KeptReads *KeptOfThread()
     {
         static thread_local KeptReads kept;
-        return kept;
+        return &kept;
+    }
+    KeptReads &Kept() const
+    {
+        if (table >= platform::internal::kKeptReadTables) {
+            return *KeptOfThread();
+        }
+        return platform::internal::ThreadRef<KeptReads, KeptOfThread>(platform::internal::ThreadRefId::kKeptReads,
+                                                                      table);
     }
 
     // Swaps the keyed read held with one kept.

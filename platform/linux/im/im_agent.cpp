@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "core/internal.hpp"
+#include "core/thread_ref.hpp"
 #include "im_agent.h"
 #include "platform/control.h"
 #include "platform/fail_point.hpp"
@@ -167,8 +168,14 @@ bool IsLive(const IM_AGENT_OBJ *obj)
 struct ThreadRecords {
     std::array<IM_AGENT_OBJ *, kThreadFreeMax> free;
     size_t count;
+    bool guardArmed;
 };
 thread_local ThreadRecords t_records;
+
+__attribute__((noinline)) ThreadRecords *RecordsOfThread()
+{
+    return &t_records;
+}
 
 struct ThreadRecordsGuard {
     bool armed = false;
@@ -185,8 +192,9 @@ thread_local ThreadRecordsGuard t_recordsGuard;
 // A free record: the thread's own, the shared pool's, or a new chunk's.
 IM_AGENT_OBJ *TakeRecord()
 {
-    if (t_records.count != 0) {
-        return t_records.free[--t_records.count];
+    ThreadRecords &records = platform::internal::ThreadRef<ThreadRecords, RecordsOfThread>(platform::internal::ThreadRefId::kImRecords);
+    if (records.count != 0) {
+        return records.free[--records.count];
     }
     Agent &agent = TheAgent();
     std::lock_guard lock(agent.mu);
@@ -205,11 +213,13 @@ IM_AGENT_OBJ *TakeRecord()
 
 void GiveBack(IM_AGENT_OBJ *obj)
 {
-    if (t_records.count < kThreadFreeMax) {
-        if (t_records.count == 0 && !t_recordsGuard.armed) {
+    ThreadRecords &records = platform::internal::ThreadRef<ThreadRecords, RecordsOfThread>(platform::internal::ThreadRefId::kImRecords);
+    if (records.count < kThreadFreeMax) {
+        if (!records.guardArmed) {
+            records.guardArmed = true;
             t_recordsGuard.armed = true;
         }
-        t_records.free[t_records.count++] = obj;
+        records.free[records.count++] = obj;
         return;
     }
     Agent &agent = TheAgent();

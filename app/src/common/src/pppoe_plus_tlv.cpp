@@ -146,7 +146,7 @@ uint32_t WriteText(KeyWordEncodeCtx *ctx, const char *text, char *scratch, uint3
 
 uint32_t WriteSmallText(KeyWordEncodeCtx *ctx, const char *text)
 {
-    char scratch[kScratchLen] = {};
+    char scratch[kScratchLen];   // terminated by PadText, which writes it first
     return WriteText(ctx, text, scratch, sizeof(scratch));
 }
 
@@ -382,7 +382,7 @@ uint32_t PPPOE_PLUS_EncodeDigit(uint32_t value, KeyWordEncodeCtx *ctx)
         return PPPOE_PLUS_ERR;
     }
     if (ctx->ascii == 1U) {
-        char text[kScratchLen] = {};
+        char text[kScratchLen];   // terminated by PadText, which writes it first
         const int n = RenderNumber(value, ctx->fieldFmt, text, sizeof(text));
         if (n < 0) {
             return PPPOE_PLUS_ERR;
@@ -451,7 +451,8 @@ uint32_t PPPOE_PLUS_EncodeSysName(KeyWordEncodeCtx *ctx)
     if (!CtxValid(ctx)) {
         return PPPOE_PLUS_ERR;
     }
-    char name[PPPOE_PLUS_SYSNAME_LEN] = {};
+    char name[PPPOE_PLUS_SYSNAME_LEN];
+    name[0] = '\0';   // a read that succeeds writes the name with its terminator
     if (PPPOE_PLUS_GetSysName(name, sizeof(name)) != 0U) {
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "encode sysname failed.");
         return PPPOE_PLUS_ERR;
