@@ -206,6 +206,19 @@ TEST_F(LivePortsTest, FramesArriveAsTheyWereSentWithTagsPutBack)
     EXPECT_EQ(a.tx, std::size(rows));
     EXPECT_GE(b.rx, std::size(rows));
     EXPECT_TRUE(a.up && b.up);
+
+    // Queued inside a batch (no port's thread is woken), sent when it ends, in order.
+    {
+        const device::fplane::TransmitBatch batch;
+        for (uint8_t i = 0; i < 3; i++) {
+            ports_->Transmit(kPortA, TestFrame(60, {}, i));
+            ports_->Transmit(kPortB, TestFrame(60, {}, static_cast<uint8_t>(0x10 + i)));
+        }
+    }
+    for (uint8_t i = 0; i < 3; i++) {
+        EXPECT_EQ(NextFrame(kPortB), TestFrame(60, {}, i));
+        EXPECT_EQ(NextFrame(kPortA), TestFrame(60, {}, static_cast<uint8_t>(0x10 + i)));
+    }
 }
 
 TEST_F(LivePortsTest, FramesLongerThanTheMtuAllowsAreDroppedAndCountedNeverCut)
