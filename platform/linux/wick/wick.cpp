@@ -51,6 +51,7 @@
 #include "core/block_pool.hpp"
 #include "core/internal.hpp"
 #include "platform/control.h"
+#include "platform/fail_point.hpp"
 #include "wick.h"
 
 namespace {
@@ -71,12 +72,6 @@ constexpr const char *kCopySite = "FpcMbufPktCopy";
 uint32_t FailStatus(uint32_t code)
 {
     return code != 0 ? code : 1U;
-}
-
-bool ShouldFail(const char *op, uint32_t *code)
-{
-    *code = 0;
-    return platform::internal::Injected(op, code);
 }
 
 // ---------------------------------------------------------------------------
@@ -584,8 +579,7 @@ extern "C" {
 
 uint32_t FPC_ChannelGetIdByName(const char *name)
 {
-    uint32_t code;
-    if (ShouldFail("FPC_ChannelGetIdByName", &code) || name == nullptr) {
+    if (platform::FailPoint(__func__) || name == nullptr) {
         return FPC_INVALID_ID;
     }
     ChannelTable &t = Channels();
@@ -599,8 +593,7 @@ uint32_t FPC_ChannelGetIdByName(const char *name)
 // caller's: the receiving task decides how much it is prepared to queue.
 uint32_t FPC_ChannelCreate(const char *name, uint32_t depth)
 {
-    uint32_t code;
-    if (ShouldFail("FPC_ChannelCreate", &code) || name == nullptr || name[0] == '\0' || depth == 0) {
+    if (platform::FailPoint(__func__) || name == nullptr || name[0] == '\0' || depth == 0) {
         return FPC_INVALID_ID;
     }
     ChannelTable &t = Channels();
@@ -628,9 +621,8 @@ uint32_t FPC_ChannelCreate(const char *name, uint32_t depth)
 // A later registration under the same name, by any thread, takes the name over.
 uint32_t FPC_ThreadInfoRegByName(const char *threadName)
 {
-    uint32_t code;
-    if (ShouldFail("FPC_ThreadInfoRegByName", &code)) {
-        return FailStatus(code);
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return FailStatus(*failed);
     }
     if (threadName == nullptr || threadName[0] == '\0') {
         return 1;
@@ -657,12 +649,11 @@ uint32_t FPC_ThreadInfoRegByName(const char *threadName)
 
 uint32_t FPC_EventRead(uint32_t *eventFlags)
 {
-    uint32_t code;
-    if (ShouldFail("FPC_EventRead", &code)) {
+    if (const auto failed = platform::FailPoint(__func__)) {
         if (eventFlags != nullptr) {
             *eventFlags = 0;
         }
-        return FailStatus(code);
+        return FailStatus(*failed);
     }
     if (eventFlags == nullptr) {
         return 1;
@@ -697,12 +688,11 @@ uint32_t FPC_EventRead(uint32_t *eventFlags)
 
 uint32_t FPC_ChannelDcRecv(uint32_t channelId, FpcMbuf **mbuf)
 {
-    uint32_t code;
-    if (ShouldFail("FPC_ChannelDcRecv", &code)) {
+    if (const auto failed = platform::FailPoint(__func__)) {
         if (mbuf != nullptr) {
             *mbuf = nullptr;
         }
-        return FailStatus(code);
+        return FailStatus(*failed);
     }
     if (mbuf == nullptr) {
         return 1;
@@ -717,9 +707,8 @@ uint32_t FPC_ChannelDcRecv(uint32_t channelId, FpcMbuf **mbuf)
 uint32_t FPC_ChannelDcSendByIdNoSem(const char * /*threadName*/, uint32_t channelId, uint32_t /*flags*/,
                                     FpcMbuf *mbuf)
 {
-    uint32_t code;
-    if (ShouldFail("FPC_ChannelDcSendByIdNoSem", &code)) {
-        return FailStatus(code);
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return FailStatus(*failed);
     }
     if (mbuf == nullptr) {
         return 1;
@@ -734,8 +723,7 @@ uint32_t FPC_ChannelDcSendByIdNoSem(const char * /*threadName*/, uint32_t channe
 
 FpcMbuf *MbufPktNewFromData(const void *data, uint32_t len, const char *file, uint32_t line)
 {
-    uint32_t code;
-    if (ShouldFail("MbufPktNewFromData", &code)) {
+    if (platform::FailPoint(__func__)) {
         return nullptr;
     }
     return NewBufferFromData(data, len, file, line);
@@ -745,9 +733,8 @@ FpcMbuf *MbufPktNewFromData(const void *data, uint32_t len, const char *file, ui
 // so pointers into it stay valid. 1 when that room is short.
 uint32_t MbufPktAddHead(FpcMbuf *mbuf, uint32_t len, const char * /*file*/, uint32_t /*line*/)
 {
-    uint32_t code;
-    if (ShouldFail("MbufPktAddHead", &code)) {
-        return FailStatus(code);
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return FailStatus(*failed);
     }
     if (mbuf == nullptr || len > mbuf->dataOff) {
         return 1;
@@ -759,9 +746,8 @@ uint32_t MbufPktAddHead(FpcMbuf *mbuf, uint32_t len, const char * /*file*/, uint
 
 uint32_t MbufPktCutHead(FpcMbuf *mbuf, uint32_t len, const char * /*file*/, uint32_t /*line*/)
 {
-    uint32_t code;
-    if (ShouldFail("MbufPktCutHead", &code)) {
-        return FailStatus(code);
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return FailStatus(*failed);
     }
     if (mbuf == nullptr || len > mbuf->dataLen) {
         return 1;
@@ -773,9 +759,8 @@ uint32_t MbufPktCutHead(FpcMbuf *mbuf, uint32_t len, const char * /*file*/, uint
 
 uint32_t FpcMbufCopyPktToData(FpcMbuf *mbuf, void *dst, uint32_t len)
 {
-    uint32_t code;
-    if (ShouldFail("FpcMbufCopyPktToData", &code)) {
-        return FailStatus(code);
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return FailStatus(*failed);
     }
     if (mbuf == nullptr || dst == nullptr || len > mbuf->dataLen) {
         return 1;
@@ -789,9 +774,8 @@ uint32_t FpcMbufCopyPktToData(FpcMbuf *mbuf, void *dst, uint32_t len)
 // A failure injected here returns the injected code as the room length.
 uint32_t FPC_GetDefaultDataRoomLen(void)
 {
-    uint32_t code;
-    if (ShouldFail("FPC_GetDefaultDataRoomLen", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     return WICK_DEFAULT_DATA_ROOM;
 }
@@ -799,8 +783,7 @@ uint32_t FPC_GetDefaultDataRoomLen(void)
 // An injected failure is only counted: the buffer is freed all the same.
 void FpcMbufFree(FpcMbuf *mbuf, const char *file, uint32_t line)
 {
-    uint32_t code;
-    (void)ShouldFail("FpcMbufFree", &code);
+    (void)platform::FailPoint(__func__);  // counted; the operation cannot fail
     FreeBuffer(mbuf, file, line);
 }
 
@@ -809,8 +792,7 @@ void FpcMbufFree(FpcMbuf *mbuf, const char *file, uint32_t line)
 // from a leaked original.
 FpcMbuf *FpcMbufPktCopy(FpcMbuf *mbuf)
 {
-    uint32_t code;
-    if (ShouldFail("FpcMbufPktCopy", &code) || mbuf == nullptr) {
+    if (platform::FailPoint(__func__) || mbuf == nullptr) {
         return nullptr;
     }
     if (static_cast<uint64_t>(mbuf->dataOff) + mbuf->dataLen > mbuf->bufLen ||
@@ -834,9 +816,8 @@ FpcMbuf *FpcMbufPktCopy(FpcMbuf *mbuf)
 
 uint32_t WICK_ChannelPut(const char *channelName, const void *data, uint32_t len)
 {
-    uint32_t code;
-    if (ShouldFail("WICK_ChannelPut", &code)) {
-        return FailStatus(code);
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return FailStatus(*failed);
     }
     if (channelName == nullptr || channelName[0] == '\0') {
         return 1;
@@ -875,9 +856,8 @@ uint32_t WICK_ChannelPut(const char *channelName, const void *data, uint32_t len
 // its sending channel only after the forwarding plane started taking.
 uint32_t WICK_ChannelTake(const char *channelName, void *buf, uint32_t cap, uint32_t *len, uint32_t timeoutMs)
 {
-    uint32_t code;
-    if (ShouldFail("WICK_ChannelTake", &code)) {
-        return FailStatus(code);
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return FailStatus(*failed);
     }
     if (channelName == nullptr || (buf == nullptr && cap != 0)) {
         return 1;
