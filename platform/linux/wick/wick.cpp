@@ -508,13 +508,15 @@ bool Enqueue(ChannelTable &t, Channel *ch, FpcMbuf *m)
         if (ch->retired || !ch->ring.push(m, ch->depth.load(std::memory_order_relaxed))) {
             return false;
         }
-        // Counted before the owner is looked at, while a receiver announces
-        // it blocks before it looks at the count: one sees the other.
-        ch->pending.fetch_add(1, std::memory_order_seq_cst);
+        // Only ever changed under mu: no read-modify-write needed.
+        ch->pending.store(ch->pending.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     }
+    // A receiver announces it blocks, then reads the count under mu
+    // (PendingLocked): if its look came first, this send's lock follows its
+    // announcement and the loads below see it; otherwise it saw the buffer.
     ThreadState *owner = ch->owner.load(std::memory_order_acquire);
-    const bool wakeOwner = owner != nullptr && owner->blocked.load(std::memory_order_seq_cst);
-    const bool wakeTakers = t.takers.load(std::memory_order_seq_cst) != 0;
+    const bool wakeOwner = owner != nullptr && owner->blocked.load(std::memory_order_acquire);
+    const bool wakeTakers = t.takers.load(std::memory_order_acquire) != 0;
     if (wakeOwner || wakeTakers) {
         std::lock_guard<std::mutex> lock(t.mu);
         if (wakeOwner) {
@@ -532,9 +534,17 @@ FpcMbuf *Dequeue(Channel *ch)
     std::lock_guard<SpinMutex> lock(ch->mu);
     FpcMbuf *m = ch->ring.pop();
     if (m != nullptr) {
-        ch->pending.fetch_sub(1, std::memory_order_relaxed);
+        ch->pending.store(ch->pending.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
     }
     return m;
+}
+
+// The channel's count read under its lock, for a receiver that announced
+// it is about to wait (see Enqueue).
+bool PendingLocked(Channel *ch)
+{
+    std::lock_guard<SpinMutex> lock(ch->mu);
+    return ch->pending.load(std::memory_order_relaxed) != 0;
 }
 
 // The channel a name last resolved to on this thread (the forwarding
@@ -566,11 +576,12 @@ struct NameCache {
 thread_local NameCache t_putName;
 thread_local NameCache t_takeName;
 
-// Caller holds t.mu.
-bool AnyPending(const ThreadState *self)
+// Caller holds t.mu. locked: the caller announced it blocks, and the
+// counts are read under each channel's lock (see Enqueue).
+bool AnyPending(const ThreadState *self, bool locked = false)
 {
-    return std::any_of(self->owned.begin(), self->owned.end(), [](const Channel *ch) {
-        return ch->pending.load(std::memory_order_seq_cst) != 0;
+    return std::any_of(self->owned.begin(), self->owned.end(), [locked](Channel *ch) {
+        return locked ? PendingLocked(ch) : ch->pending.load(std::memory_order_relaxed) != 0;
     });
 }
 
@@ -683,7 +694,7 @@ uint32_t FPC_EventRead(uint32_t *eventFlags)
         PLAT_TaskMarkWaiting("FPC_EventRead");
         lock.lock();
         self->blocked.store(true, std::memory_order_seq_cst);
-        while (!AnyPending(self)) {
+        while (!AnyPending(self, true)) {
             if (self->cv.wait_until(lock, deadline) == std::cv_status::timeout) {
                 break;
             }
@@ -897,7 +908,7 @@ uint32_t WICK_ChannelTake(const char *channelName, void *buf, uint32_t cap, uint
             // counts its buffer before it looks at the takers.
             t.takers.fetch_add(1, std::memory_order_seq_cst);
             ch = FindByName(t, channelName);
-            if (ch != nullptr && ch->pending.load(std::memory_order_seq_cst) != 0) {
+            if (ch != nullptr && PendingLocked(ch)) {
                 t.takers.fetch_sub(1, std::memory_order_relaxed);
                 continue;
             }
