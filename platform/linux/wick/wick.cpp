@@ -508,8 +508,10 @@ bool Enqueue(ChannelTable &t, Channel *ch, FpcMbuf *m)
         if (ch->retired || !ch->ring.push(m, ch->depth.load(std::memory_order_relaxed))) {
             return false;
         }
-        // Only ever changed under mu: no read-modify-write needed.
-        ch->pending.store(ch->pending.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        // Only ever changed under mu: no read-modify-write needed. Stored
+        // with release (and read with acquire), so a receiver that sees the
+        // count sees what the sender did before the send.
+        ch->pending.store(ch->pending.load(std::memory_order_relaxed) + 1, std::memory_order_release);
     }
     // A receiver announces it blocks, then reads the count under mu
     // (PendingLocked): if its look came first, this send's lock follows its
@@ -534,7 +536,7 @@ FpcMbuf *Dequeue(Channel *ch)
     std::lock_guard<SpinMutex> lock(ch->mu);
     FpcMbuf *m = ch->ring.pop();
     if (m != nullptr) {
-        ch->pending.store(ch->pending.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
+        ch->pending.store(ch->pending.load(std::memory_order_relaxed) - 1, std::memory_order_release);
     }
     return m;
 }
@@ -581,7 +583,7 @@ thread_local NameCache t_takeName;
 bool AnyPending(const ThreadState *self, bool locked = false)
 {
     return std::any_of(self->owned.begin(), self->owned.end(), [locked](Channel *ch) {
-        return locked ? PendingLocked(ch) : ch->pending.load(std::memory_order_relaxed) != 0;
+        return locked ? PendingLocked(ch) : ch->pending.load(std::memory_order_acquire) != 0;
     });
 }
 
