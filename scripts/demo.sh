@@ -40,7 +40,7 @@ echo "== the example switch: configuration from examples/pppoe-plus.xml through 
 switch=$!
 trap 'kill ${switch} 2>/dev/null || true' EXIT
 for _ in $(seq 600); do
-  grep -q "pppoe-plus-switch: fwm:" "${out}/switch.out" && break
+  grep -qs "pppoe-plus-switch: fwm:" "${out}/switch.out" && break
   kill -0 ${switch} 2>/dev/null || break
   sleep 0.1
 done
@@ -53,6 +53,9 @@ cli show statistics
 cli show encapsulation
 cli show policy
 cli check-format '"%sysname/%port"'
+echo
+echo "== who discovered through which port, as the forwarding plane saw it"
+cli show subscribers
 kill -TERM ${switch}
 wait ${switch} || true
 trap - EXIT
