@@ -14,9 +14,6 @@
 
 #include "plat_safe.h"
 
-/* n bytes from src to dest, the ranges may overlap. Up to 32 bytes (most
- * copies of the packet path: names, tags, a sub-option) with a few loads
- * and stores inline, all loads first; longer ones by the C library. */
 /* Inlined where the source is a small array, g++ reasons about the branches
  * for longer copies, which the length rules out, as if they could run. */
 #if defined(__GNUC__) && !defined(__clang__)
@@ -25,38 +22,38 @@
 #pragma GCC diagnostic ignored "-Wstringop-overread"
 #pragma GCC diagnostic ignored "-Wstringop-overflow"
 #endif
+/* The first and the last sizeof(T) bytes of n (sizeof(T) <= n <= 2 *
+ * sizeof(T)), both loaded before either is stored. */
+template <typename T>
+inline void PppoePlusMoveEnds(unsigned char *d, const unsigned char *s, size_t n)
+{
+    T head;
+    T tail;
+    std::memcpy(&head, s, sizeof(T));
+    std::memcpy(&tail, s + n - sizeof(T), sizeof(T));
+    std::memcpy(d, &head, sizeof(T));
+    std::memcpy(d + n - sizeof(T), &tail, sizeof(T));
+}
+
+struct PppoePlusChunk16 {
+    unsigned char bytes[16];
+};
+
+/* n bytes from src to dest, the ranges may overlap. Up to 32 bytes (most
+ * copies of the packet path: names, tags, a sub-option) with a few loads
+ * and stores inline, all loads first; longer ones by the C library. */
 inline void PppoePlusMoveBytes(void *dest, const void *src, size_t n)
 {
     auto *d = static_cast<unsigned char *>(dest);
     const auto *s = static_cast<const unsigned char *>(src);
     if (n >= 16U && n <= 32U) {
-        unsigned char head[16];
-        unsigned char tail[16];
-        std::memcpy(head, s, 16U);
-        std::memcpy(tail, s + n - 16U, 16U);
-        std::memcpy(d, head, 16U);
-        std::memcpy(d + n - 16U, tail, 16U);
+        PppoePlusMoveEnds<PppoePlusChunk16>(d, s, n);
     } else if (n >= 8U && n < 16U) {
-        uint64_t head;
-        uint64_t tail;
-        std::memcpy(&head, s, 8U);
-        std::memcpy(&tail, s + n - 8U, 8U);
-        std::memcpy(d, &head, 8U);
-        std::memcpy(d + n - 8U, &tail, 8U);
+        PppoePlusMoveEnds<uint64_t>(d, s, n);
     } else if (n >= 4U && n < 8U) {
-        uint32_t head;
-        uint32_t tail;
-        std::memcpy(&head, s, 4U);
-        std::memcpy(&tail, s + n - 4U, 4U);
-        std::memcpy(d, &head, 4U);
-        std::memcpy(d + n - 4U, &tail, 4U);
+        PppoePlusMoveEnds<uint32_t>(d, s, n);
     } else if (n >= 2U && n < 4U) {
-        const unsigned char a = s[0];
-        const unsigned char b = s[1];
-        const unsigned char c = s[n - 1U];
-        d[0] = a;
-        d[1] = b;
-        d[n - 1U] = c;
+        PppoePlusMoveEnds<uint16_t>(d, s, n);
     } else if (n == 1U) {
         d[0] = s[0];
     } else if (n > 32U) {
