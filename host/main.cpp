@@ -11,11 +11,13 @@
 #include <chrono>
 #include <cerrno>
 #include <climits>
+#include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -79,6 +81,57 @@ struct PrintFilter {
     bool quiet = false;    // neither system-log lines nor diagnostic records
 };
 
+// Log lines reach stdout in batches: in a PADI flood the agent's
+// diagnostic records make hundreds of thousands of lines a second, and a
+// write per line would cost more than the frames they describe. The first
+// line after a flush wakes a thread of its own that flushes kPrintDelay
+// later, so no line waits longer than that.
+constexpr auto kPrintDelay = std::chrono::milliseconds(5);
+constexpr size_t kStdoutBuffer = 256 * 1024;
+
+class DelayedFlush {
+public:
+    // Never destroyed: the sink prints from its own thread until the process exits.
+    static DelayedFlush &Get()
+    {
+        static auto *flush = new DelayedFlush;
+        return *flush;
+    }
+
+    // Something was written to stdout: flushed within kPrintDelay.
+    void Note()
+    {
+        if (!dirty_.exchange(true)) {
+            const std::lock_guard lock(mu_);
+            cv_.notify_one();
+        }
+    }
+
+private:
+    DelayedFlush()
+    {
+        std::thread([this]() { Run(); }).detach();
+    }
+
+    void Run()
+    {
+        std::unique_lock lock(mu_);
+        for (;;) {
+            cv_.wait(lock, [this]() { return dirty_.load(); });
+            lock.unlock();
+            std::this_thread::sleep_for(kPrintDelay);
+            // Cleared before the flush: a line written after it sets it again.
+            dirty_.store(false);
+            std::fflush(stdout);
+            lock.lock();
+        }
+    }
+
+    std::mutex mu_;
+    std::condition_variable cv_;
+    std::atomic<bool> dirty_{false};
+};
+
 void PrintLine(uint32_t kind, const char *line, void *arg)
 {
     const auto *filter = static_cast<const PrintFilter *>(arg);
@@ -86,8 +139,14 @@ void PrintLine(uint32_t kind, const char *line, void *arg)
         (filter->quiet && (kind == PLAT_LOG_SYSLOG || kind == PLAT_LOG_DIAG))) {
         return;
     }
-    std::printf("[%s] %s\n", KindName(kind), line);
-    std::fflush(stdout);
+    flockfile(stdout);
+    fputc_unlocked('[', stdout);
+    fputs_unlocked(KindName(kind), stdout);
+    fputs_unlocked("] ", stdout);
+    fputs_unlocked(line, stdout);
+    fputc_unlocked('\n', stdout);
+    funlockfile(stdout);
+    DelayedFlush::Get().Note();
 }
 
 // The host's own lines go after every log line logged before them: the
@@ -261,6 +320,12 @@ std::string WaitForStop(const sigset_t &signals, Done done)
 
 int main(int argc, char **argv)
 {
+    // Into a file or a pipe, log lines leave in large writes (DelayedFlush);
+    // a terminal keeps its line buffering.
+    static char stdoutBuffer[kStdoutBuffer];
+    if (isatty(STDOUT_FILENO) == 0) {
+        (void)std::setvbuf(stdout, stdoutBuffer, _IOFBF, sizeof(stdoutBuffer));
+    }
     Options opts;
     CLI::App app{"Software access switch hosting the PPPoE intermediate agent"};
     app.add_option("-t,--topology", opts.topologyFile, "Topology file (YAML); default: the bundled example")
@@ -299,6 +364,7 @@ int main(int argc, char **argv)
 
     static PrintFilter filter;
     filter = {opts.verbose, opts.quiet};
+    (void)DelayedFlush::Get();   // its thread inherits the blocked signals
     PLAT_LogSetPrinter(PrintLine, &filter);
     // The host reads no call counts: operations skip the counting.
     PLAT_CallCountEnable(0);

@@ -20,6 +20,7 @@
 #include <algorithm>
 #include <cstring>
 #include <future>
+#include <utility>
 
 #include "device/fplane.hpp"
 #include "device/fwm.hpp"
@@ -54,6 +55,8 @@ constexpr uint16_t kEtherPppoeDiscovery = 0x8863;
 constexpr const char *kTransmitThread = "thread/dpx";  // the thread the agent's sends name
 constexpr uint32_t kSendDepth = 1024;
 constexpr uint32_t kTakeWaitMs = 50;         // bounds how long stopping the transmit thread takes
+constexpr uint32_t kTransmitBatch = 64;      // frames from the agent between two flushes of the ports
+constexpr std::chrono::microseconds kTransmitNap{200};   // the longest a frame from the agent waits while frames flow
 constexpr uint32_t kMaxMessage = 65536 + sizeof(DpxPktHead);
 
 std::atomic<uint64_t> g_nextPlaneId{1};
@@ -151,7 +154,53 @@ struct ThreadView {
 };
 thread_local ThreadView t_view;
 
+thread_local TransmitBatch *t_batch = nullptr;
+
 }  // namespace
+
+TransmitBatch::TransmitBatch() : outermost_(t_batch == nullptr)
+{
+    if (outermost_) {
+        t_batch = this;
+    }
+}
+
+TransmitBatch::~TransmitBatch()
+{
+    Flush();
+    if (outermost_) {
+        t_batch = nullptr;
+    }
+}
+
+TransmitBatch *TransmitBatch::Current()
+{
+    return t_batch;
+}
+
+bool TransmitBatch::Defer(FlushFn fn, void *arg)
+{
+    for (size_t i = 0; i < count_; i++) {
+        if (owed_[i].fn == fn && owed_[i].arg == arg) {
+            return true;
+        }
+    }
+    if (count_ == owed_.size()) {
+        return false;
+    }
+    owed_[count_++] = Owed{fn, arg};
+    return true;
+}
+
+void TransmitBatch::Flush()
+{
+    // A flush may transmit, and so owe, again: those wait for the next one.
+    const size_t n = std::exchange(count_, 0);
+    const std::array<Owed, kMaxOwed> owed = owed_;
+    for (size_t i = 0; i < n; i++) {
+        owed[i].fn(owed[i].arg);
+    }
+}
 
 // A frame that entered a port and was accepted there: the port, the VLAN,
 // and the frame in the internal form (the VLAN as its outer tag). A frame
@@ -530,16 +579,42 @@ void ForwardingPlane::SendFromAgent(const PortView &view, std::span<const uint8_
     }
 }
 
+// Frames the agent sent leave in batches: what the ports queued is sent
+// when the channel runs dry, and at least every kTransmitBatch frames.
+// While frames flow, a dry channel is looked at again after a nap rather
+// than waited on: a waiting thread must be woken by the agent, which would
+// pay a system call for every few frames. Only a channel still dry after
+// the nap is waited on.
 void ForwardingPlane::TransmitLoop()
 {
     std::vector<uint8_t> buf(kMaxMessage);
+    const auto cap = static_cast<uint32_t>(buf.size());
+    TransmitBatch batch;
+    uint32_t batched = 0;
+    bool flowing = false;
     while (!stop_.load()) {
         uint32_t len = 0;
-        if (WICK_ChannelTake(kSendChannel, buf.data(), static_cast<uint32_t>(buf.size()), &len, kTakeWaitMs) != 0) {
-            continue;
+        if (WICK_ChannelTake(kSendChannel, buf.data(), cap, &len, 0) != 0) {
+            batch.Flush();
+            batched = 0;
+            if (flowing) {
+                flowing = false;
+                std::this_thread::sleep_for(kTransmitNap);
+                continue;
+            }
+            if (WICK_ChannelTake(kSendChannel, buf.data(), cap, &len, kTakeWaitMs) != 0) {
+                continue;
+            }
         }
-        const FrameScope scope(*this);
-        SendFromAgent(scope.View(), buf, len);
+        flowing = true;
+        {
+            const FrameScope scope(*this);
+            SendFromAgent(scope.View(), buf, len);
+        }
+        if (++batched == kTransmitBatch) {
+            batch.Flush();
+            batched = 0;
+        }
     }
 }
 

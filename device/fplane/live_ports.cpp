@@ -1,10 +1,11 @@
 // Live ports: the switch's ports on Linux network interfaces. A real
 // switch's ports are PHYs feeding the forwarding ASIC; ours are AF_PACKET
 // sockets, one per bound netdev, each with a TPACKET_V3 receive ring and a
-// transmit ring in one shared mapping. One thread per port hands received
-// frames to the forwarding plane (VLAN tags that the kernel moved into the
-// ring header put back) and flushes the transmit ring after Transmit queued
-// frames. A port's socket exists while its netdev is present and up: going
+// stage of frames to send that one sendmmsg hands to the kernel. One thread
+// per port hands received frames to the forwarding plane (VLAN tags that the
+// kernel moved into the ring header put back) and sends what Transmit staged,
+// unless the thread that staged the frames flushes its batch itself
+// (TransmitBatch). A port's socket exists while its netdev is present and up: going
 // down or away closes it (queued frames are dropped with it) and takes the
 // port off board; back up, a fresh socket is bound and the port comes on
 // board. Everything a port drops is counted in its stats. A test can make
@@ -22,13 +23,19 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <sys/uio.h>
+
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <new>
 #include <set>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "platform/control.h"
 #include "device/live.hpp"
@@ -40,12 +47,9 @@ constexpr uint32_t kRxBlockSize = 1U << 18;        // 256 KiB: many small frames
 constexpr uint32_t kRxBlockCount = 16;             // 4 MiB of receive ring per port
 constexpr uint32_t kRxFrameSize = 2048;            // ring geometry only: V3 packs frames of any length
 constexpr uint32_t kRxBlockTimeoutMs = 1;          // a block holding frames is handed over after this
-constexpr uint32_t kRxBlocksPerTurn = 4;           // blocks read before the transmit ring gets a turn
-constexpr uint32_t kTxRingBytes = 1U << 20;        // 1 MiB of transmit ring per port
-constexpr uint32_t kTxMinFrameSize = 2048;
-constexpr uint32_t kTxMinBlockSize = 1U << 16;
-// Where the kernel reads a frame to send from, inside its transmit slot.
-constexpr size_t kTxDataOffset = TPACKET_ALIGN(sizeof(tpacket3_hdr));
+constexpr uint32_t kRxBlocksPerTurn = 4;           // blocks read before staged frames get a turn
+constexpr size_t kTxStageBytes = size_t{1} << 18;  // 256 KiB of frames waiting for the next flush
+constexpr size_t kTxStageFrames = 256;             // and at most this many (one sendmmsg)
 // Where the kernel puts the frame's sockaddr_ll, inside a receive header.
 constexpr size_t kRxAddrOffset = TPACKET_ALIGN(sizeof(tpacket3_hdr));
 constexpr size_t kMacsLen = 12;                    // destination and source MAC
@@ -71,15 +75,6 @@ bool CarriesTag(std::span<const uint8_t> frame)
     return frame.size() >= kEthHeaderLen && IsVlanTpid(U16(frame.data() + kMacsLen));
 }
 
-uint32_t TxFrameSizeFor(uint32_t mtu)
-{
-    uint32_t size = kTxMinFrameSize;
-    while (size < kTxDataOffset + MaxFrameLen(mtu, true)) {
-        size *= 2;
-    }
-    return size;
-}
-
 std::string Errno(int err)
 {
     return std::strerror(err);
@@ -92,7 +87,10 @@ std::string Label(uint32_t ifIndex, const std::string &netdev)
     return "port " + (name.empty() ? std::to_string(ifIndex) : name) + " (netdev " + netdev + ")";
 }
 
-// One AF_PACKET socket bound to a netdev, with its rings mapped.
+// One AF_PACKET socket bound to a netdev, with its receive ring mapped
+// and a stage of frames to send, which one sendmmsg hands to the kernel.
+// (On veths, a transmit ring's frames are copied once more on their way to
+// the peer: sending from a stage of our own costs the kernel less.)
 class PacketSocket {
 public:
     PacketSocket() = default;
@@ -100,7 +98,7 @@ public:
     PacketSocket &operator=(const PacketSocket &) = delete;
     ~PacketSocket() { Close(); }
 
-    // Binds to netdev kernelIndex with rings sized for mtu; false with *error.
+    // Binds to netdev kernelIndex with room for frames of mtu; false with *error.
     bool Open(int kernelIndex, uint32_t mtu, std::string *error)
     {
         Close();
@@ -125,31 +123,20 @@ public:
         if (setsockopt(fd_, SOL_PACKET, PACKET_RX_RING, &rx, sizeof(rx)) != 0) {
             return Fail("cannot set up the receive ring", error);
         }
-        txFrameSize_ = TxFrameSizeFor(mtu);
-        const uint32_t txBlockSize = std::max(txFrameSize_, kTxMinBlockSize);
-        const uint32_t txBlocks = std::max(1U, kTxRingBytes / txBlockSize);
-        tpacket_req3 tx = {};
-        tx.tp_block_size = txBlockSize;
-        tx.tp_block_nr = txBlocks;
-        tx.tp_frame_size = txFrameSize_;
-        tx.tp_frame_nr = txBlockSize / txFrameSize_ * txBlocks;
-        if (setsockopt(fd_, SOL_PACKET, PACKET_TX_RING, &tx, sizeof(tx)) != 0) {
-            return Fail("cannot set up the transmit ring", error);
-        }
-        txFrames_ = tx.tp_frame_nr;
-        txFramesPerBlock_ = txBlockSize / txFrameSize_;
-        txBlockSize_ = txBlockSize;
-        rxBytes_ = static_cast<size_t>(kRxBlockSize) * kRxBlockCount;
-        mapLen_ = rxBytes_ + static_cast<size_t>(txBlockSize) * txBlocks;
+        mapLen_ = static_cast<size_t>(kRxBlockSize) * kRxBlockCount;
         void *map = mmap(nullptr, mapLen_, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, fd_, 0);
         if (map == MAP_FAILED) {
             mapLen_ = 0;
-            return Fail("cannot map the rings", error);
+            return Fail("cannot map the receive ring", error);
         }
         map_ = static_cast<uint8_t *>(map);
-        // A frame the kernel cannot send is skipped, not left blocking the ring.
+        try {
+            txData_.resize(std::max(kTxStageBytes, MaxFrameLen(mtu, true)));
+        } catch (const std::bad_alloc &) {
+            errno = ENOMEM;
+            return Fail("cannot make room for frames to send", error);
+        }
         const int one = 1;
-        (void)setsockopt(fd_, SOL_PACKET, PACKET_LOSS, &one, sizeof(one));
         // Sends go through the netdev's queueing discipline (no
         // PACKET_QDISC_BYPASS), so that captures on the netdev see them.
         ignoresOutgoing_ = setsockopt(fd_, SOL_PACKET, PACKET_IGNORE_OUTGOING, &one, sizeof(one)) == 0;
@@ -183,7 +170,8 @@ public:
         }
         kernelIndex_ = 0;
         rxNext_ = 0;
-        txNext_ = 0;
+        txCount_ = 0;
+        txUsed_ = 0;
     }
 
     bool IsOpen() const { return fd_ >= 0; }
@@ -209,34 +197,54 @@ public:
         rxNext_ = (rxNext_ + 1) % kRxBlockCount;
     }
 
-    // Copies frame into the next transmit slot and marks it for sending;
-    // false when the slot is still the kernel's (the ring is full) or the
-    // frame does not fit a slot. Flush sends what was queued.
+    // Copies frame onto the stage; false when the stage is full (Flush
+    // makes room) or the frame could never fit.
     bool Queue(std::span<const uint8_t> frame)
     {
-        if (kTxDataOffset + frame.size() > txFrameSize_) {
+        if (txCount_ == kTxStageFrames || txUsed_ + frame.size() > txData_.size()) {
             return false;
         }
-        const size_t block = txNext_ / txFramesPerBlock_;
-        const size_t within = txNext_ % txFramesPerBlock_;
-        auto *slot = reinterpret_cast<tpacket3_hdr *>(map_ + rxBytes_ + block * txBlockSize_ + within * txFrameSize_);
-        if (__atomic_load_n(&slot->tp_status, __ATOMIC_ACQUIRE) != TP_STATUS_AVAILABLE) {
-            return false;
-        }
-        std::memcpy(reinterpret_cast<uint8_t *>(slot) + kTxDataOffset, frame.data(), frame.size());
-        slot->tp_next_offset = 0;
-        slot->tp_len = static_cast<uint32_t>(frame.size());
-        slot->tp_snaplen = static_cast<uint32_t>(frame.size());
-        __atomic_store_n(&slot->tp_status, TP_STATUS_SEND_REQUEST, __ATOMIC_RELEASE);
-        txNext_ = (txNext_ + 1) % txFrames_;
+        uint8_t *at = txData_.data() + txUsed_;
+        std::memcpy(at, frame.data(), frame.size());
+        txIov_[txCount_] = iovec{at, frame.size()};
+        txMsgs_[txCount_] = mmsghdr{};
+        txMsgs_[txCount_].msg_hdr.msg_iov = &txIov_[txCount_];
+        txMsgs_[txCount_].msg_hdr.msg_iovlen = 1;
+        txCount_++;
+        txUsed_ += frame.size();
         return true;
     }
 
-    // Asks the kernel to send every queued slot; 0, or the errno.
-    int Flush() const
+    // Hands the staged frames to the kernel; 0, or EAGAIN or ENOBUFS when
+    // it took only some (the rest stay staged). A frame the kernel refuses
+    // for any other reason is dropped and counted (TakeRefused).
+    int Flush()
     {
-        return send(fd_, nullptr, 0, MSG_DONTWAIT) < 0 ? errno : 0;
+        size_t sent = 0;
+        int err = 0;
+        while (sent < txCount_) {
+            const int n = sendmmsg(fd_, &txMsgs_[sent], static_cast<unsigned>(txCount_ - sent), MSG_DONTWAIT);
+            if (n > 0) {
+                sent += static_cast<size_t>(n);
+                continue;
+            }
+            err = errno;
+            if (err == EINTR) {
+                continue;
+            }
+            if (err == EAGAIN || err == ENOBUFS) {
+                break;
+            }
+            refused_++;
+            sent++;
+            err = 0;
+        }
+        KeepUnsent(sent);
+        return err;
     }
+
+    // Frames the kernel refused since the last call.
+    uint64_t TakeRefused() { return std::exchange(refused_, 0); }
 
     // Frames the kernel dropped for want of receive ring since the last call.
     uint64_t TakeRingDrops() const
@@ -250,6 +258,27 @@ public:
     }
 
 private:
+    // Moves the frames from index sent on to the front of the stage.
+    void KeepUnsent(size_t sent)
+    {
+        if (sent == txCount_) {
+            txCount_ = 0;
+            txUsed_ = 0;
+            return;
+        }
+        const auto *from = static_cast<const uint8_t *>(txIov_[sent].iov_base);
+        const size_t shift = static_cast<size_t>(from - txData_.data());
+        std::memmove(txData_.data(), from, txUsed_ - shift);
+        for (size_t i = sent; i < txCount_; i++) {
+            txIov_[i - sent] = iovec{static_cast<uint8_t *>(txIov_[i].iov_base) - shift, txIov_[i].iov_len};
+            txMsgs_[i - sent] = mmsghdr{};
+            txMsgs_[i - sent].msg_hdr.msg_iov = &txIov_[i - sent];
+            txMsgs_[i - sent].msg_hdr.msg_iovlen = 1;
+        }
+        txCount_ -= sent;
+        txUsed_ -= shift;
+    }
+
     bool Fail(const char *what, std::string *error)
     {
         const int err = errno;
@@ -265,13 +294,13 @@ private:
     int fd_ = -1;
     uint8_t *map_ = nullptr;
     size_t mapLen_ = 0;
-    size_t rxBytes_ = 0;
     uint32_t rxNext_ = 0;
-    uint32_t txFrameSize_ = 0;
-    uint32_t txFrames_ = 0;
-    uint32_t txFramesPerBlock_ = 1;
-    uint32_t txBlockSize_ = 0;
-    uint32_t txNext_ = 0;
+    std::vector<uint8_t> txData_;                 // the staged frames, back to back
+    std::array<iovec, kTxStageFrames> txIov_{};
+    std::array<mmsghdr, kTxStageFrames> txMsgs_{};
+    size_t txCount_ = 0;
+    size_t txUsed_ = 0;
+    uint64_t refused_ = 0;
     int kernelIndex_ = 0;
     uint32_t ringMtu_ = 0;
     bool ignoresOutgoing_ = false;
@@ -291,8 +320,8 @@ bool ValidNetdevName(const std::string &name)
 
 // One bound port. The link fields are written by the watcher's thread and
 // read by the port's thread; the socket belongs to the port's thread, and
-// txMu guards its transmit ring against Transmit on other threads (and the
-// socket's replacement).
+// txMu guards its stage of frames to send against Transmit on other
+// threads (and the socket's replacement).
 struct LivePorts::Port {
     uint32_t ifIndex = kNoPort;
     std::string netdev;
@@ -338,9 +367,9 @@ struct LivePorts::Port {
         {
             std::lock_guard lock(txMu);
             if (onBoard.load(std::memory_order_relaxed) && socket.IsOpen()) {
-                // A full ring while the port's thread is kept from flushing
+                // A full stage while the port's thread is kept from flushing
                 // it: this thread flushes, then tries once more.
-                queued = socket.Queue(frame) || (socket.Flush() == 0 && socket.Queue(frame));
+                queued = socket.Queue(frame) || (FlushLocked() == 0 && socket.Queue(frame));
             }
         }
         if (!queued) {
@@ -348,8 +377,38 @@ struct LivePorts::Port {
             return;
         }
         tx.fetch_add(1, std::memory_order_relaxed);
+        if (TransmitBatch *batch = TransmitBatch::Current(); batch != nullptr && batch->Defer(&FlushOwed, this)) {
+            return;
+        }
         if (!flushPending.exchange(true)) {
             Wake();
+        }
+    }
+
+    // Sends what is staged; under txMu.
+    int FlushLocked()
+    {
+        const int err = socket.Flush();
+        if (const uint64_t refused = socket.TakeRefused(); refused != 0) {
+            txDropped.fetch_add(refused, std::memory_order_relaxed);
+        }
+        return err;
+    }
+
+    // A batch's flush, on the thread that queued: the kernel sends what the
+    // stage holds; when it has no room now, the port's thread tries again.
+    static void FlushOwed(void *arg)
+    {
+        auto *port = static_cast<Port *>(arg);
+        int err = 0;
+        {
+            std::lock_guard lock(port->txMu);
+            if (port->socket.IsOpen()) {
+                err = port->FlushLocked();
+            }
+        }
+        if ((err == EAGAIN || err == ENOBUFS) && !port->flushPending.exchange(true)) {
+            port->Wake();
         }
     }
 
@@ -409,7 +468,7 @@ struct LivePorts::Port {
 
     // The port's thread: binds the socket while the link is up, reports
     // the port on and off board, reads the receive ring and flushes the
-    // transmit ring, until stop.
+    // staged frames, until stop.
     void Run(const Receiver &receiver, const LinkHandler &onLink, const Reporter &report)
     {
         epoll = epoll_create1(EPOLL_CLOEXEC);
@@ -429,9 +488,17 @@ struct LivePorts::Port {
                     onLink(ifIndex, on);
                 }
             }
-            DrainReceiveRing(receiver);
+            {
+                // What the received frames made other ports queue leaves at the end.
+                const TransmitBatch batch;
+                DrainReceiveRing(receiver);
+            }
             if (flushPending.exchange(false) || flushAgain) {
-                const int err = socket.IsOpen() ? socket.Flush() : 0;
+                int err = 0;
+                {
+                    std::lock_guard lock(txMu);
+                    err = socket.IsOpen() ? FlushLocked() : 0;
+                }
                 flushAgain = err == EAGAIN || err == ENOBUFS;
             }
             int timeout = -1;

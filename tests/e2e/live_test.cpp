@@ -3,7 +3,7 @@
 // never meet) and takes it down again, also when it fails. rp-pppoe's client
 // discovers through the switch; what the concentrators and subscribers
 // receive is captured in their namespaces with libpcap; the switch's
-// subscriber table and punt policing are read through pppoe-plus-cli. Needs root, network
+// punt policing is read through pppoe-plus-cli. Needs root, network
 // namespaces and rp-pppoe: a test skips with the reason otherwise.
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -21,8 +21,6 @@
 #include <regex>
 #include <sstream>
 #include <thread>
-
-#include <nlohmann/json.hpp>
 
 #include "host_process.hpp"
 #include "pplus_test.hpp"
@@ -348,49 +346,6 @@ TEST_F(LiveTest, TrustedUplinkGoingDownWithdrawsItsAclAndComingUpRestoresIt)
     const ProgramRun back = lab_->Discover(1);
     EXPECT_EQ(back.status, 0) << back.output;
     EXPECT_TRUE(std::regex_search(back.output, kSession)) << back.output;
-}
-
-TEST_F(LiveTest, ConfigurationChangedThroughTheCliAppliesToTheNextDiscovery)
-{
-    Capture trusted(lab_->Name("ac1"), lab_->Name("t1"));
-    ASSERT_EQ(trusted.Error(), "");
-    for (const std::vector<std::string> &change :
-         {std::vector<std::string>{"vendor-id", "2011"},
-          std::vector<std::string>{"format", "cid", "user-define", "\"%sysname/%porttype %slot/%subslot/%port:%svlan\""}}) {
-        const ProgramRun set = lab_->Cli(change);
-        ASSERT_EQ(set.status, 0) << set.output;
-    }
-    const ProgramRun got = lab_->Discover(1);
-    EXPECT_EQ(got.status, 0) << got.output;
-    EXPECT_TRUE(trusted.WaitFor([](const ParsedFrame &f) {
-        return Is(f, kPadi, 100) && VendorIdOf(f) == 2011U &&
-               f.subOption(1) == std::string("AccessSwitch-1/ethernet 0/0/1:100") && f.subOption(2) == kRemoteId;
-    }));
-}
-
-TEST_F(LiveTest, SubscriberTableShowsADiscoveredClientUntilItsPadt)
-{
-    const ProgramRun got = lab_->Discover(1);
-    std::smatch session;
-    ASSERT_TRUE(std::regex_search(got.output, session, std::regex(R"(([1-9]\d*):([0-9a-f:]{17}))"))) << got.output;
-    ProgramRun shown = lab_->Cli({"show", "subscribers", "--json", "--port", "GigabitEthernet0/0/1"});
-    ASSERT_EQ(shown.status, 0) << shown.output;
-    const auto list = nlohmann::json::parse(shown.output);
-    ASSERT_EQ(list.size(), 1U) << shown.output;
-    EXPECT_EQ(list[0]["vlan"], 100);
-    EXPECT_EQ(list[0]["session-id"], std::stoi(session[1])) << shown.output;
-    EXPECT_EQ(list[0]["ac-mac"], std::string(session[2])) << shown.output;
-    EXPECT_EQ(list[0]["circuit-id"], kCircuitIdLine1);
-    EXPECT_EQ(list[0]["remote-id"], kRemoteId);
-    EXPECT_EQ(list[0]["last-code"], "PADS");
-
-    // The subscriber ends its session: its entry goes.
-    const ProgramRun padt = lab_->In("sub1", {"pppoe", "-I", lab_->Name("c1"), "-k", "-e", session[0]});
-    EXPECT_EQ(padt.status, 0) << padt.output;
-    EXPECT_TRUE(pplus_test::WaitFor([&]() {
-        shown = lab_->Cli({"show", "subscribers", "--json"});
-        return shown.status == 0 && shown.output == "[]\n";
-    }, kWaitMs)) << shown.output;
 }
 
 TEST_F(LiveTest, SwitchSurvivesAClientFloodingPadiWhileAnotherDiscovers)

@@ -144,6 +144,42 @@ public:
     virtual void Transmit(uint32_t ifIndex, std::span<const uint8_t> frame) = 0;
 };
 
+// While a TransmitBatch lives on a thread, a backend that must tell the
+// kernel to send (live ports) may leave frames that thread queued waiting
+// until the batch flushes (Flush, or its end): a thread handing over many
+// frames then costs one system call per port and batch, and wakes no
+// port's thread. Backends that send at once ignore it. The thread that
+// made a batch flushes it before it waits for anything. A batch made while
+// another lives on the thread leaves the flushes to the outer one.
+class TransmitBatch {
+public:
+    using FlushFn = void (*)(void *arg);
+
+    TransmitBatch();
+    ~TransmitBatch();
+    TransmitBatch(const TransmitBatch &) = delete;
+    TransmitBatch &operator=(const TransmitBatch &) = delete;
+
+    // Runs every flush owed, in the order first owed.
+    void Flush();
+
+    // The calling thread's outermost batch, or null.
+    static TransmitBatch *Current();
+    // Owes fn(arg) at the next flush (once however often it is owed); false
+    // when the batch has no room left: the caller sends at once.
+    bool Defer(FlushFn fn, void *arg);
+
+private:
+    static constexpr size_t kMaxOwed = 16;
+    struct Owed {
+        FlushFn fn = nullptr;
+        void *arg = nullptr;
+    };
+    std::array<Owed, kMaxOwed> owed_{};
+    size_t count_ = 0;
+    bool outermost_ = false;
+};
+
 // The ifIndex of a port given by interface name or by ifIndex in decimal;
 // nullopt when the world has no such interface.
 std::optional<uint32_t> ResolvePort(const std::string &nameOrIndex);

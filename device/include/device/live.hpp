@@ -1,12 +1,14 @@
 // Live ports: switch ports bound to Linux network interfaces (netdevs).
 //
 // Each bound port has one AF_PACKET socket on its netdev with a
-// memory-mapped receive ring (TPACKET_V3) and a transmit ring, promiscuous
-// membership, and PACKET_IGNORE_OUTGOING so that the switch never reads back
-// what it sent. One thread per port serves both rings: it hands every
-// received frame to the receiver (the forwarding plane), and it flushes the
-// transmit ring whenever Transmit has queued frames, so frames queued while
-// it is busy leave in one batch.
+// memory-mapped receive ring (TPACKET_V3), a stage of frames to send (one
+// sendmmsg sends them all), promiscuous membership, and
+// PACKET_IGNORE_OUTGOING so that the switch never reads back what it sent.
+// One thread per port serves both: it hands every received frame to the
+// receiver (the forwarding plane), and it sends the staged frames whenever
+// Transmit has staged some, so frames staged while it is busy leave in one
+// batch. A thread that stages inside a TransmitBatch sends them itself when
+// the batch flushes, and wakes no port's thread.
 //
 // Frames are seen as they were on the wire: a VLAN tag that the kernel or the
 // NIC moved into the packet's metadata (the auxdata the ring header carries:
@@ -103,7 +105,7 @@ struct LivePortStats {
     uint64_t tx = 0;             // frames queued to the kernel
     uint64_t rxOversize = 0;     // received frames longer than the MTU allows (or cut short): dropped
     uint64_t txOversize = 0;     // frames to send longer than the MTU allows: dropped
-    uint64_t txDropped = 0;      // frames not sent: link down or gone, transmit ring full, kernel refused
+    uint64_t txDropped = 0;      // frames not sent: link down or gone, stage full, kernel refused
     uint64_t rxRingDrops = 0;    // frames the kernel dropped because the receive ring was full
 };
 
@@ -137,8 +139,8 @@ public:
     // Stops every thread and closes the sockets; Transmit drops from then on.
     void Stop();
 
-    // Queues a frame on port ifIndex's transmit ring; dropped and counted
-    // when it is too long, the link is down or the ring is full.
+    // Stages a frame to send on port ifIndex; dropped and counted when it
+    // is too long, the link is down or the stage stays full.
     void Transmit(uint32_t ifIndex, std::span<const uint8_t> frame) override;
 
     std::vector<LivePortStats> Stats() const;

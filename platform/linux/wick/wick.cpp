@@ -340,6 +340,7 @@ struct Channel {
     SpinMutex mu;                      // the ring and retired
     Ring ring;
     std::atomic<uint32_t> pending{0};  // buffers in the ring, for readers without mu
+    std::atomic<uint32_t> takers{0};   // WICK_ChannelTake calls waiting for this channel's buffers
     bool retired = false;              // dropped by a reset: takes no more buffers
 };
 
@@ -362,7 +363,7 @@ using IdPage = std::array<std::atomic<Channel *>, size_t{1} << kIdPageBits>;
 struct ChannelTable {
     std::mutex mu;
     std::condition_variable takeCv;    // WICK_ChannelTake waiters
-    std::atomic<uint32_t> takers{0};   // how many wait on takeCv
+    std::atomic<uint32_t> takers{0};   // how many wait on takeCv for a channel that does not exist yet
     uint32_t nextId = 1;               // slot 0 stays empty
     std::array<std::atomic<IdPage *>, kIdPages> byId{};
     std::map<std::string, Channel *, std::less<>> byName;
@@ -517,7 +518,7 @@ bool Enqueue(ChannelTable &t, Channel *ch, FpcMbuf *m)
     // announcement and the loads below see it; otherwise it saw the buffer.
     ThreadState *owner = ch->owner.load(std::memory_order_acquire);
     const bool wakeOwner = owner != nullptr && owner->blocked.load(std::memory_order_acquire);
-    const bool wakeTakers = t.takers.load(std::memory_order_acquire) != 0;
+    const bool wakeTakers = ch->takers.load(std::memory_order_acquire) != 0;
     if (wakeOwner || wakeTakers) {
         std::lock_guard<std::mutex> lock(t.mu);
         if (wakeOwner) {
@@ -852,12 +853,15 @@ uint32_t WICK_ChannelPut(const char *channelName, const void *data, uint32_t len
     if (channelName == nullptr || channelName[0] == '\0') {
         return 1;
     }
+    ChannelTable &t = Channels();
+    Channel *ch = t_putName.Find(t, channelName);
+    if (ch != nullptr && ch->pending.load(std::memory_order_relaxed) >= ch->depth.load(std::memory_order_relaxed)) {
+        return 1;   // full: refused before a buffer is made (a flood to a busy task costs little)
+    }
     FpcMbuf *m = NewBufferFromData(data, len, kPutSite, 0);
     if (m == nullptr) {
         return 1;
     }
-    ChannelTable &t = Channels();
-    Channel *ch = t_putName.Find(t, channelName);
     bool queued = ch != nullptr && Enqueue(t, ch, m);
     if (!queued) {
         {
@@ -893,6 +897,9 @@ uint32_t WICK_ChannelTake(const char *channelName, void *buf, uint32_t cap, uint
     ChannelTable &t = Channels();
     Channel *known = t_takeName.Find(t, channelName);
     FpcMbuf *m = known != nullptr ? Dequeue(known) : nullptr;
+    if (m == nullptr && known != nullptr && timeoutMs == 0) {
+        return 1;   // a look without waiting needs no table lock
+    }
     if (m == nullptr) {
         const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
         std::unique_lock<std::mutex> lock(t.mu);
@@ -906,15 +913,16 @@ uint32_t WICK_ChannelTake(const char *channelName, void *buf, uint32_t cap, uint
                 break;
             }
             // Announced before the channel is looked at again, as a sender
-            // counts its buffer before it looks at the takers.
-            t.takers.fetch_add(1, std::memory_order_seq_cst);
-            ch = FindByName(t, channelName);
+            // counts its buffer before it looks at the channel's takers; a
+            // channel yet to be made wakes every taker when it is.
+            std::atomic<uint32_t> &takers = ch != nullptr ? ch->takers : t.takers;
+            takers.fetch_add(1, std::memory_order_seq_cst);
             if (ch != nullptr && PendingLocked(ch)) {
-                t.takers.fetch_sub(1, std::memory_order_relaxed);
+                takers.fetch_sub(1, std::memory_order_relaxed);
                 continue;
             }
             const std::cv_status st = t.takeCv.wait_until(lock, deadline);
-            t.takers.fetch_sub(1, std::memory_order_relaxed);
+            takers.fetch_sub(1, std::memory_order_relaxed);
             if (st == std::cv_status::timeout) {
                 ch = FindByName(t, channelName);
                 m = ch != nullptr ? Dequeue(ch) : nullptr;
@@ -974,9 +982,8 @@ void WICK_Reset(void)
                 .store(nullptr, std::memory_order_release);
         }
         t.byName.clear();
-        if (t.takers.load(std::memory_order_relaxed) != 0) {
-            t.takeCv.notify_all();
-        }
+        // Takers waiting on a retired channel look the name up again.
+        t.takeCv.notify_all();
     }
     for (FpcMbuf *m : dropped) {
         FreeBuffer(m, "WICK_Reset", 0);

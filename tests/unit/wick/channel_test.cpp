@@ -317,3 +317,32 @@ TEST_F(WickChannelTest, AResetRetiresChannelsAndNothingPutAfterItIsLost)
     EXPECT_EQ(got, 7U);
     EXPECT_NE(WICK_ChannelTake("reset/ch", &got, 1, &len, 0), 0U);
 }
+
+TEST_F(WickChannelTest, AWaitingTakeIsWokenByAPutToItsChannelEvenAcrossAReset)
+{
+    // Wakes, not the take's own deadline, end each wait: a wait lasting
+    // half the deadline means a put's wake-up was lost.
+    constexpr uint32_t kWaitMs = 20000;
+    const auto takeWoken = [](const char *name, const std::function<void()> &meanwhile) {
+        const auto start = Clock::now();
+        std::thread other([&] {
+            std::this_thread::sleep_for(20ms);
+            meanwhile();
+        });
+        uint8_t got = 0;
+        uint32_t len = 0;
+        const uint32_t rc = WICK_ChannelTake(name, &got, 1, &len, kWaitMs);
+        other.join();
+        return rc == 0 && got == 'w' && Clock::now() - start < std::chrono::milliseconds(kWaitMs / 2);
+    };
+    ASSERT_EQ(WICK_ChannelPut("wake/other", "x", 1), 0U);
+    ASSERT_NE(FPC_ChannelCreate("wake/ch", 4), FPC_INVALID_ID);
+    EXPECT_TRUE(takeWoken("wake/ch", [] {
+        EXPECT_EQ(WICK_ChannelPut("wake/other", "x", 1), 0U);   // another channel's put is not taken
+        EXPECT_EQ(WICK_ChannelPut("wake/ch", "w", 1), 0U);
+    }));
+    EXPECT_TRUE(takeWoken("wake/ch", [] {
+        WICK_Reset();
+        EXPECT_EQ(WICK_ChannelPut("wake/ch", "w", 1), 0U);   // the channel made anew
+    }));
+}
