@@ -117,7 +117,6 @@ struct BufferRegistry {
     std::unordered_map<SiteKey, std::unique_ptr<Site>, SiteKeyHash> sites;
     std::vector<std::unique_ptr<KnownSite>> known;
     std::array<std::atomic<const KnownSite *>, size_t{1} << kSiteSlotBits> siteSlots{};
-    std::atomic<uint32_t> live{0};
 };
 
 BufferRegistry &Buffers()
@@ -202,8 +201,9 @@ FpcMbuf *NewBuffer(uint32_t bufLen, const char *file, uint32_t line)
     m->dataLen = 0;
     m->bufLen = bufLen;
     m->reserved = 0;
+    // Counted per site only (the total is the sites' sum): one atomic
+    // update a buffer instead of two.
     site->live.fetch_add(1, std::memory_order_relaxed);
-    reg.live.fetch_add(1, std::memory_order_relaxed);
     head->state.store(kLive, std::memory_order_release);
     return m;
 }
@@ -251,7 +251,6 @@ void FreeBuffer(FpcMbuf *m, const char *file, uint32_t line)
         return;
     }
     static_cast<Site *>(head->owner)->live.fetch_sub(1, std::memory_order_relaxed);
-    Buffers().live.fetch_sub(1, std::memory_order_relaxed);
     const size_t total = sizeof(BufferHead) + sizeof(FpcMbuf) + size_t{m->bufLen};
     if (total <= pool::kMaxBlock) {
         pool::Give(head);
@@ -504,13 +503,17 @@ bool Enqueue(ChannelTable &t, Channel *ch, FpcMbuf *m)
         if (ch->retired || !ch->ring.push(m, ch->depth.load(std::memory_order_relaxed))) {
             return false;
         }
-        // Counted before the owner is looked at, while a receiver announces
-        // it blocks before it looks at the count: one sees the other.
-        ch->pending.fetch_add(1, std::memory_order_seq_cst);
+        // Only ever changed under mu: no read-modify-write needed. Stored
+        // with release (and read with acquire), so a receiver that sees the
+        // count sees what the sender did before the send.
+        ch->pending.store(ch->pending.load(std::memory_order_relaxed) + 1, std::memory_order_release);
     }
+    // A receiver announces it blocks, then reads the count under mu
+    // (PendingLocked): if its look came first, this send's lock follows its
+    // announcement and the loads below see it; otherwise it saw the buffer.
     ThreadState *owner = ch->owner.load(std::memory_order_acquire);
-    const bool wakeOwner = owner != nullptr && owner->blocked.load(std::memory_order_seq_cst);
-    const bool wakeTakers = ch->takers.load(std::memory_order_seq_cst) != 0;
+    const bool wakeOwner = owner != nullptr && owner->blocked.load(std::memory_order_acquire);
+    const bool wakeTakers = ch->takers.load(std::memory_order_acquire) != 0;
     if (wakeOwner || wakeTakers) {
         std::lock_guard<std::mutex> lock(t.mu);
         if (wakeOwner) {
@@ -528,9 +531,17 @@ FpcMbuf *Dequeue(Channel *ch)
     std::lock_guard<SpinMutex> lock(ch->mu);
     FpcMbuf *m = ch->ring.pop();
     if (m != nullptr) {
-        ch->pending.fetch_sub(1, std::memory_order_relaxed);
+        ch->pending.store(ch->pending.load(std::memory_order_relaxed) - 1, std::memory_order_release);
     }
     return m;
+}
+
+// The channel's count read under its lock, for a receiver that announced
+// it is about to wait (see Enqueue).
+bool PendingLocked(Channel *ch)
+{
+    std::lock_guard<SpinMutex> lock(ch->mu);
+    return ch->pending.load(std::memory_order_relaxed) != 0;
 }
 
 // The channel a name last resolved to on this thread (the forwarding
@@ -562,11 +573,12 @@ struct NameCache {
 thread_local NameCache t_putName;
 thread_local NameCache t_takeName;
 
-// Caller holds t.mu.
-bool AnyPending(const ThreadState *self)
+// Caller holds t.mu. locked: the caller announced it blocks, and the
+// counts are read under each channel's lock (see Enqueue).
+bool AnyPending(const ThreadState *self, bool locked = false)
 {
-    return std::any_of(self->owned.begin(), self->owned.end(), [](const Channel *ch) {
-        return ch->pending.load(std::memory_order_seq_cst) != 0;
+    return std::any_of(self->owned.begin(), self->owned.end(), [locked](Channel *ch) {
+        return locked ? PendingLocked(ch) : ch->pending.load(std::memory_order_acquire) != 0;
     });
 }
 
@@ -675,7 +687,7 @@ uint32_t FPC_EventRead(uint32_t *eventFlags)
         PLAT_TaskMarkWaiting("FPC_EventRead");
         lock.lock();
         self->blocked.store(true, std::memory_order_seq_cst);
-        while (!AnyPending(self)) {
+        while (!AnyPending(self, true)) {
             if (self->cv.wait_until(lock, deadline) == std::cv_status::timeout) {
                 break;
             }
@@ -885,7 +897,7 @@ uint32_t WICK_ChannelTake(const char *channelName, void *buf, uint32_t cap, uint
             // channel yet to be made wakes every taker when it is.
             std::atomic<uint32_t> &takers = ch != nullptr ? ch->takers : t.takers;
             takers.fetch_add(1, std::memory_order_seq_cst);
-            if (ch != nullptr && ch->pending.load(std::memory_order_seq_cst) != 0) {
+            if (ch != nullptr && PendingLocked(ch)) {
                 takers.fetch_sub(1, std::memory_order_relaxed);
                 continue;
             }
@@ -960,7 +972,13 @@ void WICK_Reset(void)
 
 uint32_t WICK_MbufOutstanding(void)
 {
-    return Buffers().live.load(std::memory_order_relaxed);
+    BufferRegistry &reg = Buffers();
+    std::lock_guard<std::mutex> lock(reg.mu);
+    uint32_t live = 0;
+    for (const auto &[key, site] : reg.sites) {
+        live += site->live.load(std::memory_order_relaxed);
+    }
+    return live;
 }
 
 uint32_t WICK_MbufLeakReport(WICK_LEAK_REPORT_FN report, void *arg)

@@ -311,3 +311,41 @@ TEST_F(CfgTest, BlocksBeyondTheIndexAreFoundThroughTheList)
     EXPECT_EQ(PPPOE_PLUS_FindPortCBByindex(100000 + kPorts * 7), nullptr);
     EXPECT_EQ(PPPOE_PLUS_GetGlobalPortList().count, kPorts);
 }
+
+// Writers exclude readers: more reader threads than there are counters of
+// their own (the rest share counters), each reading a pair the writer keeps
+// equal, and nesting a second hold that must go ahead while a writer waits.
+TEST(CfgLockTest, WritersExcludeEveryReaderAndNestedReadsGoAhead)
+{
+    PppoePlusCfgMutex &lock = PppoePlusCfgLock();
+    std::atomic<uint32_t> first{0};
+    std::atomic<uint32_t> second{0};
+    std::atomic<bool> stop{false};
+    std::atomic<uint32_t> torn{0};
+    std::atomic<uint32_t> reads{0};
+    std::vector<std::thread> readers;
+    for (int r = 0; r < 20; r++) {
+        readers.emplace_back([&]() {
+            while (!stop.load(std::memory_order_relaxed)) {
+                PppoePlusCfgReadGuard outer(lock);
+                const uint32_t a = first.load(std::memory_order_relaxed);
+                std::this_thread::yield();
+                PppoePlusCfgReadGuard inner(lock);
+                if (second.load(std::memory_order_relaxed) != a) {
+                    torn.fetch_add(1);
+                }
+                reads.fetch_add(1, std::memory_order_relaxed);
+            }
+        });
+    }
+    for (uint32_t i = 1; i <= 100 || reads.load() < 1000; i++) {
+        PppoePlusCfgWriteGuard guard(lock);
+        first.store(i, std::memory_order_relaxed);
+        second.store(i, std::memory_order_relaxed);
+    }
+    stop = true;
+    for (std::thread &t : readers) {
+        t.join();
+    }
+    EXPECT_EQ(torn.load(), 0U);
+}
