@@ -182,36 +182,26 @@ uint32_t PPPOE_PLUS_UdfIsAllAssic(const char *fmt);
 
 }  // extern "C"
 
-/* A reader-writer lock for data read far more often than written. A
- * thread holding the shared side is counted once, however deep it nests.
- * The first threads to read each own a counter on a cache line of their
- * own, which they set with a plain store: a writer announces itself, then
- * makes every running thread of the process pass a full memory barrier
- * (membarrier), so a reader's store and its look at the announcement are
- * never seen out of order; it then waits until every counter is zero, and
- * readers that see it announced step back until it is done. Later threads,
- * or every thread where the kernel lacks membarrier, count themselves in
- * shared counters with an atomic add. */
+/* A reader-writer lock for data read far more often than written: a reader
+ * counts itself in one of a few counters of its own cache line (picked by
+ * thread), so readers on different threads never touch the same line and
+ * take no lock word; a writer announces itself, then waits until every
+ * counter is zero, and readers that see it announced step back until it is
+ * done. A thread may take the shared side again while it holds it. */
 class PppoePlusCfgMutex {
 public:
-    PppoePlusCfgMutex();
     void lock_shared();
     void unlock_shared();
     void lock();
     void unlock();
 
 private:
-    static constexpr unsigned kOwnedSlots = 16;
-    static constexpr unsigned kSharedSlots = 4;
+    static constexpr unsigned kSlots = 16;
     struct alignas(64) Slot {
         std::atomic<uint32_t> readers{0};
     };
-    Slot &SlotOf(uint32_t thread, bool *owned);
-
-    Slot owned_[kOwnedSlots];
-    Slot shared_[kSharedSlots];
+    Slot slots_[kSlots];
     alignas(64) std::atomic<bool> writer_{false};
-    bool barriers_ = false;  // membarrier is available and registered
     std::mutex writers_;
 };
 

@@ -14,10 +14,6 @@
 #include <cstring>
 #include <thread>
 
-#include <linux/membarrier.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include "plat_safe.h"
 #include "pppoe_plus_acl.h"
 #include "pppoe_plus_intf.h"
@@ -397,8 +393,8 @@ namespace {
 // packet path reaches them without a call.
 __attribute__((tls_model("initial-exec"))) thread_local uint32_t t_cfgThread = UINT32_MAX;
 std::atomic<uint32_t> g_cfgThreads{0};
-// How deep this thread holds the shared side: only the outermost hold is
-// counted, so a nested reader goes ahead even while a writer waits.
+// How deep this thread holds the shared side: a nested reader goes ahead
+// even while a writer waits for the outer one.
 __attribute__((tls_model("initial-exec"))) thread_local uint32_t t_cfgReadDepth = 0;
 
 uint32_t CfgThread()
@@ -409,53 +405,23 @@ uint32_t CfgThread()
     return t_cfgThread;
 }
 
-long Membarrier(int cmd)
-{
-    return syscall(SYS_membarrier, cmd, 0U, 0);
-}
-
 }  // namespace
-
-PppoePlusCfgMutex::PppoePlusCfgMutex()
-{
-    const long cmds = Membarrier(MEMBARRIER_CMD_QUERY);
-    barriers_ = cmds > 0 && (cmds & MEMBARRIER_CMD_PRIVATE_EXPEDITED) != 0 &&
-                Membarrier(MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED) == 0;
-}
-
-PppoePlusCfgMutex::Slot &PppoePlusCfgMutex::SlotOf(uint32_t thread, bool *owned)
-{
-    *owned = barriers_ && thread < kOwnedSlots;
-    return thread < kOwnedSlots ? owned_[thread] : shared_[thread % kSharedSlots];
-}
 
 void PppoePlusCfgMutex::lock_shared()
 {
+    Slot &slot = slots_[CfgThread() % kSlots];
     if (t_cfgReadDepth++ != 0) {
+        slot.readers.fetch_add(1, std::memory_order_relaxed);
         return;
     }
-    bool owned = false;
-    Slot &slot = SlotOf(CfgThread(), &owned);
     for (;;) {
         // Counted before the writer is looked at, and the writer announces
         // itself before it looks at the counters: one of them sees the other.
-        if (owned) {
-            // The writer's membarrier orders the store before the load on
-            // this thread's processor; the signal fence keeps the compiler
-            // from swapping them.
-            slot.readers.store(1, std::memory_order_relaxed);
-            std::atomic_signal_fence(std::memory_order_seq_cst);
-        } else {
-            slot.readers.fetch_add(1, std::memory_order_seq_cst);
-        }
+        slot.readers.fetch_add(1, std::memory_order_seq_cst);
         if (!writer_.load(std::memory_order_seq_cst)) {
             return;
         }
-        if (owned) {
-            slot.readers.store(0, std::memory_order_release);
-        } else {
-            slot.readers.fetch_sub(1, std::memory_order_release);
-        }
+        slot.readers.fetch_sub(1, std::memory_order_release);
         while (writer_.load(std::memory_order_acquire)) {
             std::this_thread::yield();
         }
@@ -464,31 +430,17 @@ void PppoePlusCfgMutex::lock_shared()
 
 void PppoePlusCfgMutex::unlock_shared()
 {
-    if (--t_cfgReadDepth != 0) {
-        return;
-    }
-    bool owned = false;
-    Slot &slot = SlotOf(CfgThread(), &owned);
-    if (owned) {
-        slot.readers.store(0, std::memory_order_release);
-    } else {
-        slot.readers.fetch_sub(1, std::memory_order_release);
-    }
+    slots_[CfgThread() % kSlots].readers.fetch_sub(1, std::memory_order_release);
+    t_cfgReadDepth--;
 }
 
 void PppoePlusCfgMutex::lock()
 {
     writers_.lock();
     writer_.store(true, std::memory_order_seq_cst);
-    if (barriers_) {
-        (void)Membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED);
-    }
-    for (Slot *slots : {owned_, shared_}) {
-        const unsigned count = slots == owned_ ? kOwnedSlots : kSharedSlots;
-        for (unsigned i = 0; i < count; i++) {
-            while (slots[i].readers.load(std::memory_order_seq_cst) != 0) {
-                std::this_thread::yield();
-            }
+    for (Slot &slot : slots_) {
+        while (slot.readers.load(std::memory_order_seq_cst) != 0) {
+            std::this_thread::yield();
         }
     }
 }
