@@ -4,6 +4,7 @@
 // whose writes the object database pushes to the agent's subscriptions.
 //
 //   if list | if on <name|ifIndex> | if off <name|ifIndex>
+//   if resolve <name|ifIndex>     (answers "<ifIndex> <name>", for programs)
 //   board list | board register <slot> | board unregister <slot>
 //   fwm
 //   ha start-work <role> | ha new-backup <chassis> <board> | ha backup-removed |
@@ -65,22 +66,6 @@ std::string Error(const std::string &why)
     return "error: " + why + "\n";
 }
 
-// An interface named by its name or its ifIndex.
-std::optional<platform::IfRecord> FindInterface(const std::string &port)
-{
-    if (const auto ifIndex = Number(port)) {
-        if (auto found = platform::world::IfFind(*ifIndex)) {
-            return found;
-        }
-    }
-    for (const platform::IfRecord &rec : platform::world::IfRecords()) {
-        if (rec.name == port) {
-            return rec;
-        }
-    }
-    return std::nullopt;
-}
-
 std::string Describe(const platform::IfRecord &rec)
 {
     return "interface " + rec.name + " (ifIndex " + std::to_string(rec.ifIndex) + ")";
@@ -97,9 +82,9 @@ std::string InterfaceCommand(const std::vector<std::string> &w)
         return Ok(out.str());
     }
     if (w.size() != 3 || (w[1] != "on" && w[1] != "off")) {
-        return Error("usage: if list | if on <name|ifIndex> | if off <name|ifIndex>");
+        return Error("usage: if list | if on <name|ifIndex> | if off <name|ifIndex> | if resolve <name|ifIndex>");
     }
-    const auto rec = FindInterface(w[2]);
+    const auto rec = platform::world::IfResolve(w[2]);
     if (!rec) {
         return Error("no interface named or numbered " + w[2]);
     }
@@ -108,6 +93,20 @@ std::string InterfaceCommand(const std::vector<std::string> &w)
         return Error(Describe(*rec) + " disappeared");
     }
     return Ok(Describe(*rec) + (onBoard ? " is on board" : " is off board"));
+}
+
+// "if resolve PORT": the ifIndex and name of the interface PORT names, as a
+// program reads them.
+std::string ResolveCommand(const std::vector<std::string> &w)
+{
+    if (w.size() != 3) {
+        return Error("usage: if resolve <name|ifIndex>");
+    }
+    const auto rec = platform::world::IfResolve(w[2]);
+    if (!rec) {
+        return Error("no interface named or numbered " + w[2]);
+    }
+    return Ok(std::to_string(rec->ifIndex) + " " + rec->name);
 }
 
 std::string BoardCommand(const std::vector<std::string> &w)
@@ -297,6 +296,9 @@ std::string RunControlCommand(const std::string &line, const ControlHooks &hooks
     const std::vector<std::string> w = Words(line);
     if (w.empty()) {
         return Error("empty command");
+    }
+    if (w[0] == "if" && w.size() > 1 && w[1] == "resolve") {
+        return ResolveCommand(w);
     }
     if (w[0] == "if") {
         return InterfaceCommand(w);

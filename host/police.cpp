@@ -107,14 +107,15 @@ bool PoliceCommand(device::fplane::ForwardingPlane &plane, const std::vector<std
         return true;
     }
     if (w.size() >= 4 && w[1] == "port") {
-        const auto ifIndex = device::fplane::ResolvePort(w[2]);
-        if (!ifIndex) {
+        const auto found = platform::world::IfResolve(w[2]);
+        if (!found) {
             *output = "no interface named or numbered " + w[2];
             return false;
         }
-        const std::string port = device::fplane::PortName(*ifIndex) + " (" + std::to_string(*ifIndex) + ")";
+        const uint32_t ifIndex = found->ifIndex;
+        const std::string port = found->name + " (" + std::to_string(ifIndex) + ")";
         if (w.size() == 4 && w[3] == "default") {
-            plane.SetPortPolicing(*ifIndex, std::nullopt);
+            plane.SetPortPolicing(ifIndex, std::nullopt);
             *output = "port " + port + " follows the default punt policing, " + Describe(plane.Policing().port);
             return true;
         }
@@ -122,7 +123,7 @@ bool PoliceCommand(device::fplane::ForwardingPlane &plane, const std::vector<std
         if (!rate) {
             return false;
         }
-        plane.SetPortPolicing(*ifIndex, *rate);
+        plane.SetPortPolicing(ifIndex, *rate);
         *output = "port " + port + " punt policing " + Describe(*rate);
         return true;
     }

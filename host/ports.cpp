@@ -29,12 +29,12 @@ bool SplitBinding(const std::string &binding, const char *option, uint32_t *ifIn
         return false;
     }
     const std::string port = binding.substr(0, eq);
-    const auto resolved = device::fplane::ResolvePort(port);
+    const auto resolved = platform::world::IfResolve(port);
     if (!resolved) {
         *error = std::string(option) + " " + binding + ": unknown port " + port;
         return false;
     }
-    *ifIndex = *resolved;
+    *ifIndex = resolved->ifIndex;
     *path = binding.substr(eq + 1);
     return true;
 }
@@ -113,12 +113,12 @@ bool Bindings(const std::vector<std::string> &options, const std::map<uint32_t, 
             *error = "--netdev " + binding + ": expected PORT=NETDEV";
             return false;
         }
-        const auto port = device::fplane::ResolvePort(binding.substr(0, eq));
+        const auto port = platform::world::IfResolve(binding.substr(0, eq));
         if (!port) {
             *error = "--netdev " + binding + ": unknown port " + binding.substr(0, eq);
             return false;
         }
-        byPort[*port] = binding.substr(eq + 1);
+        byPort[port->ifIndex] = binding.substr(eq + 1);
     }
     for (const auto &[ifIndex, netdev] : byPort) {
         const auto rec = platform::world::IfFind(ifIndex);

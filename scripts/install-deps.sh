@@ -5,10 +5,10 @@
 # the quick start its column(1); libyang checks the YANG model and yanglint
 # (libyang-tools) lints it; libnetconf2 and libssh give the switch its
 # NETCONF server, which python3-ncclient drives in the tests; libnl-route-3
-# follows the links of live ports. With --lab, also what the lab
-# (scripts/lab.sh), its tests and the live benchmark run: rp-pppoe's client,
-# server and relay (pppoe), iproute2, ssh-keygen (openssh-client) for the
-# lab's NETCONF key.
+# follows the links of live ports; clang-format and clang-tidy hold the
+# style. With --lab, also what the lab (scripts/lab.sh), its tests and the
+# live benchmark run: rp-pppoe's client, server and relay (pppoe), iproute2,
+# ssh-keygen (openssh-client) for the lab's NETCONF key.
 set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config g++ clang-14 libclang-rt-14-dev
@@ -17,6 +17,7 @@ packages=(
   libyang2-dev libyang-tools libnl-3-dev libnl-route-3-dev
   libnetconf2-dev libssh-dev python3-ncclient
   tshark bsdextrautils
+  clang-format-14 clang-tidy-14
 )
 if [ "${1:-}" = "--lab" ]; then
   packages+=(pppoe iproute2 openssh-client)

@@ -35,6 +35,7 @@
 #include <atomic>
 #include <mutex>
 #include <shared_mutex>
+#include <type_traits>
 
 /* Counts every change of a port's trust byte (below), so the trusted-port
  * match knows when the ports it keeps in view need a fresh look. */
@@ -133,30 +134,46 @@ uint32_t PPPOE_PLUS_IsEncapOnlyRid(void);
 uint8_t PPPOE_PLUS_GetInfoEncap(void);
 void PPPOE_PLUS_SetInfoEncap(uint8_t valid, uint8_t encapType);
 uint8_t PPPOE_PLUS_GetGlobalCidFormat(void);
+/* The global user-defined strings: read them under the store's lock, held
+ * shared for as long as the string is used. */
 char *PPPOE_PLUS_GetGlobalCidUdfFormat(void);
+/* Takes the store's lock exclusively to save udfStr. */
 uint32_t PPPOE_PLUS_SetGlobalCidFormat(uint8_t formatType, const char *udfStr);
 uint8_t PPPOE_PLUS_GetGlobalRidFormat(void);
 char *PPPOE_PLUS_GetGlobalRidUdfFormat(void);
 uint32_t PPPOE_PLUS_SetGlobalRidFormat(uint8_t formatType, const char *udfStr);
 uint32_t PPPOE_PLUS_GetVendorId(void);
 void PPPOE_PLUS_SetVendorId(uint32_t vendorId);
+/* A copy of the port list's head, taken under the store's lock: its count.
+ * The ports themselves are walked with PppoePlusForEachPort. */
 PppoePlusDllHead PPPOE_PLUS_GetGlobalPortList(void);
 uint8_t PPPOE_PLUS_GetIgnoreReply(void);
 uint32_t PPPOE_PLUS_SetIgnoreReply(uint8_t enable);
 
+/* Control blocks are never freed, so a block found stays valid without the
+ * lock; its single-byte settings and counters are atomics.
+ * Find or create (creating takes the store's lock exclusively), and find:
+ * the caller holds no lock of the store. */
 uint32_t PPPOE_PLUS_GetPortCBByIndex(uint32_t ifIndex, PortCB **out);
 PortCB *PPPOE_PLUS_FindPortCBByindex(uint32_t ifIndex);
 uint32_t PPPOE_PLUS_SetPortTrust(uint32_t ifIndex, uint32_t enable);
 uint32_t PPPOE_PLUS_SetPortPolicy(uint32_t ifIndex, uint8_t policy, uint8_t enable);
+/* A block's format lists. The list that would hold key needs no lock; a
+ * walk of it, a node found and its string need the store's lock held
+ * (shared will do) for as long as they are used; inserting needs it held
+ * exclusively. */
 void PPPOE_PLUS_FindInfoFormatDLLOnInterfaceByVlan(PortCB *cb, const InfoFormatNode *key, PppoePlusDllHead **out);
 InfoFormatNode *PPPOE_PLUS_FindInfoFormatOnInterface(PortCB *cb, const InfoFormatNode *key);
 uint32_t PPPOE_PLUS_InsertInfoFormatNodeOnInterface(PortCB *cb, const InfoFormatNode *cfg);
+/* Takes the store's lock exclusively: the caller holds none. */
 uint32_t PPPOE_PLUS_SetPortFormat(const InfoFormatNode *cfg, uint32_t ifIndex, uint8_t enable);
+/* Takes the store's lock shared for the walk: the caller holds none. */
 void PPPOE_PLUS_GetAllMatchTrustPort(uint32_t *outIfIndexes, uint32_t maxCount, uint32_t *outCount, uint16_t vlan,
                                      uint32_t ingressIfIndex);
 
 /* Format display: the current global formats and a worked example for a
- * sample subscriber on the first layer-2 port. */
+ * sample subscriber on the first layer-2 port. They take the store's lock
+ * shared where they read strings: the caller holds none. */
 uint32_t PPPOE_PLUS_GetFormatInfo(char *buf, uint32_t size);
 uint32_t PPPOE_PLUS_GetCidFormatExample(char *buf, uint32_t *outLen, uint32_t size);
 uint32_t PPPOE_PLUS_GetRidFormatExample(char *buf, uint32_t *outLen, uint32_t size);
@@ -198,6 +215,31 @@ private:
 PppoePlusCfgMutex &PppoePlusCfgLock();
 using PppoePlusCfgReadGuard = std::shared_lock<PppoePlusCfgMutex>;
 using PppoePlusCfgWriteGuard = std::unique_lock<PppoePlusCfgMutex>;
+
+/* The one walk of the port list: visits every port control block in list
+ * order, holding the store's lock shared for the whole walk, until visit
+ * returns true; that block, or null. The caller holds no lock of the
+ * store; visit must not take it exclusively nor create a block (it may
+ * read and change a block's settings and counters). */
+PortCB *PppoePlusWalkPorts(bool (*visit)(PortCB *cb, void *ctx), void *ctx);
+
+/* PppoePlusWalkPorts for a callable: visit(PortCB &) returns true to stop,
+ * or nothing to see every block. */
+template <typename Visit>
+PortCB *PppoePlusForEachPort(Visit &&visit)
+{
+    return PppoePlusWalkPorts(
+        [](PortCB *cb, void *ctx) {
+            auto &fn = *static_cast<std::remove_reference_t<Visit> *>(ctx);
+            if constexpr (std::is_void_v<decltype(fn(*cb))>) {
+                fn(*cb);
+                return false;
+            } else {
+                return static_cast<bool>(fn(*cb));
+            }
+        },
+        &visit);
+}
 #endif
 
 #endif

@@ -305,34 +305,10 @@ private:
     const PortView *view_ = nullptr;
 };
 
-std::optional<uint32_t> ResolvePort(const std::string &nameOrIndex)
-{
-    const std::vector<IfRecord> ifs = world::IfRecords();
-    for (const IfRecord &r : ifs) {
-        if (r.name == nameOrIndex) {
-            return r.ifIndex;
-        }
-    }
-    if (!nameOrIndex.empty() && nameOrIndex.find_first_not_of("0123456789") == std::string::npos &&
-        nameOrIndex.size() <= 10) {
-        const unsigned long v = std::stoul(nameOrIndex);
-        for (const IfRecord &r : ifs) {
-            if (r.ifIndex == v) {
-                return r.ifIndex;
-            }
-        }
-    }
-    return std::nullopt;
-}
-
 std::string PortName(uint32_t ifIndex)
 {
-    for (const IfRecord &r : world::IfRecords()) {
-        if (r.ifIndex == ifIndex) {
-            return r.name;
-        }
-    }
-    return "";
+    const auto rec = world::IfFind(ifIndex);
+    return rec ? rec->name : "";
 }
 
 ForwardingPlane::ForwardingPlane(PortBackend &backend, const platform::PlaneSettings &settings)

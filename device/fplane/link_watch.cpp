@@ -28,8 +28,9 @@
 #include <mutex>
 #include <thread>
 
-#include "platform/control.h"
 #include "device/live.hpp"
+#include "platform/control.h"
+#include "platform/fail_point.hpp"
 
 namespace device::fplane {
 namespace {
@@ -109,8 +110,9 @@ LinkWatcher::~LinkWatcher()
 
 bool LinkWatcher::Open(std::string *error)
 {
-    if (uint32_t code = 0; PLAT_FailCheck(kOpenOp, &code) != 0) {
-        *error = std::string("cannot open a netlink socket to follow links: ") + std::strerror(static_cast<int>(code));
+    if (const auto failed = platform::FailPoint(kOpenOp)) {
+        *error =
+            std::string("cannot open a netlink socket to follow links: ") + std::strerror(static_cast<int>(*failed));
         return false;
     }
     int rc = nl_cache_mngr_alloc(nullptr, NETLINK_ROUTE, 0, &state_->manager);

@@ -37,8 +37,9 @@
 #include <utility>
 #include <vector>
 
-#include "platform/control.h"
 #include "device/live.hpp"
+#include "platform/control.h"
+#include "platform/fail_point.hpp"
 
 namespace device::fplane {
 namespace {
@@ -102,8 +103,8 @@ public:
     bool Open(int kernelIndex, uint32_t mtu, std::string *error)
     {
         Close();
-        if (uint32_t code = 0; PLAT_FailCheck(kBindOp, &code) != 0) {
-            errno = static_cast<int>(code);
+        if (const auto failed = platform::FailPoint(kBindOp)) {
+            errno = static_cast<int>(*failed);
             return Fail("cannot open a packet socket", error);
         }
         fd_ = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);   // protocol 0: nothing arrives before bind

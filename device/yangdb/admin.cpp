@@ -5,7 +5,7 @@
 #include "platform/ydbc_wire.hpp"
 #include "yang_store.hpp"
 
-#include <platform/control.h>
+#include <platform/fail_point.hpp>
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -57,10 +57,10 @@ Admin::~Admin() = default;
 
 std::unique_ptr<Admin> Admin::Connect(const std::string &socketPath, std::string *error)
 {
-    uint32_t code = 0;
-    if (PLAT_FailCheck(kConnectOp, &code) != 0) {
+    if (const auto failed = platform::FailPoint(kConnectOp)) {
         if (error != nullptr) {
-            *error = "cannot connect to the datastore at " + socketPath + ": " + std::strerror(static_cast<int>(code));
+            *error =
+                "cannot connect to the datastore at " + socketPath + ": " + std::strerror(static_cast<int>(*failed));
         }
         return nullptr;
     }

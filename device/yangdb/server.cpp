@@ -23,7 +23,7 @@
 #include "stream_io.hpp"
 #include "yang_store.hpp"
 
-#include <platform/control.h>
+#include <platform/fail_point.hpp>
 
 #include <fcntl.h>
 #include <malloc.h>
@@ -906,9 +906,8 @@ std::unique_ptr<Server> Server::Start(const ServerOptions &options, std::string 
 {
     std::string scratch;
     std::string &err = error != nullptr ? *error : scratch;
-    uint32_t code = 0;
-    if (PLAT_FailCheck(kStartOp, &code) != 0) {
-        err = "cannot start the datastore (injected failure " + std::to_string(code) + ")";
+    if (const auto failed = platform::FailPoint(kStartOp)) {
+        err = "cannot start the datastore (injected failure " + std::to_string(*failed) + ")";
         return nullptr;
     }
     auto impl = std::make_unique<Impl>();

@@ -3,7 +3,7 @@
 
 #include "device/yangdb.hpp"
 
-#include <platform/control.h>
+#include <platform/fail_point.hpp>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -419,9 +419,8 @@ bool YangStore::DeleteCandidate(std::string_view path, Tree *candidate, std::str
 bool YangStore::Save(const struct lyd_node *tree, std::string *error) const
 {
     // Failure injection: the code is taken as the errno of the write.
-    uint32_t code = 0;
-    if (PLAT_FailCheck(kSaveOp, &code) != 0) {
-        *error = "cannot save the configuration: " + storePath_ + ": " + std::strerror(static_cast<int>(code));
+    if (const auto failed = platform::FailPoint(kSaveOp)) {
+        *error = "cannot save the configuration: " + storePath_ + ": " + std::strerror(static_cast<int>(*failed));
         return false;
     }
     return WriteFileAtomically(storePath_, PrintExplicit(tree), error);

@@ -1,6 +1,6 @@
 // Who may reach the switch: started under umask 000 with --group, the host's
 // control and datastore sockets are 0660 and the group's, and the saved
-// configuration is 0600.
+// configuration is 0600 in a folder of 0700.
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -32,6 +32,8 @@ TEST(Access, SocketsAreOwnerAndGroupOnlyAndTheStoreIsTheOwnersWhateverTheUmask)
     }
     ASSERT_EQ(stat((dir + "/store/running.xml").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600U);
+    ASSERT_EQ(stat((dir + "/store").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0700U);
     EXPECT_EQ(host.Stop(SIGTERM), 0) << host.Output();
     std::filesystem::remove_all(dir);
 }

@@ -60,9 +60,18 @@ TEST_F(Datastore, FormatChangedWithTheCliWhileFramesFlowChangesTheNextRelayedFra
     ProgramRun replay = Run({"world", "port", "replay", padi});
     ASSERT_EQ(replay.status, 0) << replay.output;
 
-    const ProgramRun check = Run({"check-format", "\"line-%sysname\""});
-    EXPECT_EQ(check.status, 0) << check.output;
-    EXPECT_EQ(check.output, "\"line-%sysname\": well formed (result 0)\n");
+    // Formats with a backslash or an optional part reach the agent as typed.
+    const std::pair<std::string, std::string> checks[] = {
+        {"\"line-%sysname\"", "well formed (result 0)"},
+        {"\"\\a\"", "backslash before a character that needs no escape (result 3)"},
+        {"\"%svlan[.%cvlan]\"", "well formed (result 0)"},
+        {"\"[%mac]\"", "optional keyword other than svlan or cvlan (result 5)"},
+    };
+    for (const auto &[text, answer] : checks) {
+        const ProgramRun check = Run({"check-format", text});
+        EXPECT_EQ(check.status, 0) << check.output;
+        EXPECT_EQ(check.output, text + ": " + answer + "\n");
+    }
     const ProgramRun set = Run({"format", "cid", "user-define", "\"line-%sysname\""});
     ASSERT_EQ(set.status, 0) << set.output;
     replay = Run({"world", "port", "replay", padi});

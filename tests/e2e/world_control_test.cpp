@@ -86,6 +86,9 @@ TEST(WorldControl, CliReportsBoardsListsAndErrorsReadably)
     EXPECT_EQ(boards.output, "chassis  slot  state\n1  1  registered\n1  3  registered\n");
     const CliRun ifs = Cli("--control " + ctl + " world if list");
     EXPECT_NE(ifs.output.find("10  no  GigabitEthernet0/0/6"), std::string::npos) << ifs.output;
+    // Programs ask for a port's ifIndex and name, by either.
+    EXPECT_EQ(Control(ctl, "if resolve XGigabitEthernet0/0/1"), "ok\n49 XGigabitEthernet0/0/1\n");
+    EXPECT_EQ(Control(ctl, "if resolve 49"), "ok\n49 XGigabitEthernet0/0/1\n");
 
     const CliRun unknown = Cli("--control " + ctl + " world if off Eth9");
     EXPECT_EQ(unknown.status, 1);
@@ -100,8 +103,20 @@ TEST(WorldControl, CliReportsBoardsListsAndErrorsReadably)
     EXPECT_EQ(gone.status, 2);
     EXPECT_NE(gone.output.find("pppoe-plus-cli: cannot reach pppoe-plus-switch at " + ctl), std::string::npos)
         << gone.output;
-    const CliRun usage = Cli("world");
-    EXPECT_NE(usage.status, 0);
+    // Argument errors, found before anything is asked: one exit code, the
+    // reason and the command's usage line.
+    const std::pair<std::string, std::string> misuse[] = {
+        {"world", "Usage: pppoe-plus-cli world [OPTIONS] SUBCOMMAND"},
+        {"vendor-id 4294967296", "Usage: pppoe-plus-cli vendor-id"},
+        {"policy drop --port a --port b", "Usage: pppoe-plus-cli policy"},
+        {"debug 5 on", "Usage: pppoe-plus-cli debug"},
+        {"format cid user-define", "pppoe-plus-cli: format: user-define needs its format string\nUsage:"},
+    };
+    for (const auto &[args, usage] : misuse) {
+        const CliRun run = Cli(args);
+        EXPECT_EQ(run.status, 64) << args;
+        EXPECT_NE(run.output.find(usage), std::string::npos) << args << "\n" << run.output;
+    }
 }
 
 TEST(WorldControl, HostReachesMasterAndHaEventsShowThroughTheCli)

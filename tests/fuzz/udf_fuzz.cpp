@@ -57,6 +57,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const uint32_t code = PPPOE_PLUS_UserDfdFmtCheck(s);
     Require(code < PPPOE_PLUS_UDF_CHK_CODES);
     Require(PPPOE_PLUS_UserDfdFmtCheck(s) == code);
+    // A valid format passes each rule on its own, and loses its balance
+    // with its closing quote.
+    if (code == 0U) {
+        Require(PPPOE_PLUS_UserFmtChkKeyWord(s) == 0U && PPPOE_PLUS_UserFmtChkQuotationMarks(s) == 0U &&
+                PPPOE_PLUS_UserFmtChkKeyWordsNum(s) == 0U);
+        const std::string open(s);
+        if (!open.empty() && open.back() == '"') {
+            Require(PPPOE_PLUS_UserDfdFmtCheck(open.substr(0, open.size() - 1U).c_str()) == 8U);
+        }
+    }
 
     using Rule = uint32_t (*)(const char *);
     constexpr Rule kRules[] = {

@@ -16,6 +16,39 @@ namespace pplus_test {
 using Bytes = std::vector<uint8_t>;
 using Mac = std::array<uint8_t, 6>;
 
+// The wire layout the builder writes and the reader reads, stated here on
+// its own so that a test does not take the module's word for it.
+namespace wire {
+// DpxPktHead: message type, egress and ingress ifIndex, host-order words.
+inline constexpr size_t kDpxHeadLen = 12;
+inline constexpr size_t kDpxEgressOff = 4;
+inline constexpr size_t kDpxIngressOff = 8;
+// Ethernet: destination and source MAC, then EtherType or TPID; a VLAN tag
+// is a TPID and a TCI. An 802.3 frame has LLC (DSAP, SSAP, control) and
+// SNAP (OUI, type) behind its length.
+inline constexpr size_t kEthTypeOff = 12;
+inline constexpr size_t kEthHeadLen = 14;
+inline constexpr size_t kVlanTagLen = 4;
+inline constexpr size_t kVlanTciOff = 2;
+inline constexpr uint16_t kVlanIdMask = 0x0FFF;
+inline constexpr size_t kLlcDsapOff = 14;
+inline constexpr size_t kLlcSsapOff = 15;
+inline constexpr size_t kLlcControlOff = 16;
+inline constexpr size_t kSnapOuiOff = 17;
+// PPPoE: version and type, code, session, length; tags of type, length and
+// value; a Vendor-Specific value opens with the enterprise number, then
+// sub-options of type, length and value.
+inline constexpr uint16_t kEtherTypeDiscovery = 0x8863;
+inline constexpr size_t kPppoeHeadLen = 6;
+inline constexpr size_t kPppoeCodeOff = 1;
+inline constexpr size_t kPppoeLengthOff = 4;
+inline constexpr size_t kTagHeadLen = 4;
+inline constexpr size_t kTagLenOff = 2;
+inline constexpr uint16_t kTagVendorSpecific = 0x0105;
+inline constexpr size_t kVendorIdLen = 4;
+inline constexpr size_t kSubOptHeadLen = 2;
+}  // namespace wire
+
 inline constexpr Mac kBroadcast{0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
 inline constexpr Mac kSubscriberMac{0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
 inline constexpr Mac kServerMac{0x02, 0x00, 0x00, 0x00, 0x00, 0xaa};
@@ -60,7 +93,7 @@ public:
     // A Vendor-Specific tag: enterprise number, then sub-options 1 and 2 when non-empty.
     Frame &vendor(uint32_t enterprise, std::string_view cid, std::string_view rid = "")
     {
-        return tag(0x0105, VendorValue(enterprise, cid, rid));
+        return tag(wire::kTagVendorSpecific, VendorValue(enterprise, cid, rid));
     }
     // Raw bytes behind the tags (not counted in the PPPoE length).
     Frame &trailer(const Bytes &b) { trailer_ = b; return *this; }
@@ -92,7 +125,7 @@ public:
             PutU16(b, t.tpid);
             PutU16(b, t.vid);
         }
-        PutU16(b, 0x8863);
+        PutU16(b, wire::kEtherTypeDiscovery);
         b.push_back(verType_);
         b.push_back(code_);
         PutU16(b, session_);
@@ -137,10 +170,10 @@ inline Bytes PlainFrame(const Mac &dst, const Mac &src, int tci = -1)
 // plane writes to the module's receive channel.
 inline Bytes WithDpxHead(const Bytes &frame, uint32_t egr, uint32_t igr, uint32_t msgType = 0)
 {
-    Bytes b(12);
-    std::memcpy(b.data(), &msgType, 4);
-    std::memcpy(b.data() + 4, &egr, 4);
-    std::memcpy(b.data() + 8, &igr, 4);
+    Bytes b(wire::kDpxHeadLen);
+    std::memcpy(b.data(), &msgType, sizeof(msgType));
+    std::memcpy(b.data() + wire::kDpxEgressOff, &egr, sizeof(egr));
+    std::memcpy(b.data() + wire::kDpxIngressOff, &igr, sizeof(igr));
     b.insert(b.end(), frame.begin(), frame.end());
     return b;
 }
@@ -169,21 +202,21 @@ struct ParsedFrame {
     // Sub-option n (1 Circuit-ID, 2 Remote-ID) of the first Vendor-Specific tag, as text.
     std::optional<std::string> subOption(uint8_t n) const
     {
-        const ParsedTag *vs = find(0x0105);
-        if (vs == nullptr || vs->value.size() < 4) {
+        const ParsedTag *vs = find(wire::kTagVendorSpecific);
+        if (vs == nullptr || vs->value.size() < wire::kVendorIdLen) {
             return std::nullopt;
         }
-        for (size_t i = 4; i + 2 <= vs->value.size();) {
+        for (size_t i = wire::kVendorIdLen; i + wire::kSubOptHeadLen <= vs->value.size();) {
             const uint8_t type = vs->value[i];
             const uint8_t len = vs->value[i + 1];
-            if (i + 2 + len > vs->value.size()) {
+            const auto value = vs->value.begin() + static_cast<long>(i + wire::kSubOptHeadLen);
+            if (i + wire::kSubOptHeadLen + len > vs->value.size()) {
                 return std::nullopt;
             }
             if (type == n) {
-                return std::string(vs->value.begin() + static_cast<long>(i) + 2,
-                                   vs->value.begin() + static_cast<long>(i) + 2 + len);
+                return std::string(value, value + len);
             }
-            i += 2U + len;
+            i += wire::kSubOptHeadLen + len;
         }
         return std::nullopt;
     }
@@ -193,28 +226,34 @@ struct ParsedFrame {
 inline std::optional<ParsedFrame> Parse(const Bytes &b)
 {
     ParsedFrame f;
-    size_t off = 12;
-    while (off + 4 <= b.size() && (GetU16(b, off) == 0x8100 || GetU16(b, off) == 0x9100 || GetU16(b, off) == 0x88a8)) {
-        f.vlans.push_back(GetU16(b, off + 2) & 0x0FFF);
-        off += 4;
+    size_t off = wire::kEthTypeOff;
+    auto isTpid = [&b](size_t at) {
+        const uint16_t tpid = GetU16(b, at);
+        return tpid == 0x8100 || tpid == 0x9100 || tpid == 0x88a8;
+    };
+    while (off + wire::kVlanTagLen <= b.size() && isTpid(off)) {
+        f.vlans.push_back(GetU16(b, off + wire::kVlanTciOff) & wire::kVlanIdMask);
+        off += wire::kVlanTagLen;
     }
-    if (off + 8 > b.size() || GetU16(b, off) != 0x8863) {
+    constexpr size_t kEtherTypeLen = 2;
+    if (off + kEtherTypeLen + wire::kPppoeHeadLen > b.size() || GetU16(b, off) != wire::kEtherTypeDiscovery) {
         return std::nullopt;
     }
-    off += 2;
-    f.code = b[off + 1];
-    f.pppoeLength = GetU16(b, off + 4);
-    off += 6;
+    off += kEtherTypeLen;
+    f.code = b[off + wire::kPppoeCodeOff];
+    f.pppoeLength = GetU16(b, off + wire::kPppoeLengthOff);
+    off += wire::kPppoeHeadLen;
     const size_t end = off + f.pppoeLength;
-    while (off + 4 <= end && end <= b.size()) {
+    while (off + wire::kTagHeadLen <= end && end <= b.size()) {
         ParsedTag t{GetU16(b, off), {}};
-        const uint16_t len = GetU16(b, off + 2);
-        if (off + 4 + len > end) {
+        const uint16_t len = GetU16(b, off + wire::kTagLenOff);
+        if (off + wire::kTagHeadLen + len > end) {
             break;
         }
-        t.value.assign(b.begin() + static_cast<long>(off) + 4, b.begin() + static_cast<long>(off) + 4 + len);
+        const auto value = b.begin() + static_cast<long>(off + wire::kTagHeadLen);
+        t.value.assign(value, value + len);
         f.tags.push_back(std::move(t));
-        off += 4U + len;
+        off += wire::kTagHeadLen + len;
     }
     return f;
 }

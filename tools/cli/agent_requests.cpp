@@ -64,6 +64,13 @@ using xml::ChildText;
 using xml::Doc;
 using xml::Name;
 
+// The agent's reply element, null when the reply is something else.
+const xmlNode *AgentRoot(const Doc &doc)
+{
+    const xmlNode *root = doc == nullptr ? nullptr : xmlDocGetRootElement(doc.get());
+    return root != nullptr && Name(root) == "pppoe-plus" ? root : nullptr;
+}
+
 std::string Column(std::string text, size_t width)
 {
     if (text.size() < width) {
@@ -262,30 +269,30 @@ std::optional<std::string> QueryPath(std::string_view what)
 
 std::optional<std::string> FormatCheckPath(std::string_view text, std::string *why)
 {
-    // The agent reads the key up to the first closing bracket and skips
-    // nothing inside it, so a text holding "]" or both quote marks cannot
-    // reach it intact.
     if (text.empty()) {
         *why = "an empty text has nothing to check";
-        return std::nullopt;
-    }
-    if (text.find(']') != std::string_view::npos) {
-        *why = "a text with \"]\" cannot be passed in the query's path key";
         return std::nullopt;
     }
     if (text.find('\'') != std::string_view::npos && text.find('"') != std::string_view::npos) {
         *why = "a text with both kinds of quote cannot be passed in the query's path key";
         return std::nullopt;
     }
-    return std::string(kRoot) + "/query-format-check/query-format-check-list[user-define-text=" + Quoted(text) +
-           "]";
+    // The key ends at the first "]" its reader does not see escaped.
+    std::string key;
+    for (const char c : text) {
+        if (c == '\\' || c == ']') {
+            key += '\\';
+        }
+        key += c;
+    }
+    return std::string(kRoot) + "/query-format-check/query-format-check-list[user-define-text=" + Quoted(key) + "]";
 }
 
 std::optional<std::string> RenderQueryReply(std::string_view what, std::string_view xml)
 {
-    const Doc doc = pplus_cli::xml::Read(xml);
-    const xmlNode *root = doc == nullptr ? nullptr : xmlDocGetRootElement(doc.get());
-    if (root == nullptr || Name(root) != "pppoe-plus") {
+    const Doc doc = xml::Read(xml);
+    const xmlNode *root = AgentRoot(doc);
+    if (root == nullptr) {
         return std::nullopt;
     }
     if (what == "statistics") {
@@ -320,20 +327,23 @@ std::optional<std::string> RenderQueryReply(std::string_view what, std::string_v
         }
         return text;
     }
-    if (what == "check-format") {
-        const xmlNode *list = Child(Child(root, "query-format-check"), "query-format-check-list");
-        if (list == nullptr) {
-            return std::nullopt;
-        }
-        const std::string code = ChildText(list, "check-result");
-        std::string meaning = "unknown result";
-        if (code.size() <= 2 && !code.empty() && code.find_first_not_of("0123456789") == std::string::npos &&
-            std::stoul(code) < kCheckResults.size()) {
-            meaning = std::string(kCheckResults[std::stoul(code)]);
-        }
-        return ChildText(list, "user-define-text") + ": " + meaning + " (result " + code + ")\n";
-    }
     return std::nullopt;
+}
+
+std::optional<std::string> RenderFormatCheckReply(std::string_view typed, std::string_view xml)
+{
+    const Doc doc = xml::Read(xml);
+    const xmlNode *list = Child(Child(AgentRoot(doc), "query-format-check"), "query-format-check-list");
+    if (list == nullptr) {
+        return std::nullopt;
+    }
+    const std::string code = ChildText(list, "check-result");
+    std::string meaning = "unknown result";
+    if (code.size() <= 2 && !code.empty() && code.find_first_not_of("0123456789") == std::string::npos &&
+        std::stoul(code) < kCheckResults.size()) {
+        meaning = std::string(kCheckResults[std::stoul(code)]);
+    }
+    return std::string(typed) + ": " + meaning + " (result " + code + ")\n";
 }
 
 }  // namespace pplus_cli

@@ -44,19 +44,26 @@ std::string PortItemPath(std::string_view ifName, std::string_view item);
 std::string PortFormatPath(std::string_view ifName, uint16_t vlan, uint16_t ceVlan, std::string_view which);
 
 // Operations.
-// level: 0 to 3, or 4 for all levels.
+// The debug level of set-debugging that switches every level.
+inline constexpr uint32_t kDebugAllLevels = 4;
+// level: 0 to 3, or kDebugAllLevels.
 std::string SetDebuggingXml(uint32_t level, bool on);
 std::string ResetStatisticsXml();
 
 // Queries: the path to get.
 std::optional<std::string> QueryPath(std::string_view what);
-// The format-check path of a text; nullopt with *why when the text cannot
-// travel as a path key.
+// The format-check path of a text. Its key escapes a backslash as "\\" and
+// "]" as "\]", which the agent's key reader reads back, so any format can be
+// checked; nullopt with *why when the text is empty or holds both kinds of
+// quote (the key's value has no escape for its own quote).
 std::optional<std::string> FormatCheckPath(std::string_view text, std::string *why);
 
 // A query reply as text: a table of the statistics, one line per setting,
 // the format display as it stands. nullopt when the reply is not the XML
 // the query answers.
 std::optional<std::string> RenderQueryReply(std::string_view what, std::string_view xml);
+// A format check's reply as one line naming the format as the operator
+// typed it; nullopt when the reply is not the check's XML.
+std::optional<std::string> RenderFormatCheckReply(std::string_view typed, std::string_view xml);
 
 }  // namespace pplus_cli

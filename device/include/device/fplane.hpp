@@ -180,10 +180,8 @@ private:
     bool outermost_ = false;
 };
 
-// The ifIndex of a port given by interface name or by ifIndex in decimal;
-// nullopt when the world has no such interface.
-std::optional<uint32_t> ResolvePort(const std::string &nameOrIndex);
-// The interface name of an ifIndex ("" when unknown).
+// The interface name of an ifIndex ("" when unknown). A port a user names
+// is found with platform::world::IfResolve.
 std::string PortName(uint32_t ifIndex);
 
 class Fdb;

@@ -10,6 +10,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace platform {
@@ -178,6 +179,9 @@ std::vector<IfRecord> IfRecords();
 
 // One interface; nullopt when there is none of this ifIndex.
 std::optional<IfRecord> IfFind(uint32_t ifIndex);
+// The interface a user or a file names: by its name, or else by its ifIndex
+// in decimal. nullopt when neither names one.
+std::optional<IfRecord> IfResolve(std::string_view nameOrIndex);
 // Takes an interface on board or off; false when there is none of this ifIndex.
 bool IfSetOnBoard(uint32_t ifIndex, bool onBoard);
 

@@ -4,9 +4,9 @@
 // system is in trouble. Ours lets the host and tests make any platform
 // operation fail on chosen calls (after `skip` calls, the next `times`, or
 // forever) with a chosen code, and counts every call of every operation.
-// Each operation calls PLAT_FailCheck with its own function name on entry.
-// With nothing armed and counting off (the host, the benchmark), a check is
-// one relaxed load of a word that says whether either is on.
+// Each operation opens with platform::FailPoint(__func__) (fail_point.hpp).
+// With nothing armed and counting off (the host, the benchmark), that check
+// is one relaxed load of a word that says whether either is on.
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -21,6 +21,7 @@
 
 #include "core/internal.hpp"
 #include "platform/control.h"
+#include "platform/fail_point.hpp"
 
 namespace {
 

@@ -62,16 +62,6 @@ private:
     std::atomic<bool> locked_{false};
 };
 
-// Nonzero while call counting is on or a failure is armed (fail.cpp).
-extern std::atomic<uint32_t> g_failActive;
-
-// True when this call of op must fail; *code is then the injected code.
-// With neither counting nor anything armed, one relaxed load.
-inline bool Injected(const char *op, uint32_t *code)
-{
-    return g_failActive.load(std::memory_order_relaxed) != 0 && PLAT_FailCheck(op, code) != 0;
-}
-
 // ms scaled milliseconds in real microseconds.
 uint64_t ScaledMicros(uint64_t ms);
 

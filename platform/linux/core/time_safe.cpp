@@ -15,8 +15,9 @@
 #include <thread>
 
 #include "core/internal.hpp"
-#include "platform/control.h"
 #include "plat_safe.h"
+#include "platform/control.h"
+#include "platform/fail_point.hpp"
 
 namespace {
 std::atomic<uint32_t> g_timeScale{1000};
@@ -88,9 +89,8 @@ int snprintf_truncated_s(char *dest, size_t dmax, const char *fmt, ...)
 
 int eventfd_s(unsigned int initval, int flags)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("eventfd_s", &code)) {
-        errno = static_cast<int>(code);
+    if (const auto failed = platform::FailPoint(__func__)) {
+        errno = static_cast<int>(*failed);
         return -1;
     }
     return eventfd(initval, flags);
@@ -98,9 +98,8 @@ int eventfd_s(unsigned int initval, int flags)
 
 int close_s(int fd)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("close_s", &code)) {
-        errno = static_cast<int>(code);
+    if (const auto failed = platform::FailPoint(__func__)) {
+        errno = static_cast<int>(*failed);
         return -1;
     }
     return close(fd);

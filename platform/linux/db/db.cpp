@@ -33,6 +33,7 @@
 #include "core/thread_ref.hpp"
 #include "db.h"
 #include "db/db_object.hpp"
+#include "platform/fail_point.hpp"
 #include "platform/world.hpp"
 
 namespace {
@@ -275,9 +276,8 @@ struct Table {
     // asked: the table the caller names, for the calls that take one.
     static uint32_t Create(const char *op, DB_OBJ_S **obj, uint32_t asked = Id)
     {
-        uint32_t code = 0;
-        if (platform::internal::Injected(op, &code)) {
-            return code;
+        if (const auto failed = platform::FailPoint(op)) {
+            return *failed;
         }
         if (obj == nullptr) {
             return DB_ERR_PARAM;
@@ -297,9 +297,8 @@ struct Table {
 
     static uint32_t Release(const char *op, DB_OBJ_S *obj)
     {
-        uint32_t code = 0;
-        if (platform::internal::Injected(op, &code)) {
-            return code;
+        if (const auto failed = platform::FailPoint(op)) {
+            return *failed;
         }
         DB_OBJ *live = LiveObject(obj);
         if (live == nullptr || live->table != Id) {
@@ -315,9 +314,8 @@ struct Table {
     template <typename As, typename Use>
     static uint32_t WithObject(const char *op, DB_OBJ *obj, bool outMissing, Use use)
     {
-        uint32_t code = 0;
-        if (platform::internal::Injected(op, &code)) {
-            return code;
+        if (const auto failed = platform::FailPoint(op)) {
+            return *failed;
         }
         if (outMissing) {
             return DB_ERR_PARAM;
@@ -429,9 +427,8 @@ uint32_t CreateSubObject(uint32_t code, DB_OBJ_S **obj, uint32_t table)
 template <typename Use>
 uint32_t WithSubDescription(const char *op, DB_OBJ *obj, Use use)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected(op, &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(op)) {
+        return *failed;
     }
     std::lock_guard lock(SubMu());
     DB_OBJ *live = LiveObject(obj);
@@ -514,9 +511,8 @@ uint32_t db_create_frm_inst_obj(uint32_t table, uint32_t flags, DB_OBJ_S **obj)
 uint32_t db_reset_frm_inst_object(DB_OBJ_S *obj, uint32_t mode)
 {
     (void)mode;
-    uint32_t code = 0;
-    if (platform::internal::Injected("db_reset_frm_inst_object", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     DB_OBJ *live = LiveObject(obj);
     if (live == nullptr) {
@@ -601,9 +597,8 @@ uint32_t db_get_if_on_board(DB_OBJ_S *obj, uint32_t *onBoard)
 
 uint32_t db_create_child_node(DB_OBJ_S *obj, const char *node, DB_OBJ_S **child)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("db_create_child_node", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (node == nullptr || child == nullptr) {
         return DB_ERR_PARAM;
@@ -843,9 +838,8 @@ uint32_t db_get_sys_info_sys_name(DB_OBJ_S *obj, char *name, uint32_t size, uint
 
 uint32_t db_get_table_record_count(DB_OBJ_S *obj, uint32_t *count)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("db_get_table_record_count", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (count == nullptr) {
         return DB_ERR_PARAM;
@@ -862,9 +856,8 @@ uint32_t db_create_root_iter(DB_OBJ_S *obj, uint32_t keyMask, uint32_t filter, D
 {
     (void)keyMask;
     (void)filter;
-    uint32_t code = 0;
-    if (platform::internal::Injected("db_create_root_iter", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (iter == nullptr) {
         return DB_ERR_PARAM;
@@ -882,9 +875,8 @@ uint32_t db_create_root_iter(DB_OBJ_S *obj, uint32_t keyMask, uint32_t filter, D
 
 uint32_t db_root_iterator_next(DB_ITER_S *iter)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("db_root_iterator_next", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     // The iterator lies inside its object: found by the object's block.
     void *block = iter != nullptr ? pool::BlockOf(iter) : nullptr;

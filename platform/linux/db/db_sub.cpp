@@ -26,6 +26,7 @@
 #include "core/internal.hpp"
 #include "db.h"
 #include "db/db_object.hpp"
+#include "platform/fail_point.hpp"
 #include "world/world_internal.hpp"
 
 struct DB_SUB {
@@ -139,9 +140,8 @@ extern "C" {
 
 uint32_t db_create_sub_connect(const DB_CONN_PARAM_S *params, DB_EPOLL_CTRL_FN epollCtrl, DB_SUB_CONN_S **conn)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("db_create_sub_connect", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (params == nullptr || params->serverLocator == nullptr || epollCtrl == nullptr || conn == nullptr) {
         return DB_ERR_PARAM;
@@ -170,9 +170,8 @@ uint32_t db_create_sub_connect(const DB_CONN_PARAM_S *params, DB_EPOLL_CTRL_FN e
 
 uint32_t db_handle_event(uint32_t fd)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("db_handle_event", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     const std::shared_ptr<DB_SUB_CONN> conn = FindByFd(static_cast<int>(fd));
     if (!conn) {
@@ -195,9 +194,8 @@ uint32_t db_handle_event(uint32_t fd)
 
 uint32_t db_disconnect(DB_SUB_CONN_S *conn)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("db_disconnect", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     std::shared_ptr<DB_SUB_CONN> owned;
     {
@@ -222,9 +220,8 @@ uint32_t db_disconnect(DB_SUB_CONN_S *conn)
 
 uint32_t db_set_current_server_locator(const char *locator)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("db_set_current_server_locator", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (locator == nullptr) {
         return DB_ERR_PARAM;
@@ -237,9 +234,8 @@ uint32_t db_set_current_server_locator(const char *locator)
 
 uint32_t db_set_current_user_name(const char *userName)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("db_set_current_user_name", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (userName == nullptr) {
         return DB_ERR_PARAM;
@@ -253,9 +249,8 @@ uint32_t db_set_current_user_name(const char *userName)
 uint32_t db_close_connection_pool(const char *locator, const char *userName, uint32_t flags)
 {
     (void)flags;
-    uint32_t code = 0;
-    if (platform::internal::Injected("db_close_connection_pool", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (locator == nullptr || userName == nullptr) {
         return DB_ERR_PARAM;
@@ -267,9 +262,8 @@ uint32_t db_close_connection_pool(const char *locator, const char *userName, uin
 
 uint32_t db_sub_with_conn(DB_SUB_CONN_S *conn, DB_OBJ_S *obj, DB_SUB_S **sub)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("db_sub_with_conn", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (sub == nullptr || conn == nullptr) {
         return DB_ERR_PARAM;

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "core/internal.hpp"
+#include "platform/fail_point.hpp"
 #include "world/world_internal.hpp"
 
 namespace {
@@ -21,9 +22,8 @@ using platform::world::DeviceView;
 template <typename Pick>
 uint32_t Read(const char *op, uint32_t *out, bool needsMainBoard, Pick pick)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected(op, &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(op)) {
+        return *failed;
     }
     if (out == nullptr) {
         return DEVM_ERR_PARAM;
@@ -71,9 +71,8 @@ uint32_t DEVM_GetSelfBoardIp(uint32_t *ipAddr)
 
 uint32_t DEVM_DB_GetGlobalSlotIdByLocalSlotId(uint32_t chassisId, uint32_t localSlotId, uint32_t *globalSlotId)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("DEVM_DB_GetGlobalSlotIdByLocalSlotId", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (globalSlotId == nullptr || chassisId == 0 || localSlotId >= DEVM_SLOTS_PER_CHASSIS ||
         chassisId > 0xFFFFFFFFU / DEVM_SLOTS_PER_CHASSIS) {
@@ -88,9 +87,8 @@ uint32_t DEVM_DB_GetGlobalSlotIdByLocalSlotId(uint32_t chassisId, uint32_t local
 
 uint32_t DEVM_DB_GetLocalSlotIdByGlobalSlotId(uint32_t globalSlotId, uint32_t *chassisId, uint32_t *localSlotId)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("DEVM_DB_GetLocalSlotIdByGlobalSlotId", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (chassisId == nullptr || localSlotId == nullptr) {
         return DEVM_ERR_PARAM;
@@ -119,9 +117,8 @@ uint32_t drv_board_get_self_logic_slotid(void)
 
 uint32_t DEVM_DB_GetSysMac(uint8_t *mac)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("DEVM_DB_GetSysMac", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (mac == nullptr) {
         return DEVM_ERR_PARAM;

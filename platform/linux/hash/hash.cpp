@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "core/internal.hpp"
+#include "platform/fail_point.hpp"
 
 struct HASH_TABLE {
     struct Element {
@@ -59,12 +60,6 @@ Registry &TheRegistry()
     return platform::internal::Leaky<Registry>();
 }
 
-bool Injected(const char *op)
-{
-    uint32_t code = 0;
-    return platform::internal::Injected(op, &code);
-}
-
 // Caller holds Registry::mu.
 bool IsLive(const Registry &reg, HASH_TABLE *table)
 {
@@ -102,7 +97,7 @@ extern "C" {
 HASH_TABLE_S *HASH_CreateNew(uint32_t bucketCount, uint32_t elementSize, HASH_GEN_KEY_FN genKey,
                              HASH_COMP_KEY_FN compKey)
 {
-    if (Injected("HASH_CreateNew")) {
+    if (platform::FailPoint(__func__)) {
         return nullptr;
     }
     if (bucketCount == 0 || elementSize == 0 || genKey == nullptr || compKey == nullptr) {
@@ -117,9 +112,8 @@ HASH_TABLE_S *HASH_CreateNew(uint32_t bucketCount, uint32_t elementSize, HASH_GE
 
 uint32_t HASH_Destroy(HASH_TABLE_S *table)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("HASH_Destroy", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     std::unique_ptr<HASH_TABLE> owned;
     Registry &reg = TheRegistry();
@@ -134,7 +128,7 @@ uint32_t HASH_Destroy(HASH_TABLE_S *table)
 
 void *HASH_NewData(HASH_TABLE_S *table)
 {
-    if (Injected("HASH_NewData")) {
+    if (platform::FailPoint(__func__)) {
         return nullptr;
     }
     Registry &reg = TheRegistry();
@@ -152,9 +146,8 @@ void *HASH_NewData(HASH_TABLE_S *table)
 
 uint32_t HASH_AddNode(HASH_TABLE_S *table, void *elmtData, const void *key)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("HASH_AddNode", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     Registry &reg = TheRegistry();
     std::lock_guard lock(reg.mu);
@@ -177,9 +170,8 @@ uint32_t HASH_AddNode(HASH_TABLE_S *table, void *elmtData, const void *key)
 
 uint32_t HASH_FreeData(HASH_TABLE_S *table, void *elmtData)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("HASH_FreeData", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     Registry &reg = TheRegistry();
     std::lock_guard lock(reg.mu);
@@ -199,7 +191,7 @@ uint32_t HASH_FreeData(HASH_TABLE_S *table, void *elmtData)
 
 void *HASH_FindElmtFromFirst(HASH_TABLE_S *table, const void *key)
 {
-    if (Injected("HASH_FindElmtFromFirst")) {
+    if (platform::FailPoint(__func__)) {
         return nullptr;
     }
     Registry &reg = TheRegistry();
@@ -214,7 +206,7 @@ void *HASH_FindElmtFromFirst(HASH_TABLE_S *table, const void *key)
 
 void *HASH_RemoveElmtByKey(HASH_TABLE_S *table, const void *key)
 {
-    if (Injected("HASH_RemoveElmtByKey")) {
+    if (platform::FailPoint(__func__)) {
         return nullptr;
     }
     Registry &reg = TheRegistry();
@@ -238,7 +230,7 @@ void *HASH_RemoveElmtByKey(HASH_TABLE_S *table, const void *key)
 
 void *HASH_GetFirstElmt(HASH_TABLE_S *table)
 {
-    if (Injected("HASH_GetFirstElmt")) {
+    if (platform::FailPoint(__func__)) {
         return nullptr;
     }
     Registry &reg = TheRegistry();
@@ -251,7 +243,7 @@ void *HASH_GetFirstElmt(HASH_TABLE_S *table)
 
 void *HASH_GetNextElmt(HASH_TABLE_S *table, const void *elmtData)
 {
-    if (Injected("HASH_GetNextElmt")) {
+    if (platform::FailPoint(__func__)) {
         return nullptr;
     }
     Registry &reg = TheRegistry();
@@ -275,8 +267,7 @@ void *HASH_GetNextElmt(HASH_TABLE_S *table, const void *elmtData)
 
 uint32_t HASH_GetElmtCount(HASH_TABLE_S *table)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("HASH_GetElmtCount", &code)) {
+    if (platform::FailPoint(__func__)) {
         return 0;
     }
     Registry &reg = TheRegistry();

@@ -31,6 +31,7 @@
 #include "core/thread_ref.hpp"
 #include "im_agent.h"
 #include "platform/control.h"
+#include "platform/fail_point.hpp"
 
 namespace platform::im {
 
@@ -270,8 +271,7 @@ extern "C" {
 
 IM_AGENT_HANDLE_S *IM_Agent_GetHandle(const char *module, const IM_AGENT_LOG_ID_S *ids, uint32_t count)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("IM_Agent_GetHandle", &code)) {
+    if (platform::FailPoint(__func__)) {
         return nullptr;
     }
     if (module == nullptr || module[0] == '\0' || (ids == nullptr && count != 0)) {
@@ -309,8 +309,7 @@ IM_AGENT_HANDLE_S *IM_Agent_GetHandle(const char *module, const IM_AGENT_LOG_ID_
 
 IM_AGENT_OBJ_S *IM_Agent_ObjCreate(IM_AGENT_HANDLE_S *handle, uint32_t logId)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("IM_Agent_ObjCreate", &code)) {
+    if (platform::FailPoint(__func__)) {
         return nullptr;
     }
     if (!KnownHandle(handle)) {
@@ -331,9 +330,8 @@ IM_AGENT_OBJ_S *IM_Agent_ObjCreate(IM_AGENT_HANDLE_S *handle, uint32_t logId)
 
 uint32_t IM_Agent_AddPara(IM_AGENT_OBJ_S *obj, uint32_t type, uint32_t size, const void *value)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("IM_Agent_AddPara", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (value == nullptr) {
         return kImErr;
@@ -369,9 +367,8 @@ uint32_t IM_Agent_AddPara(IM_AGENT_OBJ_S *obj, uint32_t type, uint32_t size, con
 
 uint32_t IM_Agent_Send(IM_AGENT_OBJ_S *obj)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("IM_Agent_Send", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (!IsLive(obj)) {
         return kImErr;
@@ -384,9 +381,8 @@ uint32_t IM_Agent_Send(IM_AGENT_OBJ_S *obj)
 
 uint32_t IM_Agent_ObjFree(IM_AGENT_OBJ_S *obj)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("IM_Agent_ObjFree", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (obj == nullptr || !KnownRecord(obj)) {
         return kImErr;
@@ -403,9 +399,8 @@ uint32_t IM_Agent_ObjFree(IM_AGENT_OBJ_S *obj)
 uint32_t IM_Agent_Debug(IM_AGENT_HANDLE_S *handle, uint32_t debugId, const char *module, const char *fmt, ...)
 {
     (void)module;
-    uint32_t code = 0;
-    if (platform::internal::Injected("IM_Agent_Debug", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (fmt == nullptr || !KnownHandle(handle)) {
         return kImErr;

@@ -22,6 +22,7 @@
 #include "core/internal.hpp"
 #include "mesh.h"
 #include "platform/control.h"
+#include "platform/fail_point.hpp"
 
 namespace {
 
@@ -53,23 +54,14 @@ int32_t Fail(int err)
     return -1;
 }
 
-bool Injected(const char *op)
-{
-    uint32_t code = 0;
-    if (platform::internal::Injected(op, &code)) {
-        t_lastError = static_cast<int32_t>(code);
-        return true;
-    }
-    return false;
-}
-
 }  // namespace
 
 extern "C" {
 
 int32_t MESH_EpollCreate(void)
 {
-    if (Injected("MESH_EpollCreate")) {
+    if (const auto failed = platform::FailPoint(__func__)) {
+        t_lastError = static_cast<int32_t>(*failed);
         return -1;
     }
     const int fd = epoll_create1(EPOLL_CLOEXEC);
@@ -85,7 +77,8 @@ int32_t MESH_EpollCreate(void)
 
 int32_t MESH_EpollCtl(int32_t epfd, int32_t op, uint32_t fd, const MESH_EPOLL_EVENT_S *reg)
 {
-    if (Injected("MESH_EpollCtl")) {
+    if (const auto failed = platform::FailPoint(__func__)) {
+        t_lastError = static_cast<int32_t>(*failed);
         return -1;
     }
     if (op != MESH_EPOLL_CTL_DEL && reg == nullptr) {
@@ -136,7 +129,8 @@ int32_t MESH_EpollCtl(int32_t epfd, int32_t op, uint32_t fd, const MESH_EPOLL_EV
 
 int32_t MESH_EpollWait(int32_t epfd, MESH_EPOLL_EVENT_S *events, int32_t maxEvents, int32_t timeoutMs)
 {
-    if (Injected("MESH_EpollWait")) {
+    if (const auto failed = platform::FailPoint(__func__)) {
+        t_lastError = static_cast<int32_t>(*failed);
         return -1;
     }
     if (events == nullptr || maxEvents <= 0) {
@@ -192,8 +186,7 @@ int32_t MESH_EpollWait(int32_t epfd, MESH_EPOLL_EVENT_S *events, int32_t maxEven
 
 int32_t MESH_GetErrorNo(void)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("MESH_GetErrorNo", &code)) {
+    if (platform::FailPoint(__func__)) {
         return -1;
     }
     return t_lastError;

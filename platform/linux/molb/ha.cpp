@@ -23,6 +23,7 @@
 
 #include "core/internal.hpp"
 #include "molb.h"
+#include "platform/fail_point.hpp"
 #include "platform/ha.hpp"
 
 static_assert(sizeof(MOLB_HA_COMP_INFO_S) == 152, "the registration record is 152 bytes");
@@ -194,9 +195,8 @@ extern "C" {
 uint32_t MOLB_HA_CompRegister(const MOLB_HA_COMP_INFO_S *info, MOLB_HA_EVENT_FN callback, uint32_t reserved)
 {
     (void)reserved;
-    uint32_t code = 0;
-    if (platform::internal::Injected("MOLB_HA_CompRegister", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (info == nullptr || callback == nullptr || !Terminated(info->compName, sizeof(info->compName)) ||
         !Terminated(info->compType, sizeof(info->compType)) || info->compName[0] == '\0') {
@@ -215,9 +215,8 @@ uint32_t MOLB_HA_CompRegister(const MOLB_HA_COMP_INFO_S *info, MOLB_HA_EVENT_FN 
 uint32_t MOLB_HA_SubsAMMBPosition(const char *compName, MOLB_HA_MMB_FN callback, uint32_t reserved)
 {
     (void)reserved;
-    uint32_t code = 0;
-    if (platform::internal::Injected("MOLB_HA_SubsAMMBPosition", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (compName == nullptr || compName[0] == '\0' || callback == nullptr ||
         !Terminated(compName, MOLB_HA_NAME_LEN)) {
@@ -233,9 +232,8 @@ uint32_t MOLB_HA_SubsAMMBPosition(const char *compName, MOLB_HA_MMB_FN callback,
 
 uint32_t MOLB_HA_ReportSwitchoverState(const char *compName, uint32_t state, uint32_t reserved)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("MOLB_HA_ReportSwitchoverState", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (compName == nullptr || !Terminated(compName, MOLB_HA_NAME_LEN)) {
         return MOLB_ERR_PARAM;

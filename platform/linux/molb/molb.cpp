@@ -20,6 +20,7 @@
 #include "core/internal.hpp"
 #include "molb.h"
 #include "platform/control.h"
+#include "platform/fail_point.hpp"
 
 namespace {
 
@@ -52,9 +53,8 @@ extern "C" {
 uint32_t MOLB_PAT_C2HRegisterHook(MOLB_PAT_C2H_HOOK_FN hook, uint32_t reserved)
 {
     (void)reserved;
-    uint32_t code = 0;
-    if (platform::internal::Injected("MOLB_PAT_C2HRegisterHook", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (hook == nullptr) {
         return MOLB_ERR_PARAM;
@@ -69,9 +69,8 @@ uint32_t MOLB_PAT_C2HRegisterHook(MOLB_PAT_C2H_HOOK_FN hook, uint32_t reserved)
 
 uint32_t MOLB_PAT_C2HReplyProcessResult(const void *requestHead, uint32_t result)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("MOLB_PAT_C2HReplyProcessResult", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (requestHead == nullptr) {
         return MOLB_ERR_PARAM;
@@ -90,9 +89,8 @@ uint32_t MOLB_PAT_C2HReplyProcessResult(const void *requestHead, uint32_t result
 
 uint32_t MOLB_PAT_RestoreForDLL(void *dlHandle)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("MOLB_PAT_RestoreForDLL", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (dlHandle == nullptr) {
         return MOLB_ERR_PARAM;

@@ -2,13 +2,13 @@
 #include <cstdio>
 
 #include "core/internal.hpp"
+#include "platform/fail_point.hpp"
 #include "ruk.h"
 
 extern "C" uint32_t RUK_IpAddrToStr(uint32_t ipAddr, char *str, uint32_t size)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("RUK_IpAddrToStr", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (str == nullptr || size == 0) {
         return RUK_ERR_PARAM;

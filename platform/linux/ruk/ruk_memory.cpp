@@ -27,6 +27,7 @@
 #include "core/block_pool.hpp"
 #include "core/internal.hpp"
 #include "platform/control.h"
+#include "platform/fail_point.hpp"
 #include "ruk.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -150,9 +151,8 @@ extern "C" {
 
 uint32_t RUK_HandleInitialize(const char *name, uint32_t *handle)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("RUK_HandleInitialize", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (name == nullptr || name[0] == '\0' || handle == nullptr) {
         return RUK_ERR_PARAM;
@@ -179,9 +179,8 @@ uint32_t RUK_HandleInitialize(const char *name, uint32_t *handle)
 
 uint32_t RUK_MemPtNoGet(const char *ptName, uint32_t *ptNo)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("RUK_MemPtNoGet", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (ptName == nullptr || ptName[0] == '\0' || ptNo == nullptr) {
         return RUK_ERR_PARAM;
@@ -199,8 +198,7 @@ uint32_t RUK_MemPtNoGet(const char *ptName, uint32_t *ptNo)
 
 void *RUK_MemAlloc_F(uint32_t handle, uint32_t ptNo, size_t size, const char *file, uint32_t line)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("RUK_MemAlloc_F", &code)) {
+    if (platform::FailPoint(__func__)) {
         return nullptr;
     }
     if (size > (size_t{1} << 40)) {
@@ -244,9 +242,8 @@ uint32_t RUK_MemFree_F(uint32_t handle, void *ptr, const char *file, uint32_t li
 {
     (void)file;
     (void)line;
-    uint32_t code = 0;
-    if (platform::internal::Injected("RUK_MemFree_F", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (ptr == nullptr) {
         return RUK_ERR_BAD_FREE;

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "core/internal.hpp"
+#include "platform/fail_point.hpp"
 #include "ruk.h"
 
 namespace {
@@ -57,9 +58,8 @@ extern "C" {
 uint32_t RUK_QueueCreate(const char *name, uint32_t depth, uint32_t *queueId, uint32_t mode, uint32_t msgLen)
 {
     (void)mode;
-    uint32_t code = 0;
-    if (platform::internal::Injected("RUK_QueueCreate", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (queueId == nullptr || depth == 0 || msgLen == 0) {
         return RUK_ERR_PARAM;
@@ -87,9 +87,8 @@ uint32_t RUK_QueueCreate(const char *name, uint32_t depth, uint32_t *queueId, ui
 
 uint32_t RUK_QueueAsyWrite(uint32_t queueId, const void *msg, uint32_t len)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("RUK_QueueAsyWrite", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (msg == nullptr) {
         return RUK_ERR_PARAM;
@@ -113,8 +112,7 @@ uint32_t RUK_QueueAsyWrite(uint32_t queueId, const void *msg, uint32_t len)
 
 uint32_t RUK_QueueAsyRead(uint32_t queueId, void *buf, uint32_t len)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("RUK_QueueAsyRead", &code)) {
+    if (platform::FailPoint(__func__)) {
         return 0;
     }
     if (buf == nullptr || len == 0) {
@@ -137,9 +135,8 @@ uint32_t RUK_QueueAsyRead(uint32_t queueId, void *buf, uint32_t len)
 
 uint32_t RUK_QueueDelete(uint32_t queueId)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("RUK_QueueDelete", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     Queues &queues = TheQueues();
     std::lock_guard lock(queues.mu);

@@ -19,6 +19,7 @@
 
 #include "core/internal.hpp"
 #include "platform/control.h"
+#include "platform/fail_point.hpp"
 #include "ruk.h"
 
 namespace {
@@ -27,15 +28,13 @@ std::atomic<uint32_t> g_nextTaskId{1};
 
 void DelayOp(const char *op, uint32_t ms)
 {
-    uint32_t code = 0;
-    (void)platform::internal::Injected(op, &code);
+    (void)platform::FailPoint(op);  // counted; the operation cannot fail
     PLAT_ScaledSleep(ms);
 }
 
 void RunDelayOp(const char *op)
 {
-    uint32_t code = 0;
-    (void)platform::internal::Injected(op, &code);
+    (void)platform::FailPoint(op);  // counted; the operation cannot fail
     std::this_thread::yield();
 }
 
@@ -50,9 +49,8 @@ uint32_t RUK_TaskCreate(const char *name, uint32_t *taskId, RUK_TASK_ENTRY_FN en
     (void)priority;
     (void)stackSize;
     (void)mode;
-    uint32_t code = 0;
-    if (platform::internal::Injected("RUK_TaskCreate", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (name == nullptr || name[0] == '\0' || entry == nullptr) {
         return RUK_ERR_PARAM;
@@ -112,8 +110,7 @@ void RUK_T_RunDelay(uint32_t limit, uint32_t slice)
 
 int32_t RUK_StrCmp(const char *a, const char *b)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("RUK_StrCmp", &code)) {
+    if (platform::FailPoint(__func__)) {
         return -1;
     }
     if (a == nullptr || b == nullptr) {
@@ -124,8 +121,7 @@ int32_t RUK_StrCmp(const char *a, const char *b)
 
 int32_t RUK_Mem_Cmp(const void *a, const void *b, size_t len)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("RUK_Mem_Cmp", &code)) {
+    if (platform::FailPoint(__func__)) {
         return -1;
     }
     if (len == 0) {

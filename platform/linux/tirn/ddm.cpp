@@ -6,6 +6,7 @@
 
 #include "core/internal.hpp"
 #include "ddm.h"
+#include "platform/fail_point.hpp"
 #include "platform/tirn.hpp"
 
 namespace {
@@ -40,9 +41,8 @@ std::optional<DDM_SELECTOR_ROLE_S> LastSelectorRole()
 
 extern "C" uint32_t DDM_AuthorizeSetSelectorRole(const DDM_SELECTOR_ROLE_S *role)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("DDM_AuthorizeSetSelectorRole", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (role == nullptr || !Named(role->serviceName) || !Named(role->roleName)) {
         return DDM_ERR_PARAM;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "core/internal.hpp"
+#include "platform/fail_point.hpp"
 #include "platform/tirn.hpp"
 #include "rpc.h"
 #include "tirn/tirn_internal.hpp"
@@ -41,9 +42,8 @@ bool Valid(const void *msg, uint32_t need)
 uint32_t Send(const char *op, platform::tirn::Method method, const void *msg, uint32_t len,
               RPC_ASYNC_CALLBACK_FN callback, const RPC_INVOKE_ATTR_S *attr)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected(op, &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(op)) {
+        return *failed;
     }
     if (msg == nullptr || callback == nullptr || attr == nullptr || !Valid(msg, len)) {
         return RPC_ERR_PARAM;
@@ -68,8 +68,7 @@ extern "C" {
 
 void *RPC_IdlMsgCreate(uint32_t size, uint32_t msgId, const char *owner)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("RPC_IdlMsgCreate", &code) || size == 0 || owner == nullptr) {
+    if (platform::FailPoint(__func__) || size == 0 || owner == nullptr) {
         return nullptr;
     }
     Message made;
@@ -84,9 +83,8 @@ void *RPC_IdlMsgCreate(uint32_t size, uint32_t msgId, const char *owner)
 
 uint32_t RPC_IdlMsgDestroy(void *msg, uint32_t msgId, const char *owner)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("RPC_IdlMsgDestroy", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (msg == nullptr || owner == nullptr) {
         return RPC_ERR_PARAM;

@@ -24,6 +24,7 @@
 #include "core/internal.hpp"
 #include "mesh.h"
 #include "plat_safe.h"
+#include "platform/fail_point.hpp"
 #include "platform/tirn.hpp"
 #include "tirn.h"
 #include "tirn/tirn_internal.hpp"
@@ -126,11 +127,6 @@ uint32_t DeliverPending(uint32_t, uint32_t, void *arg)
     return 0;
 }
 
-bool Injected(const char *op, uint32_t *code)
-{
-    return platform::internal::Injected(op, code);
-}
-
 }  // namespace
 
 namespace platform::tirn {
@@ -228,9 +224,8 @@ extern "C" {
 
 uint32_t TIRN_InitClientModuleConfig(TIRN_CLIENT_MODULE_CONFIG_S *config)
 {
-    uint32_t code = 0;
-    if (Injected("TIRN_InitClientModuleConfig", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (config == nullptr) {
         return TIRN_ERR_PARAM;
@@ -241,9 +236,8 @@ uint32_t TIRN_InitClientModuleConfig(TIRN_CLIENT_MODULE_CONFIG_S *config)
 
 uint32_t TIRN_ClientModuleInit(const TIRN_CLIENT_MODULE_CONFIG_S *config)
 {
-    uint32_t code = 0;
-    if (Injected("TIRN_ClientModuleInit", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (config == nullptr) {
         return TIRN_ERR_PARAM;
@@ -256,9 +250,8 @@ uint32_t TIRN_ClientModuleInit(const TIRN_CLIENT_MODULE_CONFIG_S *config)
 
 uint32_t TIRN_InitConnectionAttr(TIRN_CONN_ATTR_S *attr)
 {
-    uint32_t code = 0;
-    if (Injected("TIRN_InitConnectionAttr", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (attr == nullptr) {
         return TIRN_ERR_PARAM;
@@ -270,9 +263,8 @@ uint32_t TIRN_InitConnectionAttr(TIRN_CONN_ATTR_S *attr)
 
 uint32_t TIRN_ConnectionAttrSetEpollFd(int32_t epollFd, TIRN_CONN_ATTR_S *attr)
 {
-    uint32_t code = 0;
-    if (Injected("TIRN_ConnectionAttrSetEpollFd", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (attr == nullptr || epollFd < 0) {
         return TIRN_ERR_PARAM;
@@ -283,9 +275,8 @@ uint32_t TIRN_ConnectionAttrSetEpollFd(int32_t epollFd, TIRN_CONN_ATTR_S *attr)
 
 uint32_t TIRN_Connect(const char *uri, const TIRN_CONN_ATTR_S *attr, TIRN_CONN_HANDLE *conn)
 {
-    uint32_t code = 0;
-    if (Injected("TIRN_Connect", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (uri == nullptr || attr == nullptr || conn == nullptr || attr->epollFd < 0) {
         return TIRN_ERR_PARAM;
@@ -329,9 +320,8 @@ uint32_t TIRN_Connect(const char *uri, const TIRN_CONN_ATTR_S *attr, TIRN_CONN_H
 
 uint32_t TIRN_Disconnect(TIRN_CONN_HANDLE conn)
 {
-    uint32_t code = 0;
-    if (Injected("TIRN_Disconnect", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     Registry &reg = Reg();
     std::shared_ptr<Connection> gone;
@@ -352,9 +342,8 @@ uint32_t TIRN_Disconnect(TIRN_CONN_HANDLE conn)
 uint32_t TIRN_CreateClient(const char *name, const TIRN_CONN_HANDLE *conn, uint32_t flags,
                            TIRN_CLIENT_HANDLE *client)
 {
-    uint32_t code = 0;
-    if (Injected("TIRN_CreateClient", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (name == nullptr || name[0] == '\0' || conn == nullptr || client == nullptr || flags != 0) {
         return TIRN_ERR_PARAM;
@@ -385,9 +374,8 @@ uint32_t TIRN_CreateClient(const char *name, const TIRN_CONN_HANDLE *conn, uint3
 
 uint32_t TIRN_DestroyClient(TIRN_CLIENT_HANDLE client)
 {
-    uint32_t code = 0;
-    if (Injected("TIRN_DestroyClient", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     Registry &reg = Reg();
     std::lock_guard lock(reg.mu);
@@ -396,9 +384,8 @@ uint32_t TIRN_DestroyClient(TIRN_CLIENT_HANDLE client)
 
 uint32_t TIRN_SetConnKeepAliveAttr(TIRN_CONN_HANDLE conn, uint32_t mode, const TIRN_KEEPALIVE_ATTR_S *attr)
 {
-    uint32_t code = 0;
-    if (Injected("TIRN_SetConnKeepAliveAttr", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (mode > TIRN_KEEPALIVE_MODE_ON || (mode == TIRN_KEEPALIVE_MODE_ON && attr == nullptr)) {
         return TIRN_ERR_PARAM;
@@ -410,9 +397,8 @@ uint32_t TIRN_SetConnKeepAliveAttr(TIRN_CONN_HANDLE conn, uint32_t mode, const T
 
 uint32_t TIRN_RegisterPeerQuitNotifyFunc(uint32_t kind, TIRN_PEER_QUIT_FN fn)
 {
-    uint32_t code = 0;
-    if (Injected("TIRN_RegisterPeerQuitNotifyFunc", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (kind >= TIRN_PEER_QUIT_KIND_MAX || fn == nullptr) {
         return TIRN_ERR_PARAM;
@@ -425,9 +411,8 @@ uint32_t TIRN_RegisterPeerQuitNotifyFunc(uint32_t kind, TIRN_PEER_QUIT_FN fn)
 
 uint32_t TIRN_InitSvrAttr(TIRN_SVR_ATTR_S *attr)
 {
-    uint32_t code = 0;
-    if (Injected("TIRN_InitSvrAttr", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (attr == nullptr) {
         return TIRN_ERR_PARAM;
@@ -438,9 +423,8 @@ uint32_t TIRN_InitSvrAttr(TIRN_SVR_ATTR_S *attr)
 
 uint32_t TIRN_SetSvrAttr(TIRN_SVR_ATTR_S *attr, uint32_t id, const void *value, uint32_t len)
 {
-    uint32_t code = 0;
-    if (Injected("TIRN_SetSvrAttr", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (attr == nullptr || value == nullptr || id >= TIRN_SVR_ATTR_MAX || len == 0 || len > sizeof(uint32_t)) {
         return TIRN_ERR_PARAM;
@@ -454,9 +438,8 @@ uint32_t TIRN_SetSvrAttr(TIRN_SVR_ATTR_S *attr, uint32_t id, const void *value, 
 
 uint32_t TIRN_CreateServer(const char *serviceName, const TIRN_SVR_ATTR_S *attr, TIRN_SERVER_HANDLE *server)
 {
-    uint32_t code = 0;
-    if (Injected("TIRN_CreateServer", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (serviceName == nullptr || serviceName[0] == '\0' || attr == nullptr || server == nullptr) {
         return TIRN_ERR_PARAM;
@@ -470,9 +453,8 @@ uint32_t TIRN_CreateServer(const char *serviceName, const TIRN_SVR_ATTR_S *attr,
 
 uint32_t TIRN_ServerBind(TIRN_SERVER_HANDLE server, const char *uri)
 {
-    uint32_t code = 0;
-    if (Injected("TIRN_ServerBind", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (uri == nullptr || std::strncmp(uri, "talvo_mesh://", 13) != 0) {
         return TIRN_ERR_PARAM;
@@ -495,9 +477,8 @@ uint32_t TIRN_ServerBind(TIRN_SERVER_HANDLE server, const char *uri)
 
 uint32_t TIRN_SetServerKeepAliveAttr(TIRN_SERVER_HANDLE server, uint32_t mode, const TIRN_KEEPALIVE_ATTR_S *attr)
 {
-    uint32_t code = 0;
-    if (Injected("TIRN_SetServerKeepAliveAttr", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (mode > TIRN_KEEPALIVE_MODE_ON || (mode == TIRN_KEEPALIVE_MODE_ON && attr == nullptr)) {
         return TIRN_ERR_PARAM;
@@ -509,9 +490,8 @@ uint32_t TIRN_SetServerKeepAliveAttr(TIRN_SERVER_HANDLE server, uint32_t mode, c
 
 uint32_t TIRN_RegisterEpollFd(const char *uri, int32_t epollFd)
 {
-    uint32_t code = 0;
-    if (Injected("TIRN_RegisterEpollFd", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (uri == nullptr || epollFd < 0) {
         return TIRN_ERR_PARAM;
@@ -528,9 +508,8 @@ uint32_t TIRN_RegisterEpollFd(const char *uri, int32_t epollFd)
 
 uint32_t TIRN_DestroyServer(TIRN_SERVER_HANDLE server)
 {
-    uint32_t code = 0;
-    if (Injected("TIRN_DestroyServer", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     Registry &reg = Reg();
     std::lock_guard lock(reg.mu);

@@ -51,6 +51,7 @@
 #include "core/block_pool.hpp"
 #include "core/internal.hpp"
 #include "platform/control.h"
+#include "platform/fail_point.hpp"
 #include "wick.h"
 
 namespace {
@@ -71,12 +72,6 @@ constexpr const char *kCopySite = "FpcMbufPktCopy";
 uint32_t FailStatus(uint32_t code)
 {
     return code != 0 ? code : 1U;
-}
-
-bool ShouldFail(const char *op, uint32_t *code)
-{
-    *code = 0;
-    return platform::internal::Injected(op, code);
 }
 
 // ---------------------------------------------------------------------------
@@ -122,7 +117,6 @@ struct BufferRegistry {
     std::unordered_map<SiteKey, std::unique_ptr<Site>, SiteKeyHash> sites;
     std::vector<std::unique_ptr<KnownSite>> known;
     std::array<std::atomic<const KnownSite *>, size_t{1} << kSiteSlotBits> siteSlots{};
-    std::atomic<uint32_t> live{0};
 };
 
 BufferRegistry &Buffers()
@@ -207,8 +201,9 @@ FpcMbuf *NewBuffer(uint32_t bufLen, const char *file, uint32_t line)
     m->dataLen = 0;
     m->bufLen = bufLen;
     m->reserved = 0;
+    // Counted per site only (the total is the sites' sum): one atomic
+    // update a buffer instead of two.
     site->live.fetch_add(1, std::memory_order_relaxed);
-    reg.live.fetch_add(1, std::memory_order_relaxed);
     head->state.store(kLive, std::memory_order_release);
     return m;
 }
@@ -256,7 +251,6 @@ void FreeBuffer(FpcMbuf *m, const char *file, uint32_t line)
         return;
     }
     static_cast<Site *>(head->owner)->live.fetch_sub(1, std::memory_order_relaxed);
-    Buffers().live.fetch_sub(1, std::memory_order_relaxed);
     const size_t total = sizeof(BufferHead) + sizeof(FpcMbuf) + size_t{m->bufLen};
     if (total <= pool::kMaxBlock) {
         pool::Give(head);
@@ -509,13 +503,17 @@ bool Enqueue(ChannelTable &t, Channel *ch, FpcMbuf *m)
         if (ch->retired || !ch->ring.push(m, ch->depth.load(std::memory_order_relaxed))) {
             return false;
         }
-        // Counted before the owner is looked at, while a receiver announces
-        // it blocks before it looks at the count: one sees the other.
-        ch->pending.fetch_add(1, std::memory_order_seq_cst);
+        // Only ever changed under mu: no read-modify-write needed. Stored
+        // with release (and read with acquire), so a receiver that sees the
+        // count sees what the sender did before the send.
+        ch->pending.store(ch->pending.load(std::memory_order_relaxed) + 1, std::memory_order_release);
     }
+    // A receiver announces it blocks, then reads the count under mu
+    // (PendingLocked): if its look came first, this send's lock follows its
+    // announcement and the loads below see it; otherwise it saw the buffer.
     ThreadState *owner = ch->owner.load(std::memory_order_acquire);
-    const bool wakeOwner = owner != nullptr && owner->blocked.load(std::memory_order_seq_cst);
-    const bool wakeTakers = ch->takers.load(std::memory_order_seq_cst) != 0;
+    const bool wakeOwner = owner != nullptr && owner->blocked.load(std::memory_order_acquire);
+    const bool wakeTakers = ch->takers.load(std::memory_order_acquire) != 0;
     if (wakeOwner || wakeTakers) {
         std::lock_guard<std::mutex> lock(t.mu);
         if (wakeOwner) {
@@ -533,9 +531,17 @@ FpcMbuf *Dequeue(Channel *ch)
     std::lock_guard<SpinMutex> lock(ch->mu);
     FpcMbuf *m = ch->ring.pop();
     if (m != nullptr) {
-        ch->pending.fetch_sub(1, std::memory_order_relaxed);
+        ch->pending.store(ch->pending.load(std::memory_order_relaxed) - 1, std::memory_order_release);
     }
     return m;
+}
+
+// The channel's count read under its lock, for a receiver that announced
+// it is about to wait (see Enqueue).
+bool PendingLocked(Channel *ch)
+{
+    std::lock_guard<SpinMutex> lock(ch->mu);
+    return ch->pending.load(std::memory_order_relaxed) != 0;
 }
 
 // The channel a name last resolved to on this thread (the forwarding
@@ -567,11 +573,12 @@ struct NameCache {
 thread_local NameCache t_putName;
 thread_local NameCache t_takeName;
 
-// Caller holds t.mu.
-bool AnyPending(const ThreadState *self)
+// Caller holds t.mu. locked: the caller announced it blocks, and the
+// counts are read under each channel's lock (see Enqueue).
+bool AnyPending(const ThreadState *self, bool locked = false)
 {
-    return std::any_of(self->owned.begin(), self->owned.end(), [](const Channel *ch) {
-        return ch->pending.load(std::memory_order_seq_cst) != 0;
+    return std::any_of(self->owned.begin(), self->owned.end(), [locked](Channel *ch) {
+        return locked ? PendingLocked(ch) : ch->pending.load(std::memory_order_acquire) != 0;
     });
 }
 
@@ -584,8 +591,7 @@ extern "C" {
 
 uint32_t FPC_ChannelGetIdByName(const char *name)
 {
-    uint32_t code;
-    if (ShouldFail("FPC_ChannelGetIdByName", &code) || name == nullptr) {
+    if (platform::FailPoint(__func__) || name == nullptr) {
         return FPC_INVALID_ID;
     }
     ChannelTable &t = Channels();
@@ -599,8 +605,7 @@ uint32_t FPC_ChannelGetIdByName(const char *name)
 // caller's: the receiving task decides how much it is prepared to queue.
 uint32_t FPC_ChannelCreate(const char *name, uint32_t depth)
 {
-    uint32_t code;
-    if (ShouldFail("FPC_ChannelCreate", &code) || name == nullptr || name[0] == '\0' || depth == 0) {
+    if (platform::FailPoint(__func__) || name == nullptr || name[0] == '\0' || depth == 0) {
         return FPC_INVALID_ID;
     }
     ChannelTable &t = Channels();
@@ -628,9 +633,8 @@ uint32_t FPC_ChannelCreate(const char *name, uint32_t depth)
 // A later registration under the same name, by any thread, takes the name over.
 uint32_t FPC_ThreadInfoRegByName(const char *threadName)
 {
-    uint32_t code;
-    if (ShouldFail("FPC_ThreadInfoRegByName", &code)) {
-        return FailStatus(code);
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return FailStatus(*failed);
     }
     if (threadName == nullptr || threadName[0] == '\0') {
         return 1;
@@ -657,12 +661,11 @@ uint32_t FPC_ThreadInfoRegByName(const char *threadName)
 
 uint32_t FPC_EventRead(uint32_t *eventFlags)
 {
-    uint32_t code;
-    if (ShouldFail("FPC_EventRead", &code)) {
+    if (const auto failed = platform::FailPoint(__func__)) {
         if (eventFlags != nullptr) {
             *eventFlags = 0;
         }
-        return FailStatus(code);
+        return FailStatus(*failed);
     }
     if (eventFlags == nullptr) {
         return 1;
@@ -684,7 +687,7 @@ uint32_t FPC_EventRead(uint32_t *eventFlags)
         PLAT_TaskMarkWaiting("FPC_EventRead");
         lock.lock();
         self->blocked.store(true, std::memory_order_seq_cst);
-        while (!AnyPending(self)) {
+        while (!AnyPending(self, true)) {
             if (self->cv.wait_until(lock, deadline) == std::cv_status::timeout) {
                 break;
             }
@@ -697,12 +700,11 @@ uint32_t FPC_EventRead(uint32_t *eventFlags)
 
 uint32_t FPC_ChannelDcRecv(uint32_t channelId, FpcMbuf **mbuf)
 {
-    uint32_t code;
-    if (ShouldFail("FPC_ChannelDcRecv", &code)) {
+    if (const auto failed = platform::FailPoint(__func__)) {
         if (mbuf != nullptr) {
             *mbuf = nullptr;
         }
-        return FailStatus(code);
+        return FailStatus(*failed);
     }
     if (mbuf == nullptr) {
         return 1;
@@ -717,9 +719,8 @@ uint32_t FPC_ChannelDcRecv(uint32_t channelId, FpcMbuf **mbuf)
 uint32_t FPC_ChannelDcSendByIdNoSem(const char * /*threadName*/, uint32_t channelId, uint32_t /*flags*/,
                                     FpcMbuf *mbuf)
 {
-    uint32_t code;
-    if (ShouldFail("FPC_ChannelDcSendByIdNoSem", &code)) {
-        return FailStatus(code);
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return FailStatus(*failed);
     }
     if (mbuf == nullptr) {
         return 1;
@@ -734,8 +735,7 @@ uint32_t FPC_ChannelDcSendByIdNoSem(const char * /*threadName*/, uint32_t channe
 
 FpcMbuf *MbufPktNewFromData(const void *data, uint32_t len, const char *file, uint32_t line)
 {
-    uint32_t code;
-    if (ShouldFail("MbufPktNewFromData", &code)) {
+    if (platform::FailPoint(__func__)) {
         return nullptr;
     }
     return NewBufferFromData(data, len, file, line);
@@ -745,9 +745,8 @@ FpcMbuf *MbufPktNewFromData(const void *data, uint32_t len, const char *file, ui
 // so pointers into it stay valid. 1 when that room is short.
 uint32_t MbufPktAddHead(FpcMbuf *mbuf, uint32_t len, const char * /*file*/, uint32_t /*line*/)
 {
-    uint32_t code;
-    if (ShouldFail("MbufPktAddHead", &code)) {
-        return FailStatus(code);
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return FailStatus(*failed);
     }
     if (mbuf == nullptr || len > mbuf->dataOff) {
         return 1;
@@ -759,9 +758,8 @@ uint32_t MbufPktAddHead(FpcMbuf *mbuf, uint32_t len, const char * /*file*/, uint
 
 uint32_t MbufPktCutHead(FpcMbuf *mbuf, uint32_t len, const char * /*file*/, uint32_t /*line*/)
 {
-    uint32_t code;
-    if (ShouldFail("MbufPktCutHead", &code)) {
-        return FailStatus(code);
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return FailStatus(*failed);
     }
     if (mbuf == nullptr || len > mbuf->dataLen) {
         return 1;
@@ -773,9 +771,8 @@ uint32_t MbufPktCutHead(FpcMbuf *mbuf, uint32_t len, const char * /*file*/, uint
 
 uint32_t FpcMbufCopyPktToData(FpcMbuf *mbuf, void *dst, uint32_t len)
 {
-    uint32_t code;
-    if (ShouldFail("FpcMbufCopyPktToData", &code)) {
-        return FailStatus(code);
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return FailStatus(*failed);
     }
     if (mbuf == nullptr || dst == nullptr || len > mbuf->dataLen) {
         return 1;
@@ -789,9 +786,8 @@ uint32_t FpcMbufCopyPktToData(FpcMbuf *mbuf, void *dst, uint32_t len)
 // A failure injected here returns the injected code as the room length.
 uint32_t FPC_GetDefaultDataRoomLen(void)
 {
-    uint32_t code;
-    if (ShouldFail("FPC_GetDefaultDataRoomLen", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     return WICK_DEFAULT_DATA_ROOM;
 }
@@ -799,8 +795,7 @@ uint32_t FPC_GetDefaultDataRoomLen(void)
 // An injected failure is only counted: the buffer is freed all the same.
 void FpcMbufFree(FpcMbuf *mbuf, const char *file, uint32_t line)
 {
-    uint32_t code;
-    (void)ShouldFail("FpcMbufFree", &code);
+    (void)platform::FailPoint(__func__);  // counted; the operation cannot fail
     FreeBuffer(mbuf, file, line);
 }
 
@@ -809,8 +804,7 @@ void FpcMbufFree(FpcMbuf *mbuf, const char *file, uint32_t line)
 // from a leaked original.
 FpcMbuf *FpcMbufPktCopy(FpcMbuf *mbuf)
 {
-    uint32_t code;
-    if (ShouldFail("FpcMbufPktCopy", &code) || mbuf == nullptr) {
+    if (platform::FailPoint(__func__) || mbuf == nullptr) {
         return nullptr;
     }
     if (static_cast<uint64_t>(mbuf->dataOff) + mbuf->dataLen > mbuf->bufLen ||
@@ -834,9 +828,8 @@ FpcMbuf *FpcMbufPktCopy(FpcMbuf *mbuf)
 
 uint32_t WICK_ChannelPut(const char *channelName, const void *data, uint32_t len)
 {
-    uint32_t code;
-    if (ShouldFail("WICK_ChannelPut", &code)) {
-        return FailStatus(code);
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return FailStatus(*failed);
     }
     if (channelName == nullptr || channelName[0] == '\0') {
         return 1;
@@ -875,9 +868,8 @@ uint32_t WICK_ChannelPut(const char *channelName, const void *data, uint32_t len
 // its sending channel only after the forwarding plane started taking.
 uint32_t WICK_ChannelTake(const char *channelName, void *buf, uint32_t cap, uint32_t *len, uint32_t timeoutMs)
 {
-    uint32_t code;
-    if (ShouldFail("WICK_ChannelTake", &code)) {
-        return FailStatus(code);
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return FailStatus(*failed);
     }
     if (channelName == nullptr || (buf == nullptr && cap != 0)) {
         return 1;
@@ -905,7 +897,7 @@ uint32_t WICK_ChannelTake(const char *channelName, void *buf, uint32_t cap, uint
             // channel yet to be made wakes every taker when it is.
             std::atomic<uint32_t> &takers = ch != nullptr ? ch->takers : t.takers;
             takers.fetch_add(1, std::memory_order_seq_cst);
-            if (ch != nullptr && ch->pending.load(std::memory_order_seq_cst) != 0) {
+            if (ch != nullptr && PendingLocked(ch)) {
                 takers.fetch_sub(1, std::memory_order_relaxed);
                 continue;
             }
@@ -980,7 +972,13 @@ void WICK_Reset(void)
 
 uint32_t WICK_MbufOutstanding(void)
 {
-    return Buffers().live.load(std::memory_order_relaxed);
+    BufferRegistry &reg = Buffers();
+    std::lock_guard<std::mutex> lock(reg.mu);
+    uint32_t live = 0;
+    for (const auto &[key, site] : reg.sites) {
+        live += site->live.load(std::memory_order_relaxed);
+    }
+    return live;
 }
 
 uint32_t WICK_MbufLeakReport(WICK_LEAK_REPORT_FN report, void *arg)

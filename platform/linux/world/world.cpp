@@ -21,6 +21,7 @@
 // side.
 #include <algorithm>
 #include <atomic>
+#include <charconv>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -413,6 +414,24 @@ std::optional<IfRecord> IfFind(uint32_t ifIndex)
         }
     });
     return found;
+}
+
+std::optional<IfRecord> IfResolve(std::string_view nameOrIndex)
+{
+    const epoch::Pin pin;
+    const auto &rows = TheWorld().ifs.Read().rows;
+    const auto named =
+        std::find_if(rows.begin(), rows.end(), [nameOrIndex](const IfRecord &r) { return r.name == nameOrIndex; });
+    if (named != rows.end()) {
+        return *named;
+    }
+    uint32_t ifIndex = 0;
+    const char *end = nameOrIndex.data() + nameOrIndex.size();
+    const auto [ptr, ec] = std::from_chars(nameOrIndex.data(), end, ifIndex);
+    if (ec != std::errc() || ptr != end) {
+        return std::nullopt;  // no decimal number, or one beyond 32 bits
+    }
+    return IfFind(ifIndex);
 }
 
 bool IfSetOnBoard(uint32_t ifIndex, bool onBoard)

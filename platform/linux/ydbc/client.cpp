@@ -16,7 +16,7 @@
 // with the injected code.
 #include "platform/ydbc_wire.hpp"
 
-#include <platform/control.h>
+#include <platform/fail_point.hpp>
 
 #pragma GCC visibility push(default)
 #include <ydbc.h>
@@ -46,11 +46,6 @@ namespace wire = platform::ydbc::wire;
 
 constexpr auto kCallTimeout = std::chrono::seconds(10);
 constexpr uint32_t kWholeTree = 0xFFFFFFFFU;  // the depth of ydbc_pull that keeps everything
-
-bool Injected(const char *op, uint32_t *code)
-{
-    return PLAT_FailCheck(op, code) != 0;
-}
 
 // One connection to the datastore.
 struct Link {
@@ -467,17 +462,15 @@ extern "C" {
 
 uint32_t ydbc_initialize(void)
 {
-    uint32_t code = 0;
-    if (Injected(__func__, &code)) {
-        return code != 0 ? code : 1;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed != 0 ? *failed : 1;
     }
     return 0;
 }
 
 ydbc_client *ydbc_client_new(const char *name, uint32_t mode, void *reserved)
 {
-    uint32_t code = 0;
-    if (Injected(__func__, &code) || name == nullptr || reserved != nullptr || mode > 1) {
+    if (platform::FailPoint(__func__) || name == nullptr || reserved != nullptr || mode > 1) {
         return nullptr;
     }
     auto *client = new ydbc_client;
@@ -487,8 +480,7 @@ ydbc_client *ydbc_client_new(const char *name, uint32_t mode, void *reserved)
 
 int32_t ydbc_connect(ydbc_client *client, const char *url)
 {
-    uint32_t code = 0;
-    if (Injected(__func__, &code) || client == nullptr || url == nullptr) {
+    if (platform::FailPoint(__func__) || client == nullptr || url == nullptr) {
         return -1;
     }
     constexpr std::string_view kScheme = "unix://";
@@ -532,9 +524,8 @@ int32_t ydbc_connect(ydbc_client *client, const char *url)
 
 uint32_t ydbc_subscribe(ydbc_client *client, const ydbc_subscription *row)
 {
-    uint32_t code = 0;
-    if (Injected(__func__, &code)) {
-        return code != 0 ? code : 1;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed != 0 ? *failed : 1;
     }
     if (client == nullptr || row == nullptr || row->path == nullptr || row->kind > YDBC_SUB_RPC) {
         return 1;
@@ -561,9 +552,8 @@ uint32_t ydbc_subscribe(ydbc_client *client, const ydbc_subscription *row)
 
 uint32_t ydbc_activate(ydbc_client *client, uint32_t flag, ydbc_recover_end_cb recoverEnd, void *ctx)
 {
-    uint32_t code = 0;
-    if (Injected(__func__, &code)) {
-        return code != 0 ? code : 1;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed != 0 ? *failed : 1;
     }
     if (client == nullptr) {
         return 1;
@@ -591,9 +581,8 @@ uint32_t ydbc_activate(ydbc_client *client, uint32_t flag, ydbc_recover_end_cb r
 
 uint32_t ydbc_pull(void *ctx, uint32_t old, const char *path, uint32_t depth, ydbc_bytes **out)
 {
-    uint32_t code = 0;
-    if (Injected(__func__, &code)) {
-        return code != 0 ? code : 1;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed != 0 ? *failed : 1;
     }
     auto *request = static_cast<RequestContext *>(ctx);
     if (request == nullptr || out == nullptr || request->magic != RequestContext::kMagic || depth == 0) {
@@ -633,8 +622,7 @@ uint32_t ydbc_pull(void *ctx, uint32_t old, const char *path, uint32_t depth, yd
 
 ydbc_bytes *ydbc_new_bytes(const char *text, uint32_t length, uint32_t kind)
 {
-    uint32_t code = 0;
-    if (Injected(__func__, &code) || (text == nullptr && length != 0)) {
+    if (platform::FailPoint(__func__) || (text == nullptr && length != 0)) {
         return nullptr;
     }
     auto *bytes = static_cast<ydbc_bytes *>(std::calloc(1, sizeof(ydbc_bytes)));
@@ -665,9 +653,8 @@ void ydbc_free_bytes(ydbc_bytes *bytes)
 
 uint32_t ydbc_run(ydbc_client *client, uint32_t budget)
 {
-    uint32_t code = 0;
-    if (Injected(__func__, &code)) {
-        return code != 0 ? code : 1;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed != 0 ? *failed : 1;
     }
     if (client == nullptr) {
         return 1;

@@ -32,6 +32,7 @@
 
 #include "core/internal.hpp"
 #include "platform/control.h"
+#include "platform/fail_point.hpp"
 #include "zavk.h"
 
 namespace {
@@ -282,9 +283,8 @@ void PLAT_AssertReset(void)
 uint32_t ZAVK_RegDeadloopMon(pid_t tid, uint32_t warnSec, uint32_t errorSec, uint32_t criticalSec,
                              uint32_t resetSec)
 {
-    uint32_t code = 0;
-    if (platform::internal::Injected("ZAVK_RegDeadloopMon", &code)) {
-        return code;
+    if (const auto failed = platform::FailPoint(__func__)) {
+        return *failed;
     }
     if (tid <= 0) {
         return kZavkErrParam;

@@ -91,13 +91,22 @@ TEST_F(ShortForms, OperationInputsAreValidAndPathsNameTheItems)
                                    *QueryPath("statistics"), *QueryPath("format")}) {
         EXPECT_NE(lys_find_path(ctx_, nullptr, path.c_str(), 0), nullptr) << path;
     }
+    // The check's key: the text quoted, backslash and "]" escaped for the
+    // agent's key reader.
+    const std::string check = "/quendal-pppoe-plus:pppoe-plus/query-format-check/query-format-check-list";
+    const std::pair<std::string, std::string> keys[] = {
+        {"it's %mac", "[user-define-text=\"it's %mac\"]"},
+        {"\"\\a\"", "[user-define-text='\"\\\\a\"']"},
+        {"\"%svlan[.%cvlan]\"", "[user-define-text='\"%svlan[.%cvlan\\]\"']"},
+        {"a\\]b", "[user-define-text='a\\\\\\]b']"},
+    };
     std::string why;
-    EXPECT_EQ(*FormatCheckPath("it's %mac", &why),
-              "/quendal-pppoe-plus:pppoe-plus/query-format-check/query-format-check-list[user-define-text=\"it's "
-              "%mac\"]");
-    EXPECT_FALSE(FormatCheckPath("%svlan[.%cvlan]", &why));
-    EXPECT_NE(why.find("\"]\""), std::string::npos);
+    for (const auto &[text, key] : keys) {
+        EXPECT_EQ(FormatCheckPath(text, &why), check + key) << text;
+    }
     EXPECT_FALSE(FormatCheckPath("", &why));
+    EXPECT_FALSE(FormatCheckPath("it's \"%mac\"", &why));
+    EXPECT_NE(why.find("both kinds of quote"), std::string::npos);
 }
 
 TEST(QueryReplies, BecomeReadableText)
@@ -118,13 +127,15 @@ TEST(QueryReplies, BecomeReadableText)
     ASSERT_TRUE(policy);
     EXPECT_EQ(*policy, "tags-policy   drop (2)\nignore-reply  on (1)\n");
 
-    // The agent puts the check result before the list's key.
-    const auto check = RenderQueryReply(
-        "check-format", ns + "<query-format-check><query-format-check-list><check-result>2</check-result>"
-                             "<user-define-text>%</user-define-text></query-format-check-list></query-format-check>"
-                             "</pppoe-plus>");
+    // The agent puts the check result before the list's key; the line names
+    // the format as typed, whatever the agent echoes.
+    const auto check = RenderFormatCheckReply(
+        "\"%\\]\"", ns + "<query-format-check><query-format-check-list><check-result>2</check-result>"
+                         "<user-define-text>\"%]\"</user-define-text></query-format-check-list>"
+                         "</query-format-check></pppoe-plus>");
     ASSERT_TRUE(check);
-    EXPECT_EQ(*check, "%: \"%\" not followed by a keyword (result 2)\n");
+    EXPECT_EQ(*check, "\"%\\]\": \"%\" not followed by a keyword (result 2)\n");
+    EXPECT_FALSE(RenderFormatCheckReply("%", ns + "</pppoe-plus>"));
 
     EXPECT_FALSE(RenderQueryReply("policy", "<other/>"));
     EXPECT_FALSE(RenderQueryReply("policy", "not xml"));

@@ -53,8 +53,11 @@ constexpr pplus_test::Mac kHostB{0x02, 0, 0, 0, 0, 0x0b};
 std::vector<uint16_t> Vlans(const Bytes &frame)
 {
     std::vector<uint16_t> v;
-    for (size_t off = 12; off + 4 <= frame.size() && pplus_test::GetU16(frame, off) == 0x8100; off += 4) {
-        v.push_back(pplus_test::GetU16(frame, off + 2));
+    namespace wire = pplus_test::wire;
+    for (size_t off = wire::kEthTypeOff;
+         off + wire::kVlanTagLen <= frame.size() && pplus_test::GetU16(frame, off) == 0x8100;
+         off += wire::kVlanTagLen) {
+        v.push_back(pplus_test::GetU16(frame, off + wire::kVlanTciOff));
     }
     return v;
 }

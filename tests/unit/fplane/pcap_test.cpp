@@ -11,6 +11,7 @@
 
 #include "device/fplane.hpp"
 #include "device/world.hpp"
+#include "platform/world.hpp"
 #include "pppoe_frame.hpp"
 
 namespace {
@@ -100,11 +101,18 @@ TEST_F(PcapTest, BadInputsAndPortsAreRefusedByName)
     EXPECT_NE(error.find("raw.pcap: link type RAW is not Ethernet"), std::string::npos) << error;
     EXPECT_EQ(replay.Size(), 0U);
 
-    EXPECT_EQ(device::fplane::ResolvePort("XGigabitEthernet0/0/1"), 49U);
-    EXPECT_EQ(device::fplane::ResolvePort("5"), 5U);
-    EXPECT_FALSE(device::fplane::ResolvePort("GigabitEthernet9/9/9"));
-    EXPECT_FALSE(device::fplane::ResolvePort("6"));
-    EXPECT_FALSE(device::fplane::ResolvePort("99999999999999"));
+    // Ports named by name or by ifIndex, as --in and --out take them.
+    const std::pair<const char *, uint32_t> ports[] = {{"XGigabitEthernet0/0/1", 49},
+                                                       {"5", 5},
+                                                       {"GigabitEthernet9/9/9", 0},
+                                                       {"6", 0},
+                                                       {"99999999999999", 0},
+                                                       {"", 0},
+                                                       {"5x", 0}};
+    for (const auto &[port, ifIndex] : ports) {
+        const auto found = platform::world::IfResolve(port);
+        EXPECT_EQ(found ? found->ifIndex : 0U, ifIndex) << port;
+    }
 }
 
 }  // namespace

@@ -26,6 +26,7 @@
 using pplus_test::Bytes;
 using pplus_test::Frame;
 using pplus_test::LogHas;
+namespace wire = pplus_test::wire;
 
 namespace {
 
@@ -38,6 +39,8 @@ constexpr uint32_t kUpC = 12;
 constexpr uint32_t kNone = 0xFFFFFFFFU;
 constexpr const char *kRx = "channel/dpx2ppplus";
 constexpr const char *kTx = "channel/ppplus2dpx";
+// Where the PPPoE header starts in a frame with one VLAN tag.
+constexpr size_t kTaggedHeadLen = wire::kEthHeadLen + wire::kVlanTagLen;
 
 // What this node builds for GE0/0/1 in VLAN 100 with the default formats.
 const std::string kSubCid = "eth 0/0/1:100.0 TestSwitch/0/0/0/0/0";
@@ -85,7 +88,7 @@ std::vector<Sent> TakeAll()
     while (WICK_ChannelTake(kTx, buf.data(), static_cast<uint32_t>(buf.size()), &len, 0) == 0) {
         Sent s{};
         std::memcpy(&s.head, buf.data(), sizeof(s.head));
-        s.frame.assign(buf.begin() + 12, buf.begin() + len);
+        s.frame.assign(buf.begin() + sizeof(DpxPktHead), buf.begin() + len);
         out.push_back(std::move(s));
     }
     return out;
@@ -196,14 +199,14 @@ TEST_F(PktTest, HeaderLengthAndVlansFollowTheTpids)
         uint32_t headRet, headLen, vlanRet, outer, inner;
     };
     Bytes snap = Frame().serviceName().bytes();
-    snap[12] = 0x00;  // an 802.3 length field, then LLC/SNAP
-    snap[13] = 0x30;
-    snap[14] = 0xAA;
-    snap[15] = 0xAA;
-    snap[16] = 0x03;
-    snap[17] = snap[18] = snap[19] = 0;
+    snap[wire::kEthTypeOff] = 0x00;  // an 802.3 length field, then LLC/SNAP
+    snap[wire::kEthTypeOff + 1] = 0x30;
+    snap[wire::kLlcDsapOff] = 0xAA;
+    snap[wire::kLlcSsapOff] = 0xAA;
+    snap[wire::kLlcControlOff] = 0x03;
+    std::fill_n(snap.begin() + wire::kSnapOuiOff, 3, 0);
     Bytes badOui = snap;
-    badOui[18] = 1;
+    badOui[wire::kSnapOuiOff + 1] = 1;
     Bytes cutShort = Frame().vlan(100).qinq(200).bytes();
     cutShort.resize(20);
     const Row rows[] = {
@@ -293,7 +296,7 @@ TEST_F(PktTest, OwnTagGoesBeforeEndOfListOrGetsOneOfItsOwn)
     ASSERT_EQ(f->tags.size(), 2U);
     EXPECT_EQ(f->tags[0].value, OwnTag(kSubCid));
     EXPECT_EQ(f->tags[1].type, 0x0000);
-    EXPECT_EQ(size_t{f->pppoeLength}, 4 + OwnTag(kSubCid).size() + 4);
+    EXPECT_EQ(size_t{f->pppoeLength}, wire::kTagHeadLen + OwnTag(kSubCid).size() + wire::kTagHeadLen);
 
     Relay(Frame().vlan(100).padi().serviceName("isp").eol().bytes(), kSub);
     out = TakeAll();
@@ -303,7 +306,8 @@ TEST_F(PktTest, OwnTagGoesBeforeEndOfListOrGetsOneOfItsOwn)
     EXPECT_EQ(f->tags[0].type, 0x0101);
     EXPECT_EQ(f->tags[1].value, OwnTag(kSubCid));
     EXPECT_EQ(f->tags[2].type, 0x0000);
-    EXPECT_EQ(out[0].frame.size(), 18 + 6 + 7 + 4 + OwnTag(kSubCid).size() + 4);
+    EXPECT_EQ(out[0].frame.size(), kTaggedHeadLen + wire::kPppoeHeadLen + (wire::kTagHeadLen + 3) +
+                                       (wire::kTagHeadLen + OwnTag(kSubCid).size()) + wire::kTagHeadLen);
 }
 
 TEST_F(PktTest, OwnTagCarriesTheConfiguredVendorAndSubOptions)
@@ -370,9 +374,11 @@ TEST_F(PktTest, SubscriberTagIsReplacedKeptOrDroppedByPolicy)
 TEST_F(PktTest, TagIsLeftOutWhenTheFrameWouldReach1500Bytes)
 {
     Port(kUpA, 1);
-    const uint32_t added = static_cast<uint32_t>(4 + OwnTag(kSubCid).size() + 4);  // tag and End-Of-List
+    // The own tag and an End-Of-List tag.
+    const uint32_t added = static_cast<uint32_t>(wire::kTagHeadLen + OwnTag(kSubCid).size() + wire::kTagHeadLen);
+    const size_t bare = kTaggedHeadLen + wire::kPppoeHeadLen + wire::kTagHeadLen;  // a Host-Uniq tag, empty
     for (const uint32_t total : {1499U, 1500U}) {
-        const Bytes frame = Frame().vlan(100).padi().hostUniq(std::string(total - added - 28, 'u')).bytes();
+        const Bytes frame = Frame().vlan(100).padi().hostUniq(std::string(total - added - bare, 'u')).bytes();
         ASSERT_EQ(frame.size() + added, total);
         Relay(frame, kSub);
         const auto out = TakeAll();
@@ -386,7 +392,7 @@ TEST_F(PktTest, InsertionWithoutRoomBehindTheDataChangesNothing)
     PortCB *sub = Port(kSub);
     View v(Frame().vlan(100).padi().bytes());
     const Bytes before = v.bytes;
-    auto *hdr = reinterpret_cast<PppoeDiscHdr *>(v.bytes.data() + 18);
+    auto *hdr = reinterpret_cast<PppoeDiscHdr *>(v.bytes.data() + kTaggedHeadLen);
     const uint32_t mem = PLAT_MemOutstanding();
     EXPECT_EQ(PPPOE_PLUS_AddAgentInfo(&v.mbuf, hdr, sub, 0), 0U);
     EXPECT_EQ(v.bytes, before);
@@ -455,7 +461,7 @@ TEST_F(PktTest, PadiFloodsEveryTrustedUplinkWhilePadrFollowsTheNamedOne)
         std::vector<uint32_t> to;
         for (const Sent &s : TakeAll()) {
             to.push_back(s.head.egrIfindex);
-            EXPECT_EQ(s.head.msgType, 133U);
+            EXPECT_EQ(s.head.msgType, PPPOE_PLUS_SEND_MSG_TYPE);
             EXPECT_EQ(s.head.igrIfindex, 0U);
         }
         EXPECT_EQ(to, row.to) << "code " << int{row.code} << " egress " << row.egr;
@@ -485,7 +491,7 @@ TEST_F(PktTest, SharedIsolationGroupDropsBelowId65Only)
         const Bytes frame = Frame().vlan(100).padt().bytes();
         FpcMbuf *mbuf = Mbuf(frame);
         const DpxPktHead head = {0, kUpA, kSub};
-        const auto *hdr = reinterpret_cast<const PppoeDiscHdr *>(mbuf->pData + mbuf->dataOff + 18);
+        const auto *hdr = reinterpret_cast<const PppoeDiscHdr *>(mbuf->pData + mbuf->dataOff + kTaggedHeadLen);
         EXPECT_EQ(PPPOE_PLUS_SendPktToIf(mbuf, hdr, &head), 0U) << group;
         EXPECT_EQ(TakeAll().size(), group == 7 ? 0U : 1U) << group;
         EXPECT_EQ(Count(kSub, PPPOE_PLUS_CODE_PADT, PPPOE_PLUS_STAT_DISCARD), group == 7 ? 1U : 0U) << group;

@@ -221,15 +221,19 @@ TEST_F(TlvTest, OptionalPartsAreRemovedWhenTheirVlanIsAbsent)
 
 // ---- Whole formats ----
 
-struct UdfCase {
-    const char *fmt;
-    Bytes expect;
-};
-
-TEST_F(TlvTest, WidthsAndPaddingInBothStretches)
+// Each keyword in the ASCII stretch (quoted) and the hex stretch, with the
+// VLANs of the subscriber given.
+TEST_F(TlvTest, KeywordsNumbersAndTextInBothStretches)
 {
+    struct Case {
+        const char *fmt;
+        Bytes expect;
+        uint32_t svlan = 0;
+        uint32_t cvlan = 0;
+    };
     info_.ulNas_Slot = 3;
-    const UdfCase cases[] = {
+    const Case cases[] = {
+        // Widths and padding.
         {"\"%5slot\"", Text("    3")},
         {"\"%05slot\"", Text("00003")},
         {"%5slot %3port", {0x1B}},
@@ -243,61 +247,46 @@ TEST_F(TlvTest, WidthsAndPaddingInBothStretches)
         {"\"a b\\\"c\"", Text("a b\"c")},
         {"\"%4sysname\"", Text("  AB")},
         {"\"%portname\"", Text("GigabitEthernet0/0/1")},
-    };
-    for (const UdfCase &c : cases) {
-        EXPECT_EQ(Encode(c.fmt), c.expect) << c.fmt;
-    }
-    EXPECT_EQ(PLAT_AssertCount(), 0U);
-}
-
-TEST_F(TlvTest, VlanRangeRuleInBothStretches)
-{
-    struct Case {
-        uint32_t xpi;
-        uint32_t xci;
-        const char *fmt;
-        Bytes expect;
-    };
-    const Case cases[] = {
-        {0, 0, "%svlan", {0xFF, 0xFF}},
-        {0, 0, "\"%svlan\"", Text("0")},
-        {4095, 0, "%svlan", {0xFF, 0xFF}},
-        {4094, 0, "%svlan", {0x0F, 0xFE}},
-        {1, 0, "\"%svlan\"", Text("1")},
-        {0, 0, "%12svlan %4slot", {0xFF, 0xF1}},
-        {0, 5000, "\"%cvlan\"", Text("0")},
-        {0, 20, "%cvlan", {0x00, 0x14}},
-        {4095, 0, "\"%nsvlan\"", Text("4095")},
-        {0, 5000, "%ncvlan", {0x13, 0x88}},
-    };
-    for (const Case &c : cases) {
-        info_.ulXpi = c.xpi;
-        info_.ulXci = c.xci;
-        EXPECT_EQ(Encode(c.fmt), c.expect) << c.fmt << " svlan " << c.xpi << " cvlan " << c.xci;
-    }
-}
-
-TEST_F(TlvTest, NumbersAndTextInOneFormat)
-{
-    const UdfCase cases[] = {
+        // VLANs: 0 and 4095 are no VLAN (all ones in hex, 0 in text) unless
+        // the keyword asks for the raw number.
+        {"%svlan", {0xFF, 0xFF}},
+        {"\"%svlan\"", Text("0")},
+        {"%svlan", {0xFF, 0xFF}, 4095},
+        {"%svlan", {0x0F, 0xFE}, 4094},
+        {"\"%svlan\"", Text("1"), 1},
+        {"%12svlan %4slot", {0xFF, 0xF3}},
+        {"\"%cvlan\"", Text("0"), 0, 5000},
+        {"%cvlan", {0x00, 0x14}, 0, 20},
+        {"\"%nsvlan\"", Text("4095"), 4095},
+        {"%ncvlan", {0x13, 0x88}, 0, 5000},
+        // Numbers.
         {"1 515 \"ab\"", {0x01, 0x02, 0x03, 0x61, 0x62}},
         {"0x01", {0x01}},
         {"70000", {0x00, 0x01, 0x11, 0x70}},
         {"255 256", {0xFF, 0x01, 0x00}},
         // The "%" that ends a number is swallowed, so "slot" is read as a number.
         {"7%slot", {0x07, 0x00, 0x01, 0x1F, 0xE2}},
+        // The system MAC.
+        {"\"%mac\"", Text("0012-3456-789a")},
+        {"%mac", {0x00, 0x12, 0x34, 0x56, 0x78, 0x9a}},
+        {"%8mac", {0x00, 0x12, 0x34, 0x56, 0x78, 0x9a}},
+        // Length fields.
+        {"\"%2length:%sysname\"", Text(" 3:AB")},
+        {"1 %length \"abc\"", {0x01, 0x03, 0x61, 0x62, 0x63}},
+        {"%16length %slot", {0x00, 0x02, 0x00, 0x03}},
+        {"\"%length:%9slot\"", Text("10:        3")},  // grows by one, counted without its growth
+        {"\"%03length-ab\"", Text("003-ab")},
     };
-    for (const UdfCase &c : cases) {
-        EXPECT_EQ(Encode(c.fmt), c.expect) << c.fmt;
+    for (const Case &c : cases) {
+        info_.ulXpi = c.svlan;
+        info_.ulXci = c.cvlan;
+        EXPECT_EQ(Encode(c.fmt), c.expect) << c.fmt << " svlan " << c.svlan << " cvlan " << c.cvlan;
     }
-}
-
-TEST_F(TlvTest, SystemMacInBothStretches)
-{
-    EXPECT_EQ(Encode("\"%mac\""), Text("0012-3456-789a"));
-    EXPECT_EQ(Encode("%mac"), (Bytes{0x00, 0x12, 0x34, 0x56, 0x78, 0x9a}));
-    EXPECT_EQ(Encode("%8mac"), (Bytes{0x00, 0x12, 0x34, 0x56, 0x78, 0x9a}));
     EXPECT_EQ(PLAT_CallCount("DEVM_DB_GetSysMac"), 1U);  // read once, then cached
+    EXPECT_EQ(PLAT_AssertCount(), 0U);
+    EXPECT_EQ(Encode("\"ab%length\""), std::nullopt);  // nothing after the field
+    EXPECT_EQ(PLAT_AssertCount(), 1U);
+    EXPECT_TRUE(DebugHas("Encode Length Data:build num error."));
 }
 
 TEST_F(TlvTest, AllZeroMacIsADashAndBlanks)
@@ -310,24 +299,6 @@ TEST_F(TlvTest, AllZeroMacIsADashAndBlanks)
     const uint8_t zero[6] = {};
     PPPOE_PLUS_MacAddrToStr(zero, text, sizeof(text));
     EXPECT_EQ(std::string(text), std::string("-") + std::string(13, ' '));
-}
-
-TEST_F(TlvTest, LengthFieldsInBothStretches)
-{
-    const UdfCase cases[] = {
-        {"\"%2length:%sysname\"", Text(" 3:AB")},
-        {"1 %length \"abc\"", {0x01, 0x03, 0x61, 0x62, 0x63}},
-        {"%16length %slot", {0x00, 0x02, 0x00, 0x01}},
-        {"\"%length:%9slot\"", Text("10:        1")},  // grows by one, counted without its growth
-        {"\"%03length-ab\"", Text("003-ab")},
-    };
-    for (const UdfCase &c : cases) {
-        EXPECT_EQ(Encode(c.fmt), c.expect) << c.fmt;
-    }
-    EXPECT_EQ(PLAT_AssertCount(), 0U);
-    EXPECT_EQ(Encode("\"ab%length\""), std::nullopt);  // nothing after the field
-    EXPECT_EQ(PLAT_AssertCount(), 1U);
-    EXPECT_TRUE(DebugHas("Encode Length Data:build num error."));
 }
 
 TEST_F(TlvTest, ResultOf255BytesIsTheLimit)

@@ -1,12 +1,10 @@
 // The object database's subscription side: world writes pushed to the
 // connection in order, with the record as it was and as it is; the
-// connection's descriptor and its epoll control; refusals; sleep(3) on the
-// time scale.
+// connection's descriptor and its epoll control; refusals.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <string>
 #include <vector>
 
@@ -260,15 +258,4 @@ TEST_F(DbSub, TopologyRegistersThisBoard)
     EXPECT_EQ(boards[0].chassisId, 2U);
     EXPECT_EQ(boards[0].slotId, 5U);
     EXPECT_EQ(boards[0].registerStatus, std::optional<uint32_t>(platform::kBoardRegistered));
-}
-
-TEST(PlatTime, SleepFollowsTheTimeScale)
-{
-    PLAT_SetTimeScale(1);
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(sleep(3), 0U);
-    const auto took = std::chrono::steady_clock::now() - start;
-    PLAT_SetTimeScale(1000);
-    EXPECT_GE(took, std::chrono::milliseconds(3));
-    EXPECT_LT(took, std::chrono::milliseconds(1000));
 }

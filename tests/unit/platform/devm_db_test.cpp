@@ -1,28 +1,14 @@
-// The device manager and the database client answering from the world model.
+// The database client's framework instance table answering from the world
+// model (the device manager's readiness answers are the module start-up
+// suite's).
 #include <gtest/gtest.h>
 
 #include <vector>
 
 #include "db.h"
-#include "devm.h"
 #include "platform/world.hpp"
 
 namespace {
-
-struct Answers {
-    uint32_t main, self, chassis, type;
-};
-
-Answers Ask(uint32_t *mainId = nullptr)
-{
-    uint32_t v = 0;
-    Answers a{};
-    a.main = DEVM_DB_GetMainBoardId(mainId != nullptr ? mainId : &v);
-    a.self = DEVM_DB_GetSelfBoardId(&v);
-    a.chassis = DEVM_DB_GetSelfChassisId(&v);
-    a.type = DEVM_GetSelfBoardType(&v);
-    return a;
-}
 
 std::vector<int32_t> Slots(DB_OBJ_S *obj)
 {
@@ -41,44 +27,6 @@ std::vector<int32_t> Slots(DB_OBJ_S *obj)
 }
 
 }  // namespace
-
-TEST(Devm, AnswersFollowTheMainAndSelfBoardFlags)
-{
-    platform::SystemIdentity id;
-    id.chassisId = 2;
-    id.selfBoardId = 5;
-    id.mainBoardId = 3;
-    id.boardType = DEVM_BOARD_TYPE_LPU;
-    platform::world::SetIdentity(id);
-
-    auto all = [](uint32_t ret) { return Answers{ret, ret, ret, ret}; };
-    auto same = [](const Answers &a, const Answers &b) {
-        return a.main == b.main && a.self == b.self && a.chassis == b.chassis && a.type == b.type;
-    };
-    EXPECT_TRUE(same(Ask(), all(DEVM_ERR_NOT_READY)));
-    platform::world::SetMainBoardReadable(true);
-    uint32_t mainId = 0;
-    EXPECT_TRUE(same(Ask(&mainId), {DEVM_OK, DEVM_ERR_NOT_READY, DEVM_ERR_NOT_READY, DEVM_ERR_NOT_READY}));
-    EXPECT_EQ(mainId, 3U);
-    platform::world::SetMainBoardReadable(false);
-    platform::world::SetSelfBoardReadable(true);
-    EXPECT_TRUE(same(Ask(), {DEVM_ERR_NOT_READY, DEVM_OK, DEVM_OK, DEVM_OK}));
-    platform::world::SetDevmReady(true);
-    EXPECT_TRUE(same(Ask(), all(DEVM_OK)));
-
-    uint32_t self = 0, chassis = 0, type = 0;
-    EXPECT_EQ(DEVM_DB_GetSelfBoardId(&self), DEVM_OK);
-    EXPECT_EQ(DEVM_DB_GetSelfChassisId(&chassis), DEVM_OK);
-    EXPECT_EQ(DEVM_GetSelfBoardType(&type), DEVM_OK);
-    EXPECT_EQ(self, 5U);
-    EXPECT_EQ(chassis, 2U);
-    EXPECT_EQ(type, DEVM_BOARD_TYPE_LPU);
-    EXPECT_EQ(DEVM_DB_GetSelfBoardId(nullptr), DEVM_ERR_PARAM);
-
-    platform::world::Reset();
-    EXPECT_TRUE(same(Ask(), all(DEVM_ERR_NOT_READY)));
-    EXPECT_EQ(platform::world::Identity().selfBoardId, 1U);
-}
 
 TEST(DbFrmInst, IteratesInInsertionOrderOverASnapshot)
 {

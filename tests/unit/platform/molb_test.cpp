@@ -79,12 +79,3 @@ TEST(MolbPatch, SendReachesEveryHookAndCollectsTheReply)
     EXPECT_EQ(g_seen.back().reqLibName, std::string(114, 'l'));
     EXPECT_EQ(PLAT_PatchSend(nullptr, MOLB_PAT_ACTIVATE, &r), MOLB_ERR_PARAM);
 }
-
-TEST(MolbPatch, RestoreIsCounted)
-{
-    int handle = 0;
-    EXPECT_EQ(MOLB_PAT_RestoreForDLL(nullptr), MOLB_ERR_PARAM);
-    EXPECT_EQ(MOLB_PAT_RestoreForDLL(&handle), MOLB_OK);
-    EXPECT_EQ(MOLB_PAT_RestoreForDLL(&handle), MOLB_OK);
-    EXPECT_EQ(PLAT_PatchRestoreCount(), 2U);
-}

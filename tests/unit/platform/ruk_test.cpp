@@ -86,8 +86,10 @@ TEST(RukTask, RunsTheEntryUnderItsNameAndKeepsTheExitStatus)
     EXPECT_EQ(RUK_TaskCreate("x", &id1, nullptr, 0, 0, 0, 0, 0, 0, 0), RUK_ERR_PARAM);
 }
 
-TEST(RukQueue, FixedLengthFifoWithFullEmptyAndLengthErrors)
+TEST(RukQueue, FixedLengthMessagesShortReadsAndIdsNeverReused)
 {
+    // Filling up and the order around the ring are the module queue and HA
+    // suites' (both read through this queue).
     uint32_t q = 0;
     EXPECT_EQ(RUK_QueueCreate("q", 0, &q, 0, 8), RUK_ERR_PARAM);
     EXPECT_EQ(RUK_QueueCreate("q", 3, nullptr, 0, 8), RUK_ERR_PARAM);
@@ -97,22 +99,9 @@ TEST(RukQueue, FixedLengthFifoWithFullEmptyAndLengthErrors)
     EXPECT_EQ(RUK_QueueAsyRead(q, out, sizeof(out)), 0U);  // empty
     EXPECT_EQ(RUK_QueueAsyWrite(q, "1234567", 7), RUK_ERR_MSG_LEN);
     EXPECT_EQ(RUK_QueueAsyWrite(q, "123456789", 9), RUK_ERR_MSG_LEN);
-    // Wrap the ring: 3 in, 2 out, 2 in, then full.
-    for (const char *msg : {"first..", "second.", "third.."}) {
-        ASSERT_EQ(RUK_QueueAsyWrite(q, msg, 8), RUK_OK);
-    }
-    EXPECT_EQ(RUK_QueueAsyWrite(q, "fourth.", 8), RUK_ERR_QUEUE_FULL);
-    EXPECT_EQ(RUK_QueueAsyRead(q, out, sizeof(out)), 8U);
-    EXPECT_STREQ(out, "first..");
+    ASSERT_EQ(RUK_QueueAsyWrite(q, "first..", 8), RUK_OK);
     EXPECT_EQ(RUK_QueueAsyRead(q, out, 3), 3U);  // a short buffer takes the head of the message
-    EXPECT_EQ(std::string(out, 3), "sec");
-    ASSERT_EQ(RUK_QueueAsyWrite(q, "fourth.", 8), RUK_OK);
-    ASSERT_EQ(RUK_QueueAsyWrite(q, "fifth..", 8), RUK_OK);
-    EXPECT_EQ(RUK_QueueAsyWrite(q, "sixth..", 8), RUK_ERR_QUEUE_FULL);
-    for (const char *expected : {"third..", "fourth.", "fifth.."}) {
-        EXPECT_EQ(RUK_QueueAsyRead(q, out, sizeof(out)), 8U);
-        EXPECT_STREQ(out, expected);
-    }
+    EXPECT_EQ(std::string(out, 3), "fir");
     EXPECT_EQ(RUK_QueueAsyRead(q, out, sizeof(out)), 0U);
 
     // Ids are never reused: the old one stays dead.

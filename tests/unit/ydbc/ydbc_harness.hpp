@@ -9,6 +9,8 @@
 #include <device/yangdb.hpp>
 #include <ydbc.h>
 
+#include "pplus_test.hpp"
+
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -18,7 +20,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -50,17 +51,7 @@ inline std::string PlusXml(const std::string &body)
     return "<pppoe-plus xmlns=\"" + kNs + "\">" + body + "</pppoe-plus>";
 }
 
-inline bool WaitFor(const std::function<bool()> &done, std::chrono::milliseconds limit = std::chrono::seconds(5))
-{
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
+using pplus_test::WaitFor;
 
 struct Delivery {
     uint32_t op = 0;
@@ -97,33 +88,17 @@ public:
         fd_ = ydbc_connect(client_, url_.c_str());
         return fd_ >= 0;
     }
-    uint32_t SubscribeConfig(const std::string &path, uint32_t priority = YDBC_PRIORITY_DEFAULT,
-                             uint32_t events = YDBC_EV_DEFAULT)
+    uint32_t SubscribeConfig(const std::string &path, uint32_t priority = YDBC_PRIORITY_DEFAULT)
     {
         ydbc_subscription row{};
         row.path = path.c_str();
         row.kind = YDBC_SUB_CONFIG;
-        row.u.config.priority = priority;
-        row.u.config.events = events;
+        row.u.config = {priority, YDBC_EV_DEFAULT};
         row.configCallback = reinterpret_cast<void *>(&OnChange);
         return ydbc_subscribe(client_, &row);
     }
-    uint32_t SubscribeGet(const std::string &path)
-    {
-        ydbc_subscription row{};
-        row.path = path.c_str();
-        row.kind = YDBC_SUB_GET;
-        row.u.callback = reinterpret_cast<void *>(&OnGet);
-        return ydbc_subscribe(client_, &row);
-    }
-    uint32_t SubscribeRpc(const std::string &path)
-    {
-        ydbc_subscription row{};
-        row.path = path.c_str();
-        row.kind = YDBC_SUB_RPC;
-        row.u.callback = reinterpret_cast<void *>(&OnRpc);
-        return ydbc_subscribe(client_, &row);
-    }
+    uint32_t SubscribeGet(const std::string &path) { return Subscribe(path, YDBC_SUB_GET, reinterpret_cast<void *>(&OnGet)); }
+    uint32_t SubscribeRpc(const std::string &path) { return Subscribe(path, YDBC_SUB_RPC, reinterpret_cast<void *>(&OnRpc)); }
     uint32_t Activate()
     {
         return ydbc_activate(client_, 1, &OnRecoverEnd, this);
@@ -153,7 +128,6 @@ public:
     std::vector<std::string> rpcInputs;
     std::vector<uint32_t> recoverResults;
     size_t changesAtRecoverEnd = 0;
-    std::map<std::string, uint32_t> refuse;  // instance path -> result
     std::string pullBelow;
     uint32_t pullDepth = kWholeTree;
     uint32_t delayMs = 0;  // how long a configuration callback takes
@@ -196,6 +170,15 @@ public:
 private:
     static constexpr uint32_t kWholeTree = 0xFFFFFFFFU;
 
+    uint32_t Subscribe(const std::string &path, uint32_t kind, void *callback)
+    {
+        ydbc_subscription row{};
+        row.path = path.c_str();
+        row.kind = kind;
+        row.u.callback = callback;
+        return ydbc_subscribe(client_, &row);
+    }
+
     static std::string Pull(void *ctx, uint32_t old, const char *path, uint32_t depth = kWholeTree)
     {
         ydbc_bytes *bytes = nullptr;
@@ -222,8 +205,7 @@ private:
                    below.empty() && depth == kWholeTree ? "" : Pull(ctx, 0, (path + below).c_str(), depth)};
         std::lock_guard<std::mutex> lock(current->mu);
         current->changes.push_back(d);
-        auto it = current->refuse.find(path);
-        return it != current->refuse.end() ? it->second : 0;
+        return 0;
     }
     static uint32_t OnGet(void *, const char *path, uint32_t, ydbc_bytes **out)
     {

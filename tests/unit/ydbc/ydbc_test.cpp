@@ -7,7 +7,6 @@
 #include <platform/ydbc_wire.hpp>
 
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -230,59 +229,6 @@ TEST_F(DatastoreTest, DeliveryFollowsPriorityThenSubscriptionOrderWithDeletesFir
     EXPECT_EQ(got[2].path, PortItem("Eth-Trunk1", "trusted-port"));
     EXPECT_EQ(got[3].op, YDBC_OP_CREATE);
     EXPECT_EQ(got[3].path, PortItem("Eth-Trunk2", "trusted-port"));
-}
-
-TEST_F(DatastoreTest, RefusedChangeIsRolledBack)
-{
-    StartServer();
-    StartSubscriber({kEnable, kVendor, kTrusted});
-    subscriber_->With([&](Subscriber &s) { s.refuse[kVendor] = 1; });
-    const std::string before = admin_->Export().text;
-
-    device::yangdb::Reply reply = admin_->Edit(
-        PlusXml("<global-enable><enable>true</enable></global-enable><vendor-id><vendor-id>5</vendor-id></vendor-id>"),
-        EditMode::kMerge);
-    EXPECT_FALSE(reply.ok);
-    EXPECT_EQ(reply.text, "refused by pppoe_plus: modify of " + kVendor + " (result 1)");
-    EXPECT_EQ(admin_->Export().text, before);
-    EXPECT_NE(admin_->Get(kEnable).text.find("<enable>false</enable>"), std::string::npos);
-
-    // The refusing subscriber may have applied part of its change: it gets
-    // the previous value back first, then the accepted switch, in reverse.
-    const std::vector<Delivery> got = subscriber_->Changes();
-    ASSERT_EQ(got.size(), 4U);
-    EXPECT_EQ(got[0].path, kEnable);
-    EXPECT_EQ(got[1].path, kVendor);
-    for (const size_t undo : {2U, 3U}) {
-        const Delivery &done = got[3 - undo];  // undone in reverse
-        EXPECT_EQ(got[undo].op, YDBC_OP_MODIFY);
-        EXPECT_EQ(got[undo].path, done.path);
-        EXPECT_EQ(got[undo].oldXml, done.newXml);
-        EXPECT_EQ(got[undo].newXml, done.oldXml);
-    }
-
-    // A refused create is deleted again, and so is the accepted one before
-    // it in the same edit.
-    subscriber_->Forget();
-    const std::string trunk1 = PortItem("Eth-Trunk1", "trusted-port");
-    const std::string trunk2 = PortItem("Eth-Trunk2", "trusted-port");
-    subscriber_->With([&](Subscriber &s) { s.refuse[trunk2] = 23; });
-    reply = admin_->Edit(PortXml("Eth-Trunk1", "<trusted-port><ifindex>1</ifindex></trusted-port>") +
-                             PortXml("Eth-Trunk2", "<trusted-port><ifindex>2</ifindex></trusted-port>"),
-                         EditMode::kMerge);
-    EXPECT_EQ(reply.text, "refused by pppoe_plus: create of " + trunk2 + " (result 23)");
-    EXPECT_EQ(admin_->Export().text, before);
-    const std::vector<Delivery> undone = subscriber_->Changes();
-    ASSERT_EQ(undone.size(), 4U);
-    EXPECT_EQ(undone[0].op, YDBC_OP_CREATE);
-    EXPECT_EQ(undone[0].path, trunk1);
-    EXPECT_EQ(undone[1].path, trunk2);
-    EXPECT_EQ(undone[2].op, YDBC_OP_DELETE);
-    EXPECT_EQ(undone[2].path, trunk2);
-    EXPECT_EQ(undone[2].oldXml, TrustedXml(2, false));
-    EXPECT_EQ(undone[3].op, YDBC_OP_DELETE);
-    EXPECT_EQ(undone[3].path, trunk1);
-    EXPECT_EQ(undone[3].oldXml, TrustedXml(1, false));
 }
 
 TEST_F(DatastoreTest, AnEditThatCannotBeSavedIsUndone)
@@ -613,21 +559,6 @@ TEST_F(DatastoreTest, AClientThatReadsNoAnswersStopsBeingReadThenIsDroppedWhileO
     EXPECT_TRUE(n == 0 || errno == ECONNRESET);  // the end of the stream, after what was queued for it
     close(hog);
     EXPECT_TRUE(admin_->Export().ok);
-}
-
-TEST_F(DatastoreTest, SocketStoreAndItsFolderAreTheOwnersWhateverTheUmask)
-{
-    const mode_t old = umask(0);
-    StartServer();
-    umask(old);
-    ASSERT_TRUE(admin_->Edit(PlusXml("<vendor-id><vendor-id>7</vendor-id></vendor-id>"), EditMode::kMerge).ok);
-    const auto mode = [](const std::string &path) {
-        struct stat st = {};
-        return stat(path.c_str(), &st) == 0 ? st.st_mode & 0777 : 01000U;
-    };
-    EXPECT_EQ(mode(options_.socketPath), 0660U);
-    EXPECT_EQ(mode(options_.storePath), 0600U);
-    EXPECT_EQ(mode(std::filesystem::path(options_.storePath).parent_path()), 0700U);
 }
 
 TEST(XPathGuard, TheModOperatorIsRefusedWhereverItStandsAndNamesOrLiteralsAreNot)

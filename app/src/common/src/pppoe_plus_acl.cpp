@@ -86,25 +86,9 @@ uint32_t PPPOE_PLUS_TrustPortAclProc(uint32_t enable, uint32_t ifIndex)
 
 uint32_t PPPOE_PLUS_UpdateTrustPortAcl4PortChg(uint32_t ifIndex, uint32_t enable)
 {
-    const PppoePlusDllHead list = PPPOE_PLUS_GetGlobalPortList();
-    if (list.count == 0) {
-        return 0;
-    }
-    bool trusted = false;
-    {
-        // Control blocks are never freed; the walk holds the store's read lock.
-        PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
-        const auto *head = reinterpret_cast<const PppoePlusDllNode *>(&g_pppoePlusGlobalInfo.portList);
-        const PppoePlusDllNode *node = list.first;
-        for (uint32_t i = 0; i < list.count && node != nullptr && node != head; i++, node = node->next) {
-            const auto *cb = reinterpret_cast<const PortCB *>(node);
-            if (cb->trust == 1 && cb->ifIndex == ifIndex) {
-                trusted = true;
-                break;
-            }
-        }
-    }
-    if (!trusted) {
+    // Only a trusted port has an ACL to refresh.
+    const PortCB *cb = PPPOE_PLUS_FindPortCBByindex(ifIndex);
+    if (cb == nullptr || cb->trust.load(std::memory_order_relaxed) != 1) {
         return 0;
     }
     const uint32_t ret = PPPOE_PLUS_TrustPortAclProc(enable, ifIndex);

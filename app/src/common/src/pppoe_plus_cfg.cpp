@@ -62,7 +62,7 @@ void DllRemove(PppoePlusDllHead *head, PppoePlusDllNode *node)
 }
 
 // Visits the members of a list in order until visit returns true; returns
-// that member or null.
+// that member or null. The caller holds the lock, either way.
 template <typename T, typename Visit>
 T *DllFind(const PppoePlusDllHead *head, Visit visit)
 {
@@ -216,6 +216,7 @@ PppoePlusDllHead *ListFor(PortCB *cb, const InfoFormatNode *key)
     return key->ceVlanId != 0 ? &cb->ceVlanFormatList : &cb->noVlanFormatList;
 }
 
+// Caller holds the lock, either way.
 InfoFormatNode *FindFormatLocked(PortCB *cb, const InfoFormatNode *key)
 {
     InfoFormatNode *node = DllFind<InfoFormatNode>(ListFor(cb, key), [key](const InfoFormatNode *n) {
@@ -231,6 +232,7 @@ InfoFormatNode *FindFormatLocked(PortCB *cb, const InfoFormatNode *key)
     return node;
 }
 
+// Caller holds the lock exclusively.
 uint32_t InsertFormatLocked(PortCB *cb, const InfoFormatNode *cfg)
 {
     auto *node = static_cast<InfoFormatNode *>(PPPOE_PLUS_MemAlloc(sizeof(InfoFormatNode)));
@@ -260,7 +262,7 @@ uint32_t GetPortLocked(uint32_t ifIndex, PortCB **out)
     }
     auto *cb = static_cast<PortCB *>(PPPOE_PLUS_MemAlloc(sizeof(PortCB)));
     if (cb == nullptr) {
-        ZAVK_Assert(kCfgFile, 148);
+        ZAVK_Assert(kCfgFile, __LINE__);
         return 1;
     }
     std::memset(static_cast<void *>(cb), 0, sizeof(*cb));
@@ -457,6 +459,12 @@ PppoePlusCfgMutex &PppoePlusCfgLock()
 
 std::atomic<uint32_t> g_pppoePlusTrustChanges{0};
 
+PortCB *PppoePlusWalkPorts(bool (*visit)(PortCB *cb, void *ctx), void *ctx)
+{
+    PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
+    return DllFind<PortCB>(&g_pppoePlusGlobalInfo.portList, [visit, ctx](PortCB *cb) { return visit(cb, ctx); });
+}
+
 extern "C" {
 
 PppoePlusGlobalInfo g_pppoePlusGlobalInfo = {};
@@ -629,7 +637,7 @@ uint32_t PPPOE_PLUS_SetPortPolicy(uint32_t ifIndex, uint8_t policy, uint8_t enab
 {
     PortCB *cb = nullptr;
     if (PPPOE_PLUS_GetPortCBByIndex(ifIndex, &cb) != 0) {
-        ZAVK_Assert(kCfgFile, 290);
+        ZAVK_Assert(kCfgFile, __LINE__);
         return 1;
     }
     cb->infoPolicy = enable != 0 ? policy : static_cast<uint8_t>(PPPOE_PLUS_POLICY_UNSET);
@@ -656,7 +664,7 @@ uint32_t PPPOE_PLUS_SetPortFormat(const InfoFormatNode *cfg, uint32_t ifIndex, u
     PppoePlusCfgWriteGuard guard(PppoePlusCfgLock());
     PortCB *cb = nullptr;
     if (GetPortLocked(ifIndex, &cb) != 0) {
-        ZAVK_Assert(kCfgFile, 330);
+        ZAVK_Assert(kCfgFile, __LINE__);
         return 1;
     }
     InfoFormatNode *node = FindFormatLocked(cb, cfg);

@@ -15,6 +15,7 @@
 #include "plat_safe.h"
 #include "pppoe_plus_bounded.h"
 #include "pppoe_plus_ha.h"
+#include "pppoe_plus_pkt.h"
 
 namespace {
 
@@ -379,11 +380,13 @@ void PPPOE_PLUS_PrintVendorSpecInfo(const uint8_t *tag)
         return;
     }
     // Tag: type(2) length(2) vendor id(4), then sub-options type(1) length(1)
-    // value; the tag length counts everything after the first four bytes.
-    const uint32_t tagLen = ReadBe16(tag + 2);
-    const uint32_t tagEnd = 4 + tagLen;
-    const uint32_t enterprise = (static_cast<uint32_t>(tag[4]) << 24) | (static_cast<uint32_t>(tag[5]) << 16) |
-                                (static_cast<uint32_t>(tag[6]) << 8) | tag[7];
+    // value; the tag length counts everything after the tag's head.
+    const uint32_t tagLen = ReadBe16(tag + PPPOE_PLUS_TAG_LEN_OFF);
+    const uint32_t tagEnd = PPPOE_PLUS_TAG_HEAD_LEN + tagLen;
+    const uint8_t *vendorId = tag + PPPOE_PLUS_VENDOR_ID_OFF;
+    const uint32_t enterprise = (static_cast<uint32_t>(vendorId[0]) << 24) |
+                                (static_cast<uint32_t>(vendorId[1]) << 16) | (static_cast<uint32_t>(vendorId[2]) << 8) |
+                                vendorId[3];
     VendorText text;
     text.Append("\r\n The Vendor-Specific information:");
     text.Append("\r\n TagType:0x%04x  length:%u  Enterprise CODE:0x%x", ReadBe16(tag), tagLen, enterprise);
@@ -391,44 +394,46 @@ void PPPOE_PLUS_PrintVendorSpecInfo(const uint8_t *tag)
     auto emit = [&text]() { PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "%s", text.CStr()); };
     // A sub-option whose header or value lies past the tag's end.
     auto overruns = [&](uint32_t off) {
-        const uint32_t type = off + 2 <= tagEnd ? tag[off] : 0;
-        const uint32_t len = off + 2 <= tagEnd ? tag[off + 1] : 0;
-        if (off + 2 + len <= tagEnd) {
+        const bool headFits = off + PPPOE_PLUS_SUBOPT_HEAD_LEN <= tagEnd;
+        const uint32_t type = headFits ? tag[off] : 0;
+        const uint32_t len = headFits ? tag[off + 1] : 0;
+        if (off + PPPOE_PLUS_SUBOPT_HEAD_LEN + len <= tagEnd) {
             return false;
         }
         text.Append("\r\n SubTagLenError: Type : %3u  Length : %3u.", type, len);
         return true;
     };
 
-    uint32_t off = 8;
+    uint32_t off = PPPOE_PLUS_VENDOR_SPEC_HEAD_LEN;
     if (overruns(off)) {
         emit();
         PPPOE_PLUS_DiagLog(PPPOE_PLUS_LOG_ID_DIAGDEBUG, "[PPPOE_PLUS_LOG] Failed to print vendor info in first");
         return;
     }
-    if (tag[off] == 1) {
+    if (tag[off] == PPPOE_PLUS_SUBOPT_CID) {
         const uint32_t cidLen = tag[off + 1];
         text.Append("\r\n Circuit ID:  Length : %3u Value:", cidLen);
-        AppendSubOptionBytes(text, tag + off + 2, cidLen, 449);
-        if (cidLen + 8 >= tagLen) {
+        AppendSubOptionBytes(text, tag + off + PPPOE_PLUS_SUBOPT_HEAD_LEN, cidLen, 449);
+        // Behind the Circuit-ID, room for no further sub-option head.
+        if (PPPOE_PLUS_VENDOR_ID_LEN + PPPOE_PLUS_SUBOPT_HEAD_LEN + cidLen + PPPOE_PLUS_SUBOPT_HEAD_LEN >= tagLen) {
             emit();
             return;
         }
-        off += 2 + cidLen;
+        off += PPPOE_PLUS_SUBOPT_HEAD_LEN + cidLen;
     }
     if (overruns(off)) {
         emit();
         PPPOE_PLUS_DiagLog(PPPOE_PLUS_LOG_ID_DIAGDEBUG, "[PPPOE_PLUS_LOG] Failed to print vendor info in second");
         return;
     }
-    if (tag[off] != 2) {
+    if (tag[off] != PPPOE_PLUS_SUBOPT_RID) {
         emit();
         return;
     }
     const uint32_t ridLen = tag[off + 1];
     text.Append("\r\n Remote  ID:  Length : %3u Value:", ridLen);
     if (ridLen != 0) {
-        AppendSubOptionBytes(text, tag + off + 2, ridLen, 961);
+        AppendSubOptionBytes(text, tag + off + PPPOE_PLUS_SUBOPT_HEAD_LEN, ridLen, 961);
     }
     emit();
 }

@@ -11,6 +11,12 @@ namespace {
 constexpr const char *kMemFile = "app/src/common/src/pppoe_plus_mem";
 constexpr uint32_t kInvalidHandle = 0xFFFFFFFFU;
 constexpr uint32_t kUnsetHandle = 255U;
+// The lines reported for each call site: fixed, as leak reports and asserts
+// name them.
+constexpr uint32_t kLineAlloc = 55;
+constexpr uint32_t kLineAllocFailed = 57;
+constexpr uint32_t kLineFree = 70;
+constexpr uint32_t kLineFreeFailed = 72;
 }  // namespace
 
 extern "C" {
@@ -49,9 +55,9 @@ void *PPPOE_PLUS_MemAlloc(size_t size)
     if (handle == kInvalidHandle || handle == kUnsetHandle) {
         return nullptr;
     }
-    void *ptr = RUK_MemAlloc_F(handle, g_pppoePlusMemPtNo.load(std::memory_order_relaxed), size, kMemFile, 55);
+    void *ptr = RUK_MemAlloc_F(handle, g_pppoePlusMemPtNo.load(std::memory_order_relaxed), size, kMemFile, kLineAlloc);
     if (ptr == nullptr) {
-        ZAVK_Assert(kMemFile, 57);
+        ZAVK_Assert(kMemFile, kLineAllocFailed);
         return nullptr;
     }
     return ptr;
@@ -62,8 +68,8 @@ void PPPOE_PLUS_MemFree(void *ptr)
     if (ptr == nullptr) {
         return;
     }
-    if (RUK_MemFree_F(PPPOE_PLUS_GetHandle(), ptr, kMemFile, 70) != RUK_OK) {
-        ZAVK_Assert(kMemFile, 72);
+    if (RUK_MemFree_F(PPPOE_PLUS_GetHandle(), ptr, kMemFile, kLineFree) != RUK_OK) {
+        ZAVK_Assert(kMemFile, kLineFreeFailed);
     }
 }
 

@@ -24,19 +24,20 @@ namespace {
 
 constexpr const char *kPktFile = "app/src/common/src/pppoe_plus_pkt";
 
-// Ethernet framing.
-constexpr uint32_t kMacPairLen = 12;       // destination and source MAC
-constexpr uint32_t kEthHeadLen = 14;
-constexpr uint32_t kSnapEthHeadLen = 22;   // 802.3 length, LLC and SNAP
-constexpr uint32_t kVlanTagLen = 4;
+// Ethernet framing (offsets in pppoe_plus_pkt.h).
 constexpr uint16_t kTpidCtag = 0x8100;
 constexpr uint16_t kTpidStag = 0x9100;
 constexpr uint16_t kEtherTypeSnap = 0x8870;
 constexpr uint8_t kMaxLengthField = 0x06;  // a high byte below this is an 802.3 length
 constexpr uint8_t kSnapSap = 0xAA;
 constexpr uint16_t kVlanIdMask = 0x0FFF;
+constexpr uint32_t kOuterTciOff = PPPOE_PLUS_ETH_TYPE_OFF + PPPOE_PLUS_VLAN_TCI_OFF;
+constexpr uint32_t kInnerTpidOff = PPPOE_PLUS_ETH_TYPE_OFF + PPPOE_PLUS_VLAN_TAG_LEN;
+constexpr uint32_t kInnerTciOff = kInnerTpidOff + PPPOE_PLUS_VLAN_TCI_OFF;
+// A Vendor-Specific value no longer than this has no sub-option to show
+// (the tag head and the enterprise number alone).
+constexpr uint32_t kVendorSpecValueMin = PPPOE_PLUS_VENDOR_SPEC_HEAD_LEN;
 
-constexpr uint32_t kCounterKinds = 3;
 constexpr uint32_t kInvalidChannel = FPC_INVALID_ID;
 constexpr uint32_t kUnsetChannel = 0xFFFFFFFEU;
 
@@ -98,7 +99,7 @@ uint32_t WalkTags(const uint8_t *tags, uint32_t len, Visit visit)
     uint32_t off = 0;
     while (len - off >= PPPOE_PLUS_TAG_HEAD_LEN) {
         const uint32_t type = Be16(tags + off);
-        const uint32_t tagLen = Be16(tags + off + 2);
+        const uint32_t tagLen = Be16(tags + off + PPPOE_PLUS_TAG_LEN_OFF);
         if (type == PPPOE_PLUS_TAG_END_OF_LIST || off + PPPOE_PLUS_TAG_HEAD_LEN + tagLen > len ||
             visit(type, tagLen, off)) {
             break;
@@ -108,23 +109,19 @@ uint32_t WalkTags(const uint8_t *tags, uint32_t len, Visit visit)
     return off;
 }
 
-// Counter group of a discovery code: PADI, PADO, PADR, PADS, PADT; -1 for
-// any other code.
-int32_t CodeGroup(uint32_t code)
-{
-    switch (code) {
-        case PPPOE_PLUS_CODE_PADI: return 0;
-        case PPPOE_PLUS_CODE_PADO: return 1;
-        case PPPOE_PLUS_CODE_PADR: return 2;
-        case PPPOE_PLUS_CODE_PADS: return 3;
-        case PPPOE_PLUS_CODE_PADT: return 4;
-        default: return -1;
-    }
-}
-
 bool IsVlanTpid(uint16_t tpid)
 {
     return tpid == kTpidCtag || tpid == kTpidStag;
+}
+
+bool IsZeroOui(const uint8_t *oui)
+{
+    for (uint32_t i = 0; i < PPPOE_PLUS_SNAP_OUI_LEN; i++) {
+        if (oui[i] != 0) {
+            return false;
+        }
+    }
+    return true;
 }
 
 // Grows the frame by the tag (and a zeroed End-Of-List tag of endLen
@@ -155,7 +152,7 @@ void InsertInPlace(FpcMbuf *mbuf, uint32_t ethHeadLen, uint32_t tagOffset, const
     }
     PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "New pkt ctrl: dataTotalLen = %d, copyOffset=%d, remainLen =%u ",
                          static_cast<int>(newLen), static_cast<int>(copyOffset), remainLen);
-    uint8_t *lengthField = scratch + ethHeadLen + 4;
+    uint8_t *lengthField = scratch + ethHeadLen + PPPOE_PLUS_PPPOE_LENGTH_OFF;
     PutBe16(lengthField, Be16(lengthField) + added);
     (void)PppoePlusCopy(data, frameLen + RoomBehind(mbuf), scratch, newLen);
     mbuf->dataLen = newLen;
@@ -318,35 +315,35 @@ uint32_t PPPOE_PLUS_GetPktHeadLen(const FpcMbuf *mbuf, uint32_t *headLen)
     }
     const uint8_t *data = FrameData(mbuf);
     const uint32_t len = mbuf->dataLen;
-    if (len < kEthHeadLen) {
+    if (len < PPPOE_PLUS_ETH_HEAD_LEN) {
         return 1;
     }
-    const uint16_t typeOrTpid = Be16(data + kMacPairLen);
-    if (typeOrTpid == kEtherTypeSnap || data[kMacPairLen] < kMaxLengthField) {
+    const uint16_t typeOrTpid = Be16(data + PPPOE_PLUS_ETH_TYPE_OFF);
+    if (typeOrTpid == kEtherTypeSnap || data[PPPOE_PLUS_ETH_TYPE_OFF] < kMaxLengthField) {
         // 802.2 LLC with SNAP: DSAP and SSAP 0xAA, a zero OUI; the control
         // byte is not looked at.
-        if (len < kSnapEthHeadLen || data[14] != kSnapSap || data[15] != kSnapSap || data[17] != 0 ||
-            data[18] != 0 || data[19] != 0) {
+        if (len < PPPOE_PLUS_SNAP_ETH_HEAD_LEN || data[PPPOE_PLUS_LLC_DSAP_OFF] != kSnapSap ||
+            data[PPPOE_PLUS_LLC_SSAP_OFF] != kSnapSap || !IsZeroOui(data + PPPOE_PLUS_SNAP_OUI_OFF)) {
             return 1;
         }
-        *headLen = kSnapEthHeadLen;
+        *headLen = PPPOE_PLUS_SNAP_ETH_HEAD_LEN;
         return 0;
     }
     uint32_t tags = 0;
     if (IsVlanTpid(typeOrTpid)) {
-        if (len < kEthHeadLen + kVlanTagLen) {
+        if (len < PPPOE_PLUS_ETH_HEAD_LEN + PPPOE_PLUS_VLAN_TAG_LEN) {
             return 1;
         }
         tags = 1;
         // 0x9100 is deliberately not accepted as the inner TPID.
-        if (Be16(data + kMacPairLen + kVlanTagLen) == kTpidCtag) {
-            if (len < kEthHeadLen + 2 * kVlanTagLen) {
+        if (Be16(data + kInnerTpidOff) == kTpidCtag) {
+            if (len < PPPOE_PLUS_ETH_HEAD_LEN + 2 * PPPOE_PLUS_VLAN_TAG_LEN) {
                 return 1;
             }
             tags = 2;
         }
     }
-    *headLen = kEthHeadLen + tags * kVlanTagLen;
+    *headLen = PPPOE_PLUS_ETH_HEAD_LEN + tags * PPPOE_PLUS_VLAN_TAG_LEN;
     return 0;
 }
 
@@ -357,15 +354,15 @@ uint32_t PPPOE_PLUS_GetPktVlan(const FpcMbuf *mbuf, uint32_t *outerVlan, uint32_
     }
     const uint8_t *data = FrameData(mbuf);
     const uint32_t len = mbuf->dataLen;
-    if (len < kEthHeadLen + kVlanTagLen || !IsVlanTpid(Be16(data + kMacPairLen))) {
+    if (len < PPPOE_PLUS_ETH_HEAD_LEN + PPPOE_PLUS_VLAN_TAG_LEN || !IsVlanTpid(Be16(data + PPPOE_PLUS_ETH_TYPE_OFF))) {
         return 1;  // untagged subscriber traffic is never relayed
     }
-    const uint32_t outer = Be16(data + 14) & kVlanIdMask;
-    if (Be16(data + 16) == kTpidCtag) {
-        if (len < kEthHeadLen + 2 * kVlanTagLen) {
+    const uint32_t outer = Be16(data + kOuterTciOff) & kVlanIdMask;
+    if (Be16(data + kInnerTpidOff) == kTpidCtag) {
+        if (len < PPPOE_PLUS_ETH_HEAD_LEN + 2 * PPPOE_PLUS_VLAN_TAG_LEN) {
             return 1;
         }
-        *innerVlan = Be16(data + 18) & kVlanIdMask;
+        *innerVlan = Be16(data + kInnerTciOff) & kVlanIdMask;
     }
     *outerVlan = outer;
     return 0;
@@ -460,20 +457,23 @@ uint32_t PPPOE_PLUS_EncodeVendorSpec(UserInfo *info, uint8_t *out, uint32_t *out
     const bool withRid = PPPOE_PLUS_IsEncapOnlyCid() != 1;
     const uint32_t usedCid = withCid ? cidLen : 0U;
     const uint32_t usedRid = withRid ? ridLen : 0U;
-    if (usedCid > sizeof(cid) || usedRid > sizeof(rid) || usedCid + usedRid + 8U > PPPOE_PLUS_VENDOR_SPEC_MAX) {
+    if (usedCid > sizeof(cid) || usedRid > sizeof(rid) ||
+        usedCid + usedRid + PPPOE_PLUS_VENDOR_SPEC_HEAD_LEN > PPPOE_PLUS_VENDOR_SPEC_MAX) {
         return 1;
     }
     const uint32_t subLen = usedCid + usedRid;
     PutBe16(out, PPPOE_PLUS_TAG_VENDOR_SPEC);
-    PutBe16(out + 2, subLen + 4U);
+    PutBe16(out + PPPOE_PLUS_TAG_LEN_OFF, subLen + PPPOE_PLUS_VENDOR_ID_LEN);
     const uint32_t vendorId = PPPOE_PLUS_GetVendorId();
-    const uint8_t vendorBytes[4] = {static_cast<uint8_t>(vendorId >> 24), static_cast<uint8_t>(vendorId >> 16),
-                                    static_cast<uint8_t>(vendorId >> 8), static_cast<uint8_t>(vendorId)};
-    if (PppoePlusCopy(out + 4, PPPOE_PLUS_VENDOR_SPEC_BUF_LEN - 4U, vendorBytes, sizeof(vendorBytes)) != EOK) {
+    const uint8_t vendorBytes[PPPOE_PLUS_VENDOR_ID_LEN] = {
+        static_cast<uint8_t>(vendorId >> 24), static_cast<uint8_t>(vendorId >> 16), static_cast<uint8_t>(vendorId >> 8),
+        static_cast<uint8_t>(vendorId)};
+    if (PppoePlusCopy(out + PPPOE_PLUS_VENDOR_ID_OFF, PPPOE_PLUS_VENDOR_SPEC_BUF_LEN - PPPOE_PLUS_VENDOR_ID_OFF,
+                      vendorBytes, sizeof(vendorBytes)) != EOK) {
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "set vendor id failed");
         return 1;
     }
-    uint32_t pos = 8;
+    uint32_t pos = PPPOE_PLUS_VENDOR_SPEC_HEAD_LEN;
     if (usedCid != 0) {
         (void)PppoePlusCopy(out + pos, PPPOE_PLUS_VENDOR_SPEC_BUF_LEN - pos, cid, usedCid);
         pos += usedCid;
@@ -481,7 +481,7 @@ uint32_t PPPOE_PLUS_EncodeVendorSpec(UserInfo *info, uint8_t *out, uint32_t *out
     if (usedRid != 0) {
         (void)PppoePlusCopy(out + pos, PPPOE_PLUS_VENDOR_SPEC_BUF_LEN - pos, rid, usedRid);
     }
-    *outLen = subLen + 8U;
+    *outLen = subLen + PPPOE_PLUS_VENDOR_SPEC_HEAD_LEN;
     return 0;
 }
 
@@ -568,7 +568,7 @@ uint32_t PPPOE_PLUS_DelAgentInfo(FpcMbuf *mbuf, PppoeDiscHdr *hdr, uint32_t offs
     if (tagStart + PPPOE_PLUS_TAG_HEAD_LEN > frameLen) {
         return 1;
     }
-    const uint32_t removed = Be16(data + tagStart + 2) + PPPOE_PLUS_TAG_HEAD_LEN;
+    const uint32_t removed = Be16(data + tagStart + PPPOE_PLUS_TAG_LEN_OFF) + PPPOE_PLUS_TAG_HEAD_LEN;
     const uint32_t pppoeLen = PppoeLength(hdr);
     if (tagStart + removed > frameLen || removed > pppoeLen) {
         return 1;
@@ -597,13 +597,13 @@ uint32_t PPPOE_PLUS_IsOwnVendorSpec(FpcMbuf *mbuf, const PppoeDiscHdr *hdr, Port
     }
     const uint8_t *tag = TagArea(hdr) + offset;
     const uint32_t type = Be16(tag);
-    const uint32_t tagLen = Be16(tag + 2);
+    const uint32_t tagLen = Be16(tag + PPPOE_PLUS_TAG_LEN_OFF);
     if (offset + PPPOE_PLUS_TAG_HEAD_LEN + tagLen > WalkableTagLen(mbuf, hdr)) {
         return 0;
     }
     if (type != PPPOE_PLUS_TAG_VENDOR_SPEC) {
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "It is not a vendor specific tag: type =%u", type);
-    } else if (tagLen <= 8) {
+    } else if (tagLen <= kVendorSpecValueMin) {
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "The length of vendor specific tag is invalid, len=%u", tagLen);
     } else {
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "Print the pkt orig Vendor-Specific information.");
@@ -624,8 +624,8 @@ uint32_t PPPOE_PLUS_IsOwnVendorSpec(FpcMbuf *mbuf, const PppoeDiscHdr *hdr, Port
     uint8_t own[PPPOE_PLUS_VENDOR_SPEC_BUF_LEN] = {};
     uint32_t ownLen = 0;
     (void)PPPOE_PLUS_EncodeVendorSpec(&info, own, &ownLen);
-    const uint32_t ownTagLen = Be16(own + 2);
-    if (Be16(own) == PPPOE_PLUS_TAG_VENDOR_SPEC && ownTagLen > 8) {
+    const uint32_t ownTagLen = Be16(own + PPPOE_PLUS_TAG_LEN_OFF);
+    if (Be16(own) == PPPOE_PLUS_TAG_VENDOR_SPEC && ownTagLen > kVendorSpecValueMin) {
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO, "Encode Vendor specific by configuration");
         PPPOE_PLUS_PrintVendorSpecInfo(own);
     }
@@ -840,30 +840,32 @@ uint32_t PPPOE_PLUS_SendPktToIf(FpcMbuf *mbuf, const PppoeDiscHdr *hdr, const Dp
 // ---------------------------------------------------------------------------
 // Counters: per port, five code groups of receive, send, discard.
 
+static_assert(kPppoePlusCounterCount == PPPOE_PLUS_PORT_COUNTERS, "the counter table fills a port's counters");
+
 void PPPOE_PLUS_PktStatistic(uint32_t kind, const PppoeDiscHdr *hdr, uint32_t ifIndex)
 {
     if (hdr == nullptr) {
         ZAVK_Assert(kPktFile, __LINE__);
         return;
     }
-    const int32_t group = CodeGroup(hdr->code);
-    if (group < 0 || kind >= kCounterKinds) {
+    const int32_t index = PppoePlusCounterIndex(hdr->code, kind);
+    if (index < 0) {
         return;
     }
     PortCB *portCb = PPPOE_PLUS_FindPortCBByindex(ifIndex);
     if (portCb == nullptr) {
         return;
     }
-    portCb->stats[static_cast<uint32_t>(group) * kCounterKinds + kind].fetch_add(1, std::memory_order_relaxed);
+    portCb->stats[index].fetch_add(1, std::memory_order_relaxed);
 }
 
 uint32_t PPPOE_PLUS_GetPktStatisticNum(const PortCB *portCb, uint8_t code, uint32_t kind)
 {
-    const int32_t group = CodeGroup(code);
-    if (portCb == nullptr || group < 0 || kind >= kCounterKinds) {
+    const int32_t index = PppoePlusCounterIndex(code, kind);
+    if (portCb == nullptr || index < 0) {
         return 0;
     }
-    return portCb->stats[static_cast<uint32_t>(group) * kCounterKinds + kind].load(std::memory_order_relaxed);
+    return portCb->stats[index].load(std::memory_order_relaxed);
 }
 
 }  // extern "C"

@@ -25,7 +25,7 @@ constexpr uint32_t kElementSize = sizeof(PppoePlusPortDescEntry *);
 PppoePlusPortDescEntry *EntryOf(const void *elmtData)
 {
     PppoePlusPortDescEntry *entry = nullptr;
-    std::memcpy(&entry, elmtData, sizeof(entry));
+    std::memcpy(&entry, elmtData, kElementSize);
     return entry;
 }
 
@@ -125,7 +125,7 @@ uint32_t PPPOE_PLUS_PortDescHashAdd(uint32_t ifIndex, const char *text, uint32_t
         FreeEntry(table, entry);
         return PPPOE_PLUS_ERR;
     }
-    std::memcpy(data, &entry, sizeof(entry));
+    std::memcpy(data, &entry, kElementSize);
     if (HASH_AddNode(table->hash, data, &entry->ifIndex) != HASH_OK) {
         (void)HASH_FreeData(table->hash, data);
         FreeEntry(table, entry);

@@ -13,6 +13,7 @@
 namespace {
 
 constexpr const char *kYangFile = "app/src/common/src/pppoe_plus_yang";
+constexpr uint32_t kLineNoClientName = 145;  // the assert line of a nameless client, fixed
 
 using Ydbc = PppoePlusBoundLibrary<g_pplusYdbcCfg>;
 
@@ -109,7 +110,7 @@ uint32_t PPPOE_PLUS_YdbcInit(void)
 ydbc_client *PPPOE_PLUS_CreateYdbcClient(const char *name)
 {
     if (name == nullptr) {
-        ZAVK_Assert(kYangFile, 145);
+        ZAVK_Assert(kYangFile, kLineNoClientName);
         return nullptr;
     }
     ydbc_client *client = PPPOE_PLUS_NewClientApi(name, 1, nullptr);

@@ -23,6 +23,9 @@
 namespace {
 
 constexpr const char *kYangDbFile = "app/src/yangdb/src/pppoe_plus_yangdb";
+// Fixed assert lines: the client task not created, a leaf value not copied.
+constexpr uint32_t kLineTaskCreate = 366;
+constexpr uint32_t kLineLeafCopy = 439;
 constexpr uint32_t kTaskPriority = 100;
 constexpr uint32_t kPullWholeTree = 0xFFFFFFFFU;
 constexpr int kXmlParseNoBlanks = 256;  // XML_PARSE_NOBLANKS
@@ -328,7 +331,7 @@ uint32_t PPPOE_PLUS_YdbcRun(void)
     g_pplusYdbcCtlTbl.taskId.store(taskId, std::memory_order_release);
     if (ret != RUK_OK) {
         g_ydbcTaskServing.store(false, std::memory_order_release);
-        ZAVK_Assert(kYangDbFile, 366);
+        ZAVK_Assert(kYangDbFile, kLineTaskCreate);
         return 1;
     }
     return 0;
@@ -398,7 +401,7 @@ uint32_t PPPOE_PLUS_YangGetXmlNodeByName(xmlNodePtr first, const char *name, cha
         }
         if (strcpy_s(buf, size, text) != 0) {
             xmlFree(content);
-            ZAVK_Assert(kYangDbFile, 439);
+            ZAVK_Assert(kYangDbFile, kLineLeafCopy);
             return 1;
         }
         xmlFree(content);

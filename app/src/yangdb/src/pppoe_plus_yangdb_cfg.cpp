@@ -25,6 +25,7 @@
 namespace {
 
 constexpr const char *kYangDbCfgFile = "app/src/yangdb/src/pppoe_plus_yangdb_cfg";
+constexpr uint32_t kLinePolicyAlloc = 287;  // fixed assert line: no work record for a port policy
 constexpr uint32_t kDiag = PPPOE_PLUS_LOG_ID_DIAGDEBUG;
 
 using LeafBuf = std::array<char, PPPOE_PLUS_YANG_LEAF_LEN>;
@@ -169,32 +170,18 @@ struct PortStats {
     std::array<uint32_t, PPPOE_PLUS_PORT_COUNTERS> counters;
 };
 
-constexpr std::array<uint8_t, 5> kDiscoveryCodes = {0x09, 0x07, 0x19, 0x65, 0xA7};  // PADI PADO PADR PADS PADT
-
 std::vector<PortStats> SnapshotPorts()
 {
     std::vector<PortStats> ports;
-    const PppoePlusDllHead list = PPPOE_PLUS_GetGlobalPortList();
-    // Held while walking: the packet task may append a block meanwhile.
-    PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
-    const PppoePlusDllNode *node = list.count != 0 ? list.first : nullptr;
-    for (uint32_t i = 0; i < list.count && node != nullptr; i++, node = node->next) {
-        const auto *cb = reinterpret_cast<const PortCB *>(node);
-        PortStats row{cb->ifIndex, cb->trust.load(std::memory_order_relaxed), {}};
-        for (size_t c = 0; c < kDiscoveryCodes.size(); c++) {
-            for (uint32_t kind = 0; kind < 3; kind++) {
-                row.counters[c * 3 + kind] = PPPOE_PLUS_GetPktStatisticNum(cb, kDiscoveryCodes[c], kind);
-            }
+    PppoePlusForEachPort([&ports](const PortCB &cb) {
+        PortStats row{cb.ifIndex, cb.trust.load(std::memory_order_relaxed), {}};
+        for (size_t c = 0; c < row.counters.size(); c++) {
+            row.counters[c] = cb.stats[c].load(std::memory_order_relaxed);
         }
         ports.push_back(row);
-    }
+    });
     return ports;
 }
-
-constexpr std::array<const char *, 10> kCounterLeaves = {
-    "padi-receive-packets", "padi-send-packets", "pado-receive-packets", "pado-send-packets",
-    "padr-receive-packets", "padr-send-packets", "pads-receive-packets", "pads-send-packets",
-    "padt-receive-packets", "padt-send-packets"};
 
 }  // namespace
 
@@ -317,7 +304,7 @@ uint32_t PPPOE_PLUS_PolicyIf(void *ctx, uint32_t opType, uint32_t reserved1, uin
     (void)reserved2;
     auto *input = static_cast<PppoePlusIfPolicyInput *>(PPPOE_PLUS_MemAlloc(sizeof(PppoePlusIfPolicyInput)));
     if (input == nullptr) {
-        ZAVK_Assert(kYangDbCfgFile, 287);
+        ZAVK_Assert(kYangDbCfgFile, kLinePolicyAlloc);
         return 1;
     }
     (void)memset_s(input, sizeof(*input), 0, sizeof(*input));
@@ -696,11 +683,14 @@ uint32_t PPPOE_PLUS_YangCreateStatisticsXmlNode(const char *path, xmlNodePtr roo
             break;  // the entries already built stay in the reply
         }
         (void)PPPOE_PLUS_YangSetContentAndAddChild(table, "interface-name", label);
+        auto count = [&port](uint8_t code, uint32_t kind) {
+            return port.counters[static_cast<size_t>(PppoePlusCounterIndex(code, kind))];
+        };
         uint32_t discarded = 0;
-        for (size_t c = 0; c < kDiscoveryCodes.size(); c++) {
-            (void)AddLeaf(table, kCounterLeaves[c * 2], port.counters[c * 3 + PPPOE_PLUS_STAT_RECV]);
-            (void)AddLeaf(table, kCounterLeaves[c * 2 + 1], port.counters[c * 3 + PPPOE_PLUS_STAT_SEND]);
-            discarded += port.counters[c * 3 + PPPOE_PLUS_STAT_DISCARD];  // wraps at 2^32
+        for (const PppoePlusCounterGroup &group : g_pppoePlusCounterGroups) {
+            (void)AddLeaf(table, group.receiveLeaf, count(group.code, PPPOE_PLUS_STAT_RECV));
+            (void)AddLeaf(table, group.sendLeaf, count(group.code, PPPOE_PLUS_STAT_SEND));
+            discarded += count(group.code, PPPOE_PLUS_STAT_DISCARD);  // wraps at 2^32
         }
         (void)AddLeaf(table, "discarded-packets", discarded);
     }
@@ -887,16 +877,11 @@ uint32_t PPPOE_PLUS_Debugging(void *ctx, ydbc_bytes *input, uint32_t reserved, y
 
 void PPPOE_PLUS_ResetStatisticsProc(void)
 {
-    const PppoePlusDllHead list = PPPOE_PLUS_GetGlobalPortList();
-    // Held while walking: the packet task may append a block meanwhile.
-    PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
-    PppoePlusDllNode *node = list.count != 0 ? list.first : nullptr;
-    for (uint32_t i = 0; i < list.count && node != nullptr; i++, node = node->next) {
-        auto *portCb = reinterpret_cast<PortCB *>(node);
-        for (auto &counter : portCb->stats) {
+    PppoePlusForEachPort([](PortCB &cb) {
+        for (auto &counter : cb.stats) {
             counter.store(0, std::memory_order_relaxed);
         }
-    }
+    });
 }
 
 uint32_t PPPOE_PLUS_ResetStatistics(void *ctx, ydbc_bytes *input, uint32_t reserved, ydbc_bytes **out)
