@@ -180,14 +180,28 @@ uint64_t IdsPrint(std::string_view circuitId, std::string_view remoteId)
     return Mix(Fold(remoteId, Fold(circuitId, 0)));
 }
 
-// The key of a client: its MAC above its VLANs.
-uint64_t KeyOf(const Mac &mac, uint16_t vlan, uint16_t innerVlan)
+// The key of a client: its MAC and its two VLANs, 72 bits in two words (a
+// single word would lose the MAC's first octet).
+struct ClientKey {
+    uint64_t mac = 0;     // the MAC's 48 bits
+    uint32_t vlans = 0;   // outer VLAN << 12 | inner VLAN
+
+    bool operator==(const ClientKey &) const = default;
+    uint64_t Hash() const { return Mix(mac ^ uint64_t{vlans} << 40); }
+};
+
+struct ClientKeyHash {
+    size_t operator()(const ClientKey &k) const { return k.Hash(); }
+};
+
+ClientKey KeyOf(const Mac &mac, uint16_t vlan, uint16_t innerVlan)
 {
-    uint64_t key = 0;
+    ClientKey key;
     for (const uint8_t byte : mac) {
-        key = key << 8 | byte;
+        key.mac = key.mac << 8 | byte;
     }
-    return key << 24 | uint64_t{vlan} << 12 | innerVlan;
+    key.vlans = uint32_t{vlan} << 12 | innerVlan;
+    return key;
 }
 
 // Clocks cheap enough for every discovery frame: wall time for what the
@@ -252,7 +266,8 @@ Facts FactsOf(uint64_t mono, const Subscriber &s)
 // seq odd or changed, or another key, takes the locked path.
 struct alignas(64) SubscriberTable::Hint {
     std::atomic<uint32_t> seq{0};
-    std::atomic<uint64_t> key{0};   // 0 with all facts 0: none (no frame leaves those facts)
+    std::atomic<uint64_t> keyMac{0};   // with keyVlans and all facts 0: none (no frame leaves those facts)
+    std::atomic<uint32_t> keyVlans{0};
     std::atomic<uint64_t> moved{0}; // the shard's moves when the entry last went to the end of its order
     std::atomic<uint64_t> seen{0};
     std::atomic<uint64_t> where{0};
@@ -263,11 +278,12 @@ struct alignas(64) SubscriberTable::Hint {
     // Data stores are release stores, so a reader that sees any of them
     // sees the odd seq stored before them; data loads are acquire loads,
     // so the reader's second look at seq comes after them.
-    void Publish(uint64_t k, uint64_t m, const Facts &f)
+    void Publish(const ClientKey &k, uint64_t m, const Facts &f)
     {
         const uint32_t s = seq.load(std::memory_order_relaxed);
         seq.store(s + 1, std::memory_order_relaxed);
-        key.store(k, std::memory_order_release);
+        keyMac.store(k.mac, std::memory_order_release);
+        keyVlans.store(k.vlans, std::memory_order_release);
         moved.store(m, std::memory_order_release);
         seen.store(f.seen, std::memory_order_release);
         where.store(f.where, std::memory_order_release);
@@ -277,19 +293,20 @@ struct alignas(64) SubscriberTable::Hint {
         seq.store(s + 2, std::memory_order_release);
     }
 
-    void Forget(uint64_t k)
+    void Forget(const ClientKey &k)
     {
-        if (key.load(std::memory_order_relaxed) == k) {
-            Publish(0, 0, Facts{});
+        if (keyMac.load(std::memory_order_relaxed) == k.mac && keyVlans.load(std::memory_order_relaxed) == k.vlans) {
+            Publish(ClientKey{}, 0, Facts{});
         }
     }
 
     // The facts of key k and when its entry last moved; false when the
     // slot holds another key or a writer was changing it.
-    bool Read(uint64_t k, Facts *f, uint64_t *m) const
+    bool Read(const ClientKey &k, Facts *f, uint64_t *m) const
     {
         const uint32_t s = seq.load(std::memory_order_acquire);
-        if ((s & 1U) != 0 || key.load(std::memory_order_acquire) != k) {
+        if ((s & 1U) != 0 || keyMac.load(std::memory_order_acquire) != k.mac ||
+            keyVlans.load(std::memory_order_acquire) != k.vlans) {
             return false;
         }
         f->seen = seen.load(std::memory_order_acquire);
@@ -306,7 +323,7 @@ struct alignas(64) SubscriberTable::Hint {
 // and an index by key into that order.
 struct alignas(64) SubscriberTable::Shard {
     struct Entry {
-        uint64_t key = 0;
+        ClientKey key;
         uint64_t seenMono = 0;
         Subscriber s;
     };
@@ -315,7 +332,7 @@ struct alignas(64) SubscriberTable::Shard {
     mutable std::mutex mu;   // everything below but the hints' reading
     size_t capacity = 0;
     Order order;
-    std::unordered_map<uint64_t, Order::iterator> index;
+    std::unordered_map<ClientKey, Order::iterator, ClientKeyHash> index;
     uint64_t evictions = 0;
     uint64_t agedOut = 0;
     // Entries moved to the end of the order (or added there) so far. A hit
@@ -339,9 +356,9 @@ struct alignas(64) SubscriberTable::Shard {
         }
     }
 
-    void Forget(uint64_t key) { HintOf(Mix(key)).Forget(key); }
+    void Forget(const ClientKey &key) { HintOf(key.Hash()).Forget(key); }
 
-    Entry *Find(uint64_t key)
+    Entry *Find(const ClientKey &key)
     {
         const auto it = index.find(key);
         return it == index.end() ? nullptr : &*it->second;
@@ -349,7 +366,7 @@ struct alignas(64) SubscriberTable::Shard {
 
     // The entry of key, moved to the end of the order; created when absent
     // and create is set, in the place of the entry idle longest when full.
-    Entry *Touch(uint64_t key, bool create, uint64_t nowMono)
+    Entry *Touch(const ClientKey &key, bool create, uint64_t nowMono)
     {
         const auto it = index.find(key);
         if (it != index.end()) {
@@ -378,7 +395,7 @@ struct alignas(64) SubscriberTable::Shard {
         return &e;
     }
 
-    void Remove(uint64_t key)
+    void Remove(const ClientKey &key)
     {
         const auto it = index.find(key);
         if (it != index.end()) {
@@ -434,8 +451,8 @@ void SubscriberTable::Seen(Way way, uint32_t ifIndex, std::span<const uint8_t> f
         // From either side: the client is the source or the destination,
         // and an entry that has a session must name the PADT's.
         for (const Mac &client : {d.src, d.dst}) {
-            const uint64_t key = KeyOf(client, d.vlan, d.innerVlan);
-            Shard &shard = ShardOf(Mix(key));
+            const ClientKey key = KeyOf(client, d.vlan, d.innerVlan);
+            Shard &shard = ShardOf(key.Hash());
             const std::lock_guard lock(shard.mu);
             const Shard::Entry *e = shard.Find(key);
             if (e != nullptr && (!e->s.sessionId || *e->s.sessionId == d.session)) {
@@ -453,8 +470,8 @@ void SubscriberTable::Seen(Way way, uint32_t ifIndex, std::span<const uint8_t> f
     if (IsGroup(client)) {
         return;
     }
-    const uint64_t key = KeyOf(client, d.vlan, d.innerVlan);
-    const uint64_t hash = Mix(key);
+    const ClientKey key = KeyOf(client, d.vlan, d.innerVlan);
+    const uint64_t hash = key.Hash();
     Shard &shard = ShardOf(hash);
     Hint &hint = shard.HintOf(hash);
     const bool creates = fromClient && way == Way::Punted;

@@ -595,6 +595,15 @@ TEST_F(OperatorViewTest, SubscriberEntryFollowsDiscoveryFromPadiToPadtOfEitherSi
     EXPECT_FALSE(Find(client, 300));
     EXPECT_TRUE(Find(client));
     EXPECT_EQ(plane_->SubscriberStats().entries, 1U);
+
+    // A client whose MAC differs only in its first octet is another entry.
+    pplus_test::Mac twin = client;
+    twin[0] ^= 0x04;
+    plane_->Receive(5, PadiFrom(twin));
+    ASSERT_TRUE(Settled());
+    EXPECT_TRUE(Find(twin));
+    EXPECT_TRUE(Find(client));
+    EXPECT_EQ(plane_->SubscriberStats().entries, 2U);
 }
 
 TEST_F(OperatorViewTest, ARandomMacStormStaysWithinTheBoundEvictingTheIdlestFirst)
