@@ -671,7 +671,7 @@ TEST_F(OperatorViewTest, RepeatsSeenWithoutTheLockLoseNoChangeOfTheTransmitThrea
     for (int i = 0; i < kChanges; i++) {
         SendFromAgent(49, Frame().src(client).vlan(100).padi().vendor(3561, "cid-" + std::to_string(i), "rid").eol().bytes());
     }
-    ASSERT_TRUE(pplus_test::WaitFor([this]() { return WICK_ChannelDepth(device::fplane::kSendChannel) == 0; }, 10000));
+    ASSERT_TRUE(pplus_test::WaitFor([]() { return WICK_ChannelDepth(device::fplane::kSendChannel) == 0; }, 10000));
     stop.store(true);
     for (std::thread &t : receivers) {
         t.join();
