@@ -67,7 +67,11 @@ public:
             const uint64_t index = pos & (cells_ - 1);
             pad = index + need > cells_ ? cells_ - index : 0;
             const uint64_t end = pos + pad + need;
-            if (end - tail_.load(std::memory_order_acquire) > cells_) {
+            // pos may be stale: other producers and the consumer may have
+            // gone past it since it was read, so the tail can be beyond end
+            // (the compare-and-swap below then fails and retries). Compared
+            // this way round, that case is never taken for a full ring.
+            if (end > tail_.load(std::memory_order_acquire) + cells_) {
                 dropped_.fetch_add(1, std::memory_order_relaxed);
                 return false;
             }
@@ -124,7 +128,11 @@ public:
     // Nothing reserved that the consumer has not taken.
     bool Empty() const { return tail_.load(std::memory_order_acquire) == head_.load(std::memory_order_seq_cst); }
     // Cells reserved and not yet taken.
-    uint64_t Used() const { return head_.load(std::memory_order_relaxed) - tail_.load(std::memory_order_relaxed); }
+    uint64_t Used() const
+    {
+        const uint64_t tail = tail_.load(std::memory_order_acquire);   // first: head is never behind it
+        return head_.load(std::memory_order_acquire) - tail;
+    }
     uint64_t Capacity() const { return cells_; }
     uint64_t Dropped() const { return dropped_.load(std::memory_order_relaxed); }
 
