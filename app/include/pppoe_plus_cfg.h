@@ -5,6 +5,8 @@
 
 #include <stdint.h>
 
+#include "pppoe_plus_tlv.h"
+
 /* Tag policy codes. */
 #define PPPOE_PLUS_POLICY_UNSET 0U
 #define PPPOE_PLUS_POLICY_REPLACE 1U
@@ -142,6 +144,13 @@ uint32_t PPPOE_PLUS_SetGlobalCidFormat(uint8_t formatType, const char *udfStr);
 uint8_t PPPOE_PLUS_GetGlobalRidFormat(void);
 char *PPPOE_PLUS_GetGlobalRidUdfFormat(void);
 uint32_t PPPOE_PLUS_SetGlobalRidFormat(uint8_t formatType, const char *udfStr);
+/* The global user-defined format of infoType compiled for the variant of
+ * info, or null when it must be compiled again (the dictionary changed
+ * since); read it under the store's lock, like the string. */
+const PppoePlusUdfProg *PPPOE_PLUS_GetGlobalUdfProg(uint8_t infoType, const UserInfo *info);
+/* Compiles both global user-defined formats again; takes the store's lock
+ * exclusively. */
+void PPPOE_PLUS_CompileGlobalUdf(void);
 uint32_t PPPOE_PLUS_GetVendorId(void);
 void PPPOE_PLUS_SetVendorId(uint32_t vendorId);
 /* A copy of the port list's head, taken under the store's lock: its count.

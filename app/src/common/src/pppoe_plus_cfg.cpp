@@ -277,10 +277,32 @@ uint32_t GetPortLocked(uint32_t ifIndex, PortCB **out)
     return 0;
 }
 
+// The global user-defined formats compiled, per info type (Circuit-ID,
+// Remote-ID) and variant; written with the strings, under the store's lock.
+constexpr uint32_t kUdfVariants = 4U;
+PppoePlusUdfProg g_globalUdfProg[2][kUdfVariants];
+
+void CompileGlobalUdfLocked(uint32_t which)
+{
+    const char *fmt = which == 0U ? g_pppoePlusGlobalInfo.cidUserDefineStr : g_pppoePlusGlobalInfo.ridUserDefineStr;
+    PppoePlusUdfProg *progs = g_globalUdfProg[which];
+    UserInfo probe = {};
+    for (uint32_t v = 0; v < kUdfVariants; ++v) {
+        if (v != 0U && progs[0].anyVariant == 1U) {
+            progs[v].dictGen = 0U;   // the first serves every variant
+            continue;
+        }
+        probe.ulXpi = (v & 1U) != 0U ? 0U : 1U;
+        probe.ulXci = (v & 2U) != 0U ? 0U : 1U;
+        (void)PPPOE_PLUS_UdfCompile(fmt, &probe, &progs[v]);
+    }
+}
+
 uint32_t SaveUdf(char *field, const char *udfStr, const char *failText)
 {
     PppoePlusCfgWriteGuard guard(PppoePlusCfgLock());
     const errno_t ret = strcpy_s(field, PPPOE_PLUS_UDF_STR_LEN, udfStr);
+    CompileGlobalUdfLocked(field == g_pppoePlusGlobalInfo.cidUserDefineStr ? 0U : 1U);
     if (ret != 0) {
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, failText, static_cast<int>(ret));
         return 1;
@@ -566,6 +588,23 @@ uint32_t PPPOE_PLUS_SetGlobalRidFormat(uint8_t formatType, const char *udfStr)
         return 0;
     }
     return SaveUdf(g_pppoePlusGlobalInfo.ridUserDefineStr, udfStr, "[PPLUS-CFG] Save rid Udf format failed, ret = %d.");
+}
+
+const PppoePlusUdfProg *PPPOE_PLUS_GetGlobalUdfProg(uint8_t infoType, const UserInfo *info)
+{
+    for (const PppoePlusUdfProg &prog : g_globalUdfProg[infoType == PPPOE_PLUS_INFO_CID ? 0U : 1U]) {
+        if (PPPOE_PLUS_UdfProgFits(&prog, info) == 1U) {
+            return &prog;
+        }
+    }
+    return nullptr;
+}
+
+void PPPOE_PLUS_CompileGlobalUdf(void)
+{
+    PppoePlusCfgWriteGuard guard(PppoePlusCfgLock());
+    CompileGlobalUdfLocked(0U);
+    CompileGlobalUdfLocked(1U);
 }
 
 uint32_t PPPOE_PLUS_GetVendorId(void)

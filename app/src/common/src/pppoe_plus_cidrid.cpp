@@ -37,12 +37,14 @@ constexpr uint8_t kExtendRidLen = 6U;
 enum class FormatSource : uint8_t { Global, QinQ, CeVlan, Vlan, NoVlan };
 
 // A format copied out of the store: its type and, for a user-defined one,
-// its string.
+// its string and, when the store keeps it compiled, its program.
 struct FormatChoice {
     FormatSource source = FormatSource::Global;
     uint8_t formatType = PPPOE_PLUS_FORMAT_COMMON;
     bool udfValid = false;
+    bool progValid = false;
     char udf[PPPOE_PLUS_UDF_STR_LEN] = {};
+    PppoePlusUdfProg prog;   // only its used part is written and read
 };
 
 // The texts that differ between the Circuit-ID and the Remote-ID build.
@@ -154,12 +156,17 @@ void KeepFormat(FormatChoice *choice, FormatSource source, uint8_t formatType, c
 
 // The device-wide format of one info type; the caller holds the
 // configuration lock.
-void GlobalFormatLocked(uint8_t infoType, FormatChoice *choice)
+void GlobalFormatLocked(const UserInfo *info, uint8_t infoType, FormatChoice *choice)
 {
     if (infoType == PPPOE_PLUS_INFO_CID) {
         KeepFormat(choice, FormatSource::Global, PPPOE_PLUS_GetGlobalCidFormat(), PPPOE_PLUS_GetGlobalCidUdfFormat());
     } else {
         KeepFormat(choice, FormatSource::Global, PPPOE_PLUS_GetGlobalRidFormat(), PPPOE_PLUS_GetGlobalRidUdfFormat());
+    }
+    const PppoePlusUdfProg *prog = choice->udfValid ? PPPOE_PLUS_GetGlobalUdfProg(infoType, info) : nullptr;
+    if (prog != nullptr) {
+        PPPOE_PLUS_UdfProgCopy(&choice->prog, prog);
+        choice->progValid = true;
     }
 }
 
@@ -181,7 +188,7 @@ void LookupFormat(const PortCB *cb, const UserInfo *info, uint8_t infoType, Form
             return;
         }
     }
-    GlobalFormatLocked(infoType, choice);
+    GlobalFormatLocked(info, infoType, choice);
 }
 
 // A built value as terminated text for the debug lines.
@@ -201,7 +208,9 @@ uint32_t RenderUdf(const UserInfo *info, const FormatChoice &choice, uint8_t *va
     if (!choice.udfValid) {
         return PPPOE_PLUS_ERR;
     }
-    if (PPPOE_PLUS_EncodeUdfData(info, choice.udf, value, valueLen) != PPPOE_PLUS_OK) {
+    const uint32_t ret = choice.progValid ? PPPOE_PLUS_EncodeUdfProg(info, choice.udf, &choice.prog, value, valueLen)
+                                          : PPPOE_PLUS_EncodeUdfData(info, choice.udf, value, valueLen);
+    if (ret != PPPOE_PLUS_OK) {
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "PPPOE PLUS Build Port UserDefine error.");
         return PPPOE_PLUS_ERR;
     }
