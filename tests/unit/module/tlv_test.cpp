@@ -11,6 +11,7 @@
 #include "platform/world.hpp"
 #include "pplus_test.hpp"
 #include "pppoe_plus_log.h"
+#include "pppoe_plus_mem.h"
 #include "pppoe_plus_portdesc.h"
 #include "pppoe_plus_tlv.h"
 
@@ -373,6 +374,14 @@ TEST_F(TlvTest, CompiledFormatsBuildWhatTheWalkBuilds)
         std::vector<std::string> lines;
     };
     auto build = [&](const Case &c, bool compiled) {
+        // The work buffer comes back dirty: what a build does not write or
+        // zero shows.
+        void *dirty = PPPOE_PLUS_MemAlloc(PPPOE_PLUS_UDF_WORK_LEN);
+        EXPECT_NE(dirty, nullptr);
+        if (dirty != nullptr) {
+            std::memset(dirty, 0xA5, PPPOE_PLUS_UDF_WORK_LEN);
+            PPPOE_PLUS_MemFree(dirty);
+        }
         PLAT_LogClear();
         PLAT_AssertReset();
         std::memset(g_pppoePlusSystemMac, 0xFF, sizeof(g_pppoePlusSystemMac));   // read the MAC each time

@@ -425,6 +425,16 @@ void PPPOE_PLUS_EncodeDigitByBit(uint8_t *buf, uint32_t startBit, uint32_t value
     if (buf == nullptr) {
         return;
     }
+    if (startBit % 8U == 0U && bits % 8U == 0U) {
+        // Whole bytes: the same bits, a byte at a time.
+        for (uint32_t i = 0; i < bits / 8U; ++i) {
+            const uint32_t shift = bits - 8U * (i + 1U);
+            if (shift < 32U) {
+                buf[startBit / 8U + i] = static_cast<uint8_t>(buf[startBit / 8U + i] | ((value >> shift) & 0xFFU));
+            }
+        }
+        return;
+    }
     for (uint32_t i = 0; i < bits; ++i) {
         const uint32_t shift = bits - 1U - i;  // significance of this bit within the field
         if (shift >= 32U || ((value >> shift) & 1U) == 0U) {
@@ -1159,20 +1169,38 @@ uint32_t CompileSteps(const char *fmt, const UserInfo *info, PppoePlusUdfProg *p
     return PPPOE_PLUS_OK;
 }
 
+// Bytes a step may OR bits into beyond the byte it starts in: numbers and
+// hex fields (a MAC is 48 bits whatever its width); text is copied over.
+uint32_t OrReach(const PppoePlusUdfOp &op)
+{
+    if (op.kind == kOpNum) {
+        return op.count + 1U;
+    }
+    if (op.kind == kOpField && op.ascii == 0U) {
+        return (std::max(op.value, 8U * kMacLen) + 7U) / 8U + 1U;
+    }
+    return 0U;
+}
+
 // WalkFormat's loop over the steps of prog; *byteIdx ends as the built
-// length.
+// length. Instead of zeroing ahead of every turn, the bytes below zeroed
+// are kept zero or written: a step that ORs bits zeroes its reach first,
+// and what a step wrote moves the mark past it.
 uint32_t RunSteps(const UserInfo *info, const PppoePlusUdfProg *prog, uint8_t *work, uint32_t *byteIdx)
 {
     uint32_t bitPos = 0;
     uint32_t zeroed = 0;
-    ZeroAhead(work, &zeroed, 0);
     for (uint32_t k = 0; k < prog->opCount; ++k) {
         const PppoePlusUdfOp &op = prog->ops[k];
-        // The turn's check of the position, then what it zeroes ahead.
+        // The turn's check of the position.
         if (bitPos / 8U >= PPPOE_PLUS_UDF_WORK_LEN) {
             return PPPOE_PLUS_ERR;
         }
-        ZeroAhead(work, &zeroed, bitPos);
+        const uint32_t reach = std::min(PPPOE_PLUS_UDF_WORK_LEN, bitPos / 8U + OrReach(op));
+        if (reach > zeroed) {
+            std::memset(work + zeroed, 0, reach - zeroed);
+            zeroed = reach;
+        }
         switch (op.kind) {
             case kOpLit:
                 for (uint32_t n = 0; n < op.count; ++n) {
@@ -1180,7 +1208,6 @@ uint32_t RunSteps(const UserInfo *info, const PppoePlusUdfProg *prog, uint8_t *w
                     if (idx >= PPPOE_PLUS_UDF_WORK_LEN) {
                         return PPPOE_PLUS_ERR;
                     }
-                    ZeroAhead(work, &zeroed, bitPos);
                     work[idx] = prog->lit[op.value + n];
                     bitPos = 8U * (idx + 1U);
                 }
@@ -1208,6 +1235,7 @@ uint32_t RunSteps(const UserInfo *info, const PppoePlusUdfProg *prog, uint8_t *w
             default:
                 break;
         }
+        zeroed = std::max(zeroed, std::min(PPPOE_PLUS_UDF_WORK_LEN, (bitPos + 7U) / 8U));
     }
     *byteIdx = bitPos / 8U;
     return PPPOE_PLUS_OK;
