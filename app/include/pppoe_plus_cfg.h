@@ -148,8 +148,11 @@ uint32_t PPPOE_PLUS_SetGlobalRidFormat(uint8_t formatType, const char *udfStr);
  * info, or null when it must be compiled again (the dictionary changed
  * since); read it under the store's lock, like the string. */
 const PppoePlusUdfProg *PPPOE_PLUS_GetGlobalUdfProg(uint8_t infoType, const UserInfo *info);
-/* Compiles both global user-defined formats again; takes the store's lock
- * exclusively. */
+/* A port node's user-defined format compiled for the variant of info, or
+ * null when it is not (or no longer) kept compiled; under the store's lock. */
+const PppoePlusUdfProg *PPPOE_PLUS_GetPortUdfProg(const InfoFormatNode *node, const UserInfo *info);
+/* Compiles the store's user-defined formats again (the dictionary changed);
+ * takes the store's lock exclusively. */
 void PPPOE_PLUS_CompileGlobalUdf(void);
 uint32_t PPPOE_PLUS_GetVendorId(void);
 void PPPOE_PLUS_SetVendorId(uint32_t vendorId);

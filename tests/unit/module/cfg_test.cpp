@@ -134,6 +134,17 @@ TEST_F(CfgTest, ThirtyTwoFormatsPerPortAndUpdatesStillWork)
         ASSERT_NE(node, nullptr);
         EXPECT_STREQ(node->userDefineStr, "%svlan");
         EXPECT_EQ(node->infoFormatType, PPPOE_PLUS_FORMAT_USER_DEFINE);
+        const UserInfo info{};
+        EXPECT_NE(PPPOE_PLUS_GetPortUdfProg(node, &info), nullptr);   // compiled when set
+    }
+    {
+        // A node changed in place is no longer taken for compiled.
+        PppoePlusCfgWriteGuard guard(PppoePlusCfgLock());
+        InfoFormatNode *node = PPPOE_PLUS_FindInfoFormatOnInterface(cb, &update);
+        ASSERT_NE(node, nullptr);
+        (void)strcpy_s(node->userDefineStr, sizeof(node->userDefineStr), "%port");
+        const UserInfo info{};
+        EXPECT_EQ(PPPOE_PLUS_GetPortUdfProg(node, &info), nullptr);
     }
     const uint32_t before = PLAT_MemOutstanding();
     EXPECT_EQ(PPPOE_PLUS_SetPortFormat(&update, 9, 0), 0U);
@@ -192,6 +203,7 @@ TEST_F(CfgTest, ConfigurationChurnBesidePacketLookups)
     std::thread packets([&stop]() {
         uint32_t next = 1000;
         char copy[PPPOE_PLUS_UDF_STR_LEN];
+        PppoePlusUdfProg prog;   // the compiled formats, copied as a build does
         while (!stop.load()) {
             PortCB *cb = nullptr;
             ASSERT_EQ(PPPOE_PLUS_GetPortCBByIndex(next++ % 1100, &cb), 0U);
@@ -201,10 +213,13 @@ TEST_F(CfgTest, ConfigurationChurnBesidePacketLookups)
                 PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
                 const InfoFormatNode key = Format(10, 0, PPPOE_PLUS_INFO_CID);
                 const InfoFormatNode *node = PPPOE_PLUS_FindInfoFormatOnInterface(cfgPort, &key);
+                const UserInfo info{};
                 if (node != nullptr) {
                     (void)strcpy_s(copy, sizeof(copy), node->userDefineStr);
+                    PPPOE_PLUS_UdfProgCopy(&prog, PPPOE_PLUS_GetPortUdfProg(node, &info));
                 }
                 (void)strcpy_s(copy, sizeof(copy), PPPOE_PLUS_GetGlobalCidUdfFormat());
+                PPPOE_PLUS_UdfProgCopy(&prog, PPPOE_PLUS_GetGlobalUdfProg(PPPOE_PLUS_INFO_CID, &info));
             }
             uint32_t ports[8];
             uint32_t count = 0;

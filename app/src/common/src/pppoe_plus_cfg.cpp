@@ -208,6 +208,79 @@ void TrustViewBuild()
     view.built = true;
 }
 
+// ---- Compiled user-defined formats ----
+//
+// The store keeps its user-defined formats compiled, for each combination
+// of the VLANs being 0 (the variants), written with the strings under the
+// store's lock and read under it: the global ones per info type, and the
+// port ones in slots shared by every node of the same text. A node keeps its
+// slot in its reserved word; a slot is used only while it holds the node's
+// text (a slot taken over by another text, or a node changed in place, is
+// walked as before).
+constexpr uint32_t kUdfVariants = 4U;
+constexpr uint32_t kUdfTextMax = PPPOE_PLUS_UDF_STR_LEN - 1U;   // what a build reads of a string
+constexpr uint32_t kPortUdfSlots = 32U;
+
+struct PortUdfSlot {
+    char text[PPPOE_PLUS_UDF_STR_LEN];
+    PppoePlusUdfProg progs[kUdfVariants];
+};
+
+PppoePlusUdfProg g_globalUdfProg[2][kUdfVariants];
+PortUdfSlot g_portUdf[kPortUdfSlots];
+
+void CompileVariants(const char *fmt, PppoePlusUdfProg *progs)
+{
+    UserInfo probe = {};
+    for (uint32_t v = 0; v < kUdfVariants; ++v) {
+        if (v != 0U && progs[0].anyVariant == 1U) {
+            progs[v].dictGen = 0U;   // the first serves every variant
+            continue;
+        }
+        probe.ulXpi = (v & 1U) != 0U ? 0U : 1U;
+        probe.ulXci = (v & 2U) != 0U ? 0U : 1U;
+        (void)PPPOE_PLUS_UdfCompile(fmt, &probe, &progs[v]);
+    }
+}
+
+const PppoePlusUdfProg *FittingVariant(const PppoePlusUdfProg *progs, const UserInfo *info)
+{
+    for (uint32_t v = 0; v < kUdfVariants; ++v) {
+        if (PPPOE_PLUS_UdfProgFits(&progs[v], info) == 1U) {
+            return &progs[v];
+        }
+    }
+    return nullptr;
+}
+
+void CompileGlobalUdfLocked(uint32_t which)
+{
+    CompileVariants(which == 0U ? g_pppoePlusGlobalInfo.cidUserDefineStr : g_pppoePlusGlobalInfo.ridUserDefineStr,
+                    g_globalUdfProg[which]);
+}
+
+// Compiles a port node's text into its slot, unless the slot has it.
+void CompilePortUdfLocked(InfoFormatNode *node)
+{
+    node->reserved = 0U;
+    if (node->infoFormatType != PPPOE_PLUS_FORMAT_USER_DEFINE) {
+        return;
+    }
+    const size_t len = strnlen(node->userDefineStr, kUdfTextMax);
+    uint32_t hash = 2166136261U;   // FNV-1a
+    for (size_t i = 0; i < len; ++i) {
+        hash = (hash ^ static_cast<unsigned char>(node->userDefineStr[i])) * 16777619U;
+    }
+    const uint32_t slot = hash % kPortUdfSlots;
+    PortUdfSlot &entry = g_portUdf[slot];
+    if (entry.progs[0].dictGen == 0U || std::strncmp(entry.text, node->userDefineStr, kUdfTextMax) != 0) {
+        std::memcpy(entry.text, node->userDefineStr, len);
+        entry.text[len] = '\0';
+        CompileVariants(entry.text, entry.progs);
+    }
+    node->reserved = slot + 1U;
+}
+
 PppoePlusDllHead *ListFor(PortCB *cb, const InfoFormatNode *key)
 {
     if (key->vlanId != 0) {
@@ -245,6 +318,7 @@ uint32_t InsertFormatLocked(PortCB *cb, const InfoFormatNode *cfg)
     node->infoType = cfg->infoType;
     node->infoFormatType = cfg->infoFormatType;
     (void)memcpy_s(node->userDefineStr, sizeof(node->userDefineStr), cfg->userDefineStr, sizeof(cfg->userDefineStr));
+    CompilePortUdfLocked(node);
     PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO,
                          "[PPLUS-CFG] Insert Info Format Node On Interface:vlanId=%u,ceVlanId=%u,infoType=%u,"
                          "infoFormatType=%u,userDefineStr=%s.",
@@ -275,27 +349,6 @@ uint32_t GetPortLocked(uint32_t ifIndex, PortCB **out)
     PortIndexAdd(cb);
     *out = cb;
     return 0;
-}
-
-// The global user-defined formats compiled, per info type (Circuit-ID,
-// Remote-ID) and variant; written with the strings, under the store's lock.
-constexpr uint32_t kUdfVariants = 4U;
-PppoePlusUdfProg g_globalUdfProg[2][kUdfVariants];
-
-void CompileGlobalUdfLocked(uint32_t which)
-{
-    const char *fmt = which == 0U ? g_pppoePlusGlobalInfo.cidUserDefineStr : g_pppoePlusGlobalInfo.ridUserDefineStr;
-    PppoePlusUdfProg *progs = g_globalUdfProg[which];
-    UserInfo probe = {};
-    for (uint32_t v = 0; v < kUdfVariants; ++v) {
-        if (v != 0U && progs[0].anyVariant == 1U) {
-            progs[v].dictGen = 0U;   // the first serves every variant
-            continue;
-        }
-        probe.ulXpi = (v & 1U) != 0U ? 0U : 1U;
-        probe.ulXci = (v & 2U) != 0U ? 0U : 1U;
-        (void)PPPOE_PLUS_UdfCompile(fmt, &probe, &progs[v]);
-    }
 }
 
 uint32_t SaveUdf(char *field, const char *udfStr, const char *failText)
@@ -592,12 +645,19 @@ uint32_t PPPOE_PLUS_SetGlobalRidFormat(uint8_t formatType, const char *udfStr)
 
 const PppoePlusUdfProg *PPPOE_PLUS_GetGlobalUdfProg(uint8_t infoType, const UserInfo *info)
 {
-    for (const PppoePlusUdfProg &prog : g_globalUdfProg[infoType == PPPOE_PLUS_INFO_CID ? 0U : 1U]) {
-        if (PPPOE_PLUS_UdfProgFits(&prog, info) == 1U) {
-            return &prog;
-        }
+    return FittingVariant(g_globalUdfProg[infoType == PPPOE_PLUS_INFO_CID ? 0U : 1U], info);
+}
+
+const PppoePlusUdfProg *PPPOE_PLUS_GetPortUdfProg(const InfoFormatNode *node, const UserInfo *info)
+{
+    if (node == nullptr || node->reserved == 0U || node->reserved > kPortUdfSlots) {
+        return nullptr;
     }
-    return nullptr;
+    const PortUdfSlot &entry = g_portUdf[node->reserved - 1U];
+    if (std::strncmp(entry.text, node->userDefineStr, kUdfTextMax) != 0) {
+        return nullptr;
+    }
+    return FittingVariant(entry.progs, info);
 }
 
 void PPPOE_PLUS_CompileGlobalUdf(void)
@@ -605,6 +665,11 @@ void PPPOE_PLUS_CompileGlobalUdf(void)
     PppoePlusCfgWriteGuard guard(PppoePlusCfgLock());
     CompileGlobalUdfLocked(0U);
     CompileGlobalUdfLocked(1U);
+    for (PortUdfSlot &entry : g_portUdf) {
+        if (entry.progs[0].dictGen != 0U) {
+            CompileVariants(entry.text, entry.progs);
+        }
+    }
 }
 
 uint32_t PPPOE_PLUS_GetVendorId(void)
@@ -720,6 +785,7 @@ uint32_t PPPOE_PLUS_SetPortFormat(const InfoFormatNode *cfg, uint32_t ifIndex, u
         node->infoFormatType = cfg->infoFormatType;
         (void)memcpy_s(node->userDefineStr, sizeof(node->userDefineStr), cfg->userDefineStr,
                        sizeof(cfg->userDefineStr));
+        CompilePortUdfLocked(node);
         return 0;
     }
     if (node != nullptr) {

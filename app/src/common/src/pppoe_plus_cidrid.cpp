@@ -154,6 +154,15 @@ void KeepFormat(FormatChoice *choice, FormatSource source, uint8_t formatType, c
     }
 }
 
+// The compiled form of the format kept, when the store has it.
+void KeepProgram(FormatChoice *choice, const PppoePlusUdfProg *prog)
+{
+    if (prog != nullptr) {
+        PPPOE_PLUS_UdfProgCopy(&choice->prog, prog);
+        choice->progValid = true;
+    }
+}
+
 // The device-wide format of one info type; the caller holds the
 // configuration lock.
 void GlobalFormatLocked(const UserInfo *info, uint8_t infoType, FormatChoice *choice)
@@ -163,11 +172,7 @@ void GlobalFormatLocked(const UserInfo *info, uint8_t infoType, FormatChoice *ch
     } else {
         KeepFormat(choice, FormatSource::Global, PPPOE_PLUS_GetGlobalRidFormat(), PPPOE_PLUS_GetGlobalRidUdfFormat());
     }
-    const PppoePlusUdfProg *prog = choice->udfValid ? PPPOE_PLUS_GetGlobalUdfProg(infoType, info) : nullptr;
-    if (prog != nullptr) {
-        PPPOE_PLUS_UdfProgCopy(&choice->prog, prog);
-        choice->progValid = true;
-    }
+    KeepProgram(choice, choice->udfValid ? PPPOE_PLUS_GetGlobalUdfProg(infoType, info) : nullptr);
 }
 
 // The format that applies to the packet on its port; the device-wide one
@@ -185,6 +190,7 @@ void LookupFormat(const PortCB *cb, const UserInfo *info, uint8_t infoType, Form
                                  ListWord(source), info->IfIndex, node->vlanId, node->ceVlanId, node->infoType,
                                  node->infoFormatType, node->userDefineStr);
             KeepFormat(choice, source, node->infoFormatType, node->userDefineStr);
+            KeepProgram(choice, choice->udfValid ? PPPOE_PLUS_GetPortUdfProg(node, info) : nullptr);
             return;
         }
     }
