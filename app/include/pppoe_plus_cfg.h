@@ -151,6 +151,8 @@ const PppoePlusUdfProg *PPPOE_PLUS_GetGlobalUdfProg(uint8_t infoType, const User
 /* A port node's user-defined format compiled for the variant of info, or
  * null when it is not (or no longer) kept compiled; under the store's lock. */
 const PppoePlusUdfProg *PPPOE_PLUS_GetPortUdfProg(const InfoFormatNode *node, const UserInfo *info);
+/* How many format nodes the ports have, read without the store's lock. */
+uint32_t PPPOE_PLUS_PortFormatCount(void);
 /* Compiles the store's user-defined formats again (the dictionary changed);
  * takes the store's lock exclusively. */
 void PPPOE_PLUS_CompileGlobalUdf(void);

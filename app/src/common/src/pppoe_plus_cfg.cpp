@@ -227,6 +227,8 @@ struct PortUdfSlot {
 };
 
 PppoePlusUdfProg g_globalUdfProg[2][kUdfVariants];
+// The format nodes of all ports, kept by the writers beside the lists.
+std::atomic<uint32_t> g_portFormatNodes{0};
 PortUdfSlot g_portUdf[kPortUdfSlots];
 
 void CompileVariants(const char *fmt, PppoePlusUdfProg *progs)
@@ -324,6 +326,7 @@ uint32_t InsertFormatLocked(PortCB *cb, const InfoFormatNode *cfg)
                          "infoFormatType=%u,userDefineStr=%s.",
                          node->vlanId, node->ceVlanId, node->infoType, node->infoFormatType, node->userDefineStr);
     DllAppend(ListFor(cb, cfg), &node->link);
+    g_portFormatNodes.fetch_add(1U, std::memory_order_release);
     return 0;
 }
 
@@ -557,6 +560,7 @@ void PPPOE_PLUS_InitGlobalCfgData(void)
     PppoePlusCfgWriteGuard guard(PppoePlusCfgLock());
     DllInit(&g.portList);
     PortIndexClear();
+    g_portFormatNodes.store(0U, std::memory_order_release);
     g_portListEpoch.fetch_add(1, std::memory_order_release);
 }
 
@@ -658,6 +662,11 @@ const PppoePlusUdfProg *PPPOE_PLUS_GetPortUdfProg(const InfoFormatNode *node, co
         return nullptr;
     }
     return FittingVariant(entry.progs, info);
+}
+
+uint32_t PPPOE_PLUS_PortFormatCount(void)
+{
+    return g_portFormatNodes.load(std::memory_order_acquire);
 }
 
 void PPPOE_PLUS_CompileGlobalUdf(void)
@@ -794,6 +803,7 @@ uint32_t PPPOE_PLUS_SetPortFormat(const InfoFormatNode *cfg, uint32_t ifIndex, u
                              "infoFormatType=%u",
                              ifIndex, cfg->vlanId, cfg->ceVlanId, cfg->infoFormatType);
         DllRemove(ListFor(cb, cfg), &node->link);
+        g_portFormatNodes.fetch_sub(1U, std::memory_order_release);
         PPPOE_PLUS_MemFree(node);
     }
     return 0;

@@ -179,6 +179,14 @@ void GlobalFormatLocked(const UserInfo *info, uint8_t infoType, FormatChoice *ch
 // when the outer VLAN is 0 or no node matches.
 void LookupFormat(const PortCB *cb, const UserInfo *info, uint8_t infoType, FormatChoice *choice)
 {
+    // With no port format to look for (no outer VLAN, or none on any port)
+    // and a global format without a string, nothing read is under the lock.
+    const uint8_t globalType =
+        infoType == PPPOE_PLUS_INFO_CID ? PPPOE_PLUS_GetGlobalCidFormat() : PPPOE_PLUS_GetGlobalRidFormat();
+    if (globalType != PPPOE_PLUS_FORMAT_USER_DEFINE && (info->ulXpi == 0U || PPPOE_PLUS_PortFormatCount() == 0U)) {
+        KeepFormat(choice, FormatSource::Global, globalType, nullptr);
+        return;
+    }
     PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
     if (info->ulXpi != 0U) {
         FormatSource source = FormatSource::Global;

@@ -296,7 +296,6 @@ uint32_t PPPOE_PLUS_KeyWordWriteDict(uint16_t id, uint16_t fieldSel, uint16_t ke
         auto &ids = g_keywordsByFirst[static_cast<unsigned char>(name[0])];
         ids = static_cast<uint16_t>(ids | (1U << id));
     }
-    g_dictGen.fetch_add(1U, std::memory_order_relaxed);
     entry->keyWordId = id;
     entry->fieldSel = fieldSel;
     entry->keyWordType = keyWordType;
@@ -304,7 +303,8 @@ uint32_t PPPOE_PLUS_KeyWordWriteDict(uint16_t id, uint16_t fieldSel, uint16_t ke
     entry->encode = encode;
     entry->reserved = reserved;
     const auto ret = static_cast<uint32_t>(strcpy_s(entry->name, sizeof(entry->name), name));
-    PPPOE_PLUS_CompileGlobalUdf();   // the global formats read the dictionary when compiled
+    g_dictGen.fetch_add(1U, std::memory_order_relaxed);
+    PPPOE_PLUS_CompileGlobalUdf();   // the store's compiled formats read the dictionary
     return ret;
 }
 
