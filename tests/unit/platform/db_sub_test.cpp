@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -17,14 +18,22 @@ namespace {
 // What one callback saw, read through the table's getters.
 struct Seen {
     uint32_t type = 0;
-    uint32_t newKey = 0xFFFFFFFFU;   // ifIndex or slot of the new record, when there is one
+    uint32_t newKey = 0xFFFFFFFFU;  // ifIndex or slot of the new record, when there is one
     uint32_t oldKey = 0xFFFFFFFFU;
-    uint32_t newValue = 0xFFFFFFFFU; // on_board or Register_status
+    uint32_t newValue = 0xFFFFFFFFU;  // on_board or Register_status
     uint32_t oldValue = 0xFFFFFFFFU;
     uint32_t newValueRet = 0;
     uint32_t oldValueRet = 0;
     void *userCallback = nullptr;
+
+    bool operator==(const Seen &) const = default;
 };
+
+void PrintTo(const Seen &s, std::ostream *os)
+{
+    *os << "{type " << s.type << ", key " << s.newKey << " was " << s.oldKey << ", value " << s.newValue << " (read "
+        << s.newValueRet << ") was " << s.oldValue << " (read " << s.oldValueRet << "), user " << s.userCallback << "}";
+}
 
 std::vector<Seen> g_seen;
 std::vector<DB_OBJ_S *> g_objectsSeen;
@@ -160,18 +169,7 @@ TEST_F(DbSub, WorldWritesArriveInOrderWithTheRecordBeforeAndAfter)
         {DB_CHANGE_CREATE, 3, none, none, none, DB_NO_VALUE, DB_OK, nullptr},
         {DB_CHANGE_UPDATE, 3, 3, 1, none, DB_OK, DB_NO_VALUE, nullptr},
     };
-    ASSERT_EQ(g_seen.size(), expected.size());
-    for (size_t i = 0; i < expected.size(); i++) {
-        SCOPED_TRACE(i);
-        EXPECT_EQ(g_seen[i].type, expected[i].type);
-        EXPECT_EQ(g_seen[i].newKey, expected[i].newKey);
-        EXPECT_EQ(g_seen[i].oldKey, expected[i].oldKey);
-        EXPECT_EQ(g_seen[i].newValue, expected[i].newValue);
-        EXPECT_EQ(g_seen[i].oldValue, expected[i].oldValue);
-        EXPECT_EQ(g_seen[i].newValueRet, expected[i].newValueRet);
-        EXPECT_EQ(g_seen[i].oldValueRet, expected[i].oldValueRet);
-        EXPECT_EQ(g_seen[i].userCallback, expected[i].userCallback);
-    }
+    EXPECT_EQ(g_seen, expected);
     // The change's objects were the library's, gone after the callback.
     uint32_t ifIndex = 0;
     for (DB_OBJ_S *obj : g_objectsSeen) {

@@ -11,10 +11,10 @@
 #include <vector>
 
 #include "ddm.h"
+#include "device/fwm.hpp"
 #include "devm.h"
 #include "mesh.h"
 #include "platform/control.h"
-#include "device/fwm.hpp"
 #include "platform/tirn.hpp"
 #include "pplus_test.hpp"
 #include "rpc.h"
@@ -84,15 +84,25 @@ void OnQuit(TIRN_CONN_HANDLE conn)
     g_quitTid.store(Tid());
 }
 
-// Connects a client "PPPOE_PLUS" to fwm over the server's epoll set.
-TIRN_CONN_HANDLE Connect(const EpollServer &server, TIRN_CLIENT_HANDLE *client)
+// Connection attributes naming the server's epoll set (none when null),
+// the client module initialised.
+TIRN_CONN_ATTR_S Attr(const EpollServer *server)
 {
     TIRN_CLIENT_MODULE_CONFIG_S cfg;
     TIRN_CONN_ATTR_S attr;
     EXPECT_EQ(TIRN_InitClientModuleConfig(&cfg), TIRN_OK);
     EXPECT_EQ(TIRN_ClientModuleInit(&cfg), TIRN_OK);
     EXPECT_EQ(TIRN_InitConnectionAttr(&attr), TIRN_OK);
-    EXPECT_EQ(TIRN_ConnectionAttrSetEpollFd(server.fd(), &attr), TIRN_OK);
+    if (server != nullptr) {
+        EXPECT_EQ(TIRN_ConnectionAttrSetEpollFd(server->fd(), &attr), TIRN_OK);
+    }
+    return attr;
+}
+
+// Connects a client "PPPOE_PLUS" to fwm over the server's epoll set.
+TIRN_CONN_HANDLE Connect(const EpollServer &server, TIRN_CLIENT_HANDLE *client)
+{
+    TIRN_CONN_ATTR_S attr = Attr(&server);
     TIRN_CONN_HANDLE conn = 0;
     EXPECT_EQ(TIRN_Connect(device::fwm::kUri, &attr, &conn), TIRN_OK);
     EXPECT_EQ(TIRN_CreateClient("PPPOE_PLUS", &conn, 0, client), TIRN_OK);
@@ -205,9 +215,7 @@ TEST(TirnFwm, StoppingFwmNotifiesPeerQuitOnTheTaskAndRefusesRequests)
     EXPECT_TRUE(device::fwm::GetState().clients.empty());
 
     // A new connection needs fwm back; then requests flow again.
-    TIRN_CONN_ATTR_S attr;
-    ASSERT_EQ(TIRN_InitConnectionAttr(&attr), TIRN_OK);
-    attr.epollFd = server.fd();
+    TIRN_CONN_ATTR_S attr = Attr(&server);
     TIRN_CONN_HANDLE again = 0;
     EXPECT_EQ(TIRN_Connect(device::fwm::kUri, &attr, &again), TIRN_ERR_NO_PEER);
     ASSERT_TRUE(device::fwm::Start());
@@ -224,11 +232,7 @@ TEST(TirnFwm, InjectedFailuresLeaveNothingOpen)
 {
     EpollServer server;
     ASSERT_TRUE(device::fwm::Start());
-    TIRN_CLIENT_MODULE_CONFIG_S cfg;
-    ASSERT_EQ(TIRN_InitClientModuleConfig(&cfg), TIRN_OK);
-    ASSERT_EQ(TIRN_ClientModuleInit(&cfg), TIRN_OK);
-    TIRN_CONN_ATTR_S attr;
-    ASSERT_EQ(TIRN_InitConnectionAttr(&attr), TIRN_OK);
+    TIRN_CONN_ATTR_S attr = Attr(nullptr);
     TIRN_CONN_HANDLE conn = 0;
     EXPECT_EQ(TIRN_Connect(device::fwm::kUri, &attr, &conn), TIRN_ERR_PARAM);  // no epoll set named
     attr.epollFd = server.fd();
@@ -278,7 +282,7 @@ TEST(TirnServer, BindRegisterAndDestroy)
     ASSERT_EQ(TIRN_ServerBind(a, uri), TIRN_OK);
     EXPECT_EQ(TIRN_ServerBind(b, uri), TIRN_ERR_ADDR_IN_USE);
     EXPECT_EQ(TIRN_ServerBind(b, device::fwm::kUri), TIRN_OK);  // fwm not running: free
-    EXPECT_FALSE(device::fwm::Start());                           // and now taken
+    EXPECT_FALSE(device::fwm::Start());                         // and now taken
     EXPECT_EQ(platform::tirn::BoundServerEpollFd(uri), -1);
     ASSERT_EQ(TIRN_RegisterEpollFd(uri, 3), TIRN_OK);
     EXPECT_EQ(platform::tirn::BoundServerEpollFd(uri), 3);
