@@ -155,6 +155,13 @@ public:
         std::lock_guard<std::mutex> lock(mu);
         change(*this);
     }
+    // What read takes from the callbacks' records, under their lock.
+    template <typename Read>
+    auto Snapshot(Read read)
+    {
+        std::lock_guard<std::mutex> lock(mu);
+        return read(*this);
+    }
     std::vector<Delivery> Changes()
     {
         std::lock_guard<std::mutex> lock(mu);

@@ -329,18 +329,12 @@ TEST_F(DatastoreTest, GetsGoToTheStateSubscriberWithTheirKeys)
     ASSERT_TRUE(reply.ok) << reply.text;
     EXPECT_NE(reply.text.find("<check-result>0</check-result>"), std::string::npos) << reply.text;
     EXPECT_NE(reply.text.find("<user-define-text>%a</user-define-text>"), std::string::npos) << reply.text;
-    {
-        std::lock_guard<std::mutex> lock(subscriber_->mu);
-        ASSERT_EQ(subscriber_->getPaths.size(), 1U);
-        EXPECT_EQ(subscriber_->getPaths[0], asked);
-    }
+    const auto getPaths = [this] { return subscriber_->Snapshot([](Subscriber &s) { return s.getPaths; }); };
+    EXPECT_EQ(getPaths(), std::vector<std::string>{asked});
     // An escaped "]" inside the quoted key does not end it.
     const std::string escaped = check + "[user-define-text='\"[%svlan\\]\"']";
     ASSERT_TRUE(admin_->Get(escaped).ok);
-    {
-        std::lock_guard<std::mutex> lock(subscriber_->mu);
-        EXPECT_EQ(subscriber_->getPaths.back(), escaped);
-    }
+    EXPECT_EQ(getPaths().back(), escaped);
     // A reply that is not even XML comes back as it is.
     subscriber_->With([&](Subscriber &s) { s.getReply = "not xml <"; });
     EXPECT_EQ(admin_->Get(asked).text, "not xml <");
@@ -363,10 +357,8 @@ TEST_F(DatastoreTest, GetsGoToTheStateSubscriberWithTheirKeys)
     const std::string hint = "answered only for a key: ask for " + check + "[user-define-text='...']";
     EXPECT_EQ(admin_->Get(check).text, check + " is " + hint);
     EXPECT_EQ(admin_->Get(kPlus + "/query-format-check").text, check + " is " + hint);
-    {
-        std::lock_guard<std::mutex> lock(subscriber_->mu);
-        EXPECT_EQ(std::count(subscriber_->getPaths.begin(), subscriber_->getPaths.end(), check), 0);
-    }
+    const std::vector<std::string> paths = getPaths();
+    EXPECT_EQ(std::count(paths.begin(), paths.end(), check), 0);
     EXPECT_EQ(admin_->Get(kPlus + "/query-encapsulation").text,
               "no subscriber serves " + kPlus + "/query-encapsulation");
     EXPECT_EQ(admin_->Get("/quendal-pppoe-plus:nothing").text, "unknown path /quendal-pppoe-plus:nothing");
@@ -388,21 +380,15 @@ TEST_F(DatastoreTest, OperationsAreValidatedThenForwarded)
     reply = admin_->Rpc(debugging("<debug-switch>true</debug-switch><debug-type>5</debug-type>"));
     EXPECT_FALSE(reply.ok);
     EXPECT_NE(reply.text.find("debug-type"), std::string::npos) << reply.text;
-    {
-        std::lock_guard<std::mutex> lock(subscriber_->mu);
-        EXPECT_TRUE(subscriber_->rpcInputs.empty());
-    }
+    const auto rpcInputs = [this] { return subscriber_->Snapshot([](Subscriber &s) { return s.rpcInputs; }); };
+    EXPECT_TRUE(rpcInputs().empty());
 
     const std::string input = debugging("<debug-switch>true</debug-switch><debug-type>4</debug-type>");
     reply = admin_->Rpc(input);
     EXPECT_TRUE(reply.ok) << reply.text;
     subscriber_->With([&](Subscriber &s) { s.rpcResult = 1; });
     EXPECT_EQ(admin_->Rpc(input).text, "operation set-debugging refused");
-    {
-        std::lock_guard<std::mutex> lock(subscriber_->mu);
-        ASSERT_EQ(subscriber_->rpcInputs.size(), 2U);
-        EXPECT_EQ(subscriber_->rpcInputs[0], input);
-    }
+    EXPECT_EQ(rpcInputs(), (std::vector<std::string>{input, input}));
     EXPECT_EQ(admin_->Rpc("<reset-statistics xmlns=\"" + kNs + "\"/>").text,
               "no subscriber serves /quendal-pppoe-plus:reset-statistics");
 }
@@ -497,10 +483,9 @@ TEST_F(DatastoreTest, LostDatastoreShowsAsHangUpAndReconnectReplaysWithoutResubs
     StartServer();
     ASSERT_TRUE(WaitFor([this] { return subscriber_->RecoverCount() == 1; }));
     EXPECT_EQ(subscriber_->reconnects, 1);
-    std::vector<Delivery> got = subscriber_->Changes();
-    ASSERT_EQ(got.size(), 1U);
-    EXPECT_EQ(got[0].op, YDBC_OP_CREATE);
-    EXPECT_EQ(got[0].path, PortItem(kGigabit, "trusted-port"));
+    EXPECT_EQ(
+        subscriber_->Changes(),
+        (std::vector<Delivery>{{YDBC_OP_CREATE, PortItem(kGigabit, "trusted-port"), "-", TrustedXml(49, false)}}));
 
     // The subscription works on the new connection too.
     ASSERT_TRUE(admin_->Delete(PortItem(kGigabit, "trusted-port")).ok);
