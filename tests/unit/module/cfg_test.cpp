@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "module_fixture.hpp"
+#include "plat_safe.h"
 #include "platform/control.h"
 #include "platform/world.hpp"
-#include "plat_safe.h"
 #include "pppoe_plus_cfg.h"
 
 using pplus_test::LogCount;
@@ -68,8 +68,8 @@ TEST_F(CfgTest, EnableAndIgnoreReplyRequestOnlyOnChange)
     PPPOE_PLUS_SetIgnoreReply(0);
     PPPOE_PLUS_SetIgnoreReply(2);  // any non-zero value asks for "on"
     EXPECT_EQ(PPPOE_PLUS_GetIgnoreReply(), 2U);
-    EXPECT_TRUE(pplus_test::LogInOrder(PLAT_LOG_DEBUG, {"Set ignore reply cfg. enable:0",
-                                                        "Set ignore reply cfg. enable:1"}) != 0);
+    EXPECT_TRUE(pplus_test::LogInOrder(PLAT_LOG_DEBUG,
+                                       {"Set ignore reply cfg. enable:0", "Set ignore reply cfg. enable:1"}) != 0);
 }
 
 TEST_F(CfgTest, EncapAndGlobalFormats)
@@ -91,31 +91,6 @@ TEST_F(CfgTest, EncapAndGlobalFormats)
     const std::string fits(127, 'y');
     EXPECT_EQ(PPPOE_PLUS_SetGlobalRidFormat(PPPOE_PLUS_FORMAT_USER_DEFINE, fits.c_str()), 0U);
     EXPECT_EQ(std::string(PPPOE_PLUS_GetGlobalRidUdfFormat()), fits);
-}
-
-TEST_F(CfgTest, FormatsGoToTheListOfTheirVlanPair)
-{
-    ASSERT_EQ(SetFormat(Format(10, 20, PPPOE_PLUS_INFO_CID), 7, 1), 0U);
-    ASSERT_EQ(SetFormat(Format(10, 20, PPPOE_PLUS_INFO_RID), 7, 1), 0U);
-    ASSERT_EQ(SetFormat(Format(100, 0, PPPOE_PLUS_INFO_CID), 7, 1), 0U);
-    ASSERT_EQ(SetFormat(Format(0, 100, PPPOE_PLUS_INFO_CID), 7, 1), 0U);
-    ASSERT_EQ(SetFormat(Format(0, 0, PPPOE_PLUS_INFO_RID), 7, 1), 0U);
-    PortCB *cb = PPPOE_PLUS_FindPortCBByindex(7);
-    ASSERT_NE(cb, nullptr);
-    EXPECT_EQ(cb->qinqFormatList.count, 2U);  // Circuit-ID and Remote-ID of one pair: two nodes
-    EXPECT_EQ(cb->vlanFormatList.count, 1U);
-    EXPECT_EQ(cb->ceVlanFormatList.count, 1U);
-    EXPECT_EQ(cb->noVlanFormatList.count, 1U);
-
-    PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
-    const InfoFormatNode ceKey = Format(0, 100, PPPOE_PLUS_INFO_CID);
-    PppoePlusDllHead *list = nullptr;
-    PPPOE_PLUS_FindInfoFormatDLLOnInterfaceByVlan(cb, &ceKey, &list);
-    EXPECT_EQ(list, &cb->ceVlanFormatList);
-    EXPECT_NE(PPPOE_PLUS_FindInfoFormatOnInterface(cb, &ceKey), nullptr);
-    // A lookup never looks into another list.
-    const InfoFormatNode missing = Format(100, 0, PPPOE_PLUS_INFO_RID);
-    EXPECT_EQ(PPPOE_PLUS_FindInfoFormatOnInterface(cb, &missing), nullptr);
 }
 
 TEST_F(CfgTest, ThirtyTwoFormatsPerPortAndUpdatesStillWork)
