@@ -1,13 +1,10 @@
 // The configuration store: global settings, port control blocks, formats.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "module_fixture.hpp"
-#include "plat_safe.h"
 #include "platform/control.h"
 #include "platform/world.hpp"
 #include "pppoe_plus_cfg.h"
@@ -148,55 +145,6 @@ TEST_F(CfgTest, TrustChangesRequestOnlyOnChange)
     EXPECT_EQ(LogCount(PLAT_LOG_DEBUG, "Set Trust port cfg. enable:1 ifIndex:3"), 1U);
     PPPOE_PLUS_SetPortTrust(3, 2);
     EXPECT_EQ(PPPOE_PLUS_FindPortCBByindex(3)->trust.load(), 2U);
-}
-
-// The configuration task churns formats, trust and global strings while the
-// packet task creates blocks, looks formats up and matches trusted ports.
-// Run under ThreadSanitizer this must stay silent.
-TEST_F(CfgTest, ConfigurationChurnBesidePacketLookups)
-{
-    PPPOE_PLUS_UpdateDebugSwitch(4, 0);
-    std::atomic<bool> stop{false};
-    std::thread packets([&stop]() {
-        uint32_t next = 1000;
-        char copy[PPPOE_PLUS_UDF_STR_LEN];
-        while (!stop.load()) {
-            PortCB *cb = nullptr;
-            ASSERT_EQ(PPPOE_PLUS_GetPortCBByIndex(next++ % 1100, &cb), 0U);
-            cb->stats[0].fetch_add(1);
-            PortCB *cfgPort = PPPOE_PLUS_FindPortCBByindex(2);
-            if (cfgPort != nullptr) {
-                PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
-                const InfoFormatNode key = Format(10, 0, PPPOE_PLUS_INFO_CID);
-                const InfoFormatNode *node = PPPOE_PLUS_FindInfoFormatOnInterface(cfgPort, &key);
-                if (node != nullptr) {
-                    (void)strcpy_s(copy, sizeof(copy), node->userDefineStr);
-                }
-                (void)strcpy_s(copy, sizeof(copy), PPPOE_PLUS_GetGlobalCidUdfFormat());
-            }
-            uint32_t ports[8];
-            uint32_t count = 0;
-            PPPOE_PLUS_GetAllMatchTrustPort(ports, 8, &count, 10, 1);
-            if (cfgPort != nullptr) {
-                (void)cfgPort->infoPolicy.load();
-                (void)cfgPort->trust.load();
-            }
-        }
-    });
-    for (int round = 0; round < 300; round++) {
-        const uint32_t port = 1 + round % 4;
-        const InfoFormatNode node =
-            Format(10, 0, PPPOE_PLUS_INFO_CID, PPPOE_PLUS_FORMAT_USER_DEFINE, round % 2 ? "%port" : "%svlan%cvlan");
-        EXPECT_EQ(SetFormat(node, port, 1), 0U);
-        if (round % 3 == 0) {
-            EXPECT_EQ(SetFormat(node, port, 0), 0U);
-        }
-        PPPOE_PLUS_SetPortTrust(port, round % 2);
-        PPPOE_PLUS_SetPortPolicy(port, PPPOE_PLUS_POLICY_KEEP, round % 2);
-        PPPOE_PLUS_SetGlobalCidFormat(PPPOE_PLUS_FORMAT_USER_DEFINE, round % 2 ? "%sysname" : "%mac");
-    }
-    stop = true;
-    packets.join();
 }
 
 TEST_F(CfgTest, TrustedPortsMatchByVlanInListOrderAtMostEight)
