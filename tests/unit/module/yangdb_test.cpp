@@ -368,9 +368,7 @@ TEST_F(YangDbTest, PerInterfaceSettingsUseTheirKeysAndDefaults)
         "<tags-encapsulation-format>user-define</tags-encapsulation-format>";
     EXPECT_EQ(Change(PPPOE_PLUS_FormatIf, Wrap("port-tags-format", format + "<user-define-text>%a</user-define-text>")),
               0U);
-    InfoFormatNode key{};
-    key.vlanId = 100;
-    key.infoType = 1;
+    const InfoFormatNode key = pplus_test::Format(100, 0, PPPOE_PLUS_INFO_CID);
     {
         PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
         const InfoFormatNode *found = PPPOE_PLUS_FindInfoFormatOnInterface(PPPOE_PLUS_FindPortCBByindex(5), &key);
@@ -445,13 +443,11 @@ TEST_F(YangDbTest, QueriesAnswerFromTheLiveState)
     EXPECT_NE(stats.find("<padt-send-packets>0</padt-send-packets><discarded-packets>2</discarded-packets>"),
               std::string::npos)
         << stats;
-    EXPECT_NE(stats.find("<interface-name>GigabitEthernet0/0/2</interface-name>"), std::string::npos);
+    // Port 6's table is the last: 7 is left out.
+    const size_t last = stats.find("<interface-name>GigabitEthernet0/0/2</interface-name>");
+    EXPECT_NE(last, std::string::npos);
+    EXPECT_EQ(stats.find("<query-table>", last), std::string::npos);
     EXPECT_EQ(std::count(stats.begin(), stats.end(), '\n'), 0);
-    size_t tables = 0;
-    for (size_t at = stats.find("<query-table>"); at != std::string::npos; at = stats.find("<query-table>", at + 1)) {
-        tables++;
-    }
-    EXPECT_EQ(tables, 2U);
 
     const std::string format = Query(PPPOE_PLUS_GetFormat);
     EXPECT_NE(format.find("<query-format><encapsulation-format> The current information format :"), std::string::npos)
