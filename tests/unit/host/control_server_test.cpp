@@ -16,6 +16,7 @@
 
 #include "control.hpp"
 #include "control_server.hpp"
+#include "fd_text.hpp"
 #include "pplus_test.hpp"
 
 namespace {
@@ -38,26 +39,6 @@ int Connect(const std::string &path)
         return -1;
     }
     return fd;
-}
-
-// What the server wrote before closing, waiting up to timeout.
-std::string ReadAll(int fd, std::chrono::milliseconds timeout)
-{
-    std::string text;
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        pollfd p = {fd, POLLIN, 0};
-        if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) {
-            return text;
-        }
-        char buf[512];
-        const ssize_t n = read(fd, buf, sizeof(buf));
-        if (n <= 0) {
-            return text;
-        }
-        text.append(buf, static_cast<size_t>(n));
-    }
 }
 
 // A request through the client the CLI uses, and how long it took.
@@ -99,12 +80,12 @@ TEST(ControlServer, ServesAWellBehavedClientWhileOthersHoldConnectionsOrSendHalf
     // The oldest idle clients made room, each told why; the newest wait on.
     size_t closedWithReason = 0;
     for (size_t i = 0; i <= idle.size() - limits.maxConnections; i++) {
-        const std::string said = ReadAll(idle[i], 200ms);
+        const std::string said = pplus_test::ReadAll(idle[i], 200ms);
         closedWithReason += said.find("error: too many connections (8 open)") == 0 ? 1 : 0;
     }
     EXPECT_EQ(closedWithReason, idle.size() - limits.maxConnections + 1);
     // Past the read timeout the half-sent line is refused, not run.
-    EXPECT_EQ(ReadAll(idle.back(), 5000ms), "error: no command line received within 1.5 s\n");
+    EXPECT_EQ(pplus_test::ReadAll(idle.back(), 5000ms), "error: no command line received within 1.5 s\n");
     for (int fd : idle) {
         close(fd);
     }
@@ -134,7 +115,7 @@ TEST(ControlServer, ALongCommandDoesNotHoldUpTheOthersAndStopWaitsForIt)
     EXPECT_EQ(Request(path, "board list", &took).rfind("ok\n", 0), 0U);
     EXPECT_LT(took, 1000ms);
     release = true;
-    EXPECT_EQ(ReadAll(slow, 5000ms), "ok\nreplayed\n");
+    EXPECT_EQ(pplus_test::ReadAll(slow, 5000ms), "ok\nreplayed\n");
     close(slow);
     server.Stop();
     EXPECT_NE(access(path.c_str(), F_OK), 0);
