@@ -13,14 +13,13 @@
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-#include <pcap/pcap.h>
 #include <signal.h>
+#include <nlohmann/json.hpp>
 
 #include <regex>
 
 #include "host_process.hpp"
-#include "pppoe_frame.hpp"
+#include "pcap_file.hpp"
 
 namespace {
 
@@ -44,18 +43,13 @@ protected:
 
     std::vector<std::string> Args(const std::vector<std::string> &more) const
     {
-        std::vector<std::string> args{"--topology",
-                                      kExamples + "/topology.yaml",
-                                      "--in",
-                                      "GigabitEthernet0/0/1=" + kExamples + "/captures/subscribers.pcap",
-                                      "--in",
-                                      "7=" + kExamples + "/captures/subscribers-port3.pcap",
-                                      "--in",
-                                      "XGigabitEthernet0/0/1=" + kExamples + "/captures/servers.pcap",
-                                      "--out",
-                                      "XGigabitEthernet0/0/1=" + (dir_ / "uplink.pcap").string(),
-                                      "--capture-dir",
-                                      (dir_ / "captures").string()};
+        std::vector<std::string> args{
+            "--topology",    kExamples + "/topology.yaml",
+            "--in",          "GigabitEthernet0/0/1=" + kExamples + "/captures/subscribers.pcap",
+            "--in",          "7=" + kExamples + "/captures/subscribers-port3.pcap",
+            "--in",          "XGigabitEthernet0/0/1=" + kExamples + "/captures/servers.pcap",
+            "--out",         "XGigabitEthernet0/0/1=" + (dir_ / "uplink.pcap").string(),
+            "--capture-dir", (dir_ / "captures").string()};
         args.insert(args.end(), more.begin(), more.end());
         return args;
     }
@@ -79,9 +73,9 @@ TEST_F(Replay, FeatureOffSwitchesTheSampleCapturesAndWritesWhatLeftEachPort)
         "<interface><name>XGigabitEthernet0/0/1</name><pppoe-plus-port xmlns=\"urn:quendal:yang:quendal-pppoe-plus\">"
         "<trusted-port><ifindex>49</ifindex><trusted-enable>true</trusted-enable></trusted-port>"
         "</pppoe-plus-port></interface>";
-    const HostRun run = RunHost(Args({"--startup-config",
-                                      WriteConfig("<global-enable><enable>false</enable></global-enable>", trusted,
-                                                  "off.xml")}));
+    const HostRun run =
+        RunHost(Args({"--startup-config",
+                      WriteConfig("<global-enable><enable>false</enable></global-enable>", trusted, "off.xml")}));
     ASSERT_EQ(run.status, 0) << run.output;
     EXPECT_NE(run.output.find("agent configured from the datastore"), std::string::npos) << run.output;
     EXPECT_NE(run.output.find("fwm: feature off"), std::string::npos) << run.output;
@@ -96,26 +90,12 @@ TEST_F(Replay, FeatureOffSwitchesTheSampleCapturesAndWritesWhatLeftEachPort)
     EXPECT_EQ(Frames((dir_ / "captures" / "GigabitEthernet0_0_3.pcap").string()).size(), 1U);
 }
 
-// A capture of frames entering one port, for "world port replay".
-void WriteCapture(const std::string &path, const std::vector<pplus_test::Bytes> &frames)
-{
-    pcap_t *dead = pcap_open_dead(DLT_EN10MB, 65535);
-    pcap_dumper_t *dumper = pcap_dump_open(dead, path.c_str());
-    ASSERT_NE(dumper, nullptr) << path;
-    for (const pplus_test::Bytes &f : frames) {
-        pcap_pkthdr h{};
-        h.caplen = h.len = static_cast<bpf_u_int32>(f.size());
-        pcap_dump(reinterpret_cast<u_char *>(dumper), &h, f.data());
-    }
-    pcap_dump_close(dumper);
-    pcap_close(dead);
-}
-
 TEST_F(Replay, SubscribersShowAfterDiscoveryLeaveWithThePadtAndPolicedFramesAddUp)
 {
     const std::string ds = pplus_e2e::NewDatastoreDir();
     const std::string ctl = ds + "/control.sock";
-    std::vector<std::string> args = Args({"--stay", "--control", ctl, "--startup-config", kExamples + "/pppoe-plus.xml"});
+    std::vector<std::string> args =
+        Args({"--stay", "--control", ctl, "--startup-config", kExamples + "/pppoe-plus.xml"});
     const auto more = pplus_e2e::DatastoreArgs(ds);
     args.insert(args.end(), more.begin(), more.end());
     pplus_e2e::Host host(args);
@@ -148,14 +128,9 @@ TEST_F(Replay, SubscribersShowAfterDiscoveryLeaveWithThePadtAndPolicedFramesAddU
 
     // The concentrator ends the first session: the entry goes.
     const std::string padt = (dir_ / "padt.pcap").string();
-    WriteCapture(padt, {pplus_test::Frame()
-                            .src(pplus_test::kServerMac)
-                            .dst(pplus_test::kSubscriberMac)
-                            .vlan(100)
-                            .session(1)
-                            .padt()
-                            .eol()
-                            .bytes()});
+    pplus_test::Frame padtFrame;
+    padtFrame.src(pplus_test::kServerMac).dst(pplus_test::kSubscriberMac).vlan(100).session(1).padt().eol();
+    ASSERT_TRUE(pplus_test::WriteCapture(padt, {{{}, padtFrame.bytes()}}));
     ASSERT_EQ(cli({"world", "port", "replay", "XGigabitEthernet0/0/1=" + padt}).status, 0);
     shown = cli({"show", "subscribers", "--json"});
     list = nlohmann::json::parse(shown.output);
@@ -166,17 +141,18 @@ TEST_F(Replay, SubscribersShowAfterDiscoveryLeaveWithThePadtAndPolicedFramesAddU
     const HostRun policed = cli({"world", "police", "port", "GigabitEthernet0/0/2", "1", "1"});
     ASSERT_EQ(policed.status, 0) << policed.output;
     EXPECT_EQ(policed.output, "port GigabitEthernet0/0/2 (6) punt policing 1/s burst 1\n");
-    std::vector<pplus_test::Bytes> padis;
+    pplus_test::StampedFrames padis;
     for (uint8_t i = 0; i < 10; i++) {
-        padis.push_back(pplus_test::Frame().src({0x02, 0, 0, 0, 0x66, i}).padi().hostUniq().eol().bytes());
+        padis.push_back({{}, pplus_test::Frame().src({0x02, 0, 0, 0, 0x66, i}).padi().hostUniq().eol().bytes()});
     }
     const std::string flood = (dir_ / "flood.pcap").string();
-    WriteCapture(flood, padis);
+    ASSERT_TRUE(pplus_test::WriteCapture(flood, padis));
     ASSERT_EQ(cli({"world", "port", "replay", "GigabitEthernet0/0/2=" + flood}).status, 0);
     const HostRun ports = cli({"world", "ports"});
     std::smatch m;
-    ASSERT_TRUE(std::regex_search(ports.output, m,
-                                  std::regex(R"(port GigabitEthernet0/0/2 \(6\): rx 10 tx \d+ punted (\d+) dropped 0 policed (\d+))")))
+    ASSERT_TRUE(std::regex_search(
+        ports.output, m,
+        std::regex(R"(port GigabitEthernet0/0/2 \(6\): rx 10 tx \d+ punted (\d+) dropped 0 policed (\d+))")))
         << ports.output;
     EXPECT_EQ(std::stoul(m[1]) + std::stoul(m[2]), 10U) << ports.output;
     EXPECT_GE(std::stoul(m[2]), 5U) << ports.output;
@@ -202,7 +178,8 @@ TEST_F(Replay, BadPortsFilesAndSettingsAreRefusedByName)
         {{"--out", "5=" + (dir_ / "nowhere" / "x.pcap").string()}, "x.pcap: cannot create"},
         {{"--capture-dir", missing}, missing + ": not a folder"},
         {{"--startup-config", WriteConfig("<global-tags-policy><tags-policy>sometimes</tags-policy>"
-                                          "</global-tags-policy>", "", "a.xml")},
+                                          "</global-tags-policy>",
+                                          "", "a.xml")},
          "a.xml: invalid data: Invalid enumeration value \"sometimes\". (at "
          "/quendal-pppoe-plus:pppoe-plus/global-tags-policy/tags-policy)"},
     };

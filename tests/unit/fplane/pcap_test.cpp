@@ -11,6 +11,7 @@
 
 #include "device/fplane.hpp"
 #include "device/world.hpp"
+#include "pcap_file.hpp"
 #include "platform/world.hpp"
 #include "pppoe_frame.hpp"
 
@@ -40,23 +41,11 @@ protected:
     }
     void TearDown() override { fs::remove_all(dir_); }
 
-    // Writes frames with the given timestamps (seconds, microseconds).
-    std::string Write(const std::string &name, const std::vector<std::pair<timeval, Bytes>> &frames,
-                      int linkType = DLT_EN10MB)
+    // A capture in the test's folder; its path.
+    std::string Write(const std::string &name, const pplus_test::StampedFrames &frames, int linkType = DLT_EN10MB)
     {
         const std::string path = (dir_ / name).string();
-        pcap_t *dead = pcap_open_dead(linkType, 65535);
-        pcap_dumper_t *d = pcap_dump_open(dead, path.c_str());
-        EXPECT_NE(d, nullptr);
-        for (const auto &[ts, bytes] : frames) {
-            pcap_pkthdr h{};
-            h.ts = ts;
-            h.caplen = static_cast<bpf_u_int32>(bytes.size());
-            h.len = h.caplen;
-            pcap_dump(reinterpret_cast<u_char *>(d), &h, bytes.data());
-        }
-        pcap_dump_close(d);
-        pcap_close(dead);
+        EXPECT_TRUE(pplus_test::WriteCapture(path, frames, linkType)) << path;
         return path;
     }
 
@@ -80,8 +69,8 @@ TEST_F(PcapTest, SeveralInputsMergeInTimestampOrder)
     for (size_t i = 0; i < merged.size(); i++) {
         const auto parsed = pplus_test::Parse(merged[i].bytes);
         ASSERT_TRUE(parsed && parsed->find(0x0103));
-        EXPECT_EQ(parsed->find(0x0103)->value, Bytes{expected[i].first}) << "position " << i
-                                                                          << " (equal times keep file order)";
+        EXPECT_EQ(parsed->find(0x0103)->value, Bytes{expected[i].first})
+            << "position " << i << " (equal times keep file order)";
         EXPECT_EQ(merged[i].ifIndex, expected[i].second) << "position " << i;
     }
 }
