@@ -3,7 +3,7 @@
 // never meet) and takes it down again, also when it fails. rp-pppoe's client
 // discovers through the switch; what the concentrators and subscribers
 // receive is captured in their namespaces with libpcap; the switch's
-// subscriber table and punt policing are read through pppoe-plus-cli. Needs root, network
+// punt policing is read through pppoe-plus-cli. Needs root, network
 // namespaces and rp-pppoe: a test skips with the reason otherwise.
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -21,8 +21,6 @@
 #include <regex>
 #include <sstream>
 #include <thread>
-
-#include <nlohmann/json.hpp>
 
 #include "host_process.hpp"
 #include "pplus_test.hpp"
@@ -183,8 +181,9 @@ public:
     // lab.sh VERB as a user runs it (no library path of the test's own).
     ProgramRun Script(const std::string &verb)
     {
-        return RunProgram("env", {"-u", "LD_LIBRARY_PATH", "LAB_PREFIX=" + prefix_, "LAB_BUILD=" PPLUS_BUILD_DIR,
-                                  "LAB_DIR=" + dir_, "bash", PPLUS_SOURCE_DIR "/scripts/lab.sh", verb},
+        return RunProgram("env",
+                          {"-u", "LD_LIBRARY_PATH", "LAB_PREFIX=" + prefix_, "LAB_BUILD=" PPLUS_BUILD_DIR,
+                           "LAB_DIR=" + dir_, "bash", PPLUS_SOURCE_DIR "/scripts/lab.sh", verb},
                           180000);
     }
 
@@ -218,26 +217,19 @@ public:
         return text.str();
     }
 
-    size_t Occurrences(const std::string &text) const
+    // Waits until the switch has printed text the given number of times.
+    bool WaitForOutput(const std::string &text, size_t occurrences) const
     {
-        const std::string out = SwitchOutput();
-        size_t n = 0;
-        for (size_t at = out.find(text); at != std::string::npos; at = out.find(text, at + 1)) {
-            n++;
-        }
-        return n;
-    }
-
-    bool WaitForOutput(const std::string &text, size_t occurrences, int timeoutMs = kWaitMs) const
-    {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        while (Occurrences(text) < occurrences) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                return false;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        return true;
+        return pplus_test::WaitFor(
+            [&]() {
+                const std::string out = SwitchOutput();
+                size_t n = 0;
+                for (size_t at = out.find(text); at != std::string::npos; at = out.find(text, at + 1)) {
+                    n++;
+                }
+                return n >= occurrences;
+            },
+            kWaitMs);
     }
 
     bool SwitchRuns() const
@@ -313,7 +305,8 @@ TEST_F(LiveTest, RealClientsDiscoverThroughTheSwitchTaggedTowardsTheServerStripp
         EXPECT_TRUE(trusted.WaitFor([&](const ParsedFrame &f) {
             return Is(f, e.code, e.vlan) && VendorIdOf(f) == kVendorId && f.subOption(1) == e.circuitId &&
                    f.subOption(2) == kRemoteId;
-        })) << "code " << int(e.code) << " VLAN " << e.vlan;
+        })) << "code "
+            << int(e.code) << " VLAN " << e.vlan;
     }
     EXPECT_TRUE(trusted.WaitFor([](const ParsedFrame &f) { return Is(f, kPado, 100); }));
     // Each subscriber: the concentrator's PADO and PADS, untagged, no agent tag.
@@ -350,49 +343,6 @@ TEST_F(LiveTest, TrustedUplinkGoingDownWithdrawsItsAclAndComingUpRestoresIt)
     EXPECT_TRUE(std::regex_search(back.output, kSession)) << back.output;
 }
 
-TEST_F(LiveTest, ConfigurationChangedThroughTheCliAppliesToTheNextDiscovery)
-{
-    Capture trusted(lab_->Name("ac1"), lab_->Name("t1"));
-    ASSERT_EQ(trusted.Error(), "");
-    for (const std::vector<std::string> &change :
-         {std::vector<std::string>{"vendor-id", "2011"},
-          std::vector<std::string>{"format", "cid", "user-define", "\"%sysname/%porttype %slot/%subslot/%port:%svlan\""}}) {
-        const ProgramRun set = lab_->Cli(change);
-        ASSERT_EQ(set.status, 0) << set.output;
-    }
-    const ProgramRun got = lab_->Discover(1);
-    EXPECT_EQ(got.status, 0) << got.output;
-    EXPECT_TRUE(trusted.WaitFor([](const ParsedFrame &f) {
-        return Is(f, kPadi, 100) && VendorIdOf(f) == 2011U &&
-               f.subOption(1) == std::string("AccessSwitch-1/ethernet 0/0/1:100") && f.subOption(2) == kRemoteId;
-    }));
-}
-
-TEST_F(LiveTest, SubscriberTableShowsADiscoveredClientUntilItsPadt)
-{
-    const ProgramRun got = lab_->Discover(1);
-    std::smatch session;
-    ASSERT_TRUE(std::regex_search(got.output, session, std::regex(R"(([1-9]\d*):([0-9a-f:]{17}))"))) << got.output;
-    ProgramRun shown = lab_->Cli({"show", "subscribers", "--json", "--port", "GigabitEthernet0/0/1"});
-    ASSERT_EQ(shown.status, 0) << shown.output;
-    const auto list = nlohmann::json::parse(shown.output);
-    ASSERT_EQ(list.size(), 1U) << shown.output;
-    EXPECT_EQ(list[0]["vlan"], 100);
-    EXPECT_EQ(list[0]["session-id"], std::stoi(session[1])) << shown.output;
-    EXPECT_EQ(list[0]["ac-mac"], std::string(session[2])) << shown.output;
-    EXPECT_EQ(list[0]["circuit-id"], kCircuitIdLine1);
-    EXPECT_EQ(list[0]["remote-id"], kRemoteId);
-    EXPECT_EQ(list[0]["last-code"], "PADS");
-
-    // The subscriber ends its session: its entry goes.
-    const ProgramRun padt = lab_->In("sub1", {"pppoe", "-I", lab_->Name("c1"), "-k", "-e", session[0]});
-    EXPECT_EQ(padt.status, 0) << padt.output;
-    EXPECT_TRUE(pplus_test::WaitFor([&]() {
-        shown = lab_->Cli({"show", "subscribers", "--json"});
-        return shown.status == 0 && shown.output == "[]\n";
-    }, kWaitMs)) << shown.output;
-}
-
 TEST_F(LiveTest, SwitchSurvivesAClientFloodingPadiWhileAnotherDiscovers)
 {
     // Subscriber 2 floods for longer than subscriber 1 needs to discover.
@@ -413,8 +363,9 @@ TEST_F(LiveTest, SwitchSurvivesAClientFloodingPadiWhileAnotherDiscovers)
     // The flood was policed on its own port (100 a second, a burst of 200).
     const ProgramRun ports = lab_->Cli({"world", "ports"});
     std::smatch m;
-    ASSERT_TRUE(std::regex_search(ports.output, m,
-                                  std::regex(R"(port GigabitEthernet0/0/3 \(7\): rx (\d+) tx \d+ punted (\d+) dropped (\d+) policed (\d+))")))
+    ASSERT_TRUE(std::regex_search(
+        ports.output, m,
+        std::regex(R"(port GigabitEthernet0/0/3 \(7\): rx (\d+) tx \d+ punted (\d+) dropped (\d+) policed (\d+))")))
         << ports.output;
     EXPECT_EQ(std::stoull(m[1]), std::stoull(m[2]) + std::stoull(m[3]) + std::stoull(m[4])) << ports.output;
     EXPECT_GT(std::stoull(m[4]), 0U) << ports.output;
@@ -440,15 +391,18 @@ TEST(LiveBindings, HostRefusesBadBindingsWithTheReason)
     };
     const std::string host = PPLUS_BUILD_DIR "/bin/pppoe-plus-switch";
     const Row rows[] = {
-        {"one netdev for two ports", {host, "--netdev", "GigabitEthernet0/0/1=lo", "--netdev", "GigabitEthernet0/0/2=lo"},
+        {"one netdev for two ports",
+         {host, "--netdev", "GigabitEthernet0/0/1=lo", "--netdev", "GigabitEthernet0/0/2=lo"},
          "netdev lo is bound to two ports: port GigabitEthernet0/0/1 (netdev lo) and port GigabitEthernet0/0/2"},
-        {"a trunk's own interface", {host, "--netdev", "Eth-Trunk1=lo"},
+        {"a trunk's own interface",
+         {host, "--netdev", "Eth-Trunk1=lo"},
          "port Eth-Trunk1 is a trunk's interface and carries no frames of its own"},
         {"no such port", {host, "--netdev", "GigabitEthernet9/9/9=lo"}, "unknown port GigabitEthernet9/9/9"},
-        {"no interface can have the name", {host, "--netdev", "GigabitEthernet0/0/1=no/such"},
+        {"no interface can have the name",
+         {host, "--netdev", "GigabitEthernet0/0/1=no/such"},
          "not a Linux interface name"},
-        {"without root", {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", host, "--netdev",
-                          "GigabitEthernet0/0/1=lo"},
+        {"without root",
+         {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", host, "--netdev", "GigabitEthernet0/0/1=lo"},
          "packet sockets need CAP_NET_RAW: run pppoe-plus-switch as root"},
     };
     for (const Row &row : rows) {
