@@ -464,38 +464,11 @@ TEST_F(PlaneTest, AgentFramesLeaveThroughTheNamedPort)
     EXPECT_EQ(plane_->Counters(77).dropped, 1U);
     EXPECT_EQ(plane_->Counters(6).dropped, 1U);
     EXPECT_EQ(ports_.Pending(10) + ports_.Pending(6), 0U);
-}
 
-TEST_F(PlaneTest, RoundTripThroughAStandInAgentAndPromptStop)
-{
-    // The stand-in relays every punted frame to the uplink, as the agent
-    // does for a PADI.
-    SetFeature(true);
-    std::atomic<bool> stop{false};
-    std::thread agent([&stop]() {
-        while (!stop.load()) {
-            const auto punt = TakePunt(20);
-            if (punt) {
-                SendFromAgent(49, punt->frame);
-            }
-        }
-    });
-    for (int i = 0; i < 50; i++) {
-        plane_->Receive(i % 2 == 0 ? 5 : 7, Frame().padi().eol().bytes());
-    }
-    ASSERT_TRUE(plane_->WaitIdle(50ms, 5000ms));
-    stop.store(true);
-    agent.join();
-    EXPECT_EQ(ports_.Pending(49), 50U);
-    EXPECT_EQ(plane_->Counters(5).punted + plane_->Counters(7).punted, 50U);
-    EXPECT_EQ(plane_->Counters(49).tx, 50U);
-    const auto first = ports_.Take(49, 0ms);
-    ASSERT_TRUE(first);
-    EXPECT_EQ(Vlans(*first), std::vector<uint16_t>{100});
-
+    // The transmit thread stops promptly, leaving no frame buffer behind.
     const auto t0 = std::chrono::steady_clock::now();
     plane_.reset();
-    EXPECT_LT(std::chrono::steady_clock::now() - t0, 500ms) << "the transmit thread stops promptly";
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, 500ms);
     EXPECT_EQ(WICK_MbufOutstanding(), 0U);
 }
 
