@@ -33,26 +33,24 @@ struct Decoded {
 
 std::ostream &operator<<(std::ostream &os, const Decoded &d)
 {
-    return os << d.src << "|" << d.vlan << "|" << d.code << "|" << d.hostUniq << "|" << d.vendorId << "|"
-              << d.circuitId << "|" << d.remoteId;
+    return os << d.src << "|" << d.vlan << "|" << d.code << "|" << d.hostUniq << "|" << d.vendorId << "|" << d.circuitId
+              << "|" << d.remoteId;
 }
 
-std::string Tshark()
-{
-    for (const char *path : {"/usr/bin/tshark", "/usr/local/bin/tshark"}) {
-        if (access(path, X_OK) == 0) {
-            return path;
-        }
-    }
-    return {};
-}
+const std::string kTshark = "/usr/bin/tshark";
 
-std::vector<Decoded> Decode(const std::string &tshark, const fs::path &capture)
+std::vector<Decoded> Decode(const fs::path &capture)
 {
-    const pplus_e2e::ProgramRun run = pplus_e2e::RunProgram(
-        tshark, {"-r", capture.string(), "-T", "fields", "-E", "separator=|", "-e", "eth.src", "-e", "vlan.id", "-e",
-                 "pppoe.code", "-e", "pppoed.tags.host_uniq", "-e", "pppoed.tags.vendor_id", "-e",
-                 "pppoed.tags.circuit_id", "-e", "pppoed.tags.remote_id"});
+    const pplus_e2e::ProgramRun run = pplus_e2e::RunProgram(kTshark, {"-r", capture.string(),
+                                                                      "-T", "fields",
+                                                                      "-E", "separator=|",
+                                                                      "-e", "eth.src",
+                                                                      "-e", "vlan.id",
+                                                                      "-e", "pppoe.code",
+                                                                      "-e", "pppoed.tags.host_uniq",
+                                                                      "-e", "pppoed.tags.vendor_id",
+                                                                      "-e", "pppoed.tags.circuit_id",
+                                                                      "-e", "pppoed.tags.remote_id"});
     EXPECT_EQ(run.status, 0) << run.output;
     std::vector<Decoded> frames;
     std::istringstream lines(run.output);
@@ -75,19 +73,19 @@ std::vector<Decoded> Decode(const std::string &tshark, const fs::path &capture)
 
 TEST(Interop, TsharkSeesTheTagInsertedTowardsTheServerAndStrippedTowardsTheSubscriber)
 {
-    const std::string tshark = Tshark();
-    ASSERT_FALSE(tshark.empty()) << "tshark is needed (Debian package tshark; scripts/install-deps.sh installs it)";
+    ASSERT_EQ(access(kTshark.c_str(), X_OK), 0)
+        << "tshark is needed (Debian package tshark; scripts/install-deps.sh installs it)";
     const fs::path dir = fs::temp_directory_path() / ("pplus-interop-" + std::to_string(getpid()));
     fs::remove_all(dir);
     fs::create_directories(dir / "captures");
 
-    const pplus_e2e::ProgramRun host = pplus_e2e::RunHost(
-        {"--topology", kExamples + "/topology.yaml", "--in",
-         "GigabitEthernet0/0/1=" + kExamples + "/captures/subscribers.pcap", "--in",
-         "GigabitEthernet0/0/3=" + kExamples + "/captures/subscribers-port3.pcap", "--in",
-         "XGigabitEthernet0/0/1=" + kExamples + "/captures/servers.pcap", "--out",
-         "XGigabitEthernet0/0/1=" + (dir / "uplink.pcap").string(), "--capture-dir", (dir / "captures").string(),
-         "--startup-config", kExamples + "/pppoe-plus.xml"});
+    const pplus_e2e::ProgramRun host =
+        pplus_e2e::RunHost({"--topology", kExamples + "/topology.yaml", "--in",
+                            "GigabitEthernet0/0/1=" + kExamples + "/captures/subscribers.pcap", "--in",
+                            "GigabitEthernet0/0/3=" + kExamples + "/captures/subscribers-port3.pcap", "--in",
+                            "XGigabitEthernet0/0/1=" + kExamples + "/captures/servers.pcap", "--out",
+                            "XGigabitEthernet0/0/1=" + (dir / "uplink.pcap").string(), "--capture-dir",
+                            (dir / "captures").string(), "--startup-config", kExamples + "/pppoe-plus.xml"});
     ASSERT_EQ(host.status, 0) << host.output;
     EXPECT_NE(host.output.find("0 frame buffer(s) outstanding"), std::string::npos) << host.output;
     EXPECT_NE(host.output.find("fwm: feature on"), std::string::npos) << host.output;
@@ -110,7 +108,7 @@ TEST(Interop, TsharkSeesTheTagInsertedTowardsTheServerAndStrippedTowardsTheSubsc
 
     // Towards the server, tagged with the subscriber's VLAN: PADI, PADI,
     // PADR, each carrying the tag built for the port it entered.
-    const std::vector<Decoded> uplink = Decode(tshark, dir / "uplink.pcap");
+    const std::vector<Decoded> uplink = Decode(dir / "uplink.pcap");
     const std::vector<Decoded> expectedUplink{
         {kSub1, "100", "0x09", kUniq1, "3561", kCid1, kRid},
         {kSub2, "101", "0x09", kUniq2, "3561", kCid3, kRid},
@@ -121,18 +119,18 @@ TEST(Interop, TsharkSeesTheTagInsertedTowardsTheServerAndStrippedTowardsTheSubsc
     // Towards the subscribers, untagged out of the access ports: the
     // server's PADO and PADS lose the tag the switch had put there, and
     // keep everything else.
-    const std::vector<Decoded> port1 = Decode(tshark, dir / "captures" / "GigabitEthernet0_0_1.pcap");
+    const std::vector<Decoded> port1 = Decode(dir / "captures" / "GigabitEthernet0_0_1.pcap");
     const std::vector<Decoded> expectedPort1{
         {kServer, "", "0x07", kUniq1, "", "", ""},
         {kServer, "", "0x65", kUniq1, "", "", ""},
     };
     EXPECT_EQ(port1, expectedPort1);
-    const std::vector<Decoded> port3 = Decode(tshark, dir / "captures" / "GigabitEthernet0_0_3.pcap");
+    const std::vector<Decoded> port3 = Decode(dir / "captures" / "GigabitEthernet0_0_3.pcap");
     const std::vector<Decoded> expectedPort3{{kServer, "", "0x07", kUniq2, "", "", ""}};
     EXPECT_EQ(port3, expectedPort3);
 
     // The replayed server frames did carry the tag: the strip is the agent's.
-    const std::vector<Decoded> servers = Decode(tshark, kExamples + "/captures/servers.pcap");
+    const std::vector<Decoded> servers = Decode(kExamples + "/captures/servers.pcap");
     ASSERT_EQ(servers.size(), 3U);
     EXPECT_EQ(servers[0].circuitId, kCid1);
     fs::remove_all(dir);
