@@ -2,22 +2,15 @@
 // brings up the lab (scripts/lab.sh, with a prefix of its own so that runs
 // never meet) and takes it down again, also when it fails. rp-pppoe's client
 // discovers through the switch; what the concentrators and subscribers
-// receive is captured in their namespaces with libpcap; the switch's
+// receive is captured in their namespaces with dumpcap; the switch's
 // punt policing is read through pppoe-plus-cli. Needs root, network
 // namespaces and rp-pppoe: a test skips with the reason otherwise.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <pcap/pcap.h>
-#include <poll.h>
-#include <sched.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <condition_variable>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <mutex>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -51,9 +44,9 @@ std::string WhyNoLab()
     if (geteuid() != 0) {
         return "the lab needs root (network namespaces, packet sockets)";
     }
-    for (const char *program : {"/usr/sbin/pppoe", "/usr/sbin/pppoe-server"}) {
+    for (const char *program : {"/usr/sbin/pppoe", "/usr/sbin/pppoe-server", "/usr/bin/dumpcap"}) {
         if (access(program, X_OK) != 0) {
-            return std::string("the lab needs rp-pppoe (") + program + "): bash scripts/install-deps.sh --lab";
+            return std::string("the lab needs ") + program + ": bash scripts/install-deps.sh --lab";
         }
     }
     if (RunProgram("ip", {"netns", "list"}).status != 0) {
@@ -61,94 +54,6 @@ std::string WhyNoLab()
     }
     return "";
 }
-
-// The PPPoE discovery frames seen on a netdev of a namespace, from the
-// moment the capture is ready.
-class Capture {
-public:
-    Capture(const std::string &ns, const std::string &netdev)
-    {
-        thread_ = std::thread([this, ns, netdev]() { Run(ns, netdev); });
-        std::unique_lock lock(mu_);
-        cv_.wait(lock, [this]() { return started_; });
-    }
-    ~Capture()
-    {
-        stop_ = true;
-        thread_.join();
-    }
-    Capture(const Capture &) = delete;
-    Capture &operator=(const Capture &) = delete;
-
-    const std::string &Error() const { return error_; }
-
-    std::vector<ParsedFrame> Frames()
-    {
-        std::lock_guard lock(mu_);
-        return frames_;
-    }
-
-    // Waits until some frame satisfies pred.
-    bool WaitFor(const std::function<bool(const ParsedFrame &)> &pred, int timeoutMs = kWaitMs)
-    {
-        std::unique_lock lock(mu_);
-        return cv_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                            [&]() { return std::any_of(frames_.begin(), frames_.end(), pred); });
-    }
-
-private:
-    void Run(const std::string &ns, const std::string &netdev)
-    {
-        char err[PCAP_ERRBUF_SIZE] = {};
-        pcap_t *p = nullptr;
-        const int fd = open(("/run/netns/" + ns).c_str(), O_RDONLY | O_CLOEXEC);
-        bpf_program filter = {};
-        if (fd < 0 || setns(fd, CLONE_NEWNET) != 0) {
-            error_ = "cannot enter namespace " + ns;
-        } else if ((p = pcap_create(netdev.c_str(), err)) == nullptr || pcap_set_promisc(p, 1) != 0 ||
-                   pcap_set_immediate_mode(p, 1) != 0 || pcap_activate(p) < 0 ||
-                   pcap_compile(p, &filter, "pppoed or (vlan and pppoed)", 1, PCAP_NETMASK_UNKNOWN) != 0 ||
-                   pcap_setfilter(p, &filter) != 0 || pcap_setnonblock(p, 1, err) != 0) {
-            error_ = "cannot capture on " + netdev + " in " + ns + ": " + (p ? pcap_geterr(p) : err);
-        }
-        pcap_freecode(&filter);
-        if (fd >= 0) {
-            close(fd);
-        }
-        {
-            std::lock_guard lock(mu_);
-            started_ = true;
-        }
-        cv_.notify_all();
-        while (error_.empty() && !stop_) {
-            pollfd pfd = {pcap_get_selectable_fd(p), POLLIN, 0};
-            if (poll(&pfd, 1, 100) > 0) {
-                (void)pcap_dispatch(p, -1, &Capture::Got, reinterpret_cast<u_char *>(this));
-            }
-        }
-        if (p != nullptr) {
-            pcap_close(p);
-        }
-    }
-
-    static void Got(u_char *self, const pcap_pkthdr *h, const u_char *bytes)
-    {
-        auto *c = reinterpret_cast<Capture *>(self);
-        if (auto parsed = pplus_test::Parse(pplus_test::Bytes(bytes, bytes + h->caplen))) {
-            std::lock_guard lock(c->mu_);
-            c->frames_.push_back(std::move(*parsed));
-        }
-        c->cv_.notify_all();
-    }
-
-    std::thread thread_;
-    std::atomic<bool> stop_{false};
-    std::mutex mu_;
-    std::condition_variable cv_;
-    bool started_ = false;
-    std::string error_;
-    std::vector<ParsedFrame> frames_;
-};
 
 bool Is(const ParsedFrame &f, uint8_t code, uint16_t vlan)
 {
@@ -188,6 +93,7 @@ public:
     }
 
     std::string Name(const std::string &role) const { return prefix_ + "-" + role; }
+    const std::string &Dir() const { return dir_; }
 
     ProgramRun In(const std::string &ns, std::vector<std::string> args, int timeoutMs = kWaitMs)
     {
@@ -257,6 +163,65 @@ private:
     std::string dir_;
 };
 
+// The PPPoE discovery frames dumpcap records on a netdev of a namespace of
+// the lab, from the moment it reports capturing.
+class Capture {
+public:
+    Capture(const Lab &lab, const std::string &ns, const std::string &netdev)
+        : file_(lab.Dir() + "/" + netdev + ".pcap")
+    {
+        std::tie(pid_, out_) =
+            pplus_e2e::Spawn("ip", {"netns", "exec", lab.Name(ns), "dumpcap", "-P", "-i", lab.Name(netdev), "-f",
+                                    "pppoed or (vlan and pppoed)", "-w", file_});
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
+        while (output_.find("Capturing on") == std::string::npos &&
+               pplus_e2e::ReadSome(out_, &output_, pplus_e2e::MsLeft(deadline))) {
+        }
+    }
+    ~Capture()
+    {
+        kill(pid_, SIGTERM);
+        (void)pplus_e2e::Reap(pid_);
+        close(out_);
+    }
+    Capture(const Capture &) = delete;
+    Capture &operator=(const Capture &) = delete;
+
+    // What dumpcap said when it did not start; empty once it captures.
+    std::string Error() const
+    {
+        return output_.find("Capturing on") == std::string::npos ? "dumpcap did not start: " + output_ : "";
+    }
+
+    std::vector<ParsedFrame> Frames() const
+    {
+        std::vector<ParsedFrame> frames;
+        for (const std::string &raw : pplus_e2e::Frames(file_)) {
+            if (auto parsed = pplus_test::Parse(pplus_test::Bytes(raw.begin(), raw.end()))) {
+                frames.push_back(std::move(*parsed));
+            }
+        }
+        return frames;
+    }
+
+    // Waits until some frame satisfies pred.
+    bool WaitFor(const std::function<bool(const ParsedFrame &)> &pred) const
+    {
+        return pplus_test::WaitFor(
+            [&]() {
+                const auto frames = Frames();
+                return std::any_of(frames.begin(), frames.end(), pred);
+            },
+            kWaitMs);
+    }
+
+private:
+    std::string file_;
+    pid_t pid_ = -1;
+    int out_ = -1;
+    std::string output_;
+};
+
 class LiveTest : public testing::Test {
 protected:
     void SetUp() override
@@ -279,10 +244,10 @@ const std::regex kSession(R"((^|\n)[1-9]\d*:[0-9a-f]{2}(:[0-9a-f]{2}){5}\s*(\n|$
 
 TEST_F(LiveTest, RealClientsDiscoverThroughTheSwitchTaggedTowardsTheServerStrippedTowardsThem)
 {
-    Capture trusted(lab_->Name("ac1"), lab_->Name("t1"));
-    Capture untrusted(lab_->Name("ac2"), lab_->Name("t2"));
-    Capture sub1(lab_->Name("sub1"), lab_->Name("c1"));
-    Capture sub2(lab_->Name("sub2"), lab_->Name("c3"));
+    Capture trusted(*lab_, "ac1", "t1");
+    Capture untrusted(*lab_, "ac2", "t2");
+    Capture sub1(*lab_, "sub1", "c1");
+    Capture sub2(*lab_, "sub2", "c3");
     for (Capture *c : {&trusted, &untrusted, &sub1, &sub2}) {
         ASSERT_EQ(c->Error(), "");
     }
