@@ -128,18 +128,12 @@ class Netconf(unittest.TestCase):
             ("a value outside its enumeration", plus('<global-tags-policy><tags-policy>sometimes</tags-policy>'
                                                      '</global-tags-policy>'),
              "invalid-value", "/quendal-pppoe-plus:pppoe-plus/global-tags-policy/tags-policy"),
-            ("a format string too long", plus('<global-tags-format><rid-user-define-text>%s</rid-user-define-text>'
-                                              '</global-tags-format>' % ("x" * 128)),
-             "invalid-value", "rid-user-define-text"),
             ("deleting what is not there", plus('<global-ignore-policy nc:operation="delete"/>'), "data-missing",
              "/quendal-pppoe-plus:pppoe-plus/global-ignore-policy"),
             ("creating what is there", port("XGigabitEthernet0/0/1", '<trusted-port nc:operation="create">'
                                                                     '<ifindex>49</ifindex></trusted-port>'),
              "data-exists", "trusted-port"),
             ("a node the model lacks", plus("<colour>blue</colour>"), "unknown-element", None),
-            ("a trusted port without its index", port("GigabitEthernet0/0/3", "<trusted-port><trusted-enable>true"
-                                                                             "</trusted-enable></trusted-port>"),
-             "data-missing", "ifindex"),
         ]
         for why, edit, tag, path in rows:
             with self.subTest(why):
@@ -206,11 +200,6 @@ class Netconf(unittest.TestCase):
         anywhere = self.m.get(filter=("xpath", ({"p": PLUS_NS}, "//p:query-policy/p:ignore-reply")))
         self.assertEqual(texts(anywhere, "//pp:ignore-reply"), ["1"])
         self.assertEqual(texts(anywhere, "//pp:policy"), [])
-
-        check = self.m.get(filter=("subtree", plus(
-            '<query-format-check><query-format-check-list><user-define-text>"line-%sysname"</user-define-text>'
-            "</query-format-check-list></query-format-check>")))
-        self.assertEqual(texts(check, "//pp:check-result"), ["0"])
 
         self.m.dispatch(etree.fromstring('<set-debugging xmlns="%s"><debug-switch>true</debug-switch>'
                                          '<debug-type>4</debug-type></set-debugging>' % PLUS_NS))
