@@ -127,10 +127,14 @@ inline ProgramRun RunHost(std::vector<std::string> args, int timeoutMs = 60000)
     return RunProgram(PPLUS_BUILD_DIR "/bin/pppoe-plus-switch", WithPrivateDatastore(std::move(args)), timeoutMs);
 }
 
-// pppoe-plus-cli run to its end: exit code, standard output and error.
-inline ProgramRun Cli(std::vector<std::string> args)
+// pppoe-plus-cli run to its end: exit code, standard output and error. With
+// dir, against the host whose sockets are dir's "yangdb.sock" and "control.sock".
+inline ProgramRun Cli(std::vector<std::string> args, const std::string &dir = "")
 {
-    return RunProgram(PPLUS_BUILD_DIR "/bin/pppoe-plus-cli", std::move(args), 20000);
+    if (!dir.empty()) {
+        args.insert(args.begin(), {"--socket", dir + "/yangdb.sock", "--control", dir + "/control.sock"});
+    }
+    return RunProgram(PPLUS_BUILD_DIR "/bin/pppoe-plus-cli", std::move(args), 30000);
 }
 
 // The frames of a capture, as text (Circuit-IDs are printable); none when

@@ -109,11 +109,7 @@ public:
         return In(n == 1 ? "sub1" : "sub2", args, 60000);
     }
 
-    ProgramRun Cli(std::vector<std::string> args)
-    {
-        args.insert(args.begin(), {"--socket", dir_ + "/yangdb.sock", "--control", dir_ + "/control.sock"});
-        return RunProgram(PPLUS_BUILD_DIR "/bin/pppoe-plus-cli", std::move(args), kWaitMs);
-    }
+    ProgramRun Cli(std::vector<std::string> args) const { return pplus_e2e::Cli(std::move(args), dir_); }
 
     std::string SwitchOutput() const
     {

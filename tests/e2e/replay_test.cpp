@@ -57,17 +57,13 @@ protected:
 TEST_F(Replay, SubscribersShowAfterDiscoveryLeaveWithThePadtAndPolicedFramesAddUp)
 {
     const std::string ds = pplus_e2e::NewDatastoreDir();
-    const std::string ctl = ds + "/control.sock";
     std::vector<std::string> args =
-        Args({"--stay", "--control", ctl, "--startup-config", kExamples + "/pppoe-plus.xml"});
+        Args({"--stay", "--control", ds + "/control.sock", "--startup-config", kExamples + "/pppoe-plus.xml"});
     const auto more = pplus_e2e::DatastoreArgs(ds);
     args.insert(args.end(), more.begin(), more.end());
     pplus_e2e::Host host(args);
     ASSERT_TRUE(host.WaitForOutput("pppoe-plus-switch: fwm:", 60000)) << host.Output();
-    const auto cli = [&](std::vector<std::string> words) {
-        words.insert(words.begin(), {"--socket", ds + "/yangdb.sock", "--control", ctl});
-        return pplus_e2e::Cli(words);
-    };
+    const auto cli = [&ds](std::vector<std::string> words) { return pplus_e2e::Cli(std::move(words), ds); };
 
     // Both sample subscribers, with what the agent inserted for each.
     HostRun shown = cli({"show", "subscribers", "--json"});
