@@ -41,10 +41,13 @@ static_assert(sizeof(BlockHead) == 32, "what a user hands out starts 32 bytes in
 // their block size), so each thread remembers the ones it looked up last:
 // the same few objects are checked many times a frame.
 struct KnownBlocks {
-    static constexpr size_t kSlots = 64;
+    // Enough slots that the few dozen objects and buffers a frame checks
+    // seldom share one (a shared slot makes both look-ups slow ones).
+    static constexpr unsigned kSlotBits = 9;
+    static constexpr size_t kSlots = size_t{1} << kSlotBits;
     static size_t SlotOf(const void *p)
     {
-        return static_cast<size_t>((reinterpret_cast<uintptr_t>(p) * 0x9E3779B97F4A7C15ULL) >> 58U);
+        return static_cast<size_t>((reinterpret_cast<uintptr_t>(p) * 0x9E3779B97F4A7C15ULL) >> (64U - kSlotBits));
     }
     std::array<const void *, kSlots> address{};
     std::array<void *, kSlots> block{};
