@@ -70,10 +70,29 @@ struct IM_AGENT_HANDLE {
 struct IM_AGENT_OBJ {
     std::atomic<uint32_t> state{0};   // kLive while handed out
     const platform::im::LogId *logId = nullptr;
-    // The first STRING parameter, the one the line shows; it keeps its
-    // storage when the record is reused. Other parameters are checked only.
+    // The first STRING parameter, the one the line shows: a short one in
+    // the record itself, a longer one in longText (which keeps its storage
+    // when the record is reused). Other parameters are checked only.
+    static constexpr size_t kShortText = 160;
     bool hasText = false;
-    std::string text;
+    uint32_t textSize = 0;
+    std::array<char, kShortText> shortText;
+    std::string longText;
+
+    void SetText(const char *value, uint32_t size)
+    {
+        if (size <= kShortText) {
+            std::memcpy(shortText.data(), value, size);
+        } else {
+            longText.assign(value, size);
+        }
+        textSize = size;
+        hasText = true;
+    }
+    std::string_view Text() const
+    {
+        return textSize <= kShortText ? std::string_view(shortText.data(), textSize) : std::string_view(longText);
+    }
 };
 
 namespace {
@@ -323,7 +342,7 @@ IM_AGENT_OBJ_S *IM_Agent_ObjCreate(IM_AGENT_HANDLE_S *handle, uint32_t logId)
     IM_AGENT_OBJ *obj = TakeRecord();
     obj->logId = id;
     obj->hasText = false;
-    obj->text.clear();
+    obj->textSize = 0;
     obj->state.store(kLive, std::memory_order_release);
     return obj;
 }
@@ -359,8 +378,7 @@ uint32_t IM_Agent_AddPara(IM_AGENT_OBJ_S *obj, uint32_t type, uint32_t size, con
         return kImErr;
     }
     if (type == IM_AGENT_PARA_STRING && !obj->hasText) {
-        obj->text.assign(static_cast<const char *>(value), size);
-        obj->hasText = true;
+        obj->SetText(static_cast<const char *>(value), size);
     }
     return kImOk;
 }
@@ -375,7 +393,7 @@ uint32_t IM_Agent_Send(IM_AGENT_OBJ_S *obj)
     }
     // Queued even when the sink drops it for want of room: that loss is the
     // sink's to count and report.
-    (void)platform::internal::LogRecord(PLAT_LOG_DIAG, RenderDiag, obj->logId, obj->hasText ? 1U : 0U, obj->text);
+    (void)platform::internal::LogRecord(PLAT_LOG_DIAG, RenderDiag, obj->logId, obj->hasText ? 1U : 0U, obj->Text());
     return kImOk;
 }
 

@@ -53,6 +53,17 @@ TEST(ImAgent, RecordsRenderTheFirstStringIntoTheDescription)
     EXPECT_EQ(IM_Agent_ObjFree(obj), 0U);
     EXPECT_NE(IM_Agent_ObjFree(obj), 0U);  // freed twice: refused
     EXPECT_NE(IM_Agent_Send(obj), 0U);
+
+    // Texts of every length show whole, and a reused record shows its own.
+    for (const size_t length : {159U, 160U, 161U, 700U, 3U}) {
+        const std::string text(length, static_cast<char>('a' + length % 26));
+        obj = IM_Agent_ObjCreate(h, 0x101);
+        ASSERT_NE(obj, nullptr);
+        EXPECT_EQ(IM_Agent_AddPara(obj, IM_AGENT_PARA_STRING, static_cast<uint32_t>(length), text.c_str()), 0U);
+        EXPECT_EQ(IM_Agent_Send(obj), 0U);
+        EXPECT_EQ(LastLine(), "MOD_LOG_ID_PORT Port " + text + " changed.") << length;
+        EXPECT_EQ(IM_Agent_ObjFree(obj), 0U);
+    }
 }
 
 TEST(ImAgent, DebugLinesDropTheVsidDirective)
