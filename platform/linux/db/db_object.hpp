@@ -226,6 +226,30 @@ private:
         if (&out == &rows_) {
             wholeSerial_ = 0;
         }
+        if (source_ != nullptr && match_ && serial_ != nullptr && &out == &rows_) {
+            // A key of several fields: the matching rows are picked from a
+            // copy of the whole table kept while its version is (the serial
+            // read first, as above), so an unchanged table costs no visit
+            // of the world.
+            const uint64_t serial = serial_();
+            if (tableSerial_ != serial) {
+                source_(Match{}, table_);
+                tableSerial_ = serial;
+            }
+            size_t kept = 0;
+            for (const Row &row : table_) {
+                if (match_(row)) {
+                    if (kept < out.size()) {
+                        out[kept] = row;
+                    } else {
+                        out.push_back(row);
+                    }
+                    kept++;
+                }
+            }
+            out.resize(kept);
+            return;
+        }
         if (source_ != nullptr) {
             if (keyField_ != nullptr) {
                 const auto field = keyField_;
@@ -292,6 +316,9 @@ private:
     mutable uint32_t Row::*filledField_ = nullptr;
     mutable uint32_t filledKey_ = 0;
     mutable uint64_t wholeSerial_ = 0;   // the same for a read of the whole table
+    // The whole table as of tableSerial_, for reads keyed by several fields.
+    mutable std::vector<Row> table_;
+    mutable uint64_t tableSerial_ = 0;
     Match match_;
     uint32_t Row::*keyField_ = nullptr;
     uint32_t keyValue_ = 0;

@@ -295,6 +295,24 @@ TEST(DbTables, ReadsSeeEveryWriteWhateverTheyReadBefore)
     }
     EXPECT_TRUE(platform::world::IfRemove(5));
     EXPECT_EQ(NameOf(5), "");
+
+    // The same for a key of several fields (access isolation).
+    const auto isolated = [](uint32_t src, uint32_t dst) {
+        DB_OBJ_S *obj = nullptr;
+        EXPECT_EQ(db_create_access_isolate_obj(&obj), DB_OK);
+        EXPECT_EQ(db_set_access_isolate_key(obj, src, 0, dst), DB_OK);
+        const uint32_t ret = db_read_access_isolate_obj(obj);
+        EXPECT_EQ(db_release_access_isolate_obj(obj), DB_OK);
+        return ret == DB_OK;
+    };
+    for (int round = 0; round < 3; round++) {
+        EXPECT_FALSE(isolated(5, 7));
+        platform::world::AccessIsolatePut({5, 0, 7});
+        EXPECT_TRUE(isolated(5, 7));
+        EXPECT_FALSE(isolated(7, 5));
+        EXPECT_TRUE(platform::world::AccessIsolateRemove({5, 0, 7}));
+    }
+    EXPECT_FALSE(isolated(5, 7));
     platform::world::SetSysName("Renamed");
     EXPECT_EQ(SysName(32), std::make_tuple(DB_OK, std::string("Renamed"), 7U));
 
