@@ -169,7 +169,8 @@ thread_local ThreadObjectsGuard t_objectsGuard;
 
 // A live object of the table: a waiting one of this thread's, else made.
 // Null when memory is out or the table is unknown.
-DB_OBJ *TakeObject(uint32_t table, std::unique_ptr<DB_OBJ, void (*)(DB_OBJ *)> (*make)(uint32_t))
+inline __attribute__((always_inline)) DB_OBJ *TakeObject(uint32_t table,
+                                                         std::unique_ptr<DB_OBJ, void (*)(DB_OBJ *)> (*make)(uint32_t))
 {
     IdleList &idle = ThreadIdle().idle[SlotOf(table)];
     DB_OBJ *obj = nullptr;

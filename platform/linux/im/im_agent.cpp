@@ -150,7 +150,7 @@ Agent &TheAgent()
     return platform::internal::Leaky<Agent>();
 }
 
-bool KnownHandle(const IM_AGENT_HANDLE *handle)
+inline __attribute__((always_inline)) bool KnownHandle(const IM_AGENT_HANDLE *handle)
 {
     if (handle == nullptr) {
         return false;
@@ -164,7 +164,8 @@ bool KnownHandle(const IM_AGENT_HANDLE *handle)
 }
 
 // obj is one of the records made here (its memory is never read otherwise).
-bool KnownRecord(const IM_AGENT_OBJ *obj)
+// The checks are inlined: every call on a record or handle makes one.
+inline __attribute__((always_inline)) bool KnownRecord(const IM_AGENT_OBJ *obj)
 {
     const auto at = reinterpret_cast<uintptr_t>(obj);
     for (const IM_AGENT_OBJ *start : TheAgent().chunkStarts.Load()) {
@@ -176,7 +177,7 @@ bool KnownRecord(const IM_AGENT_OBJ *obj)
     return false;
 }
 
-bool IsLive(const IM_AGENT_OBJ *obj)
+inline __attribute__((always_inline)) bool IsLive(const IM_AGENT_OBJ *obj)
 {
     return obj != nullptr && KnownRecord(obj) && obj->state.load(std::memory_order_acquire) == kLive;
 }
