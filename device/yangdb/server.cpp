@@ -244,12 +244,12 @@ struct Server::Impl {
 
 Server::Impl::~Impl()
 {
+    // Stop listening before dropping anyone: a client that sees its connection
+    // end and reconnects at once must be refused, not parked in the backlog of
+    // a socket that is about to close under it.
     {
         std::lock_guard<std::mutex> lock(mu);
         stopping = true;
-        for (const ConnectionPtr &conn : conns) {
-            conn->io->Shutdown();
-        }
     }
     cv.notify_all();
     if (stopPipe[1] >= 0) {
@@ -259,6 +259,18 @@ Server::Impl::~Impl()
     if (acceptor.joinable()) {
         acceptor.join();
     }
+    if (listenFd >= 0) {
+        ::unlink(options.socketPath.c_str());
+        ::close(listenFd);
+        listenFd = -1;
+    }
+    {
+        std::lock_guard<std::mutex> lock(mu);
+        for (const ConnectionPtr &conn : conns) {
+            conn->io->Shutdown();
+        }
+    }
+    cv.notify_all();
     if (worker.joinable()) {
         worker.join();
     }
@@ -271,10 +283,6 @@ Server::Impl::~Impl()
     for (const ConnectionPtr &conn : left) {
         conn->io.reset();
         ::close(conn->fd);
-    }
-    if (listenFd >= 0) {
-        ::close(listenFd);
-        ::unlink(options.socketPath.c_str());
     }
     for (int fd : stopPipe) {
         if (fd >= 0) {

@@ -24,35 +24,24 @@ const std::string kExamples = PPLUS_SOURCE_DIR "/examples";
 
 class Datastore : public testing::Test {
 protected:
-    void SetUp() override
-    {
-        dir_ = pplus_e2e::NewDatastoreDir();
-        ctl_ = dir_ + "/control.sock";
-    }
-
     std::vector<std::string> HostArgs(std::vector<std::string> more) const
     {
         std::vector<std::string> args = pplus_e2e::DatastoreArgs(dir_);
-        args.insert(args.end(), {"--control", ctl_});
+        args.insert(args.end(), {"--control", dir_ + "/control.sock"});
         args.insert(args.end(), more.begin(), more.end());
         return args;
     }
 
-    ProgramRun Run(std::vector<std::string> args) const
-    {
-        args.insert(args.begin(), {"--socket", dir_ + "/yangdb.sock", "--control", ctl_});
-        return Cli(args);
-    }
+    ProgramRun Run(std::vector<std::string> args) const { return Cli(std::move(args), dir_); }
 
-    std::string dir_;
-    std::string ctl_;
+    const std::string dir_ = pplus_e2e::NewDatastoreDir();
 };
 
 TEST_F(Datastore, FormatChangedWithTheCliWhileFramesFlowChangesTheNextRelayedFrame)
 {
     const std::string uplink = dir_ + "/uplink.pcap";
-    Host host(HostArgs({"--startup-config", kExamples + "/pppoe-plus.xml", "--out",
-                        "XGigabitEthernet0/0/1=" + uplink}));
+    Host host(
+        HostArgs({"--startup-config", kExamples + "/pppoe-plus.xml", "--out", "XGigabitEthernet0/0/1=" + uplink}));
     ASSERT_TRUE(host.WaitForOutput("pppoe-plus-switch: control socket", 30000)) << host.Output();
     ASSERT_NE(host.Output().find("agent configured from the datastore"), std::string::npos) << host.Output();
 

@@ -9,17 +9,22 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <tuple>
 #include <utility>
 #include <vector>
 
+#include "fd_text.hpp"
+
 namespace pplus_e2e {
+
+using pplus_test::MsLeft;
+using pplus_test::ReadSome;
 
 struct ProgramRun {
     int status = -1;  // exit code, or 128 + signal
@@ -60,6 +65,14 @@ inline std::pair<pid_t, int> Spawn(const std::string &exe, std::vector<std::stri
     return {pid, fds[0]};
 }
 
+// Waits for pid's end: its exit code, or 128 + the signal that ended it.
+inline int Reap(pid_t pid)
+{
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
 // Runs exe with args to its end (killed after timeoutMs) and collects its
 // standard output and error.
 inline ProgramRun RunProgram(const std::string &exe, std::vector<std::string> args, int timeoutMs = 60000)
@@ -70,25 +83,13 @@ inline ProgramRun RunProgram(const std::string &exe, std::vector<std::string> ar
         return run;
     }
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    for (;;) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        pollfd p{out, POLLIN, 0};
-        if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) {
-            kill(pid, SIGKILL);
-            break;
-        }
-        char buf[4096];
-        const ssize_t n = read(out, buf, sizeof(buf));
-        if (n <= 0) {
-            break;
-        }
-        run.output.append(buf, static_cast<size_t>(n));
+    while (ReadSome(out, &run.output, MsLeft(deadline))) {
+    }
+    if (MsLeft(deadline) == 0) {
+        kill(pid, SIGKILL);
     }
     close(out);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    run.status = Reap(pid);
     return run;
 }
 
@@ -126,10 +127,14 @@ inline ProgramRun RunHost(std::vector<std::string> args, int timeoutMs = 60000)
     return RunProgram(PPLUS_BUILD_DIR "/bin/pppoe-plus-switch", WithPrivateDatastore(std::move(args)), timeoutMs);
 }
 
-// pppoe-plus-cli run to its end: exit code, standard output and error.
-inline ProgramRun Cli(std::vector<std::string> args)
+// pppoe-plus-cli run to its end: exit code, standard output and error. With
+// dir, against the host whose sockets are dir's "yangdb.sock" and "control.sock".
+inline ProgramRun Cli(std::vector<std::string> args, const std::string &dir = "")
 {
-    return RunProgram(PPLUS_BUILD_DIR "/bin/pppoe-plus-cli", std::move(args), 20000);
+    if (!dir.empty()) {
+        args.insert(args.begin(), {"--socket", dir + "/yangdb.sock", "--control", dir + "/control.sock"});
+    }
+    return RunProgram(PPLUS_BUILD_DIR "/bin/pppoe-plus-cli", std::move(args), 30000);
 }
 
 // The frames of a capture, as text (Circuit-IDs are printable); none when
@@ -174,9 +179,7 @@ public:
     {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
         while (output_.find(text, from) == std::string::npos) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now());
-            if (left.count() <= 0 || !ReadSome(static_cast<int>(left.count()))) {
+            if (!ReadSome(out_, &output_, MsLeft(deadline))) {
                 return false;
             }
         }
@@ -191,32 +194,15 @@ public:
 
     int Wait()
     {
-        while (ReadSome(10000)) {
+        while (ReadSome(out_, &output_, 10000)) {
         }
-        int status = 0;
-        waitpid(pid_, &status, 0);
         exited_ = true;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        return Reap(pid_);
     }
 
     const std::string &Output() const { return output_; }
 
 private:
-    bool ReadSome(int timeoutMs)
-    {
-        pollfd p = {out_, POLLIN, 0};
-        if (poll(&p, 1, timeoutMs) <= 0) {
-            return false;
-        }
-        char buf[4096];
-        const ssize_t n = read(out_, buf, sizeof(buf));
-        if (n <= 0) {
-            return false;
-        }
-        output_.append(buf, static_cast<size_t>(n));
-        return true;
-    }
-
     pid_t pid_ = -1;
     int out_ = -1;
     bool exited_ = false;

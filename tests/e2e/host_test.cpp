@@ -25,7 +25,6 @@ TEST(Host, StartsTheAgentReportsReadyAndStopsOnSigterm)
     EXPECT_NE(host.Output().find("DEVM_DB is ready. mainId= 1, selfId = 1.."), std::string::npos);
     EXPECT_EQ(host.Stop(SIGTERM), 0) << host.Output();
     EXPECT_NE(host.Output().find("[syslog] <6> [PPPoE_PLUS] Main exit"), std::string::npos);
-    EXPECT_NE(host.Output().find("frame buffer(s) outstanding"), std::string::npos);
     EXPECT_NE(host.Output().find("0 frame buffer(s) outstanding"), std::string::npos);
 }
 
@@ -35,18 +34,6 @@ TEST(Host, TopologyPathIsRelativeToWhereTheHostStarted)
     // command line still names the file the user meant.
     Host host({"--topology", "examples/topology.yaml", "--run-for", "1"}, PPLUS_SOURCE_DIR);
     ASSERT_TRUE(host.WaitForOutput("agent ready", 20000)) << host.Output();
-    EXPECT_EQ(host.Wait(), 0) << host.Output();
-}
-
-TEST(Host, ReadinessWaitsForTheDeviceDatabase)
-{
-    // The device database answers only after 300 ms; delays run 100x faster.
-    Host host({"--devm-delay-ms", "300", "--time-scale", "10", "--run-for", "1"});
-    ASSERT_TRUE(host.WaitForOutput("agent ready", 20000)) << host.Output();
-    const size_t notReady = host.Output().find("[PPPOEPLUS_FRAME]MainBoardId is not ready.ret=");
-    const size_t ready = host.Output().find("DEVM_DB is ready.");
-    EXPECT_NE(notReady, std::string::npos) << host.Output();
-    EXPECT_LT(notReady, ready);
     EXPECT_EQ(host.Wait(), 0) << host.Output();
 }
 
@@ -64,10 +51,14 @@ TEST(Host, BadTopologyIsRefusedWithAClearError)
     unlink(path);
 }
 
-TEST(Host, AgentAttachesToTheForwardingManagerAtStartUp)
+TEST(Host, ReadinessWaitsForTheDeviceDatabaseAndTheAgentAttachesToTheForwardingManager)
 {
-    Host host({"--run-for", "1", "--time-scale", "10"});
+    // The device database answers only after 300 ms; delays run 100x faster.
+    Host host({"--devm-delay-ms", "300", "--time-scale", "10", "--run-for", "1"});
     ASSERT_TRUE(host.WaitForOutput("agent ready", 20000)) << host.Output();
+    const size_t notReady = host.Output().find("[PPPOEPLUS_FRAME]MainBoardId is not ready.ret=");
+    EXPECT_NE(notReady, std::string::npos) << host.Output();
+    EXPECT_LT(notReady, host.Output().find("DEVM_DB is ready."));
     const size_t attached = host.Output().find("[platform] [fwm] client PPPOE_PLUS attached");
     EXPECT_NE(attached, std::string::npos) << host.Output();
     EXPECT_LT(attached, host.Output().find("agent ready"));

@@ -3,7 +3,6 @@
 // it at once with the exit report, and paced replays follow their rate or
 // the capture's own timing.
 #include <gtest/gtest.h>
-#include <pcap/pcap.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -14,7 +13,7 @@
 #include <vector>
 
 #include "host_process.hpp"
-#include "pppoe_frame.hpp"
+#include "pcap_file.hpp"
 
 namespace {
 
@@ -23,23 +22,16 @@ using namespace std::chrono_literals;
 using pplus_e2e::Host;
 
 // count PADIs from distinct source MACs, 1 ms apart.
-void WriteStorm(const std::string &path, unsigned count)
+bool WriteStorm(const std::string &path, unsigned count)
 {
-    pcap_t *dead = pcap_open_dead(DLT_EN10MB, 65535);
-    pcap_dumper_t *dumper = pcap_dump_open(dead, path.c_str());
-    ASSERT_NE(dumper, nullptr);
+    pplus_test::StampedFrames frames;
     for (unsigned i = 0; i < count; i++) {
-        const pplus_test::Mac mac{0x02, 0x5a, 0, static_cast<uint8_t>(i >> 16), static_cast<uint8_t>(i >> 8),
-                                  static_cast<uint8_t>(i)};
-        const pplus_test::Bytes frame = pplus_test::Frame().src(mac).padi().serviceName().bytes();
-        pcap_pkthdr hdr{};
-        hdr.ts.tv_sec = static_cast<time_t>(i / 1000);
-        hdr.ts.tv_usec = static_cast<suseconds_t>(i % 1000) * 1000;
-        hdr.caplen = hdr.len = static_cast<bpf_u_int32>(frame.size());
-        pcap_dump(reinterpret_cast<u_char *>(dumper), &hdr, frame.data());
+        const pplus_test::Mac mac{
+            0x02, 0x5a, 0, static_cast<uint8_t>(i >> 16), static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)};
+        const timeval ts{static_cast<time_t>(i / 1000), static_cast<suseconds_t>(i % 1000) * 1000};
+        frames.push_back({ts, pplus_test::Frame().src(mac).padi().serviceName().bytes()});
     }
-    pcap_dump_close(dumper);
-    pcap_close(dead);
+    return pplus_test::WriteCapture(path, frames);
 }
 
 // The seconds and rate of the host's "replayed N frame(s) in S s (R frames/s)".
@@ -80,7 +72,7 @@ protected:
 TEST_F(ReplayPace, LongReplayRunsAtChannelSpeedAnswersTheCliAndStopsOnSigterm)
 {
     const std::string storm = (dir_ / "storm.pcap").string();
-    WriteStorm(storm, 20000);
+    ASSERT_TRUE(WriteStorm(storm, 20000));
     const std::string ctl = (dir_ / "ctl.sock").string();
     Host host({"--quiet", "--control", ctl, "--startup-config", PPLUS_SOURCE_DIR "/examples/pppoe-plus.xml", "--in",
                "GigabitEthernet0/0/1=" + storm, "--loop", "0"});
@@ -110,7 +102,7 @@ TEST_F(ReplayPace, LongReplayRunsAtChannelSpeedAnswersTheCliAndStopsOnSigterm)
 TEST_F(ReplayPace, PacedReplaysFollowTheirRateOrTheCapturesOwnTiming)
 {
     const std::string storm = (dir_ / "storm.pcap").string();
-    WriteStorm(storm, 100);  // 99 ms of capture time
+    ASSERT_TRUE(WriteStorm(storm, 100));  // 99 ms of capture time
     struct Row {
         const char *why;
         std::vector<std::string> pace;

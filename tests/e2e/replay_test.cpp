@@ -1,10 +1,8 @@
-// The host replaying the sample captures into its ports with the feature off:
-// it configures the agent from its datastore, replays, prints a per-port
-// summary, writes what left the ports and exits 0; bad ports, files and
-// settings are refused by name. The same replay with the agent on is checked
-// frame by frame in interop_test.cpp; here it fills the plane's subscriber
-// table, which the CLI shows, and a port replayed into while the switch runs
-// shows its policed frames.
+// The host replaying the sample captures into its ports: bad ports, files and
+// settings are refused by name. The replay's frames are checked frame by
+// frame in interop_test.cpp; here it fills the plane's subscriber table,
+// which the CLI shows, and a port replayed into while the switch runs shows
+// its policed frames.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -13,14 +11,13 @@
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-#include <pcap/pcap.h>
 #include <signal.h>
+#include <nlohmann/json.hpp>
 
 #include <regex>
 
 #include "host_process.hpp"
-#include "pppoe_frame.hpp"
+#include "pcap_file.hpp"
 
 namespace {
 
@@ -29,7 +26,6 @@ namespace fs = std::filesystem;
 const std::string kExamples = PPLUS_SOURCE_DIR "/examples";
 
 using HostRun = pplus_e2e::ProgramRun;
-using pplus_e2e::Frames;
 using pplus_e2e::RunHost;
 
 class Replay : public testing::Test {
@@ -44,102 +40,47 @@ protected:
 
     std::vector<std::string> Args(const std::vector<std::string> &more) const
     {
-        std::vector<std::string> args{"--topology",
-                                      kExamples + "/topology.yaml",
-                                      "--in",
-                                      "GigabitEthernet0/0/1=" + kExamples + "/captures/subscribers.pcap",
-                                      "--in",
-                                      "7=" + kExamples + "/captures/subscribers-port3.pcap",
-                                      "--in",
-                                      "XGigabitEthernet0/0/1=" + kExamples + "/captures/servers.pcap",
-                                      "--out",
-                                      "XGigabitEthernet0/0/1=" + (dir_ / "uplink.pcap").string(),
-                                      "--capture-dir",
-                                      (dir_ / "captures").string()};
+        std::vector<std::string> args{
+            "--topology",    kExamples + "/topology.yaml",
+            "--in",          "GigabitEthernet0/0/1=" + kExamples + "/captures/subscribers.pcap",
+            "--in",          "7=" + kExamples + "/captures/subscribers-port3.pcap",
+            "--in",          "XGigabitEthernet0/0/1=" + kExamples + "/captures/servers.pcap",
+            "--out",         "XGigabitEthernet0/0/1=" + (dir_ / "uplink.pcap").string(),
+            "--capture-dir", (dir_ / "captures").string()};
         args.insert(args.end(), more.begin(), more.end());
         return args;
-    }
-
-    // A startup configuration: the agent's settings, then the interfaces'.
-    std::string WriteConfig(const std::string &agent, const std::string &ports, const std::string &name) const
-    {
-        const std::string path = (dir_ / name).string();
-        std::ofstream(path) << "<pppoe-plus xmlns=\"urn:quendal:yang:quendal-pppoe-plus\">" << agent
-                            << "</pppoe-plus><ifm xmlns=\"urn:quendal:yang:quendal-ifm\"><interfaces>" << ports
-                            << "</interfaces></ifm>";
-        return path;
     }
 
     fs::path dir_;
 };
 
-TEST_F(Replay, FeatureOffSwitchesTheSampleCapturesAndWritesWhatLeftEachPort)
-{
-    const std::string trusted =
-        "<interface><name>XGigabitEthernet0/0/1</name><pppoe-plus-port xmlns=\"urn:quendal:yang:quendal-pppoe-plus\">"
-        "<trusted-port><ifindex>49</ifindex><trusted-enable>true</trusted-enable></trusted-port>"
-        "</pppoe-plus-port></interface>";
-    const HostRun run = RunHost(Args({"--startup-config",
-                                      WriteConfig("<global-enable><enable>false</enable></global-enable>", trusted,
-                                                  "off.xml")}));
-    ASSERT_EQ(run.status, 0) << run.output;
-    EXPECT_NE(run.output.find("agent configured from the datastore"), std::string::npos) << run.output;
-    EXPECT_NE(run.output.find("fwm: feature off"), std::string::npos) << run.output;
-    // Switched: the PADIs flood to the uplink, the PADR goes to the learnt
-    // server; PADO and PADS reach the first subscriber, a PADO the second.
-    EXPECT_NE(run.output.find("port GigabitEthernet0/0/1 (5): rx 2 tx 2 punted 0 dropped 0"), std::string::npos)
-        << run.output;
-    EXPECT_NE(run.output.find("port XGigabitEthernet0/0/1 (49): rx 3 tx 3 punted 0 dropped 0"), std::string::npos)
-        << run.output;
-    EXPECT_EQ(Frames((dir_ / "uplink.pcap").string()).size(), 3U);
-    EXPECT_EQ(Frames((dir_ / "captures" / "GigabitEthernet0_0_1.pcap").string()).size(), 2U);
-    EXPECT_EQ(Frames((dir_ / "captures" / "GigabitEthernet0_0_3.pcap").string()).size(), 1U);
-}
-
-// A capture of frames entering one port, for "world port replay".
-void WriteCapture(const std::string &path, const std::vector<pplus_test::Bytes> &frames)
-{
-    pcap_t *dead = pcap_open_dead(DLT_EN10MB, 65535);
-    pcap_dumper_t *dumper = pcap_dump_open(dead, path.c_str());
-    ASSERT_NE(dumper, nullptr) << path;
-    for (const pplus_test::Bytes &f : frames) {
-        pcap_pkthdr h{};
-        h.caplen = h.len = static_cast<bpf_u_int32>(f.size());
-        pcap_dump(reinterpret_cast<u_char *>(dumper), &h, f.data());
-    }
-    pcap_dump_close(dumper);
-    pcap_close(dead);
-}
-
 TEST_F(Replay, SubscribersShowAfterDiscoveryLeaveWithThePadtAndPolicedFramesAddUp)
 {
     const std::string ds = pplus_e2e::NewDatastoreDir();
-    const std::string ctl = ds + "/control.sock";
-    std::vector<std::string> args = Args({"--stay", "--control", ctl, "--startup-config", kExamples + "/pppoe-plus.xml"});
+    std::vector<std::string> args =
+        Args({"--stay", "--control", ds + "/control.sock", "--startup-config", kExamples + "/pppoe-plus.xml"});
     const auto more = pplus_e2e::DatastoreArgs(ds);
     args.insert(args.end(), more.begin(), more.end());
     pplus_e2e::Host host(args);
     ASSERT_TRUE(host.WaitForOutput("pppoe-plus-switch: fwm:", 60000)) << host.Output();
-    const auto cli = [&](std::vector<std::string> words) {
-        words.insert(words.begin(), {"--socket", ds + "/yangdb.sock", "--control", ctl});
-        return pplus_e2e::Cli(words);
-    };
+    const auto cli = [&ds](std::vector<std::string> words) { return pplus_e2e::Cli(std::move(words), ds); };
 
-    // Both sample subscribers, with what the agent inserted for each.
+    // Both sample subscribers, with what the agent inserted for each; the
+    // second has its offer and no session yet.
     HostRun shown = cli({"show", "subscribers", "--json"});
     ASSERT_EQ(shown.status, 0) << shown.output;
     auto list = nlohmann::json::parse(shown.output);
-    ASSERT_EQ(list.size(), 2U) << shown.output;
-    EXPECT_EQ(list[0]["mac"], "02:00:00:00:00:01");
-    EXPECT_EQ(list[0]["port"], "GigabitEthernet0/0/1");
-    EXPECT_EQ(list[0]["vlan"], 100);
-    EXPECT_EQ(list[0]["ac-mac"], "02:00:00:00:00:aa");
-    EXPECT_EQ(list[0]["session-id"], 1);
-    EXPECT_EQ(list[0]["circuit-id"], "eth 0/0/1:100.0 AccessSwitch-1/0/0/0/0/0");
-    EXPECT_EQ(list[0]["remote-id"], "00e0-fc12-3456");
-    EXPECT_EQ(list[0]["last-code"], "PADS");
-    EXPECT_EQ(list[1]["port"], "GigabitEthernet0/0/3");
-    EXPECT_TRUE(list[1]["session-id"].is_null());
+    for (auto &entry : list) {
+        entry.erase("started");
+        entry.erase("last-seen");
+    }
+    EXPECT_EQ(list, nlohmann::json::parse(R"([
+        {"mac": "02:00:00:00:00:01", "port": "GigabitEthernet0/0/1", "ifindex": 5, "vlan": 100, "inner-vlan": null,
+         "ac-mac": "02:00:00:00:00:aa", "session-id": 1, "circuit-id": "eth 0/0/1:100.0 AccessSwitch-1/0/0/0/0/0",
+         "remote-id": "00e0-fc12-3456", "last-code": "PADS"},
+        {"mac": "02:00:00:00:00:02", "port": "GigabitEthernet0/0/3", "ifindex": 7, "vlan": 101, "inner-vlan": null,
+         "ac-mac": "02:00:00:00:00:aa", "session-id": null, "circuit-id": "eth 0/0/3:101.0 AccessSwitch-1/0/0/0/0/0",
+         "remote-id": "00e0-fc12-3456", "last-code": "PADO"}])"));
     shown = cli({"show", "subscribers", "--port", "GigabitEthernet0/0/3"});
     ASSERT_EQ(shown.status, 0) << shown.output;
     EXPECT_EQ(shown.output.find("02:00:00:00:00:01"), std::string::npos) << shown.output;
@@ -148,14 +89,9 @@ TEST_F(Replay, SubscribersShowAfterDiscoveryLeaveWithThePadtAndPolicedFramesAddU
 
     // The concentrator ends the first session: the entry goes.
     const std::string padt = (dir_ / "padt.pcap").string();
-    WriteCapture(padt, {pplus_test::Frame()
-                            .src(pplus_test::kServerMac)
-                            .dst(pplus_test::kSubscriberMac)
-                            .vlan(100)
-                            .session(1)
-                            .padt()
-                            .eol()
-                            .bytes()});
+    pplus_test::Frame padtFrame;
+    padtFrame.src(pplus_test::kServerMac).dst(pplus_test::kSubscriberMac).vlan(100).session(1).padt().eol();
+    ASSERT_TRUE(pplus_test::WriteCapture(padt, {{{}, padtFrame.bytes()}}));
     ASSERT_EQ(cli({"world", "port", "replay", "XGigabitEthernet0/0/1=" + padt}).status, 0);
     shown = cli({"show", "subscribers", "--json"});
     list = nlohmann::json::parse(shown.output);
@@ -166,17 +102,18 @@ TEST_F(Replay, SubscribersShowAfterDiscoveryLeaveWithThePadtAndPolicedFramesAddU
     const HostRun policed = cli({"world", "police", "port", "GigabitEthernet0/0/2", "1", "1"});
     ASSERT_EQ(policed.status, 0) << policed.output;
     EXPECT_EQ(policed.output, "port GigabitEthernet0/0/2 (6) punt policing 1/s burst 1\n");
-    std::vector<pplus_test::Bytes> padis;
+    pplus_test::StampedFrames padis;
     for (uint8_t i = 0; i < 10; i++) {
-        padis.push_back(pplus_test::Frame().src({0x02, 0, 0, 0, 0x66, i}).padi().hostUniq().eol().bytes());
+        padis.push_back({{}, pplus_test::Frame().src({0x02, 0, 0, 0, 0x66, i}).padi().hostUniq().eol().bytes()});
     }
     const std::string flood = (dir_ / "flood.pcap").string();
-    WriteCapture(flood, padis);
+    ASSERT_TRUE(pplus_test::WriteCapture(flood, padis));
     ASSERT_EQ(cli({"world", "port", "replay", "GigabitEthernet0/0/2=" + flood}).status, 0);
     const HostRun ports = cli({"world", "ports"});
     std::smatch m;
-    ASSERT_TRUE(std::regex_search(ports.output, m,
-                                  std::regex(R"(port GigabitEthernet0/0/2 \(6\): rx 10 tx \d+ punted (\d+) dropped 0 policed (\d+))")))
+    ASSERT_TRUE(std::regex_search(
+        ports.output, m,
+        std::regex(R"(port GigabitEthernet0/0/2 \(6\): rx 10 tx \d+ punted (\d+) dropped 0 policed (\d+))")))
         << ports.output;
     EXPECT_EQ(std::stoul(m[1]) + std::stoul(m[2]), 10U) << ports.output;
     EXPECT_GE(std::stoul(m[2]), 5U) << ports.output;
@@ -195,14 +132,16 @@ TEST_F(Replay, BadPortsFilesAndSettingsAreRefusedByName)
         std::string message;
     };
     const std::string missing = (dir_ / "missing.pcap").string();
+    const std::string badConfig = (dir_ / "a.xml").string();
+    std::ofstream(badConfig) << "<pppoe-plus xmlns=\"urn:quendal:yang:quendal-pppoe-plus\"><global-tags-policy>"
+                                "<tags-policy>sometimes</tags-policy></global-tags-policy></pppoe-plus>";
     const std::vector<Row> rows{
         {{"--in", "GigabitEthernet9/9/9=" + missing}, "--in GigabitEthernet9/9/9=" + missing + ": unknown port"},
         {{"--in", "GigabitEthernet0/0/1"}, "--in GigabitEthernet0/0/1: expected PORT=FILE.pcap"},
         {{"--in", "5=" + missing}, missing + ": cannot read"},
         {{"--out", "5=" + (dir_ / "nowhere" / "x.pcap").string()}, "x.pcap: cannot create"},
         {{"--capture-dir", missing}, missing + ": not a folder"},
-        {{"--startup-config", WriteConfig("<global-tags-policy><tags-policy>sometimes</tags-policy>"
-                                          "</global-tags-policy>", "", "a.xml")},
+        {{"--startup-config", badConfig},
          "a.xml: invalid data: Invalid enumeration value \"sometimes\". (at "
          "/quendal-pppoe-plus:pppoe-plus/global-tags-policy/tags-policy)"},
     };

@@ -147,8 +147,7 @@ TEST(WorldControl, HostReachesMasterAndHaEventsShowThroughTheCli)
 
     const CliRun after = Cli("--control " + ctl + " world ha show");
     EXPECT_NE(after.output.find("agent standby slot 2"), std::string::npos) << after.output;
-    EXPECT_NE(after.output.find("switchover reports 1\nreport pppoe_plus state 1"), std::string::npos)
-        << after.output;
+    EXPECT_NE(after.output.find("switchover reports 1\nreport pppoe_plus state 1"), std::string::npos) << after.output;
 
     EXPECT_EQ(host.Stop(SIGTERM), 0) << host.Output();
 }

@@ -1,6 +1,6 @@
 """A pppoe-plus-switch serving NETCONF, started as a user starts it, and the
 ways a test reaches it: ncclient sessions with a key made for the run, the
-host's control socket, pppoe-plus-cli, and the captures it writes.
+host's control socket, and pppoe-plus-cli.
 
 The build and source folders come from PPLUS_BUILD_DIR and PPLUS_SOURCE_DIR.
 """
@@ -8,7 +8,6 @@ import os
 import re
 import shutil
 import socket
-import struct
 import subprocess
 import tempfile
 import time
@@ -43,7 +42,7 @@ def config(*parts):
 class Switch:
     """One pppoe-plus-switch with NETCONF on a free port of 127.0.0.1."""
 
-    def __init__(self, extra=lambda folder: []):
+    def __init__(self):
         self.dir = tempfile.mkdtemp(prefix="nc-")
         key = paramiko.ECDSAKey.generate()
         self.key_file = os.path.join(self.dir, "client_key")
@@ -58,7 +57,7 @@ class Switch:
                 "--yangdb-socket", self.socket, "--yangdb-store", os.path.join(self.dir, "running.xml"),
                 "--control", self.control, "--startup-config", os.path.join(EXAMPLES, "pppoe-plus.xml"),
                 "--netconf-listen", "127.0.0.1:0", "--netconf-authorized-keys", self.authorized_keys,
-                "--netconf-user", self.user, "--stay"] + extra(self.dir)
+                "--netconf-user", self.user, "--stay"]
         self.log_path = os.path.join(self.dir, "host.log")
         self.log = open(self.log_path, "wb")
         self.process = subprocess.Popen(args, stdout=self.log, stderr=subprocess.STDOUT)
@@ -121,15 +120,3 @@ class Switch:
     def remove(self):
         self.stop()
         shutil.rmtree(self.dir, ignore_errors=True)
-
-
-def pcap_frames(path):
-    """The frames of a pcap file, as bytes."""
-    with open(path, "rb") as pcap:
-        data = pcap.read()
-    frames, offset = [], 24
-    while offset + 16 <= len(data):
-        length = struct.unpack_from("<I", data, offset + 8)[0]
-        frames.append(data[offset + 16:offset + 16 + length])
-        offset += 16 + length
-    return frames

@@ -11,6 +11,7 @@
 
 #include "device/fplane.hpp"
 #include "device/world.hpp"
+#include "pcap_file.hpp"
 #include "platform/world.hpp"
 #include "pppoe_frame.hpp"
 
@@ -40,23 +41,11 @@ protected:
     }
     void TearDown() override { fs::remove_all(dir_); }
 
-    // Writes frames with the given timestamps (seconds, microseconds).
-    std::string Write(const std::string &name, const std::vector<std::pair<timeval, Bytes>> &frames,
-                      int linkType = DLT_EN10MB)
+    // A capture in the test's folder; its path.
+    std::string Write(const std::string &name, const pplus_test::StampedFrames &frames, int linkType = DLT_EN10MB)
     {
         const std::string path = (dir_ / name).string();
-        pcap_t *dead = pcap_open_dead(linkType, 65535);
-        pcap_dumper_t *d = pcap_dump_open(dead, path.c_str());
-        EXPECT_NE(d, nullptr);
-        for (const auto &[ts, bytes] : frames) {
-            pcap_pkthdr h{};
-            h.ts = ts;
-            h.caplen = static_cast<bpf_u_int32>(bytes.size());
-            h.len = h.caplen;
-            pcap_dump(reinterpret_cast<u_char *>(d), &h, bytes.data());
-        }
-        pcap_dump_close(d);
-        pcap_close(dead);
+        EXPECT_TRUE(pplus_test::WriteCapture(path, frames, linkType)) << path;
         return path;
     }
 
@@ -74,16 +63,15 @@ TEST_F(PcapTest, SeveralInputsMergeInTimestampOrder)
     std::string error;
     ASSERT_TRUE(replay.Add(5, subscribers, &error)) << error;
     ASSERT_TRUE(replay.Add(49, servers, &error)) << error;
-    const auto merged = replay.Merged();
-    ASSERT_EQ(merged.size(), 6U);
-    const std::vector<std::pair<uint8_t, uint32_t>> expected{{1, 5}, {2, 49}, {3, 49}, {4, 5}, {5, 49}, {6, 5}};
-    for (size_t i = 0; i < merged.size(); i++) {
-        const auto parsed = pplus_test::Parse(merged[i].bytes);
-        ASSERT_TRUE(parsed && parsed->find(0x0103));
-        EXPECT_EQ(parsed->find(0x0103)->value, Bytes{expected[i].first}) << "position " << i
-                                                                          << " (equal times keep file order)";
-        EXPECT_EQ(merged[i].ifIndex, expected[i].second) << "position " << i;
+    // Each frame's Host-Uniq byte and port, in the merged order.
+    std::vector<std::pair<uint8_t, uint32_t>> order;
+    for (const auto &frame : replay.Merged()) {
+        const auto parsed = pplus_test::Parse(frame.bytes);
+        const auto *uniq = parsed ? parsed->find(0x0103) : nullptr;
+        order.emplace_back(uniq != nullptr && uniq->value.size() == 1 ? uniq->value[0] : 0, frame.ifIndex);
     }
+    const std::vector<std::pair<uint8_t, uint32_t>> expected{{1, 5}, {2, 49}, {3, 49}, {4, 5}, {5, 49}, {6, 5}};
+    EXPECT_EQ(order, expected) << "by time; equal times keep the order the files were added in";
 }
 
 TEST_F(PcapTest, BadInputsAndPortsAreRefusedByName)

@@ -4,16 +4,16 @@
 // pkt_test.cpp.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <atomic>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "module_fixture.hpp"
-#include "platform/control.h"
 #include "plat_safe.h"
+#include "platform/control.h"
 #include "platform/world.hpp"
 #include "pplus_test.hpp"
 #include "pppoe_plus_cfg.h"
@@ -130,16 +130,21 @@ TEST_F(CidRidTest, MostSpecificPortListWinsAndOuterVlanZeroGoesGlobal)
     for (const Case &c : cases) {
         EXPECT_EQ(Value(PPPOE_PLUS_INFO_CID, Info(c.xpi, c.xci)), c.cid) << c.why;
     }
-    EXPECT_TRUE(DebugHas("PPPOE PLUS Find Port QinQ Vlan Info Format By User Info:ifindex = 5,vlanId = 100,"
-                         "ceVlanId = 200,infoType = 1,infoFormatType = 2, userDefineStr = \"qinq\"."));
-    EXPECT_TRUE(DebugHas("PPPOE PLUS Find Port Ce Vlan Info Format By User Info:ifindex = 5,vlanId = 0,"
-                         "ceVlanId = 300,infoType = 1,infoFormatType = 2, userDefineStr = \"ce\"."));
-    EXPECT_TRUE(DebugHas("PPPOE PLUS Find Port vlan Info Format By User Info:ifindex = 5,vlanId = 100,"
-                         "ceVlanId = 0,infoType = 1,infoFormatType = 2, userDefineStr = \"vlan\"."));
-    EXPECT_TRUE(DebugHas("PPPOE PLUS Find Port Info Format By User Info:ifindex = 5,vlanId = 0,"
-                         "ceVlanId = 0,infoType = 1,infoFormatType = 2, userDefineStr = \"port\"."));
-    EXPECT_TRUE(DebugHas("PPPOE PLUS Encap Port Info Format Circuit userdefined information.(portname=GE0/0/1,"
-                         "Vlan=100,Circuit Id=qinq)"));
+    EXPECT_TRUE(
+        DebugHas("PPPOE PLUS Find Port QinQ Vlan Info Format By User Info:ifindex = 5,vlanId = 100,"
+                 "ceVlanId = 200,infoType = 1,infoFormatType = 2, userDefineStr = \"qinq\"."));
+    EXPECT_TRUE(
+        DebugHas("PPPOE PLUS Find Port Ce Vlan Info Format By User Info:ifindex = 5,vlanId = 0,"
+                 "ceVlanId = 300,infoType = 1,infoFormatType = 2, userDefineStr = \"ce\"."));
+    EXPECT_TRUE(
+        DebugHas("PPPOE PLUS Find Port vlan Info Format By User Info:ifindex = 5,vlanId = 100,"
+                 "ceVlanId = 0,infoType = 1,infoFormatType = 2, userDefineStr = \"vlan\"."));
+    EXPECT_TRUE(
+        DebugHas("PPPOE PLUS Find Port Info Format By User Info:ifindex = 5,vlanId = 0,"
+                 "ceVlanId = 0,infoType = 1,infoFormatType = 2, userDefineStr = \"port\"."));
+    EXPECT_TRUE(
+        DebugHas("PPPOE PLUS Encap Port Info Format Circuit userdefined information.(portname=GE0/0/1,"
+                 "Vlan=100,Circuit Id=qinq)"));
 
     // Circuit-ID nodes never answer for the Remote-ID.
     EXPECT_EQ(Value(PPPOE_PLUS_INFO_RID, Info(100, 200)), kMacText);
@@ -205,8 +210,8 @@ TEST_F(CidRidTest, CommonCircuitIdNamesTheShortPortOrTheTrunk)
     const std::string longName = "X" + std::string(62, '7');
     const Case cases[] = {
         {"GE0/0/1", "eth", "eth 0/0/1:100.0 SW1/0/0/0/0/0"},
-        {"10GE1/0/3", "eth", "eth 1/0/3:100.0 SW1/0/0/0/0/0"},   // leading digits skipped
-        {"1234", "eth", "eth :100.0 SW1/0/0/0/0/0"},              // no digit after a non-digit
+        {"10GE1/0/3", "eth", "eth 1/0/3:100.0 SW1/0/0/0/0/0"},  // leading digits skipped
+        {"1234", "eth", "eth :100.0 SW1/0/0/0/0/0"},            // no digit after a non-digit
         {longName.c_str(), "eth", "eth " + std::string(59, '7') + ":100.0 SW1/0/0/0/0/0"},  // cut to 63
         {"Eth-Trunk3", "trunk", "trunk 0/0/3:100.0 SW1/0/0/0/0/0"},
     };
@@ -216,8 +221,9 @@ TEST_F(CidRidTest, CommonCircuitIdNamesTheShortPortOrTheTrunk)
         info.ulNas_Port = 3;
         EXPECT_EQ(Value(PPPOE_PLUS_INFO_CID, info), Text(c.expected)) << c.portName;
     }
-    EXPECT_TRUE(DebugHas("Encap common circuit-id by userinfo.(portname=GE0/0/1, vlan=100, infoLen=29, "
-                         "circuit-id=eth 0/0/1:100.0 SW1/0/0/0/0/0)"));
+    EXPECT_TRUE(
+        DebugHas("Encap common circuit-id by userinfo.(portname=GE0/0/1, vlan=100, infoLen=29, "
+                 "circuit-id=eth 0/0/1:100.0 SW1/0/0/0/0/0)"));
 
     // A system name that cannot be read leaves it out.
     PLAT_FailSet("db_read_sys_info_obj", 0, 1, 7);
@@ -253,10 +259,10 @@ TEST_F(CidRidTest, ExtendFormatsPackVlanSlotPortAndMac)
     info.ulNas_Port = 300;
     // 40 * 8 + 1 = 321 keeps its low byte 0x41; port 300 keeps 0x2C.
     EXPECT_EQ(Build(PPPOE_PLUS_INFO_CID, info), (Bytes{0x01, 0x06, 0x00, 0x04, 0x01, 0x23, 0x41, 0x2C}));
-    EXPECT_TRUE(DebugHas("extendCid.type : 0 extendCid.len : 4 extendCid.slot : 40 extendCid.subSlot : 1 "
-                         "extendCid.portId : 44 extendCid.vlanId : 291"));
-    EXPECT_EQ(Build(PPPOE_PLUS_INFO_RID, info),
-              (Bytes{0x02, 0x08, 0x00, 0x06, 0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f}));
+    EXPECT_TRUE(
+        DebugHas("extendCid.type : 0 extendCid.len : 4 extendCid.slot : 40 extendCid.subSlot : 1 "
+                 "extendCid.portId : 44 extendCid.vlanId : 291"));
+    EXPECT_EQ(Build(PPPOE_PLUS_INFO_RID, info), (Bytes{0x02, 0x08, 0x00, 0x06, 0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f}));
 
     // A format code outside the table is an impossible state.
     g_pppoePlusGlobalInfo.cidFormatType = 7;
@@ -304,10 +310,12 @@ TEST_F(CidRidTest, PortBlockThatCannotBeMadeFailsTheBuild)
 
 TEST_F(CidRidTest, BuildsStayWholeWhileFormatsChangeUnderThem)
 {
-    // The configuration task replaces the port's node and the global string
-    // while the packet task builds: every build sees one whole format.
+    // The configuration task replaces the port's node, the global string and
+    // trust while the packet task builds, makes blocks and matches trusted
+    // ports: every build sees one whole format, and under ThreadSanitizer
+    // all of it stays silent.
     PPPOE_PLUS_SetGlobalCidFormat(PPPOE_PLUS_FORMAT_USER_DEFINE, "\"global-a\"");
-    ASSERT_TRUE(Value(PPPOE_PLUS_INFO_CID, Info(100, 0)).has_value());   // the block exists
+    ASSERT_TRUE(Value(PPPOE_PLUS_INFO_CID, Info(100, 0)).has_value());  // the block exists
     std::atomic<bool> stop{false};
     std::thread config([&] {
         for (uint32_t i = 0; i < 2000 && !stop.load(); ++i) {
@@ -318,6 +326,7 @@ TEST_F(CidRidTest, BuildsStayWholeWhileFormatsChangeUnderThem)
             node.vlanId = 100;
             node.infoType = PPPOE_PLUS_INFO_CID;
             (void)PPPOE_PLUS_SetPortFormat(&node, 5, 0);
+            (void)PPPOE_PLUS_SetPortTrust(1 + i % 4U, odd ? 1 : 0);
         }
     });
     const Bytes allowed[] = {Text("port-a"), Text("port-b"), Text("global-a"), Text("global-b")};
@@ -330,6 +339,11 @@ TEST_F(CidRidTest, BuildsStayWholeWhileFormatsChangeUnderThem)
             known = known || *cid == a;
         }
         odd += known ? 0U : 1U;
+        PortCB *fresh = nullptr;
+        ASSERT_EQ(PPPOE_PLUS_GetPortCBByIndex(1000 + i, &fresh), 0U);
+        uint32_t ports[8];
+        uint32_t count = 0;
+        PPPOE_PLUS_GetAllMatchTrustPort(ports, 8, &count, 100, 5);
     }
     stop = true;
     config.join();

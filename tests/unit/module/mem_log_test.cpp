@@ -3,12 +3,15 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
+#include <numeric>
 #include <string>
 #include <vector>
 
-#include "platform/control.h"
 #include "module_fixture.hpp"
+#include "platform/control.h"
 #include "pplus_test.hpp"
+#include "pppoe_frame.hpp"
 #include "pppoe_plus_ha.h"
 #include "pppoe_plus_log.h"
 #include "pppoe_plus_mem.h"
@@ -80,26 +83,18 @@ TEST(ModuleMemory, HandleFailuresReturnTheirCodes)
     EXPECT_EQ(PPPOE_PLUS_InitMemHandle(), 0x78U);
 }
 
-TEST_F(LogTest, DebugSwitchLevelsAndIds)
+// Setting one level or all of them: OperationsSwitchDebugLevelsAndClearCounters
+// (yangdb_test.cpp).
+TEST_F(LogTest, DebugSwitchRefusesBadValuesAndEachLevelHasItsId)
 {
     EXPECT_EQ(PPPOE_PLUS_UpdateDebugSwitch(5, 1), 1U);
     EXPECT_EQ(PPPOE_PLUS_UpdateDebugSwitch(0, 2), 1U);
-    EXPECT_EQ(PPPOE_PLUS_UpdateDebugSwitch(2, 1), 0U);
-    EXPECT_EQ(g_debugSwitch[2].enabled.load(), 1U);
-    EXPECT_EQ(g_debugSwitch[1].enabled.load(), 0U);
-    EXPECT_EQ(PPPOE_PLUS_UpdateDebugSwitch(4, 1), 0U);
-    for (uint32_t level = 0; level < 4; level++) {
-        EXPECT_EQ(g_debugSwitch[level].level.load(), level);
-        EXPECT_EQ(g_debugSwitch[level].enabled.load(), 1U);
+    // Levels 0 to 3, then one out of range, which gets the level-1 id.
+    const uint32_t levels[] = {0, 1, 2, 3, 9};
+    const uint32_t ids[] = {0x478BC26DU, 0x478BC26CU, 0x478BC26BU, 0x478BC26EU, 0x478BC26CU};
+    for (size_t i = 0; i < std::size(levels); i++) {
+        EXPECT_EQ(PPPOE_PLUS_GetDebugIdbyLevel(levels[i]), ids[i]) << levels[i];
     }
-    EXPECT_EQ(PPPOE_PLUS_UpdateDebugSwitch(4, 0), 0U);
-    EXPECT_EQ(g_debugSwitch[3].enabled.load(), 0U);
-
-    EXPECT_EQ(PPPOE_PLUS_GetDebugIdbyLevel(0), 0x478BC26DU);
-    EXPECT_EQ(PPPOE_PLUS_GetDebugIdbyLevel(1), 0x478BC26CU);
-    EXPECT_EQ(PPPOE_PLUS_GetDebugIdbyLevel(2), 0x478BC26BU);
-    EXPECT_EQ(PPPOE_PLUS_GetDebugIdbyLevel(3), 0x478BC26EU);
-    EXPECT_EQ(PPPOE_PLUS_GetDebugIdbyLevel(9), 0x478BC26CU);  // out of range: the level-1 id
 }
 
 TEST_F(LogTest, DebugOutputFollowsItsLevelSwitch)
@@ -195,17 +190,11 @@ TEST_F(LogTest, VendorTagDump)
 {
     PPPOE_PLUS_UpdateDebugSwitch(1, 1);
     // Circuit-ID "eth 0/1/2" and Remote-ID of 14 bytes under vendor 3561.
-    std::vector<uint8_t> tag = {0x01, 0x05, 0x00, 0x00, 0x00, 0x00, 0x0d, 0xe9};
-    const std::string cid = "eth 0/1/2";
-    tag.push_back(1);
-    tag.push_back(static_cast<uint8_t>(cid.size()));
-    tag.insert(tag.end(), cid.begin(), cid.end());
-    tag.push_back(2);
-    tag.push_back(14);
-    for (uint8_t i = 0; i < 14; i++) {
-        tag.push_back(static_cast<uint8_t>(0xa0 + i));
-    }
-    tag[3] = static_cast<uint8_t>(tag.size() - 4);
+    std::string rid(14, '\0');
+    std::iota(rid.begin(), rid.end(), '\xa0');
+    const pplus_test::Bytes value = pplus_test::Frame::VendorValue(3561, "eth 0/1/2", rid);
+    pplus_test::Bytes tag = value;
+    tag.insert(tag.begin(), {0x01, 0x05, 0x00, static_cast<uint8_t>(value.size())});
     PPPOE_PLUS_PrintVendorSpecInfo(tag.data());
     ASSERT_EQ(DebugLines().size(), 1U);
     const std::string text = DebugLines()[0];

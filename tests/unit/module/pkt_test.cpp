@@ -30,10 +30,10 @@ namespace wire = pplus_test::wire;
 
 namespace {
 
-constexpr uint32_t kSub = 1;      // GE0/0/1, a subscriber port
-constexpr uint32_t kMember = 2;   // GE0/0/2, member of trunk 5
-constexpr uint32_t kTrunk = 50;   // Eth-Trunk5
-constexpr uint32_t kUpA = 10;     // uplinks in VLAN 100
+constexpr uint32_t kSub = 1;     // GE0/0/1, a subscriber port
+constexpr uint32_t kMember = 2;  // GE0/0/2, member of trunk 5
+constexpr uint32_t kTrunk = 50;  // Eth-Trunk5
+constexpr uint32_t kUpA = 10;    // uplinks in VLAN 100
 constexpr uint32_t kUpB = 11;
 constexpr uint32_t kUpC = 12;
 constexpr uint32_t kNone = 0xFFFFFFFFU;
@@ -527,21 +527,4 @@ TEST_F(PktTest, SendChannelIsLookedUpOnceAndRetriedAfterAFailure)
     EXPECT_TRUE(TakeAll().empty());
     EXPECT_EQ(Count(kUpA, PPPOE_PLUS_CODE_PADT, PPPOE_PLUS_STAT_SEND), 6U);
     EXPECT_EQ(Count(kSub, PPPOE_PLUS_CODE_PADT, PPPOE_PLUS_STAT_DISCARD), 1U);
-}
-
-TEST_F(PktTest, ResetClearsEveryCounterOfEveryPort)
-{
-    Port(kUpA, 1);
-    Relay(Frame().vlan(100).padi().bytes(), kSub);
-    Relay(Frame().vlan(100).pado().bytes(), kUpA, kSub);
-    Relay(Frame().vlan(100).padt().verType(0x21).bytes(), kSub);
-    (void)TakeAll();
-    EXPECT_EQ(Count(kUpA, PPPOE_PLUS_CODE_PADI, PPPOE_PLUS_STAT_SEND), 1U);
-    EXPECT_EQ(Count(kSub, PPPOE_PLUS_CODE_PADT, PPPOE_PLUS_STAT_DISCARD), 1U);
-    EXPECT_EQ(PPPOE_PLUS_ResetStatistics(nullptr, nullptr, 0, nullptr), 0U);
-    for (uint32_t port : {kSub, kUpA}) {
-        for (const auto &counter : PPPOE_PLUS_FindPortCBByindex(port)->stats) {
-            EXPECT_EQ(counter.load(), 0U) << port;
-        }
-    }
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <thread>
+#include <tuple>
 
 #include "platform/control.h"
 #include "pplus_test.hpp"
@@ -51,16 +52,15 @@ TEST_F(StartupTest, MasterSeesTheMilestonesInOrderAndBothTasksServe)
     ASSERT_TRUE(TaskWaitsIn("PPPoE_Plus_Main", "FPC_EventRead"));
     // The memory handle comes before the agent handle: its success is never sent.
     EXPECT_FALSE(LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_MEM]Init memory handle success."));
-    EXPECT_NE(LogInOrder(PLAT_LOG_DIAG, {"[PPPOEPLUS_FRAME] frame init start.",
-                                         "[PPPOEPLUS_FRAME]Create init task succeed!",
-                                         "[PPPOEPLUS_FRAME] frame init end."}),
-              0U);
-    EXPECT_NE(LogInOrder(PLAT_LOG_DIAG, {"[PPPOEPLUS_FRAME] frame init start.",
-                                         "[PPPOEPLUS_FRAME] InitData step1 end.",
-                                         "[PPPOEPLUS_FRAME] InitData step2 end.",
-                                         "[PPPOEPLUS_FRAME] InitData step3 end.",
-                                         "[PPPOEPLUS_FRAME] InitData finish."}),
-              0U);
+    EXPECT_NE(
+        LogInOrder(PLAT_LOG_DIAG, {"[PPPOEPLUS_FRAME] frame init start.", "[PPPOEPLUS_FRAME]Create init task succeed!",
+                                   "[PPPOEPLUS_FRAME] frame init end."}),
+        0U);
+    EXPECT_NE(
+        LogInOrder(PLAT_LOG_DIAG, {"[PPPOEPLUS_FRAME] frame init start.", "[PPPOEPLUS_FRAME] InitData step1 end.",
+                                   "[PPPOEPLUS_FRAME] InitData step2 end.", "[PPPOEPLUS_FRAME] InitData step3 end.",
+                                   "[PPPOEPLUS_FRAME] InitData finish."}),
+        0U);
     EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, "<6> [PPPoE_PLUS] Udf Create"));
     EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, "DEVM_DB is ready. mainId= 1, selfId = 1.."));
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_MAIN]Create dpxtopppoeplus channel success. chId="));
@@ -160,10 +160,7 @@ TEST_F(StartupTest, FrameworkInstanceLookup)
     platform::world::FrmInstPut({3, 8, 4, 7});
     info = {};
     EXPECT_EQ(PPPOE_PLUS_GetSelfFrmInstInfo(1, &info), 0U);
-    EXPECT_EQ(info.role, 2U);
-    EXPECT_EQ(info.modState, 12U);
-    EXPECT_EQ(info.state, 3U);
-    EXPECT_EQ(info.localSlot, 1);
+    EXPECT_EQ(std::make_tuple(info.role, info.modState, info.state, info.localSlot), std::make_tuple(2U, 12U, 3U, 1));
 
     info = {};
     EXPECT_EQ(PPPOE_PLUS_GetSelfFrmInstInfo(9, &info), 0U);  // a miss is no error

@@ -2,9 +2,12 @@
 // application server.
 #include <gtest/gtest.h>
 
+#include <string>
+#include <tuple>
+
+#include "device/fwm.hpp"
 #include "module_fixture.hpp"
 #include "platform/control.h"
-#include "device/fwm.hpp"
 #include "platform/tirn.hpp"
 #include "pppoe_plus_db.h"
 #include "pppoe_plus_tirn.h"
@@ -160,11 +163,9 @@ TEST_F(TirnTest, AppServerOnTheMainBoardWithBothTasksAndItsRole)
     EXPECT_EQ(platform::tirn::BoundServerEpollFd(kAppUri), g_pppoeplusAppTirnServerEpollFd.load());
     const auto role = platform::tirn::LastSelectorRole();
     ASSERT_TRUE(role.has_value());
-    EXPECT_EQ(role->boardType, 1U);
-    EXPECT_STREQ(role->serviceName, "pppoe_plus");
-    EXPECT_STREQ(role->roleName, "mpu");
-    EXPECT_EQ(role->enable, 1U);
-    EXPECT_EQ(role->slotMask, 0xFFFFFFFFU);
+    EXPECT_EQ(std::make_tuple(role->boardType, std::string(role->serviceName), std::string(role->roleName),
+                              role->enable, role->slotMask),
+              std::make_tuple(1U, "pppoe_plus", "mpu", 1U, 0xFFFFFFFFU));
     EXPECT_EQ(PLAT_AssertCount(), 0U);
 }
 

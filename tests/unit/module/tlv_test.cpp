@@ -74,149 +74,11 @@ protected:
     UserInfo info_{};
 };
 
-// ---- Dictionary and recognition ----
-
 TEST_F(TlvTest, DictionaryAllocationFailureAsserts)
 {
     PLAT_FailSet("RUK_MemAlloc_F", 0, 1, 1);
     EXPECT_NE(PPPOE_PLUS_InitKeyWordDict(), 0U);
     EXPECT_EQ(PLAT_AssertCount(), 2U);  // the memory service's and the dictionary's
-}
-
-TEST_F(TlvTest, KeywordsAreRecognisedByLongestMatch)
-{
-    struct Case {
-        const char *text;
-        uint32_t found;
-        uint32_t id;
-        uint32_t consumed;
-    };
-    const Case cases[] = {
-        {"portname", 1, 1, 8},   {"port5", 1, 7, 4},         {"portnamex", 0, 0, 0},  {"portname/%slot", 1, 1, 8},
-        {"05slot\"", 1, 5, 6},   {"portdescription", 1, 13, 15}, {"subslot-", 1, 6, 7}, {"?", 0, 0, 0},
-        {"", 0, 0, 0},           {"SLOT", 0, 0, 0},
-    };
-    for (const Case &c : cases) {
-        uint32_t id = 99;
-        uint32_t consumed = 99;
-        EXPECT_EQ(PPPOE_PLUS_UserFmtIfKeyWord(c.text, &id, &consumed), c.found) << c.text;
-        if (c.found == 1U) {
-            EXPECT_EQ(id, c.id) << c.text;
-            EXPECT_EQ(consumed, c.consumed) << c.text;
-        } else {
-            EXPECT_EQ(id, 99U) << c.text;
-        }
-    }
-}
-
-TEST_F(TlvTest, FieldWidthFromDigitsOrDefault)
-{
-    struct Case {
-        const char *text;
-        uint8_t ascii;
-        uint32_t ret;
-        uint32_t width;
-    };
-    const Case cases[] = {
-        {"05slot", 1, 0, 5}, {"9999port", 1, 0, 9999}, {"slot", 1, 0, 1}, {"slot", 0, 0, 16}, {"mac", 1, 0, 14},
-        {"mac", 0, 0, 48},   {"bogus", 1, 1, 0},      {"12345slot", 1, 1, 0}, {"123456slot", 0, 1, 0},
-    };
-    for (const Case &c : cases) {
-        uint32_t width = 0;
-        EXPECT_EQ(PPPOE_PLUS_UserFmtGetFieldMinLen(c.text, c.ascii, &width), c.ret) << c.text;
-        if (c.ret == 0U) {
-            EXPECT_EQ(width, c.width) << c.text;
-        }
-    }
-    EXPECT_TRUE(DebugHas("The number is invalid."));
-    PLAT_AssertReset();
-    uint32_t width = 0;
-    EXPECT_EQ(PPPOE_PLUS_UserFmtGetFieldMinLen("sysname", 0, &width), 1U);
-    EXPECT_EQ(PLAT_AssertCount(), 1U);
-}
-
-// ---- Bit writer and number helpers ----
-
-TEST_F(TlvTest, BitWriterIsBigEndianAtBitGranularity)
-{
-    struct Case {
-        uint32_t start;
-        uint32_t value;
-        uint32_t bits;
-        Bytes expect;
-    };
-    const Case cases[] = {
-        {0, 3, 5, {0x18, 0x00}},
-        {4, 0xABC, 12, {0x0A, 0xBC}},
-        {0, 0xFFFF, 0, {0x00, 0x00}},
-        {0, 0xFFFFFFFF, 40, {0x00, 0xFF, 0xFF, 0xFF, 0xFF}},
-        {7, 0xFFFF, 16, {0x01, 0xFF, 0xFE}},
-    };
-    for (const Case &c : cases) {
-        Bytes buf(c.expect.size(), 0);
-        PPPOE_PLUS_EncodeDigitByBit(buf.data(), c.start, c.value, c.bits);
-        EXPECT_EQ(buf, c.expect) << c.start << "/" << c.value << "/" << c.bits;
-    }
-}
-
-TEST_F(TlvTest, NumberReadingAndByteWidths)
-{
-    struct Case {
-        const char *text;
-        uint32_t chars;
-        uint32_t value;
-    };
-    const Case cases[] = {{"515 x", 3, 515}, {"0x01", 4, 1}, {"0x1F%slot", 4, 16 + 22}, {"a", 1, 49}, {"70000", 5, 70000}};
-    for (const Case &c : cases) {
-        uint32_t chars = 0;
-        uint32_t value = 0;
-        EXPECT_EQ(PPPOE_PLUS_UserFmtAtoul(c.text, &chars, &value), 0U) << c.text;
-        EXPECT_EQ(chars, c.chars) << c.text;
-        EXPECT_EQ(value, c.value) << c.text;
-    }
-    const std::pair<uint32_t, uint8_t> widths[] = {{0, 1}, {255, 1}, {256, 2}, {65535, 2}, {65536, 4}, {70000, 4}};
-    for (const auto &[value, bytes] : widths) {
-        uint8_t got = 0;
-        EXPECT_EQ(PPPOE_PLUS_UserFmtGetBytes(value, &got), 0U);
-        EXPECT_EQ(got, bytes) << value;
-    }
-    uint32_t chars = 0;
-    EXPECT_EQ(PPPOE_PLUS_UserFmtAtoul(nullptr, &chars, &chars), 1U);
-    EXPECT_EQ(PPPOE_PLUS_UserFmtGetBytes(1, nullptr), 1U);
-    EXPECT_EQ(PLAT_AssertCount(), 2U);
-}
-
-TEST_F(TlvTest, OptionalPartsAreRemovedWhenTheirVlanIsAbsent)
-{
-    struct Case {
-        uint32_t xpi;
-        uint32_t xci;
-        const char *fmt;
-        const char *expect;
-    };
-    const Case cases[] = {
-        {0, 20, "\"[%svlan/]%cvlan\"", "\"%cvlan\""},
-        {10, 20, "\"[%svlan/]%cvlan\"", "\"%svlan/%cvlan\""},
-        {10, 0, "\"%svlan[.%cvlan]\"", "\"%svlan\""},
-        {0, 0, "\"[a%slot]b\"", "\"a%slotb\""},
-        {0, 0, "\"[a\\]%svlan]b\"", "\"b\""},
-    };
-    for (const Case &c : cases) {
-        info_.ulXpi = c.xpi;
-        info_.ulXci = c.xci;
-        char out[PPPOE_PLUS_UDF_FMT_LEN] = {};
-        EXPECT_EQ(PPPOE_PLUS_ReplumeFmtStr(&info_, c.fmt, out), 0U) << c.fmt;
-        EXPECT_STREQ(out, c.expect) << c.fmt;
-    }
-    char out[PPPOE_PLUS_UDF_FMT_LEN] = {};
-    EXPECT_EQ(PPPOE_PLUS_ReplumeFmtStr(&info_, "\"[%bogus]\"", out), 1U);
-    EXPECT_EQ(PLAT_AssertCount(), 1U);
-
-    info_.ulXpi = 0;
-    info_.ulXci = 20;
-    EXPECT_EQ(Encode("\"[%svlan/]%cvlan\""), Text("20"));
-    info_.ulXpi = 10;
-    EXPECT_EQ(Encode("\"[%svlan/]%cvlan\""), Text("10/20"));
 }
 
 // ---- Whole formats ----
@@ -261,9 +123,11 @@ TEST_F(TlvTest, KeywordsNumbersAndTextInBothStretches)
         {"%ncvlan", {0x13, 0x88}, 0, 5000},
         // Numbers.
         {"1 515 \"ab\"", {0x01, 0x02, 0x03, 0x61, 0x62}},
-        {"0x01", {0x01}},
+        {"0x10", {0x10}},
         {"70000", {0x00, 0x01, 0x11, 0x70}},
         {"255 256", {0xFF, 0x01, 0x00}},
+        {"65535 65536", {0xFF, 0xFF, 0x00, 0x01, 0x00, 0x00}},
+        {"%40slot", {0x00, 0x00, 0x00, 0x00, 0x03}},  // no bit above the 32nd
         // The "%" that ends a number is swallowed, so "slot" is read as a number.
         {"7%slot", {0x07, 0x00, 0x01, 0x1F, 0xE2}},
         // The system MAC.
@@ -276,6 +140,11 @@ TEST_F(TlvTest, KeywordsNumbersAndTextInBothStretches)
         {"%16length %slot", {0x00, 0x02, 0x00, 0x03}},
         {"\"%length:%9slot\"", Text("10:        3")},  // grows by one, counted without its growth
         {"\"%03length-ab\"", Text("003-ab")},
+        // An optional part goes with its absent VLAN.
+        {"\"[%svlan/]%cvlan\"", Text("20"), 0, 20},
+        {"\"[%svlan/]%cvlan\"", Text("10/20"), 10, 20},
+        {"\"%svlan[.%cvlan]\"", Text("10"), 10, 0},
+        {"\"[a\\]%svlan]b\"", Text("b")},
     };
     for (const Case &c : cases) {
         info_.ulXpi = c.svlan;
@@ -295,10 +164,6 @@ TEST_F(TlvTest, AllZeroMacIsADashAndBlanks)
     id.sysMac = {};
     platform::world::SetIdentity(id);
     EXPECT_EQ(Encode("\"%mac\""), Text("-             "));
-    char text[32] = {};
-    const uint8_t zero[6] = {};
-    PPPOE_PLUS_MacAddrToStr(zero, text, sizeof(text));
-    EXPECT_EQ(std::string(text), std::string("-") + std::string(13, ' '));
 }
 
 TEST_F(TlvTest, ResultOf255BytesIsTheLimit)
@@ -372,7 +237,7 @@ TEST_F(TlvTest, PlatformFailuresFailTheFormat)
 TEST_F(TlvTest, MalformedFormatsAssertAndLeaveTheOutputAlone)
 {
     const uint32_t outstanding = PLAT_MemOutstanding();
-    const char *bad[] = {"%bogus", "\"%portx\"", "\"[%bogus]\"", "\"ab%length\""};
+    const char *bad[] = {"%bogus", "\"%portx\"", "\"%SLOT\"", "\"[%bogus]\"", "\"ab%length\"", "%sysname"};
     for (const char *fmt : bad) {
         PLAT_AssertReset();
         uint8_t out[PPPOE_PLUS_UDF_OUT_MAX];
@@ -389,11 +254,13 @@ TEST_F(TlvTest, MalformedFormatsAssertAndLeaveTheOutputAlone)
     EXPECT_EQ(PPPOE_PLUS_EncodeUdfData(nullptr, "1", out, &len), 1U);
     EXPECT_EQ(PPPOE_PLUS_EncodeUdfData(&info_, nullptr, out, &len), 1U);
     EXPECT_EQ(PPPOE_PLUS_EncodeUdfData(&info_, "1", nullptr, &len), 1U);
-    EXPECT_EQ(PLAT_AssertCount(), 3U);
+    EXPECT_EQ(PPPOE_PLUS_UserFmtAtoul(nullptr, &len, &len), 1U);
+    EXPECT_EQ(PPPOE_PLUS_UserFmtGetBytes(1, nullptr), 1U);
+    EXPECT_EQ(PLAT_AssertCount(), 5U);
     EXPECT_EQ(PPPOE_PLUS_EncodeSlot(nullptr), 1U);
     KeyWordEncodeCtx ctx{};
     EXPECT_EQ(PPPOE_PLUS_EncodeSysMac(&ctx), 1U);
-    EXPECT_EQ(PLAT_AssertCount(), 4U);
+    EXPECT_EQ(PLAT_AssertCount(), 6U);
     EXPECT_EQ(PLAT_MemOutstanding(), outstanding);  // the work buffer is freed on every path
 }
 

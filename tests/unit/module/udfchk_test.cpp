@@ -50,6 +50,8 @@ TEST_F(UdfChkTest, EveryCheckResultIsReached)
     ExpectRows({
         {"", 0, "an empty string passes every step"},
         {"\"[%svlan/]%cvlan\"", 0, "optional svlan followed by a different text"},
+        {"\"%svlan[.%cvlan]\"", 0, "cvlan may be optional too"},
+        {"\"[%svlan]-[%cvlan]\"", 1, "the skip after a part lands on the next part's closing bracket"},
         {"\"a\\%b\"", 0, "an escaped percent sign"},
         {"1 %length \"abc\"", 0, "a hex length field with text after it"},
         {"\"%12345slot\"", 1, "a five-digit width cannot be read (ASCII)"},
@@ -190,10 +192,10 @@ TEST_F(UdfChkTest, PartExtractorsStepOverEscapes)
         const char *ascii;
         const char *hex;
     } rows[] = {
-        {"1 2 \"a\\\"b\"", "a\\\"b", "1 2 "},   // an escaped quote is no boundary
+        {"1 2 \"a\\\"b\"", "a\\\"b", "1 2 "},  // an escaped quote is no boundary
         {"\"%slot\"", "%slot", ""},
-        {"1 %slot", "", "1 %slot"},               // no quote: all hex
-        {"7 \"open", "", "7 "},                   // no second quote: no ASCII part
+        {"1 %slot", "", "1 %slot"},  // no quote: all hex
+        {"7 \"open", "", "7 "},      // no second quote: no ASCII part
         {"a\\\"b\"c\"", "c", "a\\\"b"},
     };
     for (const auto &r : rows) {
@@ -207,65 +209,6 @@ TEST_F(UdfChkTest, PartExtractorsStepOverEscapes)
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "Find the word. (FmtStr=1 %slot, HexFmtStr=1 %slot)"));
     char small[4] = {};
     EXPECT_EQ(PPPOE_PLUS_UserFmtGetHexFmtStr("12345", small, sizeof(small)), 1U);  // does not fit
-}
-
-// The single-rule checks on their own, including inputs the whole check
-// never hands them.
-TEST_F(UdfChkTest, SingleRulesStandAlone)
-{
-    using Rule = uint32_t (*)(const char *);
-    struct {
-        Rule rule;
-        const char *name;
-        const char *s;
-        uint32_t code;
-    } rows[] = {
-        {PPPOE_PLUS_UserFmtChkKeyWord, "KeyWord", "\\%x %port5", 0},
-        {PPPOE_PLUS_UserFmtChkKeyWord, "KeyWord", "%", 2},
-        {PPPOE_PLUS_UserFmtChkQuotationMarks, "Quotes", "\"a\\\"", 8},
-        {PPPOE_PLUS_UserFmtChkQuotationMarks, "Quotes", "\\\"", 0},
-        {PPPOE_PLUS_UserFmtChkKeyWordsNum, "KeyWordsNum", "%length \\%length", 0},
-        {PPPOE_PLUS_UserFmtChkNullInQuotationMarks, "NullInQuotes", "\\\"\"", 0},
-        {PPPOE_PLUS_UserFmtChkChAfterBlackslash, "Backslash", "a\\", 3},
-        {PPPOE_PLUS_UserFmtChkChAfterBlackslash, "Backslash", "\\[\\]\\\\\\\"\\%", 0},
-        {PPPOE_PLUS_UserFmtChkDelimiter, "Delimiter", "%slot\\%%port", 0},
-        {PPPOE_PLUS_UserFmtChkDelimiter, "Delimiter", "%slot[]12%port", 9},
-        {PPPOE_PLUS_UserFmtChkDelimiter, "Delimiter", "a%zz", 1},
-        {PPPOE_PLUS_UserFmtChkSquareparenthesis, "Brackets", "\\[%svlan]", 8},
-        {PPPOE_PLUS_UserFmtChkKeyWordsNumInOptional, "NumInOptional", "[\\%%svlan]", 0},
-        {PPPOE_PLUS_UserFmtChkKeyWordInOptional, "KeyWordInOptional", "[%cvlan]%slot", 0},
-        {PPPOE_PLUS_UserFmtChkKeyWordInOptional, "KeyWordInOptional", "[%zz]", 1},
-        {PPPOE_PLUS_UserFmtChkDiffMeanings, "DiffMeanings", "[]x", 10},
-        {PPPOE_PLUS_UserFmtChkDiffMeanings, "DiffMeanings", "[%svlan]%cvlan", 10},
-        {PPPOE_PLUS_UserFmtChkDiffMeanings, "DiffMeanings", "[%svlan:][%svlan:", 10},
-        {PPPOE_PLUS_UserFmtChkDiffMeanings, "DiffMeanings", "[%svlan:]%svlan", 0},
-        {PPPOE_PLUS_UserFmtChkDiffMeanings, "DiffMeanings", "[%svlan:]", 0},
-        {PPPOE_PLUS_UserFmtChkDiffMeanings, "DiffMeanings", "x]", 1},
-        // the skip after a part lands on the next part's "]"
-        {PPPOE_PLUS_UserFmtChkDiffMeanings, "DiffMeanings", "[%svlan]-[%cvlan]", 1},
-        {PPPOE_PLUS_UserFmtChkChInHex, "ChInHex", "1 %zz", 1},
-        {PPPOE_PLUS_UserFmtChkChInHex, "ChInHex", "1\t2", 14},
-        {PPPOE_PLUS_UserFmtChkNumInHex, "NumInHex", "4294967295 4294967295", 0},
-        {PPPOE_PLUS_UserFmtChkNumInHex, "NumInHex", "4294967%slot295", 0},
-        {PPPOE_PLUS_UserFmtChkNumInHex, "NumInHex", "99999999999999999999999", 15},
-        {PPPOE_PLUS_UserFmtChkNumInHex, "NumInHex", "%zz", 1},
-        {PPPOE_PLUS_UserFmtChkKeyWordInHex, "KeyWordInHex", "%iftype", 16},
-        {PPPOE_PLUS_UserFmtChkKeyWordInHex, "KeyWordInHex", "%porttype %mac %length", 0},
-        {PPPOE_PLUS_UserFmtChkKeyWordInHex, "KeyWordInHex", "%zz", 1},
-    };
-    for (const auto &r : rows) {
-        EXPECT_EQ(r.rule(r.s), r.code) << r.name << " <" << r.s << ">";
-        EXPECT_EQ(r.rule(nullptr), 1U) << r.name;
-    }
-    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] UserFmtChkDelimiter check failed. (index: 1)."));
-    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] UserFmtChkKeyWordInOptional check failed. (index: 1)."));
-    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] UserFmtChkDiffMeanings check failed. (index: 1)."));
-    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] UserFmtChkDiffMeanings check failed. (index: 16)."));
-    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] UserFmtChkChInHex check failed. (index: 2)"));
-    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] UserFmtChkNumInHex check failed. (index: 0)."));
-    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] UserFmtChkKeyWordInHex check failed. (index: 0)."));
-    EXPECT_EQ(PPPOE_PLUS_UserDfdAsciiFmtCheck(nullptr, "a"), 1U);
-    EXPECT_EQ(PPPOE_PLUS_UserDfdHexFmtCheck(nullptr), 1U);
 }
 
 TEST_F(UdfChkTest, MinimumLengths)
@@ -286,7 +229,7 @@ TEST_F(UdfChkTest, MinimumLengths)
         uint32_t code;
         uint32_t bytes;
     } hexRows[] = {
-        {"1 2 3", 0, 3},        {"255 256", 0, 3},     {"70000", 0, 4},
+        {"1 2 3", 0, 3},          {"255 256", 0, 3},       {"70000", 0, 4},
         {"%mac %porttype", 0, 7}, {"%4slot %4port", 0, 1}, {"12%3slot", 0, 2},  // "%" after a number is swallowed
         {"%3slot", 17, 77},
     };

@@ -10,16 +10,15 @@
 #include <string>
 #include <vector>
 
+#include "device/ha.hpp"
 #include "molb.h"
 #include "platform/control.h"
-#include "device/ha.hpp"
 
 namespace {
 
 struct Seen {
     std::string thread;
     uint32_t type;
-    std::vector<uint32_t> info;
 };
 std::mutex g_mu;
 std::vector<Seen> g_seen;
@@ -32,32 +31,23 @@ std::string ThreadName()
     return name;
 }
 
-// Records the event; start of work answers with its role, so the test sees
-// the return value recorded; a new backup reports its switchover state.
+// Records the event and the thread it came on; a new backup reports its
+// switchover state from inside the callback.
 uint32_t OnEvent(MOLB_HA_EVENT_S *event)
 {
     while (g_hold.load()) {
     }
-    Seen seen{ThreadName(), event->eventType, {}};
-    uint32_t ret = 0;
-    if (event->eventType == MOLB_HA_EVENT_START_WORK && event->eventInfo != nullptr) {
-        ret = *static_cast<uint32_t *>(event->eventInfo);
-        seen.info = {ret};
-    } else if (event->eventType == MOLB_HA_EVENT_NEW_BACKUP) {
-        const auto *board = static_cast<MOLB_HA_BOARD_S *>(event->eventInfo);
-        seen.info = {board->chassisId, board->boardId};
-        ret = MOLB_HA_ReportSwitchoverState("comp", 1, 0);
-    }
+    const uint32_t ret =
+        event->eventType == MOLB_HA_EVENT_NEW_BACKUP ? MOLB_HA_ReportSwitchoverState("comp", 1, 0) : 0U;
     std::lock_guard lock(g_mu);
-    g_seen.push_back(seen);
+    g_seen.push_back({ThreadName(), event->eventType});
     return ret;
 }
 
-uint32_t OnMaster(void *info)
+uint32_t OnMaster(void *)
 {
-    const auto *board = static_cast<MOLB_HA_BOARD_S *>(info);
     std::lock_guard lock(g_mu);
-    g_seen.push_back({ThreadName(), 100, {board->chassisId, board->boardId}});
+    g_seen.push_back({ThreadName(), 100});
     return 3;
 }
 
@@ -118,7 +108,7 @@ TEST(HaService, DeliversInOrderOnItsOwnThreadAndRecordsWhatCallbacksReturned)
     g_hold = true;
     const device::ha::Seq first = device::ha::StartWork(2);
     EXPECT_FALSE(device::ha::WaitDelivered(first, 50));
-    const device::ha::Seq backup = device::ha::NewBackup(1, 7);
+    device::ha::NewBackup(1, 7);
     device::ha::BackupRemoved();
     device::ha::Promote();
     device::ha::Demote();
@@ -134,13 +124,8 @@ TEST(HaService, DeliversInOrderOnItsOwnThreadAndRecordsWhatCallbacksReturned)
         EXPECT_EQ(g_seen[i].type, order[i]) << i;
         EXPECT_EQ(g_seen[i].thread, "HA service") << i;
     }
-    EXPECT_EQ(g_seen[0].info, std::vector<uint32_t>{2});
-    EXPECT_EQ(g_seen[1].info, (std::vector<uint32_t>{1, 7}));
-    EXPECT_EQ(g_seen[5].info, (std::vector<uint32_t>{1, 3}));
-    EXPECT_TRUE(g_seen[7].info.empty());  // no information: a null pointer
-
-    EXPECT_EQ(device::ha::GetDelivery(first)->returns, std::vector<uint32_t>{2});
-    EXPECT_EQ(device::ha::GetDelivery(backup)->returns, std::vector<uint32_t>{MOLB_OK});  // reported from the callback
+    // The information each event carries and the one component's return are
+    // what the module's HA suite reads (ha_test.cpp); here two subscribers.
     const auto toSubscribers = device::ha::GetDelivery(master);
     ASSERT_TRUE(toSubscribers.has_value());
     EXPECT_EQ(toSubscribers->names, (std::vector<std::string>{"comp", "watcher"}));

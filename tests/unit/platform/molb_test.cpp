@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "molb.h"
@@ -50,15 +51,11 @@ TEST(MolbPatch, SendReachesEveryHookAndCollectsTheReply)
 
     PLAT_PATCH_RESULT_S r = {};
     ASSERT_EQ(PLAT_PatchSend("libmine.so", MOLB_PAT_DEACTIVATE, &r), MOLB_OK);
-    EXPECT_EQ(r.hooksCalled, 1U);
-    EXPECT_EQ(r.hookReturn, 0U);
-    EXPECT_EQ(r.outFlag, 0U);
-    EXPECT_EQ(r.replied, 1U);
-    EXPECT_EQ(r.replyResult, 7U);
+    EXPECT_EQ(std::tie(r.hooksCalled, r.hookReturn, r.outFlag, r.replied, r.replyResult),
+              std::make_tuple(1U, 0U, 0U, 1U, 7U));
     ASSERT_EQ(g_seen.size(), 1U);
-    EXPECT_EQ(g_seen[0].action, MOLB_PAT_DEACTIVATE);
-    EXPECT_EQ(g_seen[0].libName, "libmine.so");
-    EXPECT_EQ(g_seen[0].reqLibName, "libmine.so");
+    EXPECT_EQ(std::tie(g_seen[0].action, g_seen[0].libName, g_seen[0].reqLibName),
+              std::make_tuple(MOLB_PAT_DEACTIVATE, "libmine.so", "libmine.so"));
 
     // The request is no longer in flight: a late reply is refused.
     EXPECT_EQ(MOLB_PAT_C2HReplyProcessResult(g_lastHead.data(), 0), MOLB_ERR_UNKNOWN_REQUEST);
@@ -66,10 +63,8 @@ TEST(MolbPatch, SendReachesEveryHookAndCollectsTheReply)
     ASSERT_EQ(MOLB_PAT_C2HRegisterHook(DecliningHook, 0), MOLB_OK);
     r = {};
     ASSERT_EQ(PLAT_PatchSend("libother.so", MOLB_PAT_ACTIVATE, &r), MOLB_OK);
-    EXPECT_EQ(r.hooksCalled, 2U);
-    EXPECT_EQ(r.hookReturn, 1U);  // the last hook's
-    EXPECT_EQ(r.outFlag, 1U);
-    EXPECT_EQ(r.replied, 0U);
+    // The last hook's return and flag.
+    EXPECT_EQ(std::tie(r.hooksCalled, r.hookReturn, r.outFlag, r.replied), std::make_tuple(2U, 1U, 1U, 0U));
     ASSERT_EQ(g_seen.size(), 2U);
     EXPECT_NE(g_seen[0].requestId, g_seen[1].requestId);
 

@@ -5,9 +5,12 @@
 #include <cstdlib>
 #include <fstream>
 #include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
 
-#include "devm.h"
 #include "device/world.hpp"
+#include "devm.h"
 
 namespace {
 
@@ -41,13 +44,9 @@ TEST(Topology, FullFileIsRead)
     unlink(path);
     ASSERT_TRUE(topology.has_value()) << error;
     const platform::SystemIdentity &sys = topology->system;
-    EXPECT_EQ(sys.sysName, "Edge-7");
+    EXPECT_EQ(std::tie(sys.sysName, sys.chassisId, sys.selfBoardId, sys.mainBoardId, sys.boardType, topology->haRole),
+              std::make_tuple("Edge-7", 2U, 4U, 1U, DEVM_BOARD_TYPE_LPU, 2U));
     EXPECT_EQ(sys.sysMac, (std::array<uint8_t, 6>{0x00, 0xe0, 0xfc, 0x12, 0x34, 0x5a}));
-    EXPECT_EQ(sys.chassisId, 2U);
-    EXPECT_EQ(sys.selfBoardId, 4U);
-    EXPECT_EQ(sys.mainBoardId, 1U);
-    EXPECT_EQ(sys.boardType, DEVM_BOARD_TYPE_LPU);
-    EXPECT_EQ(topology->haRole, 2U);
 
     // Keys left out keep their defaults.
     const auto minimal = device::world::LoadTopologyText("system:\n  name: S\n", &error);
@@ -90,47 +89,50 @@ TEST(Topology, RefusalsNameTheLineAndTheKey)
 TEST(Topology, SwitchingSectionsFillTheTables)
 {
     std::string error;
-    const auto topology = device::world::LoadTopologyText("system:\n"
-                                                   "  name: S\n"
-                                                   "trunks:\n"
-                                                   "  - {name: Eth-Trunk1, id: 1, ifindex: 100, members: [Gi3, Gi4],"
-                                                   " mode: trunk, vlans: [\"200-202\"]}\n"
-                                                   "interfaces:\n"
-                                                   "  - {name: Gi1, ifindex: 5, slot: 1, card: 2, port: 65535,"
-                                                   " pvid: 100, vlans: 4094, description: line one}\n"
-                                                   "  - {name: Gi2, ifindex: 6, port-switch: false, on-board: false}\n"
-                                                   "  - {name: Gi3, ifindex: 7, netdev: eth3}\n"
-                                                   "  - {name: Gi4, ifindex: 8}\n"
-                                                   "isolation:\n"
-                                                   "  groups:\n"
-                                                   "    - {id: 7, members: [Gi1, Gi2]}\n"
-                                                   "  access-pairs:\n"
-                                                   "    - [Gi1, Gi3]\n",
-                                                   &error);
+    const auto topology = device::world::LoadTopologyText(
+        "system:\n"
+        "  name: S\n"
+        "trunks:\n"
+        "  - {name: Eth-Trunk1, id: 1, ifindex: 100, members: [Gi3, Gi4],"
+        " mode: trunk, vlans: [\"200-202\"]}\n"
+        "interfaces:\n"
+        "  - {name: Gi1, ifindex: 5, slot: 1, card: 2, port: 65535,"
+        " pvid: 100, vlans: 4094, description: line one}\n"
+        "  - {name: Gi2, ifindex: 6, port-switch: false, on-board: false}\n"
+        "  - {name: Gi3, ifindex: 7, netdev: eth3}\n"
+        "  - {name: Gi4, ifindex: 8}\n"
+        "isolation:\n"
+        "  groups:\n"
+        "    - {id: 7, members: [Gi1, Gi2]}\n"
+        "  access-pairs:\n"
+        "    - [Gi1, Gi3]\n",
+        &error);
     ASSERT_TRUE(topology.has_value()) << error;
-    ASSERT_EQ(topology->interfaces.size(), 5U);
-    const platform::IfRecord &trunk = topology->interfaces[0];
-    EXPECT_EQ(trunk.name, "Eth-Trunk1");
-    EXPECT_EQ(trunk.lagId, 1U);
+    // Name, own trunk id, trunk it is a member of, switching, on board.
+    using Role = std::tuple<std::string, uint32_t, uint32_t, uint32_t, bool>;
+    std::vector<Role> roles;
+    for (const platform::IfRecord &r : topology->interfaces) {
+        roles.emplace_back(r.name, r.lagId, r.l2TrunkId, r.portSwitch, r.onBoard);
+    }
+    const uint32_t none = platform::kNoId;
+    const uint32_t l2 = platform::kPortSwitchL2;
+    EXPECT_EQ(roles, (std::vector<Role>{{"Eth-Trunk1", 1, none, l2, true},
+                                        {"Gi1", none, none, l2, true},
+                                        {"Gi2", none, none, platform::kPortSwitchL3, false},
+                                        {"Gi3", none, 1, l2, true},
+                                        {"Gi4", none, 1, l2, true}}));
     const platform::IfRecord &gi1 = topology->interfaces[1];
-    EXPECT_EQ(gi1.slot, 1U);
-    EXPECT_EQ(gi1.card, 2U);
-    EXPECT_EQ(gi1.port, 65535);
-    EXPECT_EQ(gi1.lagId, platform::kNoId);
-    EXPECT_EQ(gi1.l2TrunkId, platform::kNoId);
-    EXPECT_EQ(gi1.description, "line one");
-    EXPECT_EQ(gi1.portSwitch, platform::kPortSwitchL2);
-    EXPECT_EQ(topology->interfaces[2].portSwitch, platform::kPortSwitchL3);
-    EXPECT_FALSE(topology->interfaces[2].onBoard);
-    EXPECT_EQ(topology->interfaces[3].l2TrunkId, 1U);
-    EXPECT_EQ(topology->interfaces[4].l2TrunkId, 1U);
+    EXPECT_EQ(std::tie(gi1.slot, gi1.card, gi1.port, gi1.description),
+              std::make_tuple(1U, 2U, uint16_t{65535}, "line one"));
     EXPECT_EQ(topology->netdevs, (std::map<uint32_t, std::string>{{7, "eth3"}})) << "a trunk member bound to a netdev";
 
     ASSERT_EQ(topology->trunks.size(), 1U);
-    EXPECT_EQ(topology->trunks[0].trunkIfIndex, 100U);
-    ASSERT_EQ(topology->trunkPorts.size(), 2U);
-    EXPECT_EQ(topology->trunkPorts[1].memberIfIndex, 8U);
-    EXPECT_EQ(topology->trunkPorts[1].trunkIfIndex, 100U);
+    EXPECT_EQ(std::tie(topology->trunks[0].trunkId, topology->trunks[0].trunkIfIndex), std::make_tuple(1U, 100U));
+    std::vector<std::pair<uint32_t, uint32_t>> members;  // member -> trunk interface
+    for (const platform::TrunkPortRecord &r : topology->trunkPorts) {
+        members.emplace_back(r.memberIfIndex, r.trunkIfIndex);
+    }
+    EXPECT_EQ(members, (std::vector<std::pair<uint32_t, uint32_t>>{{7, 100}, {8, 100}}));
 
     // Maps: the listed VLANs and the pvid (1 when not given).
     ASSERT_EQ(topology->portVlans.size(), 5U);
@@ -142,13 +144,16 @@ TEST(Topology, SwitchingSectionsFillTheTables)
     EXPECT_TRUE(gi1Vlans.Has(100) && gi1Vlans.Has(4094));
     EXPECT_FALSE(gi1Vlans.Has(1));
 
-    ASSERT_EQ(topology->portIsolation.size(), 2U);
-    EXPECT_EQ(topology->portIsolation[1].ifIndex, 6U);
-    EXPECT_EQ(topology->portIsolation[1].groupId, 7U);
-    ASSERT_EQ(topology->accessIsolation.size(), 2U);  // both ways
-    EXPECT_EQ(topology->accessIsolation[0].srcIfIndex, 5U);
-    EXPECT_EQ(topology->accessIsolation[0].dstIfIndex, 7U);
-    EXPECT_EQ(topology->accessIsolation[1].srcIfIndex, 7U);
+    std::vector<std::pair<uint32_t, uint32_t>> grouped;  // port -> group
+    for (const platform::PortIsolateRecord &r : topology->portIsolation) {
+        grouped.emplace_back(r.ifIndex, r.groupId);
+    }
+    EXPECT_EQ(grouped, (std::vector<std::pair<uint32_t, uint32_t>>{{5, 7}, {6, 7}}));
+    std::vector<std::pair<uint32_t, uint32_t>> pairs;  // both ways
+    for (const platform::AccessIsolateRecord &r : topology->accessIsolation) {
+        pairs.emplace_back(r.srcIfIndex, r.dstIfIndex);
+    }
+    EXPECT_EQ(pairs, (std::vector<std::pair<uint32_t, uint32_t>>{{5, 7}, {7, 5}}));
 
     // Installed, the world answers with it.
     platform::world::ApplyTopology(*topology);
@@ -169,17 +174,14 @@ TEST(Topology, SwitchingRefusalsNameTheLineAndTheKey)
     const Case cases[] = {
         {"interfaces:\n  - {name: A, ifindex: 5, port: 70000}\n", "topology:4:", "interfaces[0].port"},
         {"interfaces:\n  - {name: A}\n", "topology:4:", "missing key 'ifindex'"},
-        {"interfaces:\n  - {name: A, ifindex: 5}\n  - {name: A, ifindex: 6}\n", "topology:5:",
-         "'A' given twice"},
-        {"interfaces:\n  - {name: A, ifindex: 5}\n  - {name: B, ifindex: 5}\n", "topology:5:",
-         "interfaces[1].ifindex"},
-        {"interfaces:\n  - {name: A, ifindex: 5,\n     vlans: [\"110-100\"]}\n", "topology:5:",
-         "interfaces[0].vlans"},
+        {"interfaces:\n  - {name: A, ifindex: 5}\n  - {name: A, ifindex: 6}\n", "topology:5:", "'A' given twice"},
+        {"interfaces:\n  - {name: A, ifindex: 5}\n  - {name: B, ifindex: 5}\n", "topology:5:", "interfaces[1].ifindex"},
+        {"interfaces:\n  - {name: A, ifindex: 5,\n     vlans: [\"110-100\"]}\n", "topology:5:", "interfaces[0].vlans"},
         {"interfaces:\n  - {name: A, ifindex: 5, vlans: 4095}\n", "topology:4:", "interfaces[0].vlans"},
         {"interfaces:\n  - {name: A, ifindex: 5, pvid: 0}\n", "topology:4:", "interfaces[0].pvid"},
         {"interfaces: {name: A}\n", "topology:3:", "expected a list"},
-        {"trunks:\n  - {name: T, id: 1, ifindex: 9,\n     members: [Nope]}\n", "topology:5:",
-         "no interface named 'Nope'"},
+        {"trunks:\n  - {name: T, id: 1, ifindex: 9,\n     members: [Nope]}\n",
+         "topology:5:", "no interface named 'Nope'"},
         {"interfaces:\n  - {name: A, ifindex: 5}\ntrunks:\n  - {name: T, id: 1, ifindex: 9, members: [A]}\n"
          "  - {name: U, id: 2, ifindex: 10, members: [A]}\n",
          "topology:7:", "another trunk"},
@@ -187,8 +189,7 @@ TEST(Topology, SwitchingRefusalsNameTheLineAndTheKey)
         {"trunks:\n  - {name: T, id: 1, ifindex: 9, netdev: eth0}\n", "topology:4:", "trunks[0].netdev: unknown key"},
         {"interfaces:\n  - {name: A, ifindex: 5, netdev: \"\"}\n", "topology:4:", "interfaces[0].netdev"},
         {"isolation:\n  groups:\n    - {id: 7, members: [Ghost]}\n", "topology:5:", "no interface named 'Ghost'"},
-        {"interfaces:\n  - {name: A, ifindex: 5}\nisolation:\n  access-pairs:\n    - [A]\n", "topology:7:",
-         "pair"},
+        {"interfaces:\n  - {name: A, ifindex: 5}\nisolation:\n  access-pairs:\n    - [A]\n", "topology:7:", "pair"},
     };
     for (const Case &c : cases) {
         const std::string yaml = sys + c.yaml;

@@ -7,6 +7,7 @@
 #include <map>
 #include <random>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -103,9 +104,7 @@ TEST_F(WickMbufTest, CopyIsIndependentOfTheOriginal)
     FpcMbuf *c = FpcMbufPktCopy(m);
     ASSERT_NE(c, nullptr);
     EXPECT_NE(c->pData, m->pData);
-    EXPECT_EQ(c->dataOff, m->dataOff);
-    EXPECT_EQ(c->dataLen, m->dataLen);
-    EXPECT_EQ(c->bufLen, m->bufLen);
+    EXPECT_EQ(std::tie(c->dataOff, c->dataLen, c->bufLen), std::tie(m->dataOff, m->dataLen, m->bufLen));
 
     m->pData[m->dataOff] = 0xFF;
     ASSERT_EQ(MbufPktAddHead(c, 3, "copy.cpp", 3), 0U);
@@ -123,10 +122,10 @@ TEST_F(WickMbufTest, LeaksAreReportedByAllocationSite)
     const uint8_t b = 1;
     // The same file named through two different pointers is one site.
     const std::string sameFile = "a.cpp";
-    std::vector<FpcMbuf *> bufs = {
-        MbufPktNewFromData(&b, 1, "a.cpp", 10), MbufPktNewFromData(&b, 1, sameFile.c_str(), 10),
-        MbufPktNewFromData(&b, 1, "a.cpp", 10), MbufPktNewFromData(&b, 1, "a.cpp", 11),
-        MbufPktNewFromData(&b, 1, "b.cpp", 20)};
+    std::vector<FpcMbuf *> bufs = {MbufPktNewFromData(&b, 1, "a.cpp", 10),
+                                   MbufPktNewFromData(&b, 1, sameFile.c_str(), 10),
+                                   MbufPktNewFromData(&b, 1, "a.cpp", 10), MbufPktNewFromData(&b, 1, "a.cpp", 11),
+                                   MbufPktNewFromData(&b, 1, "b.cpp", 20)};
     ASSERT_EQ(std::count(bufs.begin(), bufs.end(), nullptr), 0);
     ASSERT_EQ(WICK_ChannelPut("leak/ch", &b, 1), 0U);
     FpcMbufFree(bufs[0], "x", 0);

@@ -6,8 +6,8 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <device/yangdb.hpp>
 #include <ydbc.h>
+#include <device/yangdb.hpp>
 
 #include "pplus_test.hpp"
 
@@ -22,6 +22,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -43,7 +44,8 @@ inline std::string PortItem(const std::string &name, const std::string &item)
 inline std::string PortXml(const std::string &name, const std::string &body)
 {
     return "<ifm xmlns=\"urn:quendal:yang:quendal-ifm\"><interfaces><interface><name>" + name +
-           "</name><pppoe-plus-port xmlns=\"" + kNs + "\">" + body + "</pppoe-plus-port></interface></interfaces></ifm>";
+           "</name><pppoe-plus-port xmlns=\"" + kNs + "\">" + body +
+           "</pppoe-plus-port></interface></interfaces></ifm>";
 }
 
 inline std::string PlusXml(const std::string &body)
@@ -56,10 +58,18 @@ using pplus_test::WaitFor;
 struct Delivery {
     uint32_t op = 0;
     std::string path;
-    std::string oldXml;  // what ydbc_pull(old 1) gave, "-" when it failed
-    std::string newXml;  // what ydbc_pull(old 0) gave, "-" when it failed
+    std::string oldXml;      // what ydbc_pull(old 1) gave, "-" when it failed
+    std::string newXml;      // what ydbc_pull(old 0) gave, "-" when it failed
     std::string below = {};  // ydbc_pull(old 0, pullDepth) of the path plus pullBelow
+
+    bool operator==(const Delivery &) const = default;
 };
+
+inline void PrintTo(const Delivery &d, std::ostream *os)
+{
+    *os << "{op " << d.op << ", " << d.path << ", old " << d.oldXml << ", new " << d.newXml << ", below " << d.below
+        << "}";
+}
 
 class Subscriber {
 public:
@@ -79,10 +89,7 @@ public:
     Subscriber(const Subscriber &) = delete;
     Subscriber &operator=(const Subscriber &) = delete;
 
-    ydbc_client *client() const
-    {
-        return client_;
-    }
+    ydbc_client *client() const { return client_; }
     bool Connect()
     {
         fd_ = ydbc_connect(client_, url_.c_str());
@@ -97,12 +104,15 @@ public:
         row.configCallback = reinterpret_cast<void *>(&OnChange);
         return ydbc_subscribe(client_, &row);
     }
-    uint32_t SubscribeGet(const std::string &path) { return Subscribe(path, YDBC_SUB_GET, reinterpret_cast<void *>(&OnGet)); }
-    uint32_t SubscribeRpc(const std::string &path) { return Subscribe(path, YDBC_SUB_RPC, reinterpret_cast<void *>(&OnRpc)); }
-    uint32_t Activate()
+    uint32_t SubscribeGet(const std::string &path)
     {
-        return ydbc_activate(client_, 1, &OnRecoverEnd, this);
+        return Subscribe(path, YDBC_SUB_GET, reinterpret_cast<void *>(&OnGet));
     }
+    uint32_t SubscribeRpc(const std::string &path)
+    {
+        return Subscribe(path, YDBC_SUB_RPC, reinterpret_cast<void *>(&OnRpc));
+    }
+    uint32_t Activate() { return ydbc_activate(client_, 1, &OnRecoverEnd, this); }
 
     void StartLoop()
     {
@@ -144,6 +154,13 @@ public:
     {
         std::lock_guard<std::mutex> lock(mu);
         change(*this);
+    }
+    // What read takes from the callbacks' records, under their lock.
+    template <typename Read>
+    auto Snapshot(Read read)
+    {
+        std::lock_guard<std::mutex> lock(mu);
+        return read(*this);
     }
     std::vector<Delivery> Changes()
     {
@@ -307,10 +324,7 @@ protected:
         admin_ = device::yangdb::Admin::Connect(options_.socketPath, &error);
         ASSERT_NE(admin_, nullptr) << error;
     }
-    std::string Url() const
-    {
-        return "unix://" + options_.socketPath;
-    }
+    std::string Url() const { return "unix://" + options_.socketPath; }
     // A subscriber of the given configuration paths, activated, its loop
     // running and its replay over.
     void StartSubscriber(const std::vector<std::string> &paths)
