@@ -28,10 +28,10 @@ int main(int argc, char **argv)
     }
     constexpr long kStart = 1767225600;
     for (unsigned i = 0; i < count; i++) {
-        const pplus_test::Mac mac{0x02, 0x5a, 0x00, static_cast<uint8_t>(i >> 16), static_cast<uint8_t>(i >> 8),
+        const frames::Mac mac{0x02, 0x5a, 0x00, static_cast<uint8_t>(i >> 16), static_cast<uint8_t>(i >> 8),
                                   static_cast<uint8_t>(i)};
-        const pplus_test::Bytes frame =
-            pplus_test::Frame().src(mac).padi().serviceName().hostUniq("storm-" + std::to_string(i)).bytes();
+        const frames::Bytes frame =
+            frames::Frame().src(mac).padi().serviceName().hostUniq("storm-" + std::to_string(i)).bytes();
         pcap_pkthdr hdr{};
         hdr.ts.tv_sec = kStart + static_cast<long>(i / 1000);
         hdr.ts.tv_usec = static_cast<long>(i % 1000) * 1000;

@@ -41,8 +41,8 @@ namespace {
 
 using device::fplane::DpxPktHead;
 using device::fplane::ForwardingPlane;
-using pplus_test::Bytes;
-using pplus_test::Mac;
+using frames::Bytes;
+using frames::Mac;
 
 constexpr uint32_t kUplink = 49;            // XGigabitEthernet0/0/1, a trunk port of VLANs 100-102
 constexpr uint32_t kBatch = 32;             // punts between two takes off the agent's channel
@@ -79,7 +79,7 @@ Mac HostOf(int thread)
 
 Bytes Padi(const Mac &src)
 {
-    return pplus_test::Frame().src(src).padi().serviceName().hostUniq("bench-0001").eol().bytes();
+    return frames::Frame().src(src).padi().serviceName().hostUniq("bench-0001").eol().bytes();
 }
 
 const Lane &LaneOf(const benchmark::State &state)
@@ -98,12 +98,12 @@ void Through(benchmark::State &state, const Bytes &frame)
 
 void BM_Switched(benchmark::State &state)
 {
-    Through(state, pplus_test::PlainFrame(kServer, HostOf(state.thread_index())));
+    Through(state, frames::PlainFrame(kServer, HostOf(state.thread_index())));
 }
 
 void BM_Flooded(benchmark::State &state)
 {
-    Through(state, pplus_test::PlainFrame(pplus_test::kBroadcast, HostOf(state.thread_index())));
+    Through(state, frames::PlainFrame(frames::kBroadcast, HostOf(state.thread_index())));
 }
 
 void BM_Punted(benchmark::State &state, ForwardingPlane **plane)
@@ -140,7 +140,7 @@ void BM_SubscriberSent(benchmark::State &state)
     }
     const Lane &lane = LaneOf(state);
     const Mac host = HostOf(state.thread_index());
-    const Bytes tagged = pplus_test::Frame()
+    const Bytes tagged = frames::Frame()
                              .src(host)
                              .vlan(lane.vlan)
                              .padi()
@@ -150,7 +150,7 @@ void BM_SubscriberSent(benchmark::State &state)
                              .eol()
                              .bytes();
     // Threads start together after setup; the entry exists before the loop.
-    const Bytes padi = pplus_test::Frame().src(host).vlan(lane.vlan).padi().eol().bytes();
+    const Bytes padi = frames::Frame().src(host).vlan(lane.vlan).padi().eol().bytes();
     for (auto _ : state) {
         state.PauseTiming();
         table->Punted(lane.port, padi, device::fplane::CoarseMonotonicNs());
@@ -173,10 +173,10 @@ BENCHMARK(BM_SubscriberSent)->Threads(1)->Threads(2)->Threads(4)->UseRealTime();
 void Prepare()
 {
     for (const Lane &lane : kLanes) {
-        g_plane->Receive(kUplink, pplus_test::PlainFrame(HostOf(0), kServer, lane.vlan));
+        g_plane->Receive(kUplink, frames::PlainFrame(HostOf(0), kServer, lane.vlan));
     }
     const auto uplinkTx = g_plane->Counters(kUplink).tx;
-    g_plane->Receive(kLanes[0].port, pplus_test::PlainFrame(kServer, HostOf(0)));
+    g_plane->Receive(kLanes[0].port, frames::PlainFrame(kServer, HostOf(0)));
     if (g_plane->Counters(kUplink).tx != uplinkTx + 1 || g_plane->Counters(kLanes[0].port).dropped != 0) {
         Die("a unicast frame did not reach the uplink");
     }

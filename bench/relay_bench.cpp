@@ -116,8 +116,8 @@ int64_t HeapAllocs()
 
 namespace {
 
-using pplus_test::Bytes;
-using pplus_test::Frame;
+using frames::Bytes;
+using frames::Frame;
 
 constexpr uint32_t kSubscriberPort = 5;      // GigabitEthernet0/0/1 of the example
 constexpr uint32_t kUplink = 49;             // XGigabitEthernet0/0/1, trusted
@@ -197,7 +197,7 @@ void TrustFloodUplinks(uint32_t trust)
 
 Bytes Padi(uint16_t vlan)
 {
-    return pplus_test::WithDpxHead(
+    return frames::WithDpxHead(
         Frame().vlan(vlan).padi().serviceName().hostUniq("bench-0001").eol().bytes(), 0xFFFFFFFFU, kSubscriberPort);
 }
 
@@ -383,7 +383,7 @@ void CheckRelay()
     DpxPktHead head{};
     std::memcpy(&head, buf.data(), sizeof(head));
     const Bytes frame(buf.begin() + sizeof(head), buf.begin() + len);
-    const auto parsed = pplus_test::Parse(frame);
+    const auto parsed = frames::Parse(frame);
     if (head.egrIfindex != kUplink || !parsed || !parsed->subOption(1)) {
         Die("the relayed frame lacks the agent's tag");
     }

@@ -5,6 +5,8 @@
 
 #include <stdint.h>
 
+#include "pppoe_plus_tlv.h"
+
 /* Tag policy codes. */
 #define PPPOE_PLUS_POLICY_UNSET 0U
 #define PPPOE_PLUS_POLICY_REPLACE 1U
@@ -142,6 +144,18 @@ uint32_t PPPOE_PLUS_SetGlobalCidFormat(uint8_t formatType, const char *udfStr);
 uint8_t PPPOE_PLUS_GetGlobalRidFormat(void);
 char *PPPOE_PLUS_GetGlobalRidUdfFormat(void);
 uint32_t PPPOE_PLUS_SetGlobalRidFormat(uint8_t formatType, const char *udfStr);
+/* The global user-defined format of infoType compiled for the variant of
+ * info, or null when it must be compiled again (the dictionary changed
+ * since); read it under the store's lock, like the string. */
+const PppoePlusUdfProg *PPPOE_PLUS_GetGlobalUdfProg(uint8_t infoType, const UserInfo *info);
+/* A port node's user-defined format compiled for the variant of info, or
+ * null when it is not (or no longer) kept compiled; under the store's lock. */
+const PppoePlusUdfProg *PPPOE_PLUS_GetPortUdfProg(const InfoFormatNode *node, const UserInfo *info);
+/* How many format nodes the ports have, read without the store's lock. */
+uint32_t PPPOE_PLUS_PortFormatCount(void);
+/* Compiles the store's user-defined formats again (the dictionary changed);
+ * takes the store's lock exclusively. */
+void PPPOE_PLUS_CompileGlobalUdf(void);
 uint32_t PPPOE_PLUS_GetVendorId(void);
 void PPPOE_PLUS_SetVendorId(uint32_t vendorId);
 /* A copy of the port list's head, taken under the store's lock: its count.

@@ -57,6 +57,37 @@ typedef struct PppoePlusKeyWord {
     char name[PPPOE_PLUS_KEYWORD_NAME_LEN];
 } PppoePlusKeyWord;
 
+/* A user-defined format compiled once for the values it reads when it is
+ * compiled (the dictionary; for a format with optional parts, whether the
+ * outer and inner VLANs are 0): literal runs and field steps that the
+ * encoder walks per frame instead of parsing the format again. */
+#define PPPOE_PLUS_UDF_OPS_MAX 130U
+#define PPPOE_PLUS_UDF_STEP_FMT_LEN 8U    /* "%09999s" and its terminator */
+
+typedef struct PppoePlusUdfOp {
+    uint8_t kind;        /* check, literal run, number or field */
+    uint8_t ascii;       /* field: 1 in a quoted stretch */
+    uint8_t id;          /* field: keyword id */
+    uint8_t count;       /* literal: bytes; number: bytes of the value */
+    uint32_t value;      /* literal: offset into lit; number: the value; field: width */
+    char fieldFmt[PPPOE_PLUS_UDF_STEP_FMT_LEN];   /* field, ASCII: "%Ns" or "%0Ns" */
+} PppoePlusUdfOp;
+
+typedef struct PppoePlusUdfProg {
+    uint32_t dictGen;    /* the dictionary generation compiled against; 0: none */
+    uint8_t variant;     /* bit 0: outer VLAN 0, bit 1: inner VLAN 0 */
+    uint8_t anyVariant;  /* 1: no optional parts, the same for every variant */
+    uint8_t walk;        /* 1: encoded by the per-frame walk (a format that fails) */
+    uint8_t opCount;
+    uint8_t lenStep;     /* 1: the length field is filled in after the walk */
+    uint8_t lenAscii;
+    uint16_t litLen;
+    uint32_t lenWidth;
+    char lenFmt[PPPOE_PLUS_UDF_STEP_FMT_LEN];
+    uint8_t lit[PPPOE_PLUS_UDF_FMT_LEN];
+    PppoePlusUdfOp ops[PPPOE_PLUS_UDF_OPS_MAX];
+} PppoePlusUdfProg;
+
 extern PppoePlusKeyWord *g_pppoePlusKeyWordDict;
 extern uint8_t g_pppoePlusSystemMac[6];
 extern uint32_t g_pppoePlusLengthOffsetBit;
@@ -98,6 +129,17 @@ uint32_t PPPOE_PLUS_EncodePortDesc(KeyWordEncodeCtx *ctx);
 
 /* User-defined format encoder. */
 uint32_t PPPOE_PLUS_EncodeUdfData(const UserInfo *info, const char *fmt, uint8_t *out, uint32_t *outLen);
+/* Compiles fmt for the variant of info (its VLANs being 0 or not). */
+uint32_t PPPOE_PLUS_UdfCompile(const char *fmt, const UserInfo *info, PppoePlusUdfProg *prog);
+/* 1 when prog was compiled against the current dictionary for the variant
+ * of info. */
+uint32_t PPPOE_PLUS_UdfProgFits(const PppoePlusUdfProg *prog, const UserInfo *info);
+/* Copies the used part of a program. */
+void PPPOE_PLUS_UdfProgCopy(PppoePlusUdfProg *dst, const PppoePlusUdfProg *src);
+/* As PPPOE_PLUS_EncodeUdfData for the format prog was compiled from (fmt,
+ * walked instead when prog says so), the same bytes and the same lines. */
+uint32_t PPPOE_PLUS_EncodeUdfProg(const UserInfo *info, const char *fmt, const PppoePlusUdfProg *prog, uint8_t *out,
+                                  uint32_t *outLen);
 uint32_t PPPOE_PLUS_ReplumeFmtStr(const UserInfo *info, const char *fmt, char *out);
 uint32_t PPPOE_PLUS_ReBuildLength(const char *fmt, uint8_t *buf, uint32_t *len);
 uint32_t PPPOE_PLUS_EncodeLengthData(uint8_t ascii, uint8_t *buf, uint32_t *len, const char *fieldFmt, uint32_t width);

@@ -23,7 +23,7 @@ namespace {
 
 using pplus_e2e::ProgramRun;
 using pplus_e2e::RunProgram;
-using pplus_test::ParsedFrame;
+using frames::ParsedFrame;
 
 constexpr uint8_t kPadi = 0x09;
 constexpr uint8_t kPado = 0x07;
@@ -62,7 +62,7 @@ bool Is(const ParsedFrame &f, uint8_t code, uint16_t vlan)
 
 std::optional<uint32_t> VendorIdOf(const ParsedFrame &f)
 {
-    const pplus_test::ParsedTag *vs = f.find(kTagVendorSpecific);
+    const frames::ParsedTag *vs = f.find(kTagVendorSpecific);
     if (vs == nullptr || vs->value.size() < 4) {
         return std::nullopt;
     }
@@ -180,7 +180,7 @@ public:
     {
         std::vector<ParsedFrame> frames;
         for (const std::string &raw : pplus_e2e::Frames(file_)) {
-            if (auto parsed = pplus_test::Parse(pplus_test::Bytes(raw.begin(), raw.end()))) {
+            if (auto parsed = frames::Parse(frames::Bytes(raw.begin(), raw.end()))) {
                 frames.push_back(std::move(*parsed));
             }
         }

@@ -26,10 +26,10 @@ bool WriteStorm(const std::string &path, unsigned count)
 {
     pplus_test::StampedFrames frames;
     for (unsigned i = 0; i < count; i++) {
-        const pplus_test::Mac mac{
+        const frames::Mac mac{
             0x02, 0x5a, 0, static_cast<uint8_t>(i >> 16), static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)};
         const timeval ts{static_cast<time_t>(i / 1000), static_cast<suseconds_t>(i % 1000) * 1000};
-        frames.push_back({ts, pplus_test::Frame().src(mac).padi().serviceName().bytes()});
+        frames.push_back({ts, frames::Frame().src(mac).padi().serviceName().bytes()});
     }
     return pplus_test::WriteCapture(path, frames);
 }

@@ -89,8 +89,8 @@ TEST_F(Replay, SubscribersShowAfterDiscoveryLeaveWithThePadtAndPolicedFramesAddU
 
     // The concentrator ends the first session: the entry goes.
     const std::string padt = (dir_ / "padt.pcap").string();
-    pplus_test::Frame padtFrame;
-    padtFrame.src(pplus_test::kServerMac).dst(pplus_test::kSubscriberMac).vlan(100).session(1).padt().eol();
+    frames::Frame padtFrame;
+    padtFrame.src(frames::kServerMac).dst(frames::kSubscriberMac).vlan(100).session(1).padt().eol();
     ASSERT_TRUE(pplus_test::WriteCapture(padt, {{{}, padtFrame.bytes()}}));
     ASSERT_EQ(cli({"world", "port", "replay", "XGigabitEthernet0/0/1=" + padt}).status, 0);
     shown = cli({"show", "subscribers", "--json"});
@@ -104,7 +104,7 @@ TEST_F(Replay, SubscribersShowAfterDiscoveryLeaveWithThePadtAndPolicedFramesAddU
     EXPECT_EQ(policed.output, "port GigabitEthernet0/0/2 (6) punt policing 1/s burst 1\n");
     pplus_test::StampedFrames padis;
     for (uint8_t i = 0; i < 10; i++) {
-        padis.push_back({{}, pplus_test::Frame().src({0x02, 0, 0, 0, 0x66, i}).padi().hostUniq().eol().bytes()});
+        padis.push_back({{}, frames::Frame().src({0x02, 0, 0, 0, 0x66, i}).padi().hostUniq().eol().bytes()});
     }
     const std::string flood = (dir_ / "flood.pcap").string();
     ASSERT_TRUE(pplus_test::WriteCapture(flood, padis));

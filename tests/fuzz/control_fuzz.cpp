@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -62,6 +63,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     limits.readTimeout = 2000ms;
     g_server = new host::ControlServer();  // serves for the life of the process
     Require(g_server->Start(g_path, {}, &error, {}, limits));
+    std::atexit([] { ::unlink(g_path.c_str()); });  // libFuzzer ends runs with exit()
     return 0;
 }
 

@@ -1,10 +1,12 @@
 // libFuzzer target: arbitrary strings through the user-defined format
 // validator, its single-rule checks and part extractors, and (within the
 // stored format length) through the format encoder with a filled UserInfo.
+// The compiled format is checked against the walk of the format.
 // A finding is a sanitizer report or a broken invariant (trap).
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "fuzz_support.hpp"
@@ -95,10 +97,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     if (std::char_traits<char>::length(s) <= PPPOE_PLUS_UDF_FMT_MAX) {
         (void)PPPOE_PLUS_UserFmtGetAsciiFmtStr(s, part);
-        uint8_t out[PPPOE_PLUS_UDF_OUT_MAX] = {};
-        uint32_t outLen = 0;
-        if (PPPOE_PLUS_EncodeUdfData(&g_info, s, out, &outLen) == 0U) {
-            Require(outLen <= PPPOE_PLUS_UDF_OUT_MAX);
+        // For each combination of the VLANs being 0, the compiled format
+        // builds what the walk builds, with as many asserts.
+        for (uint32_t variant = 0; variant < 4U; ++variant) {
+            g_info.ulXpi = (variant & 1U) != 0U ? 0U : 100U;
+            g_info.ulXci = (variant & 2U) != 0U ? 0U : 200U;
+            uint8_t out[PPPOE_PLUS_UDF_OUT_MAX] = {};
+            uint32_t outLen = 0;
+            const uint32_t asserts = PLAT_AssertCount();
+            const uint32_t ret = PPPOE_PLUS_EncodeUdfData(&g_info, s, out, &outLen);
+            Require(ret != 0U || outLen <= PPPOE_PLUS_UDF_OUT_MAX);
+            const uint32_t walkAsserts = PLAT_AssertCount() - asserts;
+            PppoePlusUdfProg prog;
+            Require(PPPOE_PLUS_UdfCompile(s, &g_info, &prog) == 0U && PLAT_AssertCount() == asserts + walkAsserts);
+            uint8_t again[PPPOE_PLUS_UDF_OUT_MAX] = {};
+            uint32_t againLen = 0;
+            Require(PPPOE_PLUS_EncodeUdfProg(&g_info, s, &prog, again, &againLen) == ret);
+            Require(againLen == outLen && std::memcmp(out, again, sizeof(out)) == 0);
+            Require(PLAT_AssertCount() == asserts + 2U * walkAsserts);
         }
     }
     Require(PLAT_MemOutstanding() == memBefore);

@@ -12,7 +12,7 @@
 
 namespace pplus_test {
 
-using StampedFrames = std::vector<std::pair<timeval, Bytes>>;
+using StampedFrames = std::vector<std::pair<timeval, frames::Bytes>>;
 
 // False when the file cannot be created.
 inline bool WriteCapture(const std::string &path, const StampedFrames &frames, int linkType = DLT_EN10MB)

@@ -31,53 +31,33 @@
 #pragma GCC diagnostic pop
 
 #include "device/live.hpp"
+#include "pppoe_frame.hpp"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
+namespace wire = frames::wire;
+
 constexpr size_t kMacsLen = 12;
 constexpr size_t kMinFrame = 60;             // shortest Ethernet frame without FCS
-constexpr uint16_t kEtherPppoeDiscovery = 0x8863;
-constexpr uint8_t kVerType = 0x11;
 constexpr uint8_t kPadi = 0x09;
-constexpr uint16_t kTagServiceName = 0x0101;
 constexpr uint16_t kTagHostUniq = 0x0103;
-constexpr uint16_t kTagVendorSpecific = 0x0105;
-constexpr size_t kPppoeHeaderLen = 6;
-constexpr size_t kTagHeaderLen = 4;
 constexpr unsigned kBatch = 64;
-
-void Put16(std::vector<uint8_t> &b, uint16_t v)
-{
-    b.push_back(static_cast<uint8_t>(v >> 8));
-    b.push_back(static_cast<uint8_t>(v & 0xFFU));
-}
 
 uint16_t Get16(const uint8_t *p)
 {
     return static_cast<uint16_t>(p[0] << 8 | p[1]);
 }
 
-// A PADI from source MAC 02:00:5e:<source>, as rp-pppoe's client sends one.
+// A PADI from source MAC 02:00:5e:<source>, as rp-pppoe's client sends one:
+// an empty Service-Name and a four-byte Host-Uniq.
 std::vector<uint8_t> Padi(uint32_t source)
 {
-    std::vector<uint8_t> f = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0x02, 0x00, 0x5e};
-    f.push_back(static_cast<uint8_t>(source >> 16));
-    f.push_back(static_cast<uint8_t>(source >> 8));
-    f.push_back(static_cast<uint8_t>(source));
-    Put16(f, kEtherPppoeDiscovery);
-    f.push_back(kVerType);
-    f.push_back(kPadi);
-    Put16(f, 0);                                   // session id
-    Put16(f, 2 * kTagHeaderLen + 4);               // tag area: Service-Name (empty), Host-Uniq (4)
-    Put16(f, kTagServiceName);
-    Put16(f, 0);
-    Put16(f, kTagHostUniq);
-    Put16(f, 4);
-    for (int i = 0; i < 4; i++) {
-        f.push_back(static_cast<uint8_t>(source >> (8 * i)));
-    }
+    const auto byte = [source](int i) { return static_cast<uint8_t>(source >> (8 * i)); };
+    const frames::Mac mac{0x02, 0x00, 0x5e, byte(2), byte(1), byte(0)};
+    std::vector<uint8_t> f =
+        frames::Frame().padi().src(mac).serviceName().tag(kTagHostUniq, {byte(0), byte(1), byte(2), byte(3)}).bytes();
     f.resize(std::max(f.size(), kMinFrame), 0);
     return f;
 }
@@ -159,15 +139,15 @@ int Count(const std::string &netdev, double seconds, int vlan)
             outer = outer < 0 ? (Get16(&f[off + 2]) & 0x0FFF) : outer;
             off += 4;
         }
-        if (off + 2 + kPppoeHeaderLen > f.size() || Get16(&f[off]) != kEtherPppoeDiscovery || f[off + 3] != kPadi ||
+        if (off + 2 + wire::kPppoeHeadLen > f.size() || Get16(&f[off]) != wire::kEtherTypeDiscovery || f[off + 3] != kPadi ||
             (vlan >= 0 && outer != vlan)) {
             return;
         }
-        const size_t tags = off + 2 + kPppoeHeaderLen;
+        const size_t tags = off + 2 + wire::kPppoeHeadLen;
         const size_t end = std::min(f.size(), tags + Get16(&f[off + 6]));
         bool vendorTag = false;
-        for (size_t t = tags; t + kTagHeaderLen <= end; t += kTagHeaderLen + Get16(&f[t + 2])) {
-            vendorTag = vendorTag || Get16(&f[t]) == kTagVendorSpecific;
+        for (size_t t = tags; t + wire::kTagHeadLen <= end; t += wire::kTagHeadLen + Get16(&f[t + 2])) {
+            vendorTag = vendorTag || Get16(&f[t]) == wire::kTagVendorSpecific;
         }
         const int64_t ns = std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - start).count();
         int64_t unset = -1;

@@ -25,9 +25,9 @@
 
 namespace {
 
-using pplus_test::Bytes;
-using pplus_test::Frame;
-using pplus_test::Mac;
+using frames::Bytes;
+using frames::Frame;
+using frames::Mac;
 
 constexpr Mac kSubscriber1{0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
 constexpr Mac kSubscriber2{0x02, 0x00, 0x00, 0x00, 0x00, 0x02};

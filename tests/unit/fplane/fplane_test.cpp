@@ -26,9 +26,9 @@ using device::fplane::DpxPktHead;
 using device::fplane::ForwardingPlane;
 using device::fplane::MemoryPorts;
 using device::fplane::PuntRate;
-using pplus_test::Bytes;
-using pplus_test::Frame;
-using pplus_test::PlainFrame;
+using frames::Bytes;
+using frames::Frame;
+using frames::PlainFrame;
 
 // Access ports 5, 6 (VLAN 100), 7 (VLAN 101), 10 (VLAN 100, off board);
 // uplink trunk port 49 (VLANs 100, 101); trunk 100 of members 27, 28
@@ -47,17 +47,17 @@ trunks:
   - {name: Trunk1, id: 1, ifindex: 100, members: [Ring1, Ring2], mode: trunk, vlans: [100]}
 )";
 
-constexpr pplus_test::Mac kHostA{0x02, 0, 0, 0, 0, 0x0a};
-constexpr pplus_test::Mac kHostB{0x02, 0, 0, 0, 0, 0x0b};
+constexpr frames::Mac kHostA{0x02, 0, 0, 0, 0, 0x0a};
+constexpr frames::Mac kHostB{0x02, 0, 0, 0, 0, 0x0b};
 
 std::vector<uint16_t> Vlans(const Bytes &frame)
 {
     std::vector<uint16_t> v;
-    namespace wire = pplus_test::wire;
+    namespace wire = frames::wire;
     for (size_t off = wire::kEthTypeOff;
-         off + wire::kVlanTagLen <= frame.size() && pplus_test::GetU16(frame, off) == 0x8100;
+         off + wire::kVlanTagLen <= frame.size() && frames::GetU16(frame, off) == 0x8100;
          off += wire::kVlanTagLen) {
-        v.push_back(pplus_test::GetU16(frame, off + wire::kVlanTciOff));
+        v.push_back(frames::GetU16(frame, off + wire::kVlanTciOff));
     }
     return v;
 }
@@ -105,7 +105,7 @@ protected:
     // What the agent writes back: {133, egress, 0} and the frame.
     static void SendFromAgent(uint32_t egress, const Bytes &frame, uint32_t msgType = 133)
     {
-        const Bytes msg = pplus_test::WithDpxHead(frame, egress, 0, msgType);
+        const Bytes msg = frames::WithDpxHead(frame, egress, 0, msgType);
         ASSERT_EQ(WICK_ChannelPut(device::fplane::kSendChannel, msg.data(), static_cast<uint32_t>(msg.size())), 0U);
     }
 
@@ -158,9 +158,9 @@ TEST_F(PlaneTest, IngressClassifiesByPortModeAndVlanMembership)
     };
     uint8_t host = 0x20;
     for (const Row &row : rows) {
-        const pplus_test::Mac src{0x02, 0, 0, 0, 0, host++};
+        const frames::Mac src{0x02, 0, 0, 0, 0, host++};
         const auto before = plane_->Counters(row.port);
-        plane_->Receive(row.port, PlainFrame(pplus_test::kBroadcast, src, row.tci));
+        plane_->Receive(row.port, PlainFrame(frames::kBroadcast, src, row.tci));
         const auto after = plane_->Counters(row.port);
         EXPECT_EQ(after.rx, before.rx + 1) << row.why;
         EXPECT_EQ(after.dropped, before.dropped + (row.accepted ? 0U : 1U)) << row.why;
@@ -208,18 +208,18 @@ TEST_F(PlaneTest, FloodsWithinTheVlanTaggedOnTrunksUntaggedOnAccessThenSendsToTh
 
     // A priority tag (VID 0) classifies like no tag: the frame joins the
     // PVID and keeps its priority.
-    plane_->Receive(5, PlainFrame(pplus_test::kBroadcast, kHostA, 0xA000));
+    plane_->Receive(5, PlainFrame(frames::kBroadcast, kHostA, 0xA000));
     ASSERT_TRUE(Idle());
     const auto prioUp = ports_.Take(49, 0ms);
     const auto prioSub2 = ports_.Take(6, 0ms);
     ASSERT_TRUE(prioUp && prioSub2);
-    EXPECT_EQ(*prioUp, PlainFrame(pplus_test::kBroadcast, kHostA, 0xA000 | 100));
-    EXPECT_EQ(*prioSub2, PlainFrame(pplus_test::kBroadcast, kHostA));
+    EXPECT_EQ(*prioUp, PlainFrame(frames::kBroadcast, kHostA, 0xA000 | 100));
+    EXPECT_EQ(*prioSub2, PlainFrame(frames::kBroadcast, kHostA));
 }
 
 TEST_F(PlaneTest, DiscoveryFramesArePuntedOnlyWhileTheFeatureIsOn)
 {
-    const Bytes padi = Frame().src(pplus_test::kSubscriberMac).padi().serviceName().eol().bytes();
+    const Bytes padi = Frame().src(frames::kSubscriberMac).padi().serviceName().eol().bytes();
 
     // Off: switched like any frame, nothing reaches the agent.
     plane_->Receive(5, padi);
@@ -237,15 +237,15 @@ TEST_F(PlaneTest, DiscoveryFramesArePuntedOnlyWhileTheFeatureIsOn)
     EXPECT_EQ(punt->head.msgType, 0U);
     EXPECT_EQ(punt->head.igrIfindex, 5U);
     EXPECT_EQ(punt->head.egrIfindex, 0xFFFFFFFFU);
-    EXPECT_EQ(punt->frame, Frame().src(pplus_test::kSubscriberMac).vlan(100).padi().serviceName().eol().bytes());
+    EXPECT_EQ(punt->frame, Frame().src(frames::kSubscriberMac).vlan(100).padi().serviceName().eol().bytes());
     EXPECT_EQ(ports_.Pending(49), 0U) << "a punted frame is not also switched";
     EXPECT_EQ(plane_->Counters(5).punted, 1U);
 
     // A reply from the server on trunk member 28 (double tagged, outer TPID
     // 0x9100): egress is the learnt subscriber port, ingress the member.
     const Bytes pado = Frame()
-                           .src(pplus_test::kServerMac)
-                           .dst(pplus_test::kSubscriberMac)
+                           .src(frames::kServerMac)
+                           .dst(frames::kSubscriberMac)
                            .vlan(100, 0x9100)
                            .qinq(7)
                            .pado()
@@ -277,7 +277,7 @@ TEST_F(PlaneTest, DiscoveryFramesArePuntedOnlyWhileTheFeatureIsOn)
 TEST_F(PlaneTest, WorldChangesApplyFromTheNextFrame)
 {
     const auto floodReaches = [this](uint32_t port) {
-        plane_->Receive(5, PlainFrame(pplus_test::kBroadcast, kHostA));
+        plane_->Receive(5, PlainFrame(frames::kBroadcast, kHostA));
         EXPECT_TRUE(Idle());
         const bool reached = ports_.Pending(port) > 0;
         DrainPorts();
@@ -315,7 +315,7 @@ TEST_F(PlaneTest, ReceiversOnSeveralPortsAtOnceWhileTheWorldChanges)
     std::vector<std::thread> threads;
     for (const uint32_t port : senders) {
         threads.emplace_back([this, port, &running]() {
-            const Bytes frame = PlainFrame(kHostB, pplus_test::Mac{0x02, 0, 0, 0, 1, static_cast<uint8_t>(port)});
+            const Bytes frame = PlainFrame(kHostB, frames::Mac{0x02, 0, 0, 0, 1, static_cast<uint8_t>(port)});
             for (uint64_t i = 0; i < kFrames; i++) {
                 plane_->Receive(port, frame);
             }
@@ -336,7 +336,7 @@ TEST_F(PlaneTest, ReceiversOnSeveralPortsAtOnceWhileTheWorldChanges)
     for (const uint32_t port : senders) {
         EXPECT_EQ(plane_->Counters(port).rx, kFrames);
         EXPECT_EQ(plane_->Counters(port).dropped, 0U);
-        EXPECT_EQ(plane_->Lookup(port == 7 ? 101 : 100, pplus_test::Mac{0x02, 0, 0, 0, 1, static_cast<uint8_t>(port)}),
+        EXPECT_EQ(plane_->Lookup(port == 7 ? 101 : 100, frames::Mac{0x02, 0, 0, 0, 1, static_cast<uint8_t>(port)}),
                   port);
     }
     const auto uplink = plane_->Counters(49);
@@ -346,7 +346,7 @@ TEST_F(PlaneTest, ReceiversOnSeveralPortsAtOnceWhileTheWorldChanges)
     // A new plane starts from nothing, on this thread too.
     plane_.reset();
     plane_ = std::make_unique<ForwardingPlane>(ports_);
-    plane_->Receive(5, PlainFrame(pplus_test::kBroadcast, kHostA));
+    plane_->Receive(5, PlainFrame(frames::kBroadcast, kHostA));
     EXPECT_EQ(plane_->Counters(5).rx, 1U);
     EXPECT_EQ(plane_->AllCounters().size(), 4U) << "port 5 and the three ports the broadcast left through";
 }
@@ -359,7 +359,7 @@ TEST_F(PlaneTest, AFloodOfSourceMacsNeitherGrowsTheMacTableNorStopsLearning)
     plane_.reset();
     plane_ = std::make_unique<ForwardingPlane>(discard);
     const size_t macs = device::fplane::kMacTableSlots + device::fplane::kMacTableSlots / 8;
-    Bytes frame = PlainFrame(pplus_test::kBroadcast, kHostA);
+    Bytes frame = PlainFrame(frames::kBroadcast, kHostA);
     for (size_t i = 0; i < macs; i++) {
         frame[9] = static_cast<uint8_t>(i >> 16);
         frame[10] = static_cast<uint8_t>(i >> 8);
@@ -369,7 +369,7 @@ TEST_F(PlaneTest, AFloodOfSourceMacsNeitherGrowsTheMacTableNorStopsLearning)
     const size_t learnt = plane_->MacTable().size();
     EXPECT_LE(learnt, device::fplane::kMacTableSlots);
     EXPECT_GT(learnt, device::fplane::kMacTableSlots / 2) << "the table holds what it can";
-    plane_->Receive(6, PlainFrame(pplus_test::kBroadcast, kHostB));
+    plane_->Receive(6, PlainFrame(frames::kBroadcast, kHostB));
     EXPECT_EQ(plane_->Lookup(100, kHostB), 6U) << "a new station is learnt in a full table";
     plane_.reset();
 }
@@ -400,7 +400,7 @@ TEST_F(PlaneTest, DiscoveryBehindATagStackTheAgentCannotParseIsDroppedNeverSwitc
         {"session traffic behind three tags", {{0x8100, 100}, {0x8100, 7}, {0x8100, 8}}, 0x8864, Fate::Switched},
     };
     for (const Row &row : rows) {
-        Frame builder = Frame().src(pplus_test::kServerMac).dst(pplus_test::kSubscriberMac).pado();
+        Frame builder = Frame().src(frames::kServerMac).dst(frames::kSubscriberMac).pado();
         for (const Tag &t : row.tags) {
             builder.vlan(t.vid, t.tpid);
         }
@@ -427,8 +427,8 @@ TEST_F(PlaneTest, DiscoveryBehindATagStackTheAgentCannotParseIsDroppedNeverSwitc
 TEST_F(PlaneTest, AgentFramesLeaveThroughTheNamedPort)
 {
     const Bytes tagged =
-        Frame().src(pplus_test::kServerMac).dst(pplus_test::kSubscriberMac).vlan(100).pado().eol().bytes();
-    const Bytes untagged = Frame().src(pplus_test::kServerMac).dst(pplus_test::kSubscriberMac).pado().eol().bytes();
+        Frame().src(frames::kServerMac).dst(frames::kSubscriberMac).vlan(100).pado().eol().bytes();
+    const Bytes untagged = Frame().src(frames::kServerMac).dst(frames::kSubscriberMac).pado().eol().bytes();
 
     struct Row {
         const char *why;
@@ -496,7 +496,7 @@ protected:
         s.subscribers = {size, idleSeconds};
         return s;
     }
-    std::optional<device::fplane::Subscriber> Find(const pplus_test::Mac &mac, uint16_t inner = 0) const
+    std::optional<device::fplane::Subscriber> Find(const frames::Mac &mac, uint16_t inner = 0) const
     {
         for (const auto &s : plane_->Subscribers()) {
             if (s.mac == mac && s.innerVlan == inner) {
@@ -505,19 +505,19 @@ protected:
         }
         return std::nullopt;
     }
-    static pplus_test::Mac Client(uint32_t n)
+    static frames::Mac Client(uint32_t n)
     {
         return {0x02, 0x10, 0, static_cast<uint8_t>(n >> 16), static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(n)};
     }
-    static Bytes PadiFrom(const pplus_test::Mac &mac) { return Frame().src(mac).padi().hostUniq().eol().bytes(); }
+    static Bytes PadiFrom(const frames::Mac &mac) { return Frame().src(mac).padi().hostUniq().eol().bytes(); }
 };
 
 TEST_F(OperatorViewTest, SubscriberEntryFollowsDiscoveryFromPadiToPadtOfEitherSide)
 {
     Rebuild(Unpoliced());
-    constexpr pplus_test::Mac kAc = pplus_test::kServerMac;
-    constexpr pplus_test::Mac kOtherAc{0x02, 0, 0, 0, 0, 0xbb};
-    const pplus_test::Mac client = pplus_test::kSubscriberMac;
+    constexpr frames::Mac kAc = frames::kServerMac;
+    constexpr frames::Mac kOtherAc{0x02, 0, 0, 0, 0, 0xbb};
+    const frames::Mac client = frames::kSubscriberMac;
 
     // PADI punted from port 5; the agent relays it with its tag; two
     // concentrators offer; the client chooses the second; its PADS names the session.
@@ -575,7 +575,7 @@ TEST_F(OperatorViewTest, SubscriberEntryFollowsDiscoveryFromPadiToPadtOfEitherSi
     EXPECT_EQ(plane_->SubscriberStats().entries, 1U);
 
     // A client whose MAC differs only in its first octet is another entry.
-    pplus_test::Mac twin = client;
+    frames::Mac twin = client;
     twin[0] ^= 0x04;
     plane_->Receive(5, PadiFrom(twin));
     ASSERT_TRUE(Settled());
@@ -597,8 +597,8 @@ TEST_F(OperatorViewTest, ARandomMacStormStaysWithinTheBoundEvictingTheIdlestFirs
     std::mt19937 random(7);
     for (const Row &row : rows) {
         Rebuild(Unpoliced(row.size));
-        const pplus_test::Mac quiet = Client(0xF00000);
-        const pplus_test::Mac active = Client(0xF00001);
+        const frames::Mac quiet = Client(0xF00000);
+        const frames::Mac active = Client(0xF00001);
         plane_->Receive(5, PadiFrom(quiet));
         const uint32_t storm = row.size * 4;
         for (uint32_t i = 0; i < storm; i++) {
@@ -629,7 +629,7 @@ TEST_F(OperatorViewTest, ARandomMacStormStaysWithinTheBoundEvictingTheIdlestFirs
 TEST_F(OperatorViewTest, RepeatsSeenWithoutTheLockLoseNoChangeOfTheTransmitThread)
 {
     Rebuild(Unpoliced());
-    const pplus_test::Mac client = Client(1);
+    const frames::Mac client = Client(1);
     std::atomic<bool> stop{false};
     std::vector<std::thread> receivers;
     for (int i = 0; i < 2; i++) {

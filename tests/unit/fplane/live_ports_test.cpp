@@ -22,7 +22,7 @@ namespace {
 
 using device::fplane::LivePorts;
 using device::fplane::NetdevBinding;
-using pplus_test::Bytes;
+using frames::Bytes;
 
 constexpr uint32_t kPortA = 1;
 constexpr uint32_t kPortB = 2;
@@ -40,10 +40,10 @@ Bytes TestFrame(size_t len, std::initializer_list<std::pair<uint16_t, uint16_t>>
 {
     Bytes b = {0x02, 0, 0, 0, 0, 0x0b, 0x02, 0, 0, 0, 0, 0x0a};
     for (const auto &[tpid, tci] : tags) {
-        pplus_test::PutU16(b, tpid);
-        pplus_test::PutU16(b, tci);
+        frames::PutU16(b, tpid);
+        frames::PutU16(b, tci);
     }
-    pplus_test::PutU16(b, kTestEtherType);
+    frames::PutU16(b, kTestEtherType);
     b.resize(len, fill);
     return b;
 }
@@ -51,9 +51,9 @@ Bytes TestFrame(size_t len, std::initializer_list<std::pair<uint16_t, uint16_t>>
 // Whether f is of the test's ether type, behind any tags.
 bool IsTestFrame(const Bytes &f)
 {
-    size_t off = pplus_test::wire::kEthTypeOff;
-    while (off + 2 <= f.size() && pplus_test::GetU16(f, off) != kTestEtherType) {
-        off += pplus_test::wire::kVlanTagLen;
+    size_t off = frames::wire::kEthTypeOff;
+    while (off + 2 <= f.size() && frames::GetU16(f, off) != kTestEtherType) {
+        off += frames::wire::kVlanTagLen;
     }
     return off + 2 <= f.size();
 }

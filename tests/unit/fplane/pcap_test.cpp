@@ -19,8 +19,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using device::fplane::PcapReplay;
-using pplus_test::Bytes;
-using pplus_test::Frame;
+using frames::Bytes;
+using frames::Frame;
 
 class PcapTest : public testing::Test {
 protected:
@@ -66,7 +66,7 @@ TEST_F(PcapTest, SeveralInputsMergeInTimestampOrder)
     // Each frame's Host-Uniq byte and port, in the merged order.
     std::vector<std::pair<uint8_t, uint32_t>> order;
     for (const auto &frame : replay.Merged()) {
-        const auto parsed = pplus_test::Parse(frame.bytes);
+        const auto parsed = frames::Parse(frame.bytes);
         const auto *uniq = parsed ? parsed->find(0x0103) : nullptr;
         order.emplace_back(uniq != nullptr && uniq->value.size() == 1 ? uniq->value[0] : 0, frame.ifIndex);
     }

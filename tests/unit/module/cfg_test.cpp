@@ -99,6 +99,17 @@ TEST_F(CfgTest, ThirtyTwoFormatsPerPortAndUpdatesStillWork)
         ASSERT_NE(node, nullptr);
         EXPECT_STREQ(node->userDefineStr, "%svlan");
         EXPECT_EQ(node->infoFormatType, PPPOE_PLUS_FORMAT_USER_DEFINE);
+        const UserInfo info{};
+        EXPECT_NE(PPPOE_PLUS_GetPortUdfProg(node, &info), nullptr);   // compiled when set
+    }
+    {
+        // A node changed in place is no longer taken for compiled.
+        PppoePlusCfgWriteGuard guard(PppoePlusCfgLock());
+        InfoFormatNode *node = PPPOE_PLUS_FindInfoFormatOnInterface(cb, &update);
+        ASSERT_NE(node, nullptr);
+        (void)strcpy_s(node->userDefineStr, sizeof(node->userDefineStr), "%port");
+        const UserInfo info{};
+        EXPECT_EQ(PPPOE_PLUS_GetPortUdfProg(node, &info), nullptr);
     }
     const uint32_t before = PLAT_MemOutstanding();
     EXPECT_EQ(PPPOE_PLUS_SetPortFormat(&update, 9, 0), 0U);

@@ -192,8 +192,8 @@ TEST_F(LogTest, VendorTagDump)
     // Circuit-ID "eth 0/1/2" and Remote-ID of 14 bytes under vendor 3561.
     std::string rid(14, '\0');
     std::iota(rid.begin(), rid.end(), '\xa0');
-    const pplus_test::Bytes value = pplus_test::Frame::VendorValue(3561, "eth 0/1/2", rid);
-    pplus_test::Bytes tag = value;
+    const frames::Bytes value = frames::Frame::VendorValue(3561, "eth 0/1/2", rid);
+    frames::Bytes tag = value;
     tag.insert(tag.begin(), {0x01, 0x05, 0x00, static_cast<uint8_t>(value.size())});
     PPPOE_PLUS_PrintVendorSpecInfo(tag.data());
     ASSERT_EQ(DebugLines().size(), 1U);

@@ -23,10 +23,10 @@
 #include "pppoe_plus_yangdb_cfg.h"
 #include "wick.h"
 
-using pplus_test::Bytes;
-using pplus_test::Frame;
+using frames::Bytes;
+using frames::Frame;
 using pplus_test::LogHas;
-namespace wire = pplus_test::wire;
+namespace wire = frames::wire;
 
 namespace {
 
@@ -125,7 +125,7 @@ protected:
     }
     static void Relay(const Bytes &frame, uint32_t igr, uint32_t egr = kNone)
     {
-        const Bytes msg = pplus_test::WithDpxHead(frame, egr, igr);
+        const Bytes msg = frames::WithDpxHead(frame, egr, igr);
         ASSERT_EQ(WICK_ChannelPut(kRx, msg.data(), static_cast<uint32_t>(msg.size())), 0U);
         PPPOE_PLUS_RxPktFromDpx();
     }
@@ -188,7 +188,7 @@ TEST_F(PktTest, TrunkMemberIsCountedOnItsTrunkAndOnItselfWhenTheLookupFails)
     Relay(Frame().vlan(100).padi().bytes(), kMember);
     const auto out = TakeAll();
     ASSERT_EQ(out.size(), 1U);
-    EXPECT_EQ(pplus_test::Parse(out[0].frame)->subOption(1), "trunk 0/0/5:100.0 TestSwitch/0/0/0/0/0");
+    EXPECT_EQ(frames::Parse(out[0].frame)->subOption(1), "trunk 0/0/5:100.0 TestSwitch/0/0/0/0/0");
 }
 
 TEST_F(PktTest, HeaderLengthAndVlansFollowTheTpids)
@@ -292,7 +292,7 @@ TEST_F(PktTest, OwnTagGoesBeforeEndOfListOrGetsOneOfItsOwn)
     Relay(Frame().vlan(100).padi().bytes(), kSub);
     auto out = TakeAll();
     ASSERT_EQ(out.size(), 1U);
-    auto f = pplus_test::Parse(out[0].frame);
+    auto f = frames::Parse(out[0].frame);
     ASSERT_EQ(f->tags.size(), 2U);
     EXPECT_EQ(f->tags[0].value, OwnTag(kSubCid));
     EXPECT_EQ(f->tags[1].type, 0x0000);
@@ -301,7 +301,7 @@ TEST_F(PktTest, OwnTagGoesBeforeEndOfListOrGetsOneOfItsOwn)
     Relay(Frame().vlan(100).padi().serviceName("isp").eol().bytes(), kSub);
     out = TakeAll();
     ASSERT_EQ(out.size(), 1U);
-    f = pplus_test::Parse(out[0].frame);
+    f = frames::Parse(out[0].frame);
     ASSERT_EQ(f->tags.size(), 3U);
     EXPECT_EQ(f->tags[0].type, 0x0101);
     EXPECT_EQ(f->tags[1].value, OwnTag(kSubCid));
@@ -329,7 +329,7 @@ TEST_F(PktTest, OwnTagCarriesTheConfiguredVendorAndSubOptions)
         Relay(Frame().vlan(100).padi().eol().bytes(), kSub);
         const auto out = TakeAll();
         ASSERT_EQ(out.size(), 1U);
-        const auto f = pplus_test::Parse(out[0].frame);
+        const auto f = frames::Parse(out[0].frame);
         ASSERT_NE(f->find(0x0105), nullptr);
         EXPECT_EQ(f->find(0x0105)->value, row.value) << "encap " << int{row.encap};
     }
@@ -360,7 +360,7 @@ TEST_F(PktTest, SubscriberTagIsReplacedKeptOrDroppedByPolicy)
         const std::string why = "global " + std::to_string(row.globalPolicy) + " port " +
                                 std::to_string(row.portPolicy) + (row.received ? " with tag" : "");
         ASSERT_EQ(out.size(), 1U) << why;
-        const auto f = pplus_test::Parse(out[0].frame);
+        const auto f = frames::Parse(out[0].frame);
         if (row.expectCid == nullptr) {
             EXPECT_EQ(f->find(0x0105), nullptr) << why;
         } else {
@@ -433,7 +433,7 @@ TEST_F(PktTest, ServerRepliesNeedATrustedPortAndLoseOnlyOurExactTag)
         const auto out = TakeAll();
         ASSERT_EQ(out.size(), 1U);
         EXPECT_EQ(out[0].head.egrIfindex, kSub);
-        const auto f = pplus_test::Parse(out[0].frame);
+        const auto f = frames::Parse(out[0].frame);
         EXPECT_EQ(f->find(0x0105) == nullptr, row.stripped);
         EXPECT_EQ(size_t{f->pppoeLength}, row.stripped ? 4U : 8U + row.tag.size());
     }

@@ -11,6 +11,7 @@
 #include "platform/world.hpp"
 #include "pplus_test.hpp"
 #include "pppoe_plus_log.h"
+#include "pppoe_plus_mem.h"
 #include "pppoe_plus_portdesc.h"
 #include "pppoe_plus_tlv.h"
 
@@ -206,6 +207,98 @@ TEST_F(TlvTest, PortDescriptionFromTableThenPacket)
     EXPECT_EQ(PPPOE_PLUS_GetPortDescByIfIndex(5, copy, sizeof(copy)), 0U);
     EXPECT_STREQ(copy, "uplink to olt");
     EXPECT_EQ(PPPOE_PLUS_GetPortDescByIfIndex(6, copy, sizeof(copy)), 1U);
+}
+
+// A compiled format gives what the walk of the format gives, for each
+// combination of the VLANs being 0: the same bytes, result, debug lines
+// and asserts, also when a platform read fails or the format is one the
+// walk fails on.
+TEST_F(TlvTest, CompiledFormatsBuildWhatTheWalkBuilds)
+{
+    struct Case {
+        const char *fmt;
+        const char *failOp = nullptr;
+    };
+    std::strcpy(info_.portDescr, "from packet");
+    info_.portDescrValid = 1;
+    const Case cases[] = {
+        {"\"%sysname %porttype %slot/%subslot/%port:%svlan.%cvlan\""}, {"%5slot %3port 1 \"x\" %4slot"},
+        {"\"[%svlan/]%cvlan\" [%cvlan] 7"}, {"\"[a\\]%svlan]b\" %12svlan %4slot"},
+        {"1 %length \"abc\""}, {"\"%length:%9slot\""}, {"\"[%svlan%03length]-\" %mac"},
+        {"\"ab%length\""}, {"\"%255slot\""}, {"\"%256slot\""}, {"\"%9999slot\""},
+        {"70000 7%slot 0x1F"}, {"\"a b\\\"c\" \\q"}, {"\"%mac\" %8mac %porttype"},
+        {"\"%15portdescription|%iftype|%ncvlan|%nsvlan\""}, {"%bogus"}, {"\"[%bogus]\""}, {"\"%12345slot\""},
+        {"%sysname"}, {"\"x\\"}, {"\"%portname\"", "db_get_if_name"}, {"\"%mac\"", "DEVM_DB_GetSysMac"},
+        {"%slot", "RUK_MemAlloc_F"}, {"\"%sysname\"", "db_read_sys_info_obj"},
+    };
+    struct Result {
+        uint32_t ret = 0;
+        uint32_t len = 0xDEAD;
+        Bytes out;
+        uint32_t asserts = 0;
+        std::vector<std::string> lines;
+    };
+    auto build = [&](const Case &c, bool compiled) {
+        // The work buffer comes back dirty: what a build does not write or
+        // zero shows.
+        void *dirty = PPPOE_PLUS_MemAlloc(PPPOE_PLUS_UDF_WORK_LEN);
+        EXPECT_NE(dirty, nullptr);
+        if (dirty != nullptr) {
+            std::memset(dirty, 0xA5, PPPOE_PLUS_UDF_WORK_LEN);
+            PPPOE_PLUS_MemFree(dirty);
+        }
+        PLAT_LogClear();
+        PLAT_AssertReset();
+        std::memset(g_pppoePlusSystemMac, 0xFF, sizeof(g_pppoePlusSystemMac));   // read the MAC each time
+        PppoePlusUdfProg prog;
+        EXPECT_EQ(PPPOE_PLUS_UdfCompile(c.fmt, &info_, &prog), 0U);
+        EXPECT_EQ(PLAT_AssertCount(), 0U) << "compiling is quiet: " << c.fmt;
+        if (c.failOp != nullptr) {
+            PLAT_FailSet(c.failOp, 0, 1, 7);
+        }
+        Result r;
+        uint8_t out[PPPOE_PLUS_UDF_OUT_MAX] = {};
+        r.ret = compiled ? PPPOE_PLUS_EncodeUdfProg(&info_, c.fmt, &prog, out, &r.len)
+                         : PPPOE_PLUS_EncodeUdfData(&info_, c.fmt, out, &r.len);
+        r.out.assign(out, out + (r.len <= sizeof(out) ? r.len : 0U));
+        r.asserts = PLAT_AssertCount();
+        PLAT_LogFlush();
+        (void)PLAT_LogVisit([](uint32_t, uint64_t, const char *line, void *arg) {
+            static_cast<std::vector<std::string> *>(arg)->emplace_back(line);
+        }, &r.lines);
+        return r;
+    };
+    for (const Case &c : cases) {
+        for (uint32_t variant = 0; variant < 4U; ++variant) {
+            info_.ulXpi = (variant & 1U) != 0U ? 0U : 10U;
+            info_.ulXci = (variant & 2U) != 0U ? 0U : 20U;
+            const Result walked = build(c, false);
+            const Result compiled = build(c, true);
+            const std::string what = std::string(c.fmt) + " variant " + std::to_string(variant);
+            EXPECT_EQ(compiled.ret, walked.ret) << what;
+            EXPECT_EQ(compiled.len, walked.len) << what;
+            EXPECT_EQ(compiled.out, walked.out) << what;
+            EXPECT_EQ(compiled.asserts, walked.asserts) << what;
+            EXPECT_EQ(compiled.lines, walked.lines) << what;
+        }
+    }
+    // A program compiled for other VLANs, or before the dictionary changed,
+    // is not used: the format is walked.
+    PppoePlusUdfProg prog;
+    info_.ulXpi = 10;
+    info_.ulXci = 20;
+    ASSERT_EQ(PPPOE_PLUS_UdfCompile("\"[%svlan/]%cvlan\"", &info_, &prog), 0U);
+    info_.ulXpi = 0;
+    uint8_t out[PPPOE_PLUS_UDF_OUT_MAX] = {};
+    uint32_t len = 0;
+    ASSERT_EQ(PPPOE_PLUS_EncodeUdfProg(&info_, "\"[%svlan/]%cvlan\"", &prog, out, &len), 0U);
+    EXPECT_EQ(Bytes(out, out + len), Text("20"));
+    ASSERT_EQ(PPPOE_PLUS_UdfCompile("\"%slot\"", &info_, &prog), 0U);
+    EXPECT_EQ(PPPOE_PLUS_UdfProgFits(&prog, &info_), 1U);
+    ASSERT_EQ(PPPOE_PLUS_KeyWordWriteDict(PPPOE_PLUS_KW_SLOT, 5, 5, PPPOE_PLUS_EncodePort, 0U, "slot"), 0U);
+    EXPECT_EQ(PPPOE_PLUS_UdfProgFits(&prog, &info_), 0U);
+    ASSERT_EQ(PPPOE_PLUS_EncodeUdfProg(&info_, "\"%slot\"", &prog, out, &len), 0U);
+    EXPECT_EQ(Bytes(out, out + len), Text("3"));   // the port, as the dictionary now says
 }
 
 // ---- Failure paths ----

@@ -208,6 +208,81 @@ void TrustViewBuild()
     view.built = true;
 }
 
+// ---- Compiled user-defined formats ----
+//
+// The store keeps its user-defined formats compiled, for each combination
+// of the VLANs being 0 (the variants), written with the strings under the
+// store's lock and read under it: the global ones per info type, and the
+// port ones in slots shared by every node of the same text. A node keeps its
+// slot in its reserved word; a slot is used only while it holds the node's
+// text (a slot taken over by another text, or a node changed in place, is
+// walked as before).
+constexpr uint32_t kUdfVariants = 4U;
+constexpr uint32_t kUdfTextMax = PPPOE_PLUS_UDF_STR_LEN - 1U;   // what a build reads of a string
+constexpr uint32_t kPortUdfSlots = 32U;
+
+struct PortUdfSlot {
+    char text[PPPOE_PLUS_UDF_STR_LEN];
+    PppoePlusUdfProg progs[kUdfVariants];
+};
+
+PppoePlusUdfProg g_globalUdfProg[2][kUdfVariants];
+// The format nodes of all ports, kept by the writers beside the lists.
+std::atomic<uint32_t> g_portFormatNodes{0};
+PortUdfSlot g_portUdf[kPortUdfSlots];
+
+void CompileVariants(const char *fmt, PppoePlusUdfProg *progs)
+{
+    UserInfo probe = {};
+    for (uint32_t v = 0; v < kUdfVariants; ++v) {
+        if (v != 0U && progs[0].anyVariant == 1U) {
+            progs[v].dictGen = 0U;   // the first serves every variant
+            continue;
+        }
+        probe.ulXpi = (v & 1U) != 0U ? 0U : 1U;
+        probe.ulXci = (v & 2U) != 0U ? 0U : 1U;
+        (void)PPPOE_PLUS_UdfCompile(fmt, &probe, &progs[v]);
+    }
+}
+
+const PppoePlusUdfProg *FittingVariant(const PppoePlusUdfProg *progs, const UserInfo *info)
+{
+    for (uint32_t v = 0; v < kUdfVariants; ++v) {
+        if (PPPOE_PLUS_UdfProgFits(&progs[v], info) == 1U) {
+            return &progs[v];
+        }
+    }
+    return nullptr;
+}
+
+void CompileGlobalUdfLocked(uint32_t which)
+{
+    CompileVariants(which == 0U ? g_pppoePlusGlobalInfo.cidUserDefineStr : g_pppoePlusGlobalInfo.ridUserDefineStr,
+                    g_globalUdfProg[which]);
+}
+
+// Compiles a port node's text into its slot, unless the slot has it.
+void CompilePortUdfLocked(InfoFormatNode *node)
+{
+    node->reserved = 0U;
+    if (node->infoFormatType != PPPOE_PLUS_FORMAT_USER_DEFINE) {
+        return;
+    }
+    const size_t len = strnlen(node->userDefineStr, kUdfTextMax);
+    uint32_t hash = 2166136261U;   // FNV-1a
+    for (size_t i = 0; i < len; ++i) {
+        hash = (hash ^ static_cast<unsigned char>(node->userDefineStr[i])) * 16777619U;
+    }
+    const uint32_t slot = hash % kPortUdfSlots;
+    PortUdfSlot &entry = g_portUdf[slot];
+    if (entry.progs[0].dictGen == 0U || std::strncmp(entry.text, node->userDefineStr, kUdfTextMax) != 0) {
+        std::memcpy(entry.text, node->userDefineStr, len);
+        entry.text[len] = '\0';
+        CompileVariants(entry.text, entry.progs);
+    }
+    node->reserved = slot + 1U;
+}
+
 PppoePlusDllHead *ListFor(PortCB *cb, const InfoFormatNode *key)
 {
     if (key->vlanId != 0) {
@@ -245,11 +320,13 @@ uint32_t InsertFormatLocked(PortCB *cb, const InfoFormatNode *cfg)
     node->infoType = cfg->infoType;
     node->infoFormatType = cfg->infoFormatType;
     (void)memcpy_s(node->userDefineStr, sizeof(node->userDefineStr), cfg->userDefineStr, sizeof(cfg->userDefineStr));
+    CompilePortUdfLocked(node);
     PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_INFO,
                          "[PPLUS-CFG] Insert Info Format Node On Interface:vlanId=%u,ceVlanId=%u,infoType=%u,"
                          "infoFormatType=%u,userDefineStr=%s.",
                          node->vlanId, node->ceVlanId, node->infoType, node->infoFormatType, node->userDefineStr);
     DllAppend(ListFor(cb, cfg), &node->link);
+    g_portFormatNodes.fetch_add(1U, std::memory_order_release);
     return 0;
 }
 
@@ -281,6 +358,7 @@ uint32_t SaveUdf(char *field, const char *udfStr, const char *failText)
 {
     PppoePlusCfgWriteGuard guard(PppoePlusCfgLock());
     const errno_t ret = strcpy_s(field, PPPOE_PLUS_UDF_STR_LEN, udfStr);
+    CompileGlobalUdfLocked(field == g_pppoePlusGlobalInfo.cidUserDefineStr ? 0U : 1U);
     if (ret != 0) {
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, failText, static_cast<int>(ret));
         return 1;
@@ -482,6 +560,7 @@ void PPPOE_PLUS_InitGlobalCfgData(void)
     PppoePlusCfgWriteGuard guard(PppoePlusCfgLock());
     DllInit(&g.portList);
     PortIndexClear();
+    g_portFormatNodes.store(0U, std::memory_order_release);
     g_portListEpoch.fetch_add(1, std::memory_order_release);
 }
 
@@ -566,6 +645,40 @@ uint32_t PPPOE_PLUS_SetGlobalRidFormat(uint8_t formatType, const char *udfStr)
         return 0;
     }
     return SaveUdf(g_pppoePlusGlobalInfo.ridUserDefineStr, udfStr, "[PPLUS-CFG] Save rid Udf format failed, ret = %d.");
+}
+
+const PppoePlusUdfProg *PPPOE_PLUS_GetGlobalUdfProg(uint8_t infoType, const UserInfo *info)
+{
+    return FittingVariant(g_globalUdfProg[infoType == PPPOE_PLUS_INFO_CID ? 0U : 1U], info);
+}
+
+const PppoePlusUdfProg *PPPOE_PLUS_GetPortUdfProg(const InfoFormatNode *node, const UserInfo *info)
+{
+    if (node == nullptr || node->reserved == 0U || node->reserved > kPortUdfSlots) {
+        return nullptr;
+    }
+    const PortUdfSlot &entry = g_portUdf[node->reserved - 1U];
+    if (std::strncmp(entry.text, node->userDefineStr, kUdfTextMax) != 0) {
+        return nullptr;
+    }
+    return FittingVariant(entry.progs, info);
+}
+
+uint32_t PPPOE_PLUS_PortFormatCount(void)
+{
+    return g_portFormatNodes.load(std::memory_order_acquire);
+}
+
+void PPPOE_PLUS_CompileGlobalUdf(void)
+{
+    PppoePlusCfgWriteGuard guard(PppoePlusCfgLock());
+    CompileGlobalUdfLocked(0U);
+    CompileGlobalUdfLocked(1U);
+    for (PortUdfSlot &entry : g_portUdf) {
+        if (entry.progs[0].dictGen != 0U) {
+            CompileVariants(entry.text, entry.progs);
+        }
+    }
 }
 
 uint32_t PPPOE_PLUS_GetVendorId(void)
@@ -681,6 +794,7 @@ uint32_t PPPOE_PLUS_SetPortFormat(const InfoFormatNode *cfg, uint32_t ifIndex, u
         node->infoFormatType = cfg->infoFormatType;
         (void)memcpy_s(node->userDefineStr, sizeof(node->userDefineStr), cfg->userDefineStr,
                        sizeof(cfg->userDefineStr));
+        CompilePortUdfLocked(node);
         return 0;
     }
     if (node != nullptr) {
@@ -689,6 +803,7 @@ uint32_t PPPOE_PLUS_SetPortFormat(const InfoFormatNode *cfg, uint32_t ifIndex, u
                              "infoFormatType=%u",
                              ifIndex, cfg->vlanId, cfg->ceVlanId, cfg->infoFormatType);
         DllRemove(ListFor(cb, cfg), &node->link);
+        g_portFormatNodes.fetch_sub(1U, std::memory_order_release);
         PPPOE_PLUS_MemFree(node);
     }
     return 0;

@@ -37,12 +37,14 @@ constexpr uint8_t kExtendRidLen = 6U;
 enum class FormatSource : uint8_t { Global, QinQ, CeVlan, Vlan, NoVlan };
 
 // A format copied out of the store: its type and, for a user-defined one,
-// its string.
+// its string and, when the store keeps it compiled, its program.
 struct FormatChoice {
     FormatSource source = FormatSource::Global;
     uint8_t formatType = PPPOE_PLUS_FORMAT_COMMON;
     bool udfValid = false;
+    bool progValid = false;
     char udf[PPPOE_PLUS_UDF_STR_LEN] = {};
+    PppoePlusUdfProg prog;   // only its used part is written and read
 };
 
 // The texts that differ between the Circuit-ID and the Remote-ID build.
@@ -152,21 +154,39 @@ void KeepFormat(FormatChoice *choice, FormatSource source, uint8_t formatType, c
     }
 }
 
+// The compiled form of the format kept, when the store has it.
+void KeepProgram(FormatChoice *choice, const PppoePlusUdfProg *prog)
+{
+    if (prog != nullptr) {
+        PPPOE_PLUS_UdfProgCopy(&choice->prog, prog);
+        choice->progValid = true;
+    }
+}
+
 // The device-wide format of one info type; the caller holds the
 // configuration lock.
-void GlobalFormatLocked(uint8_t infoType, FormatChoice *choice)
+void GlobalFormatLocked(const UserInfo *info, uint8_t infoType, FormatChoice *choice)
 {
     if (infoType == PPPOE_PLUS_INFO_CID) {
         KeepFormat(choice, FormatSource::Global, PPPOE_PLUS_GetGlobalCidFormat(), PPPOE_PLUS_GetGlobalCidUdfFormat());
     } else {
         KeepFormat(choice, FormatSource::Global, PPPOE_PLUS_GetGlobalRidFormat(), PPPOE_PLUS_GetGlobalRidUdfFormat());
     }
+    KeepProgram(choice, choice->udfValid ? PPPOE_PLUS_GetGlobalUdfProg(infoType, info) : nullptr);
 }
 
 // The format that applies to the packet on its port; the device-wide one
 // when the outer VLAN is 0 or no node matches.
 void LookupFormat(const PortCB *cb, const UserInfo *info, uint8_t infoType, FormatChoice *choice)
 {
+    // With no port format to look for (no outer VLAN, or none on any port)
+    // and a global format without a string, nothing read is under the lock.
+    const uint8_t globalType =
+        infoType == PPPOE_PLUS_INFO_CID ? PPPOE_PLUS_GetGlobalCidFormat() : PPPOE_PLUS_GetGlobalRidFormat();
+    if (globalType != PPPOE_PLUS_FORMAT_USER_DEFINE && (info->ulXpi == 0U || PPPOE_PLUS_PortFormatCount() == 0U)) {
+        KeepFormat(choice, FormatSource::Global, globalType, nullptr);
+        return;
+    }
     PppoePlusCfgReadGuard guard(PppoePlusCfgLock());
     if (info->ulXpi != 0U) {
         FormatSource source = FormatSource::Global;
@@ -178,10 +198,11 @@ void LookupFormat(const PortCB *cb, const UserInfo *info, uint8_t infoType, Form
                                  ListWord(source), info->IfIndex, node->vlanId, node->ceVlanId, node->infoType,
                                  node->infoFormatType, node->userDefineStr);
             KeepFormat(choice, source, node->infoFormatType, node->userDefineStr);
+            KeepProgram(choice, choice->udfValid ? PPPOE_PLUS_GetPortUdfProg(node, info) : nullptr);
             return;
         }
     }
-    GlobalFormatLocked(infoType, choice);
+    GlobalFormatLocked(info, infoType, choice);
 }
 
 // A built value as terminated text for the debug lines.
@@ -201,7 +222,9 @@ uint32_t RenderUdf(const UserInfo *info, const FormatChoice &choice, uint8_t *va
     if (!choice.udfValid) {
         return PPPOE_PLUS_ERR;
     }
-    if (PPPOE_PLUS_EncodeUdfData(info, choice.udf, value, valueLen) != PPPOE_PLUS_OK) {
+    const uint32_t ret = choice.progValid ? PPPOE_PLUS_EncodeUdfProg(info, choice.udf, &choice.prog, value, valueLen)
+                                          : PPPOE_PLUS_EncodeUdfData(info, choice.udf, value, valueLen);
+    if (ret != PPPOE_PLUS_OK) {
         PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "PPPOE PLUS Build Port UserDefine error.");
         return PPPOE_PLUS_ERR;
     }

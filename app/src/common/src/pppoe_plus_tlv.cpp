@@ -8,12 +8,14 @@
 #include "pppoe_plus_tlv.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <string_view>
 
 #include "devm.h"
 #include "plat_safe.h"
 #include "pppoe_plus_bounded.h"
+#include "pppoe_plus_cfg.h"
 #include "pppoe_plus_intf.h"
 #include "pppoe_plus_log.h"
 #include "pppoe_plus_mem.h"
@@ -44,6 +46,10 @@ constexpr uint32_t kAsciiDefaultLen[PPPOE_PLUS_KEYWORD_MAX] = {1, 1, 1, 1, 14, 1
 // id), kept with the dictionary by PPPOE_PLUS_KeyWordWriteDict: a keyword
 // reference is compared only with the names it could be.
 uint16_t g_keywordsByFirst[256] = {};
+
+// Moves on with every dictionary write: a compiled format of an older
+// generation is compiled again before it is used.
+std::atomic<uint32_t> g_dictGen{1U};
 
 bool IsDigit(char ch)
 {
@@ -193,7 +199,76 @@ uint32_t EncodeNumberField(uint32_t value, KeyWordEncodeCtx *ctx, const char *fa
 
 // The width of a reference to keyword id (known): as
 // PPPOE_PLUS_UserFmtGetFieldMinLen, without recognising the keyword again.
-uint32_t FieldWidth(const char *ref, uint32_t id, uint8_t ascii, uint32_t *outLen);
+// Quiet, it neither traces nor asserts on a width it cannot give.
+uint32_t FieldWidth(const char *ref, uint32_t id, uint8_t ascii, uint32_t *outLen, bool quiet = false);
+
+// The default width of keyword id in a hex stretch; false when it has none.
+bool HexDefaultWidth(uint32_t id, uint32_t *outLen)
+{
+    switch (id) {
+        case PPPOE_PLUS_KW_PORTTYPE:
+        case PPPOE_PLUS_KW_LENGTH:
+            *outLen = 8U;
+            return true;
+        case PPPOE_PLUS_KW_MAC:
+            *outLen = 48U;
+            return true;
+        case PPPOE_PLUS_KW_SLOT:
+        case PPPOE_PLUS_KW_SUBSLOT:
+        case PPPOE_PLUS_KW_PORT:
+        case PPPOE_PLUS_KW_SVLAN:
+        case PPPOE_PLUS_KW_CVLAN:
+        case PPPOE_PLUS_KW_NSVLAN:
+        case PPPOE_PLUS_KW_NCVLAN:
+            *outLen = 16U;
+            return true;
+        default:
+            return false;
+    }
+}
+
+uint32_t Replume(const UserInfo *info, const char *fmt, char *out, bool quiet);
+
+// The first length field of fmt as the length scan finds it: its reference
+// (null when there is none) and whether it is quoted. Fails on a "%" without
+// a keyword before it; quiet, without asserting.
+uint32_t FindLengthRef(const char *fmt, const char **outRef, uint8_t *outAscii, bool quiet)
+{
+    bool quoted = false;
+    for (uint32_t i = 0; fmt[i] != '\0'; ++i) {
+        if (fmt[i] == '"') {
+            quoted = !quoted;
+        } else if (fmt[i] == '\\') {
+            if (fmt[i + 1U] == '\0') {
+                break;
+            }
+            ++i;
+        } else if (fmt[i] == '%') {
+            uint32_t id = 0;
+            uint32_t consumed = 0;
+            if (PPPOE_PLUS_UserFmtIfKeyWord(fmt + i + 1U, &id, &consumed) == 0U) {
+                return quiet ? PPPOE_PLUS_ERR : Fail(__LINE__);
+            }
+            if (id == PPPOE_PLUS_KW_LENGTH) {
+                *outRef = fmt + i + 1U;
+                break;
+            }
+            i += consumed;
+        }
+    }
+    *outAscii = quoted ? 1U : 0U;
+    return PPPOE_PLUS_OK;
+}
+
+// Writes the built length into its field.
+uint32_t FillLength(uint8_t ascii, uint8_t *buf, uint32_t *len, const char *fieldFmt, uint32_t width)
+{
+    if (PPPOE_PLUS_EncodeLengthData(ascii, buf, len, fieldFmt, width) != PPPOE_PLUS_OK) {
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "Encode Length Data:build num error.");
+        return PPPOE_PLUS_ERR;
+    }
+    return PPPOE_PLUS_OK;
+}
 
 uint32_t CheckedVlan(uint32_t vlan, const KeyWordEncodeCtx *ctx)
 {
@@ -227,7 +302,10 @@ uint32_t PPPOE_PLUS_KeyWordWriteDict(uint16_t id, uint16_t fieldSel, uint16_t ke
     entry->nameLen = static_cast<uint8_t>(strnlen(name, PPPOE_PLUS_KEYWORD_NAME_LEN));
     entry->encode = encode;
     entry->reserved = reserved;
-    return static_cast<uint32_t>(strcpy_s(entry->name, sizeof(entry->name), name));
+    const auto ret = static_cast<uint32_t>(strcpy_s(entry->name, sizeof(entry->name), name));
+    g_dictGen.fetch_add(1U, std::memory_order_relaxed);
+    PPPOE_PLUS_CompileGlobalUdf();   // the store's compiled formats read the dictionary
+    return ret;
 }
 
 uint32_t PPPOE_PLUS_InitKeyWordDict(void)
@@ -320,26 +398,7 @@ uint32_t PPPOE_PLUS_UserFmtGetFieldDftLenHex(uint32_t id, uint32_t *outLen)
     if (outLen == nullptr) {
         return Fail(__LINE__);
     }
-    switch (id) {
-        case PPPOE_PLUS_KW_PORTTYPE:
-        case PPPOE_PLUS_KW_LENGTH:
-            *outLen = 8U;
-            return PPPOE_PLUS_OK;
-        case PPPOE_PLUS_KW_MAC:
-            *outLen = 48U;
-            return PPPOE_PLUS_OK;
-        case PPPOE_PLUS_KW_SLOT:
-        case PPPOE_PLUS_KW_SUBSLOT:
-        case PPPOE_PLUS_KW_PORT:
-        case PPPOE_PLUS_KW_SVLAN:
-        case PPPOE_PLUS_KW_CVLAN:
-        case PPPOE_PLUS_KW_NSVLAN:
-        case PPPOE_PLUS_KW_NCVLAN:
-            *outLen = 16U;
-            return PPPOE_PLUS_OK;
-        default:
-            return Fail(__LINE__);
-    }
+    return HexDefaultWidth(id, outLen) ? PPPOE_PLUS_OK : Fail(__LINE__);
 }
 
 uint32_t PPPOE_PLUS_UserFmtGetFieldDftLen(uint32_t id, uint8_t ascii, uint32_t *outLen)
@@ -364,6 +423,16 @@ uint32_t PPPOE_PLUS_UserFmtGetFieldMinLen(const char *text, uint8_t ascii, uint3
 void PPPOE_PLUS_EncodeDigitByBit(uint8_t *buf, uint32_t startBit, uint32_t value, uint32_t bits)
 {
     if (buf == nullptr) {
+        return;
+    }
+    if (startBit % 8U == 0U && bits % 8U == 0U) {
+        // Whole bytes: the same bits, a byte at a time.
+        for (uint32_t i = 0; i < bits / 8U; ++i) {
+            const uint32_t shift = bits - 8U * (i + 1U);
+            if (shift < 32U) {
+                buf[startBit / 8U + i] = static_cast<uint8_t>(buf[startBit / 8U + i] | ((value >> shift) & 0xFFU));
+            }
+        }
         return;
     }
     for (uint32_t i = 0; i < bits; ++i) {
@@ -644,6 +713,16 @@ uint32_t PPPOE_PLUS_ReplumeFmtStr(const UserInfo *info, const char *fmt, char *o
     if (info == nullptr || fmt == nullptr || out == nullptr) {
         return Fail(__LINE__);
     }
+    return Replume(info, fmt, out, false);
+}
+
+}  // extern "C"
+
+namespace {
+
+// The format with the optional parts that do not apply to info dropped.
+uint32_t Replume(const UserInfo *info, const char *fmt, char *out, bool quiet)
+{
     const uint32_t cap = PPPOE_PLUS_UDF_FMT_LEN - 1U;
     // Without brackets nothing is optional: the format is copied as it is
     // (escapes included), up to the room of out.
@@ -687,7 +766,7 @@ uint32_t PPPOE_PLUS_ReplumeFmtStr(const UserInfo *info, const char *fmt, char *o
         uint32_t id = 0;
         uint32_t consumed = 0;
         if (PPPOE_PLUS_UserFmtIfKeyWord(fmt + i + 1U, &id, &consumed) == 0U) {
-            return Fail(__LINE__);
+            return quiet ? PPPOE_PLUS_ERR : Fail(__LINE__);
         }
         if ((id == PPPOE_PLUS_KW_SVLAN && info->ulXpi == 0U) || (id == PPPOE_PLUS_KW_CVLAN && info->ulXci == 0U)) {
             (void)memset_s(out + optStart, PPPOE_PLUS_UDF_FMT_LEN - optStart, 0, pos - optStart);
@@ -698,6 +777,10 @@ uint32_t PPPOE_PLUS_ReplumeFmtStr(const UserInfo *info, const char *fmt, char *o
     out[pos] = '\0';
     return PPPOE_PLUS_OK;
 }
+
+}  // namespace
+
+extern "C" {
 
 uint32_t PPPOE_PLUS_EncodeLengthData(uint8_t ascii, uint8_t *buf, uint32_t *len, const char *fieldFmt, uint32_t width)
 {
@@ -745,33 +828,14 @@ uint32_t PPPOE_PLUS_ReBuildLength(const char *fmt, uint8_t *buf, uint32_t *len)
     if (fmt == nullptr || buf == nullptr || len == nullptr) {
         return Fail(__LINE__);
     }
-    bool quoted = false;
     const char *ref = nullptr;
-    for (uint32_t i = 0; fmt[i] != '\0'; ++i) {
-        if (fmt[i] == '"') {
-            quoted = !quoted;
-        } else if (fmt[i] == '\\') {
-            if (fmt[i + 1U] == '\0') {
-                break;
-            }
-            ++i;
-        } else if (fmt[i] == '%') {
-            uint32_t id = 0;
-            uint32_t consumed = 0;
-            if (PPPOE_PLUS_UserFmtIfKeyWord(fmt + i + 1U, &id, &consumed) == 0U) {
-                return Fail(__LINE__);
-            }
-            if (id == PPPOE_PLUS_KW_LENGTH) {
-                ref = fmt + i + 1U;
-                break;
-            }
-            i += consumed;
-        }
+    uint8_t ascii = 0;
+    if (FindLengthRef(fmt, &ref, &ascii, false) != PPPOE_PLUS_OK) {
+        return PPPOE_PLUS_ERR;
     }
     if (ref == nullptr) {
         return PPPOE_PLUS_OK;
     }
-    const uint8_t ascii = quoted ? 1U : 0U;
     uint32_t width = 0;
     if (FieldWidth(ref, PPPOE_PLUS_KW_LENGTH, ascii, &width) != PPPOE_PLUS_OK) {
         return Fail(__LINE__);
@@ -780,24 +844,22 @@ uint32_t PPPOE_PLUS_ReBuildLength(const char *fmt, uint8_t *buf, uint32_t *len)
     if (ascii == 1U && !BuildFieldFmt(ref, width, fieldFmt, sizeof(fieldFmt))) {
         return PPPOE_PLUS_ERR;
     }
-    if (PPPOE_PLUS_EncodeLengthData(ascii, buf, len, fieldFmt, width) != PPPOE_PLUS_OK) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "Encode Length Data:build num error.");
-        return PPPOE_PLUS_ERR;
-    }
-    return PPPOE_PLUS_OK;
+    return FillLength(ascii, buf, len, fieldFmt, width);
 }
 
 }  // extern "C"
 
 namespace {
 
-uint32_t FieldWidth(const char *ref, uint32_t id, uint8_t ascii, uint32_t *outLen)
+uint32_t FieldWidth(const char *ref, uint32_t id, uint8_t ascii, uint32_t *outLen, bool quiet)
 {
     uint32_t digits = 0;
     uint32_t value = 0;
     while (IsDigit(ref[digits])) {
         if (digits >= kMaxWidthDigits) {
-            PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "The number is invalid.");
+            if (!quiet) {
+                PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "The number is invalid.");
+            }
             return PPPOE_PLUS_ERR;
         }
         value = value * 10U + static_cast<uint32_t>(ref[digits] - '0');
@@ -806,6 +868,13 @@ uint32_t FieldWidth(const char *ref, uint32_t id, uint8_t ascii, uint32_t *outLe
     if (digits != 0U) {
         *outLen = value;
         return PPPOE_PLUS_OK;
+    }
+    if (quiet) {
+        if (ascii == 1U) {
+            *outLen = id < PPPOE_PLUS_KEYWORD_MAX ? kAsciiDefaultLen[id] : 1U;
+            return id < PPPOE_PLUS_KEYWORD_MAX ? PPPOE_PLUS_OK : PPPOE_PLUS_ERR;
+        }
+        return HexDefaultWidth(id, outLen) ? PPPOE_PLUS_OK : PPPOE_PLUS_ERR;
     }
     return PPPOE_PLUS_UserFmtGetFieldDftLen(id, ascii, outLen);
 }
@@ -916,16 +985,337 @@ uint32_t WalkFormat(const UserInfo *info, const char *fmt, const char *w, uint8_
     return PPPOE_PLUS_OK;
 }
 
+// The 8 KB work buffer of one build, from the module's memory.
+uint8_t *TakeWork()
+{
+    auto *work = static_cast<uint8_t *>(PPPOE_PLUS_MemAlloc(PPPOE_PLUS_UDF_WORK_LEN));
+    if (work == nullptr) {
+        (void)Fail(__LINE__);
+    }
+    return work;
+}
+
+// Hands back the len bytes built in work (ret: how the build went), at most
+// PPPOE_PLUS_UDF_OUT_MAX of them, and gives work back.
+uint32_t FinishBuild(uint32_t ret, uint8_t *work, uint32_t len, uint8_t *out, uint32_t *outLen)
+{
+    if (ret == PPPOE_PLUS_OK && len > PPPOE_PLUS_UDF_OUT_MAX) {
+        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "Length of the String built by userdefined format is error.(Len=%u)",
+                             len);
+        ret = PPPOE_PLUS_ERR;
+    }
+    if (ret == PPPOE_PLUS_OK) {
+        if (len != 0U) {
+            (void)PppoePlusCopy(out, PPPOE_PLUS_UDF_OUT_MAX, work, len);
+        }
+        *outLen = len;
+    }
+    PPPOE_PLUS_MemFree(work);
+    return ret;
+}
+
+// ---- Compiled formats ----
+//
+// Each step of a program stands for one turn of WalkFormat's loop (a run of
+// literal bytes for a run of turns), with what the turn decides from the
+// format alone already decided: the keyword, its encoder, its width and
+// field format, the value of a number. What a turn checks against the
+// position is checked again per frame, in the same order, so the bytes,
+// the lines and the failures are those of the walk. A format the walk
+// fails on whatever the frame (an unknown keyword, a bad width) is walked.
+
+static_assert(sizeof(PppoePlusUdfOp) == 16U, "a step is 16 bytes");
+
+enum UdfOpKind : uint8_t {
+    kOpCheck,   // turns that skip a blank or a quote: only the position check
+    kOpLit,     // count literal bytes, one turn each
+    kOpNum,     // a number of count bytes at the bit position
+    kOpField,   // a keyword's encoder
+};
+
+uint8_t VariantOf(const UserInfo *info)
+{
+    return static_cast<uint8_t>((info->ulXpi == 0U ? 1U : 0U) | (info->ulXci == 0U ? 2U : 0U));
+}
+
+class UdfProgBuilder {
+public:
+    explicit UdfProgBuilder(PppoePlusUdfProg *prog) : prog_(prog) {}
+
+    // A turn that only checks the position; a check right after another is
+    // the same check.
+    bool Check()
+    {
+        if (prog_->opCount == 0U || Last().kind == kOpCheck) {
+            return true;   // the position has not moved since the last check
+        }
+        return Push(PppoePlusUdfOp{kOpCheck, 0U, 0U, 0U, 0U, {}});
+    }
+
+    bool Lit(char ch)
+    {
+        if (prog_->litLen >= sizeof(prog_->lit)) {
+            return false;
+        }
+        if (prog_->opCount == 0U || Last().kind != kOpLit) {
+            if (!Push(PppoePlusUdfOp{kOpLit, 0U, 0U, 0U, prog_->litLen, {}})) {
+                return false;
+            }
+        }
+        ++Last().count;
+        prog_->lit[prog_->litLen++] = static_cast<uint8_t>(ch);
+        return true;
+    }
+
+    // Every step but a check opens with the check, so a check just before
+    // it goes.
+    bool Push(const PppoePlusUdfOp &op)
+    {
+        if (op.kind != kOpCheck && prog_->opCount != 0U && Last().kind == kOpCheck) {
+            --prog_->opCount;
+        }
+        if (prog_->opCount >= PPPOE_PLUS_UDF_OPS_MAX) {
+            return false;
+        }
+        prog_->ops[prog_->opCount++] = op;
+        return true;
+    }
+
+private:
+    PppoePlusUdfOp &Last() { return prog_->ops[prog_->opCount - 1U]; }
+
+    PppoePlusUdfProg *prog_;
+};
+
+// WalkFormat's parse of fmt for the variant of info, into steps. Fails,
+// quietly, where the walk would fail whatever the frame.
+uint32_t CompileSteps(const char *fmt, const UserInfo *info, PppoePlusUdfProg *prog)
+{
+    char w[PPPOE_PLUS_UDF_FMT_LEN] = {};
+    if (Replume(info, fmt, w, true) != PPPOE_PLUS_OK) {
+        return PPPOE_PLUS_ERR;
+    }
+    UdfProgBuilder build(prog);
+    const size_t fmtLen = strnlen(fmt, PPPOE_PLUS_UDF_FMT_LEN);
+    bool quoted = false;
+    bool ok = true;
+    uint32_t i = 0;
+    while (ok && w[i] != '\0') {
+        const char ch = w[i];
+        if ((ch == ' ' && !quoted) || ch == '"') {
+            quoted = ch == '"' ? !quoted : quoted;
+            ok = build.Check();
+            ++i;
+        } else if (ch == '\\' || ch == ' ' || (quoted && ch != '%' && ch != '[' && ch != ']')) {
+            if (ch == '\\' && w[++i] == '\0') {
+                return PPPOE_PLUS_ERR;
+            }
+            ok = build.Lit(w[i++]);
+        } else if (ch == '%') {
+            const char *ref = w + i + 1U;
+            uint32_t id = 0;
+            uint32_t consumed = 0;
+            uint32_t width = 0;
+            const uint8_t ascii = quoted ? 1U : 0U;
+            if (PPPOE_PLUS_UserFmtIfKeyWord(ref, &id, &consumed) == 0U || id >= PPPOE_PLUS_KEYWORD_MAX ||
+                FieldWidth(ref, id, ascii, &width, true) != PPPOE_PLUS_OK ||
+                g_pppoePlusKeyWordDict[id].encode == nullptr) {
+                return PPPOE_PLUS_ERR;
+            }
+            PppoePlusUdfOp op = {kOpField, ascii, static_cast<uint8_t>(id), 0U, width, {}};
+            if (ascii == 1U && !BuildFieldFmt(ref, width, op.fieldFmt, sizeof(op.fieldFmt))) {
+                return PPPOE_PLUS_ERR;
+            }
+            ok = build.Push(op);
+            i += 1U + consumed;
+        } else if (ch == '[' || ch == ']' || i >= fmtLen) {
+            return PPPOE_PLUS_ERR;
+        } else {
+            uint32_t chars = 0;
+            uint32_t value = 0;
+            uint8_t bytes = 0;
+            (void)PPPOE_PLUS_UserFmtAtoul(fmt + i, &chars, &value);   // fmt + i is a character
+            (void)PPPOE_PLUS_UserFmtGetBytes(value, &bytes);
+            ok = build.Push(PppoePlusUdfOp{kOpNum, 0U, 0U, bytes, value, {}});
+            quoted = false;
+            const bool atEnd = fmt[i + chars] == '\0';
+            i += chars + 1U;
+            if (atEnd || i > strnlen(w, PPPOE_PLUS_UDF_FMT_LEN)) {
+                break;
+            }
+        }
+    }
+    if (!ok) {
+        return PPPOE_PLUS_ERR;
+    }
+    // The length scan of PPPOE_PLUS_EncodeUdfData, decided once.
+    const std::string_view whole(fmt, fmtLen);
+    if (whole.find('[') == std::string_view::npos && whole.find(']') == std::string_view::npos &&
+        whole.find("length") == std::string_view::npos) {
+        return PPPOE_PLUS_OK;
+    }
+    const char *ref = nullptr;
+    if (FindLengthRef(fmt, &ref, &prog->lenAscii, true) != PPPOE_PLUS_OK) {
+        return PPPOE_PLUS_ERR;
+    }
+    if (ref == nullptr) {
+        return PPPOE_PLUS_OK;
+    }
+    if (FieldWidth(ref, PPPOE_PLUS_KW_LENGTH, prog->lenAscii, &prog->lenWidth, true) != PPPOE_PLUS_OK ||
+        (prog->lenAscii == 1U && !BuildFieldFmt(ref, prog->lenWidth, prog->lenFmt, sizeof(prog->lenFmt)))) {
+        return PPPOE_PLUS_ERR;
+    }
+    prog->lenStep = 1U;
+    return PPPOE_PLUS_OK;
+}
+
+// Bytes a step may OR bits into beyond the byte it starts in: numbers and
+// hex fields (a MAC is 48 bits whatever its width); text is copied over.
+uint32_t OrReach(const PppoePlusUdfOp &op)
+{
+    if (op.kind == kOpNum) {
+        return op.count + 1U;
+    }
+    if (op.kind == kOpField && op.ascii == 0U) {
+        return (std::max(op.value, 8U * kMacLen) + 7U) / 8U + 1U;
+    }
+    return 0U;
+}
+
+// WalkFormat's loop over the steps of prog; *byteIdx ends as the built
+// length. Instead of zeroing ahead of every turn, the bytes below zeroed
+// are kept zero or written: a step that ORs bits zeroes its reach first,
+// and what a step wrote moves the mark past it.
+uint32_t RunSteps(const UserInfo *info, const PppoePlusUdfProg *prog, uint8_t *work, uint32_t *byteIdx)
+{
+    uint32_t bitPos = 0;
+    uint32_t zeroed = 0;
+    for (uint32_t k = 0; k < prog->opCount; ++k) {
+        const PppoePlusUdfOp &op = prog->ops[k];
+        // The turn's check of the position.
+        if (bitPos / 8U >= PPPOE_PLUS_UDF_WORK_LEN) {
+            return PPPOE_PLUS_ERR;
+        }
+        const uint32_t reach = std::min(PPPOE_PLUS_UDF_WORK_LEN, bitPos / 8U + OrReach(op));
+        if (reach > zeroed) {
+            std::memset(work + zeroed, 0, reach - zeroed);
+            zeroed = reach;
+        }
+        switch (op.kind) {
+            case kOpLit:
+                for (uint32_t n = 0; n < op.count; ++n) {
+                    const uint32_t idx = bitPos / 8U;
+                    if (idx >= PPPOE_PLUS_UDF_WORK_LEN) {
+                        return PPPOE_PLUS_ERR;
+                    }
+                    work[idx] = prog->lit[op.value + n];
+                    bitPos = 8U * (idx + 1U);
+                }
+                break;
+            case kOpNum:
+                if (bitPos + 8U * op.count > kWorkBits) {
+                    return PPPOE_PLUS_ERR;
+                }
+                PPPOE_PLUS_EncodeDigitByBit(work, bitPos, op.value, 8U * op.count);
+                bitPos += 8U * op.count;
+                break;
+            case kOpField: {
+                const PppoePlusKeyWordEncodeFn encode = g_pppoePlusKeyWordDict[op.id].encode;
+                KeyWordEncodeCtx ctx = {const_cast<UserInfo *>(info), op.fieldFmt, op.value, &bitPos, work, op.ascii};
+                if (encode == nullptr) {
+                    return PPPOE_PLUS_ERR;
+                }
+                if (encode(&ctx) != PPPOE_PLUS_OK) {
+                    PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "Encode function return error.(KeyWordID=%u)",
+                                         static_cast<uint32_t>(op.id));
+                    return PPPOE_PLUS_ERR;
+                }
+                break;
+            }
+            default:
+                break;
+        }
+        zeroed = std::max(zeroed, std::min(PPPOE_PLUS_UDF_WORK_LEN, (bitPos + 7U) / 8U));
+    }
+    *byteIdx = bitPos / 8U;
+    return PPPOE_PLUS_OK;
+}
+
 }  // namespace
+
+extern "C" {
+
+uint32_t PPPOE_PLUS_UdfCompile(const char *fmt, const UserInfo *info, PppoePlusUdfProg *prog)
+{
+    if (fmt == nullptr || info == nullptr || prog == nullptr) {
+        return PPPOE_PLUS_ERR;
+    }
+    prog->dictGen = g_dictGen.load(std::memory_order_relaxed);
+    prog->variant = VariantOf(info);
+    const size_t cap = strnlen(fmt, PPPOE_PLUS_UDF_FMT_LEN - 1U);
+    prog->anyVariant = std::memchr(fmt, '[', cap) == nullptr && std::memchr(fmt, ']', cap) == nullptr ? 1U : 0U;
+    prog->walk = 0U;
+    prog->opCount = 0U;
+    prog->lenStep = 0U;
+    prog->lenAscii = 0U;
+    prog->litLen = 0U;
+    prog->lenWidth = 0U;
+    std::memset(prog->lenFmt, 0, sizeof(prog->lenFmt));
+    if (g_pppoePlusKeyWordDict == nullptr || CompileSteps(fmt, info, prog) != PPPOE_PLUS_OK) {
+        prog->walk = 1U;
+        prog->opCount = 0U;
+        prog->lenStep = 0U;
+    }
+    return PPPOE_PLUS_OK;
+}
+
+uint32_t PPPOE_PLUS_UdfProgFits(const PppoePlusUdfProg *prog, const UserInfo *info)
+{
+    return prog != nullptr && info != nullptr && prog->dictGen == g_dictGen.load(std::memory_order_relaxed) &&
+                   (prog->anyVariant == 1U || prog->variant == VariantOf(info))
+               ? 1U
+               : 0U;
+}
+
+void PPPOE_PLUS_UdfProgCopy(PppoePlusUdfProg *dst, const PppoePlusUdfProg *src)
+{
+    if (dst == nullptr || src == nullptr) {
+        return;
+    }
+    std::memcpy(dst, src, offsetof(PppoePlusUdfProg, lit));
+    std::memcpy(dst->lit, src->lit, std::min<size_t>(src->litLen, sizeof(src->lit)));
+    std::memcpy(dst->ops, src->ops, sizeof(PppoePlusUdfOp) * std::min<size_t>(src->opCount, PPPOE_PLUS_UDF_OPS_MAX));
+}
+
+uint32_t PPPOE_PLUS_EncodeUdfProg(const UserInfo *info, const char *fmt, const PppoePlusUdfProg *prog, uint8_t *out,
+                                  uint32_t *outLen)
+{
+    if (prog == nullptr || prog->walk == 1U || PPPOE_PLUS_UdfProgFits(prog, info) == 0U || fmt == nullptr ||
+        out == nullptr || outLen == nullptr) {
+        return PPPOE_PLUS_EncodeUdfData(info, fmt, out, outLen);
+    }
+    uint8_t *work = TakeWork();
+    if (work == nullptr) {
+        return PPPOE_PLUS_ERR;
+    }
+    uint32_t len = 0;
+    uint32_t ret = RunSteps(info, prog, work, &len);
+    if (ret == PPPOE_PLUS_OK && prog->lenStep == 1U) {
+        ret = FillLength(prog->lenAscii, work, &len, prog->lenFmt, prog->lenWidth);
+    }
+    return FinishBuild(ret, work, len, out, outLen);
+}
+
+}  // extern "C"
 
 extern "C" uint32_t PPPOE_PLUS_EncodeUdfData(const UserInfo *info, const char *fmt, uint8_t *out, uint32_t *outLen)
 {
     if (info == nullptr || fmt == nullptr || out == nullptr || outLen == nullptr) {
         return Fail(__LINE__);
     }
-    auto *work = static_cast<uint8_t *>(PPPOE_PLUS_MemAlloc(PPPOE_PLUS_UDF_WORK_LEN));
+    uint8_t *work = TakeWork();
     if (work == nullptr) {
-        return Fail(__LINE__);
+        return PPPOE_PLUS_ERR;
     }
     char w[PPPOE_PLUS_UDF_FMT_LEN] = {};
     if (PPPOE_PLUS_ReplumeFmtStr(info, fmt, w) != PPPOE_PLUS_OK) {
@@ -944,17 +1334,5 @@ extern "C" uint32_t PPPOE_PLUS_EncodeUdfData(const UserInfo *info, const char *f
     if (ret == PPPOE_PLUS_OK && lengthScan) {
         ret = PPPOE_PLUS_ReBuildLength(fmt, work, &len);
     }
-    if (ret == PPPOE_PLUS_OK && len > PPPOE_PLUS_UDF_OUT_MAX) {
-        PPPOE_PLUS_DbgOutput(PPPOE_PLUS_DBG_ERR, "Length of the String built by userdefined format is error.(Len=%u)",
-                             len);
-        ret = PPPOE_PLUS_ERR;
-    }
-    if (ret == PPPOE_PLUS_OK) {
-        if (len != 0U) {
-            (void)PppoePlusCopy(out, PPPOE_PLUS_UDF_OUT_MAX, work, len);
-        }
-        *outLen = len;
-    }
-    PPPOE_PLUS_MemFree(work);
-    return ret;
+    return FinishBuild(ret, work, len, out, outLen);
 }

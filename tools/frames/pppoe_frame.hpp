@@ -1,6 +1,7 @@
-// A builder of PPPoE discovery frames, so a test states the frame it means:
+// A builder of PPPoE discovery frames, so a caller states the frame it means:
 //   Frame().vlan(100).qinq(200).padi().tag(0x0101, "").eol().bytes()
-// and a reader of the tags of a frame that came back.
+// and a reader of the tags of a frame that came back. The sample captures,
+// the traffic tools, the benchmarks and the tests all build frames with it.
 #pragma once
 
 #include <array>
@@ -11,13 +12,13 @@
 #include <string_view>
 #include <vector>
 
-namespace pplus_test {
+namespace frames {
 
 using Bytes = std::vector<uint8_t>;
 using Mac = std::array<uint8_t, 6>;
 
 // The wire layout the builder writes and the reader reads, stated here on
-// its own so that a test does not take the module's word for it.
+// its own so that a frame built here does not take the module's word for it.
 namespace wire {
 // DpxPktHead: message type, egress and ingress ifIndex, host-order words.
 inline constexpr size_t kDpxHeadLen = 12;
@@ -258,4 +259,4 @@ inline std::optional<ParsedFrame> Parse(const Bytes &b)
     return f;
 }
 
-}  // namespace pplus_test
+}  // namespace frames
