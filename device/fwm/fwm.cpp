@@ -141,13 +141,6 @@ void Stop()
     platform::tirn::UnregisterService(kUri);
 }
 
-bool Running()
-{
-    Fwm &fwm = TheFwm();
-    std::lock_guard lock(fwm.mu);
-    return fwm.running;
-}
-
 State GetState()
 {
     Fwm &fwm = TheFwm();

@@ -886,11 +886,6 @@ Reply Server::Impl::EditConfig(const ConnectionPtr &conn, const Message &m)
 Server::Server(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 Server::~Server() = default;
 
-const std::string &Server::SocketPath() const
-{
-    return impl_->options.socketPath;
-}
-
 void Server::ServeState(const std::string &path, StateAnswer answer)
 {
     std::lock_guard<std::mutex> lock(impl_->localMu);

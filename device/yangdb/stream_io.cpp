@@ -281,7 +281,6 @@ void StreamIo::Loop()
             }
         }
     }
-    alive_ = false;
     ::shutdown(fd_, SHUT_RDWR);
     handlers_.closed();
 }

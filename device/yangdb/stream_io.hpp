@@ -13,7 +13,6 @@
 // never stalled by its own backlog.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <deque>
@@ -70,7 +69,6 @@ public:
     void RequestDone();
     // Ends the connection; the closed handler follows on the thread.
     void Shutdown();
-    bool Alive() const { return alive_.load(); }
     // Why the connection ended ("" while alive, or when the peer closed it).
     std::string EndReason() const;
     // The most bytes it ever buffered (input and output): a large one is
@@ -102,7 +100,6 @@ private:
     size_t peak_ = 0;
     std::chrono::steady_clock::time_point lastDrain_;
 
-    std::atomic<bool> alive_{true};
     std::thread thread_;
 };
 

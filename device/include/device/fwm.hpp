@@ -38,7 +38,6 @@ struct State {
 bool Start();
 // Unregisters the service: every connection to it sees its peer quit.
 void Stop();
-bool Running();
 
 State GetState();
 // Whether the feature's punt ACLs are installed: a lock-free read for the

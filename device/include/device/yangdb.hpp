@@ -57,8 +57,6 @@ public:
     Server(const Server &) = delete;
     Server &operator=(const Server &) = delete;
 
-    const std::string &SocketPath() const;
-
     // State data that the process embedding the datastore answers itself,
     // beside its subscribers: a get at or below path (a config-false node
     // of the model, without keys) calls answer with the path as asked, on

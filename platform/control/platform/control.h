@@ -102,8 +102,6 @@ void PLAT_LogFlush(void);
 /* Lines lost because the queue was full (the sink's thread could not keep
  * up); a line of the sink reports each loss where it noticed it. */
 uint64_t PLAT_LogRecordsDropped(void);
-/* Also copy syslog(3) lines to the real system log (off by default). */
-void PLAT_LogForwardSyslog(uint32_t on);
 /* Also appends every line, as "<kind> <text>", to the file at path
  * (created or truncated). A thread of the sink writes the file, so the
  * writers of lines never wait on the disk; lines the thread cannot keep up

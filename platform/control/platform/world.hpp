@@ -169,7 +169,6 @@ void SetSelfBoardReadable(bool readable);
 // Framework-instance table.
 void FrmInstClear();
 void FrmInstPut(const FrmInstRecord &record);   // replaces the record of the same localSlot
-std::vector<FrmInstRecord> FrmInstRecords();
 
 // Interface table, keyed by ifIndex: put replaces the record of the same
 // ifIndex in place, remove returns whether there was one.
@@ -193,35 +192,25 @@ std::vector<BoardRecord> BoardRecords();
 
 // Interface and board-registry writes (IfPut, IfRemove, IfSetOnBoard,
 // BoardPut, BoardRemove) are pushed to the object database's subscription
-// connections as they happen; bulk loads (ApplyTopology, TablesClear,
-// reset) are not.
+// connections as they happen; bulk loads (ApplyTopology, Reset) are not.
 
 // Trunk table, keyed by trunk id.
 void TrunkPut(const TrunkRecord &record);
-bool TrunkRemove(uint32_t trunkId);
-std::vector<TrunkRecord> TrunkRecords();
 
 // Trunk-port configuration, keyed by member ifIndex.
 void TrunkPortPut(const TrunkPortRecord &record);
 bool TrunkPortRemove(uint32_t memberIfIndex);
-std::vector<TrunkPortRecord> TrunkPortRecords();
 
 // Port-VLAN maps, keyed by ifIndex; PortVlanSet adds or drops one VLAN of
 // a port (creating its map when absent).
-void PortVlanPut(const PortVlanRecord &record);
 void PortVlanSet(uint32_t ifIndex, uint16_t vlan, bool member);
-bool PortVlanRemove(uint32_t ifIndex);
-std::vector<PortVlanRecord> PortVlanRecords();
 
 // Access-isolation entries, keyed by (source, vlan, destination).
 void AccessIsolatePut(const AccessIsolateRecord &record);
-bool AccessIsolateRemove(const AccessIsolateRecord &record);
-std::vector<AccessIsolateRecord> AccessIsolateRecords();
 
 // Port-isolation memberships, keyed by (ifIndex, group).
 void PortIsolatePut(const PortIsolateRecord &record);
 bool PortIsolateRemove(const PortIsolateRecord &record);
-std::vector<PortIsolateRecord> PortIsolateRecords();
 
 // The system name (also part of the identity).
 void SetSysName(const std::string &name);
@@ -235,9 +224,6 @@ uint64_t TablesGeneration();
 // The interface, trunk-port and port-VLAN tables and their generation,
 // taken under one lock.
 PortTables GetPortTables();
-
-// Empties every table above (the identity stays).
-void TablesClear();
 
 // Installs a loaded topology: identity and every table, replacing what was there.
 void ApplyTopology(const Topology &topology);

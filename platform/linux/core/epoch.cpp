@@ -160,18 +160,4 @@ void Retire(void *p, void (*release)(void *))
     CollectLocked(s);
 }
 
-void Collect()
-{
-    State &s = TheState();
-    std::lock_guard lock(s.mu);
-    CollectLocked(s);
-}
-
-uint64_t Pending()
-{
-    State &s = TheState();
-    std::lock_guard lock(s.mu);
-    return s.retired.size();
-}
-
 }  // namespace platform::internal::epoch

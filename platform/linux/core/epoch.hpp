@@ -27,10 +27,4 @@ private:
 // the caller has already replaced every published pointer to p.
 void Retire(void *p, void (*release)(void *));
 
-// Frees what can be freed now (Retire also does).
-void Collect();
-
-// Retired versions not yet freed (tests).
-uint64_t Pending();
-
 }  // namespace platform::internal::epoch

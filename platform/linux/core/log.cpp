@@ -19,11 +19,10 @@
 // or file first takes what is queued, so a caller sees the lines it logged
 // before the call. libplatform defines syslog and
 // vsyslog (and the fortified __syslog_chk/__vsyslog_chk), so programs linked
-// with it log here; PLAT_LogForwardSyslog(1) also passes lines to libc.
+// with it log here.
 // This file defines syslog itself: the fortified inline wrappers of
 // <syslog.h> must not be in the way.
 #undef _FORTIFY_SOURCE
-#include <dlfcn.h>
 #include <syslog.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -335,22 +334,10 @@ std::unique_lock<std::recursive_mutex> Drained(Sink &sink)
     return lock;
 }
 
-std::atomic<bool> g_forwardSyslog{false};
-
 bool Matches(const Line &line, uint32_t kind, const char *text)
 {
     return (kind == PLAT_LOG_ANY || line.kind == kind) &&
            (text == nullptr || line.text.find(text) != std::string::npos);
-}
-
-using VsyslogFn = void (*)(int, const char *, va_list);
-
-void ForwardToLibc(int priority, const char *fmt, va_list ap)
-{
-    static const VsyslogFn real = reinterpret_cast<VsyslogFn>(dlsym(RTLD_NEXT, "vsyslog"));
-    if (real != nullptr) {
-        real(priority, fmt, ap);
-    }
 }
 
 void SyslogV(int priority, const char *fmt, va_list ap)
@@ -358,14 +345,8 @@ void SyslogV(int priority, const char *fmt, va_list ap)
     if (fmt == nullptr) {
         return;
     }
-    va_list forward;
-    va_copy(forward, ap);
     platform::internal::LogLine(PLAT_LOG_SYSLOG,
                             platform::internal::Format("<%d> ", priority & LOG_PRIMASK) + platform::internal::FormatV(fmt, ap));
-    if (g_forwardSyslog.load(std::memory_order_relaxed)) {
-        ForwardToLibc(priority, fmt, forward);
-    }
-    va_end(forward);
 }
 
 }  // namespace
@@ -532,11 +513,6 @@ void PLAT_LogFlush(void)
 uint64_t PLAT_LogRecordsDropped(void)
 {
     return TheSink().records.Dropped();
-}
-
-void PLAT_LogForwardSyslog(uint32_t on)
-{
-    g_forwardSyslog.store(on != 0, std::memory_order_relaxed);
 }
 
 uint32_t PLAT_LogSetFile(const char *path, uint64_t rotateBytes)

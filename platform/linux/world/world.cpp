@@ -363,11 +363,6 @@ void FrmInstPut(const FrmInstRecord &record)
     w.frmInst.Publish(std::move(rows));
 }
 
-std::vector<FrmInstRecord> FrmInstRecords()
-{
-    return Rows(&World::frmInst);
-}
-
 void IfPut(const IfRecord &record)
 {
     World &w = TheWorld();
@@ -513,16 +508,6 @@ void TrunkPut(const TrunkRecord &record)
     Put(&World::trunks, record, [](const TrunkRecord &a, const TrunkRecord &b) { return a.trunkId == b.trunkId; });
 }
 
-bool TrunkRemove(uint32_t trunkId)
-{
-    return Remove(&World::trunks, [trunkId](const TrunkRecord &r) { return r.trunkId == trunkId; });
-}
-
-std::vector<TrunkRecord> TrunkRecords()
-{
-    return Rows(&World::trunks);
-}
-
 void TrunkPortPut(const TrunkPortRecord &record)
 {
     Put(&World::trunkPorts, record,
@@ -533,17 +518,6 @@ bool TrunkPortRemove(uint32_t memberIfIndex)
 {
     return Remove(&World::trunkPorts,
                   [memberIfIndex](const TrunkPortRecord &r) { return r.memberIfIndex == memberIfIndex; });
-}
-
-std::vector<TrunkPortRecord> TrunkPortRecords()
-{
-    return Rows(&World::trunkPorts);
-}
-
-void PortVlanPut(const PortVlanRecord &record)
-{
-    Put(&World::portVlans, record,
-        [](const PortVlanRecord &a, const PortVlanRecord &b) { return a.ifIndex == b.ifIndex; });
 }
 
 void PortVlanSet(uint32_t ifIndex, uint16_t vlan, bool member)
@@ -566,29 +540,9 @@ void PortVlanSet(uint32_t ifIndex, uint16_t vlan, bool member)
     Touch(w);
 }
 
-bool PortVlanRemove(uint32_t ifIndex)
-{
-    return Remove(&World::portVlans, [ifIndex](const PortVlanRecord &r) { return r.ifIndex == ifIndex; });
-}
-
-std::vector<PortVlanRecord> PortVlanRecords()
-{
-    return Rows(&World::portVlans);
-}
-
 void AccessIsolatePut(const AccessIsolateRecord &record)
 {
     Put(&World::accessIsolation, record, SameIsolation);
-}
-
-bool AccessIsolateRemove(const AccessIsolateRecord &record)
-{
-    return Remove(&World::accessIsolation, [&record](const AccessIsolateRecord &r) { return SameIsolation(r, record); });
-}
-
-std::vector<AccessIsolateRecord> AccessIsolateRecords()
-{
-    return Rows(&World::accessIsolation);
 }
 
 void PortIsolatePut(const PortIsolateRecord &record)
@@ -599,11 +553,6 @@ void PortIsolatePut(const PortIsolateRecord &record)
 bool PortIsolateRemove(const PortIsolateRecord &record)
 {
     return Remove(&World::portIsolation, [&record](const PortIsolateRecord &r) { return SameGroup(r, record); });
-}
-
-std::vector<PortIsolateRecord> PortIsolateRecords()
-{
-    return Rows(&World::portIsolation);
 }
 
 void SetSysName(const std::string &name)
@@ -624,13 +573,6 @@ PortTables GetPortTables()
     std::lock_guard lock(w.mu);
     return PortTables{w.generation.load(std::memory_order_relaxed), w.ifs.Rows(), w.trunkPorts.Rows(),
                       w.portVlans.Rows()};
-}
-
-void TablesClear()
-{
-    World &w = TheWorld();
-    std::lock_guard lock(w.mu);
-    ClearTables(w);
 }
 
 void ApplyTopology(const Topology &topology)

@@ -222,11 +222,6 @@ TEST(DbTables, TrunkVlanIsolationAndSystemTables)
     // The length is reported also when the name does not fit.
     EXPECT_EQ(SysName(6), std::make_tuple(DB_ERR_BUF_SMALL, std::string(), 6U));
     EXPECT_EQ(SysName(8), std::make_tuple(DB_OK, std::string("Edge-1"), 6U));
-
-    platform::world::TablesClear();
-    EXPECT_TRUE(platform::world::TrunkRecords().empty());
-    EXPECT_TRUE(platform::world::PortIsolateRecords().empty());
-    EXPECT_EQ(platform::world::Identity().sysName, "Edge-1");  // the identity stays
 }
 
 // The calls the module's interface suite (intf_test.cpp) does not inject.
