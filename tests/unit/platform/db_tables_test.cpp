@@ -305,7 +305,7 @@ TEST(DbTables, ReadsSeeEveryWriteWhateverTheyReadBefore)
         platform::world::AccessIsolatePut({5, 0, 7});
         EXPECT_TRUE(isolated(5, 7));
         EXPECT_FALSE(isolated(7, 5));
-        EXPECT_TRUE(platform::world::AccessIsolateRemove({5, 0, 7}));
+        platform::world::Reset();
     }
     EXPECT_FALSE(isolated(5, 7));
     platform::world::SetSysName("Renamed");
