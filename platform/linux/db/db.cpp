@@ -229,7 +229,8 @@ ObjectPtr WorldObject(uint32_t table)
 {
     return ObjectPtr(NewObject<TableObject<Row>>(table, &platform::world::SelectRows<Row>,
                                                  &platform::world::SelectRowsWhere<Row>,
-                                                 &platform::world::TableSerial<Row>),
+                                                 &platform::world::TableSerial<Row>,
+                                                 platform::world::TableSerialWord<Row>()),
                      DestroyObject);
 }
 

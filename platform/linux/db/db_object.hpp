@@ -14,6 +14,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -105,8 +106,10 @@ public:
     using KeyedSource = uint64_t (*)(uint32_t Row::*field, uint32_t key, std::vector<Row> &);
     using SerialSource = uint64_t (*)();
 
-    TableObject(uint32_t tableId, Source source, KeyedSource keyed = nullptr, SerialSource serial = nullptr)
-        : DB_OBJ(tableId), source_(source), keyed_(keyed), serial_(serial)
+    // serialWord, when given, is the word serial reads (read directly).
+    TableObject(uint32_t tableId, Source source, KeyedSource keyed = nullptr, SerialSource serial = nullptr,
+                const std::atomic<uint64_t> *serialWord = nullptr)
+        : DB_OBJ(tableId), source_(source), keyed_(keyed), serial_(serial), serialWord_(serialWord)
     {
     }
 
@@ -191,7 +194,7 @@ private:
             // Rows of the same key from a version that is still the
             // table's are what a new read would copy: kept as they are,
             // whether this object holds them or the thread kept them.
-            const uint64_t serial = serial_ != nullptr ? serial_() : 0;
+            const uint64_t serial = Serial();
             if (serial != 0 && HoldsReadOf(keyField_, keyValue_) && filledSerial_ == serial) {
                 return;
             }
@@ -215,7 +218,7 @@ private:
         if (source_ != nullptr && keyField_ == nullptr && !match_ && serial_ != nullptr && &out == &rows_) {
             // The whole table, kept while its version is: the serial is read
             // first, so a write during the copy makes the next read copy again.
-            const uint64_t serial = serial_();
+            const uint64_t serial = Serial();
             if (wholeSerial_ == serial) {
                 return;
             }
@@ -231,7 +234,7 @@ private:
             // copy of the whole table kept while its version is (the serial
             // read first, as above), so an unchanged table costs no visit
             // of the world.
-            const uint64_t serial = serial_();
+            const uint64_t serial = Serial();
             if (tableSerial_ != serial) {
                 source_(Match{}, table_);
                 tableSerial_ = serial;
@@ -298,6 +301,15 @@ private:
                                                                       table);
     }
 
+    // The table's serial (0: none kept).
+    uint64_t Serial() const
+    {
+        if (serialWord_ != nullptr) {
+            return serialWord_->load(std::memory_order_acquire);
+        }
+        return serial_ != nullptr ? serial_() : 0;
+    }
+
     // Swaps the keyed read held with one kept.
     void Trade(KeptRead &read) const
     {
@@ -310,6 +322,7 @@ private:
     Source source_;
     KeyedSource keyed_;
     SerialSource serial_;
+    const std::atomic<uint64_t> *serialWord_;
     // What rows_ holds when it was filled by key: kept across reuse of the
     // object (0: nothing kept).
     mutable uint64_t filledSerial_ = 0;

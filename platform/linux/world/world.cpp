@@ -119,6 +119,7 @@ public:
     const Version<Row> &Read() const { return *current_.load(std::memory_order_seq_cst); }
 
     uint64_t Serial() const { return serial_.load(std::memory_order_acquire); }
+    const std::atomic<uint64_t> *SerialWord() const { return &serial_; }
 
     // Publishes rows as the new version. Caller holds World::mu.
     void Publish(std::vector<Row> rows)
@@ -655,10 +656,17 @@ uint64_t TableSerial()
     return TableOf(TheWorld(), static_cast<const Row *>(nullptr)).Serial();
 }
 
+template <typename Row>
+const std::atomic<uint64_t> *TableSerialWord()
+{
+    return TableOf(TheWorld(), static_cast<const Row *>(nullptr)).SerialWord();
+}
+
 #define PLAT_WORLD_SELECT(Row)                                                     \
     template void SelectRows(const RowFilter<Row> &, std::vector<Row> &);        \
     template uint64_t SelectRowsWhere(uint32_t Row::*, uint32_t, std::vector<Row> &); \
-    template uint64_t TableSerial<Row>()
+    template uint64_t TableSerial<Row>();                                           \
+    template const std::atomic<uint64_t> *TableSerialWord<Row>()
 PLAT_WORLD_SELECT(FrmInstRecord);
 PLAT_WORLD_SELECT(IfRecord);
 PLAT_WORLD_SELECT(TrunkRecord);

@@ -5,6 +5,7 @@
 // subscriptions).
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <optional>
 #include <vector>
@@ -38,6 +39,10 @@ uint64_t SelectRowsWhere(uint32_t Row::*field, uint32_t key, std::vector<Row> &o
 // still the table's while its serial is.
 template <typename Row>
 uint64_t TableSerial();
+// The word TableSerial reads, for readers that read it often: it lives as
+// long as the process, and an acquire load of it is TableSerial().
+template <typename Row>
+const std::atomic<uint64_t> *TableSerialWord();
 // The same for the identity and its readability (GetDeviceView).
 uint64_t DeviceSerial();
 
