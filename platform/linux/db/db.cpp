@@ -893,9 +893,13 @@ uint32_t db_root_iterator_next(DB_ITER_S *iter)
     if (const auto failed = platform::FailPoint(__func__)) {
         return *failed;
     }
-    // The iterator lies inside its object: found by the object's block.
+    // The iterator lies inside its object: found by the object's block,
+    // whose head then tells a live object without a second look-up.
     void *block = iter != nullptr ? pool::BlockOf(iter) : nullptr;
-    DB_OBJ *owner = block != nullptr ? LiveObject(static_cast<ObjHead *>(block) + 1) : nullptr;
+    auto *head = static_cast<ObjHead *>(block);
+    DB_OBJ *owner = head != nullptr && head->state.load(std::memory_order_acquire) == kObjLive
+                        ? reinterpret_cast<DB_OBJ *>(head + 1)
+                        : nullptr;
     if (owner == nullptr || &owner->iter != iter || !owner->iterLive) {
         return DB_ERR_PARAM;
     }
