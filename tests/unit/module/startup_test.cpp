@@ -251,6 +251,9 @@ TEST_F(StartupTest, RunCreatesOnlyTheInitTask)
     EXPECT_TRUE(WaitFor([]() { return Task("PPPoE_Plus_Init").exists; }));
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_FRAME]Create init task succeed!"));
     EXPECT_FALSE(LogHas(PLAT_LOG_DIAG, "frame init start."));
+    // The task binds libraries as it starts: let it finish before the process
+    // exits, since a library bound during exit runs its constructors again.
+    EXPECT_TRUE(WaitFor([]() { return LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_FRAME] InitData finish."); }));
 }
 
 TEST_F(StartupTest, PatchRestoreFailureUnbindsTheLibrarySilently)
