@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "designated.hpp"
 #include "module_fixture.hpp"
 #include "plat_safe.h"
 #include "platform/control.h"
@@ -39,20 +40,12 @@ protected:
     {
         ModuleTest::SetUp();
         UseIdentity("SW1", {0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f});
-        PutIf("GE0/0/1", 5);
-        PutIf("10GE1/0/3", 6);
+        platform::world::IfPut({.name = "GE0/0/1", .ifIndex = 5});
+        platform::world::IfPut({.name = "10GE1/0/3", .ifIndex = 6});
         PPPOE_PLUS_InitGlobalCfgData();
         ReadyTagBuilders();
         PLAT_LogClear();
         PLAT_AssertReset();
-    }
-
-    static void PutIf(const std::string &name, uint32_t ifIndex)
-    {
-        platform::IfRecord r;
-        r.name = name;
-        r.ifIndex = ifIndex;
-        platform::world::IfPut(r);
     }
 
     static UserInfo Info(uint32_t xpi, uint32_t xci, const char *portName = "GE0/0/1", uint32_t ifIndex = 5)
@@ -174,7 +167,7 @@ TEST_F(CidRidTest, MatchedNodeThatCannotRenderFailsWithoutFallingBack)
     };
     uint32_t port = 10;
     for (const Case &c : cases) {
-        PutIf("GE0/0/" + std::to_string(port), port);
+        platform::world::IfPut({.name = "GE0/0/" + std::to_string(port), .ifIndex = port});
         SetFormat(0, 0, c.infoType, PPPOE_PLUS_FORMAT_USER_DEFINE, "\"fine\"", port);
         SetFormat(c.vlan, c.ceVlan, c.infoType, PPPOE_PLUS_FORMAT_USER_DEFINE, kTooLong, port);
         PLAT_LogClear();

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "designated.hpp"
 #include "mesh.h"
 #include "module_fixture.hpp"
 #include "platform/control.h"
@@ -35,16 +36,6 @@ uint32_t Collect(const void *record)
     const auto *w = static_cast<const uint32_t *>(record);
     g_published.push_back({w[0], w[1], w[2], w[3]});
     return 0;
-}
-
-platform::IfRecord Port(uint32_t ifIndex, uint32_t portSwitch = platform::kPortSwitchL2, bool onBoard = true)
-{
-    platform::IfRecord r;
-    r.name = "GE0/0/" + std::to_string(ifIndex);
-    r.ifIndex = ifIndex;
-    r.portSwitch = portSwitch;
-    r.onBoard = onBoard;
-    return r;
 }
 
 // An epoll set and a main queue as start-up makes them, served by Pump on
@@ -98,8 +89,8 @@ protected:
 
 TEST_F(DbWatchTest, InterfaceAndBoardChangesBecomeBusEvents)
 {
-    platform::world::IfPut(Port(5));
-    platform::world::IfPut(Port(60, platform::kPortSwitchL3));
+    platform::world::IfPut({.name = "GE0/0/5", .ifIndex = 5});
+    platform::world::IfPut({.name = "GE0/0/60", .ifIndex = 60, .portSwitch = platform::kPortSwitchL3});
     (void)PPPOE_PLUS_SetEnable(1);
     ConnectAndSubscribe();
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOE_PLUS_DB] Create sub connection ok"));
@@ -108,16 +99,14 @@ TEST_F(DbWatchTest, InterfaceAndBoardChangesBecomeBusEvents)
 
     platform::world::IfSetOnBoard(5, false);
     platform::world::IfSetOnBoard(5, true);
-    platform::world::IfSetOnBoard(60, false);       // a routed port is not followed
-    platform::IfRecord described = Port(5);
-    described.description = "uplink";
-    platform::world::IfPut(described);                // on_board unchanged: nothing
-    platform::world::IfPut(Port(7));                  // a new port on board
-    platform::world::BoardPut({1, 3, platform::kBoardRegistered});       // a board registers
-    platform::world::BoardPut({1, 3, platform::kBoardUnregistered});     // and leaves
-    platform::world::BoardPut({1, 4, std::nullopt});                 // no state reported: 0, nothing
-    platform::world::BoardPut({1, 4, platform::kBoardRegistered});       // the missing old state reads 0
-    platform::world::BoardPut({1, 4, platform::kBoardRegistered});       // same state again: nothing
+    platform::world::IfSetOnBoard(60, false);  // a routed port is not followed
+    platform::world::IfPut({.name = "GE0/0/5", .ifIndex = 5, .description = "uplink"});  // on_board unchanged
+    platform::world::IfPut({.name = "GE0/0/7", .ifIndex = 7});                           // a new port on board
+    platform::world::BoardPut({1, 3, platform::kBoardRegistered});                       // a board registers
+    platform::world::BoardPut({1, 3, platform::kBoardUnregistered});                     // and leaves
+    platform::world::BoardPut({1, 4, std::nullopt});                // no state reported: 0, nothing
+    platform::world::BoardPut({1, 4, platform::kBoardRegistered});  // the missing old state reads 0
+    platform::world::BoardPut({1, 4, platform::kBoardRegistered});  // same state again: nothing
     Pump();
 
     const std::vector<Record> expected = {
@@ -130,10 +119,10 @@ TEST_F(DbWatchTest, InterfaceAndBoardChangesBecomeBusEvents)
     };
     EXPECT_EQ(g_published, expected);
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPPOE_PLUS_DB] If event notify: ifIndex:5, stateChg:1->0."));
-    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG,
-                       "[PPPOE_PLUS_DB] Sub devm register status callback.cssId:1, slotId:3, regState:1->0"));
-    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG,
-                       "[PPPOE_PLUS_DB] Sub devm register status callback.cssId:1, slotId:4, regState:0->1"));
+    EXPECT_TRUE(
+        LogHas(PLAT_LOG_DEBUG, "[PPPOE_PLUS_DB] Sub devm register status callback.cssId:1, slotId:3, regState:1->0"));
+    EXPECT_TRUE(
+        LogHas(PLAT_LOG_DEBUG, "[PPPOE_PLUS_DB] Sub devm register status callback.cssId:1, slotId:4, regState:0->1"));
 
     // With the feature off nothing is followed at all.
     (void)PPPOE_PLUS_SetEnable(0);
@@ -166,10 +155,9 @@ TEST_F(DbWatchTest, SixFailedConnectionsLeaveNoConnectionAndBothSubscriptionsFai
     EXPECT_LT(took, std::chrono::seconds(5));
     EXPECT_EQ(PLAT_CallCount("db_create_sub_connect"), 6U);
     EXPECT_EQ(PPPOE_PLUS_GetDbSubConn(), nullptr);
-    EXPECT_NE(LogInOrder(PLAT_LOG_DIAG,
-                         {"[PPPOE_PLUS_DB] Sub connection is not established, ret:12294, retryCnt:0.",
-                          "[PPPOE_PLUS_DB] Sub connection is not established, ret:12294, retryCnt:5.",
-                          "[PPPOE_PLUS_DB] Create sub connection failed, ret:12294."}),
+    EXPECT_NE(LogInOrder(PLAT_LOG_DIAG, {"[PPPOE_PLUS_DB] Sub connection is not established, ret:12294, retryCnt:0.",
+                                         "[PPPOE_PLUS_DB] Sub connection is not established, ret:12294, retryCnt:5.",
+                                         "[PPPOE_PLUS_DB] Create sub connection failed, ret:12294."}),
               0U);
     EXPECT_EQ(LogCount(PLAT_LOG_DIAG, "[PPPOE_PLUS_DB] Sub connection is not established"), 6U);
 
@@ -196,16 +184,15 @@ TEST_F(DbWatchTest, EachFailingSubscriptionStepIsLoggedAndTheObjectReleased)
     struct Row {
         bool devm;
         const char *op;
-        const char *text;      // the line logged for the failing step
-        uint32_t releases;     // object releases made (none when it was not created)
+        const char *text;   // the line logged for the failing step
+        uint32_t releases;  // object releases made (none when it was not created)
     };
     const Row rows[] = {
         {true, "db_create_devm_obj", "[PPPOE_PLUS_DB]Failed to create devm obj, ret = 119.", 0},
         {true, "db_sub_add_event", "[PPPOE_PLUS_DB]Failed to add event for subscribing devm obj, ret = 119.", 1},
         {true, "db_sub_add_field", "[PPPOE_PLUS_DB]Failed to add Register_status field, ret = 119.", 1},
         {true, "db_sub_add_push_op", "[PPPOE_PLUS_DB]Failed to add push op for subscribing devm obj, ret = 119.", 1},
-        {true, "db_sub_reg_callback", "[PPPOE_PLUS_DB]Failed to set callback for subscribing devm obj, ret = 119.",
-         1},
+        {true, "db_sub_reg_callback", "[PPPOE_PLUS_DB]Failed to set callback for subscribing devm obj, ret = 119.", 1},
         {true, "db_sub_with_conn", "[PPPOE_PLUS_DB]Failed to subscribe devm reg status with conn, ret = 119.", 1},
         {false, "db_create_if_obj", "[PPPOE_PLUS_DB]Failed to create if obj, ret = 119.", 0},
         {false, "db_sub_add_event", "[PPPOE_PLUS_DB]Failed to subscribe if event, ret = 119.", 1},
@@ -244,14 +231,14 @@ TEST_F(DbWatchTest, EachFailingSubscriptionStepIsLoggedAndTheObjectReleased)
 
 TEST_F(DbWatchTest, AFailedReadDropsTheOneChange)
 {
-    platform::world::IfPut(Port(5));
+    platform::world::IfPut({.name = "GE0/0/5", .ifIndex = 5});
     platform::world::BoardPut({1, 3, platform::kBoardRegistered});
     (void)PPPOE_PLUS_SetEnable(1);
     ConnectAndSubscribe();
     struct Row {
         bool board;
         const char *op;
-        uint32_t skip;         // reads of the op that succeed first
+        uint32_t skip;  // reads of the op that succeed first
         const char *text;
         uint32_t kind;
     };
@@ -263,8 +250,7 @@ TEST_F(DbWatchTest, AFailedReadDropsTheOneChange)
         {true, "db_get_devm_Register_status", 1, "[PPPOE_PLUS_DB] Failed to get devm new register status. ret:7.",
          PLAT_LOG_DIAG},
         {false, "db_get_if_ifindex", 0, "[PPPOE_PLUS_DB] Get port ifIndex failed. ret:7.", PLAT_LOG_DEBUG},
-        {false, "db_get_if_port_switch", 0, "[PPPOE_PLUS_DB] Get port type failed. ifIndex:5, ret:7.",
-         PLAT_LOG_DEBUG},
+        {false, "db_get_if_port_switch", 0, "[PPPOE_PLUS_DB] Get port type failed. ifIndex:5, ret:7.", PLAT_LOG_DEBUG},
         {false, "db_get_if_on_board", 0, "[PPPOE_PLUS_DB] Get old status of on_board failed. ifIndex:5, ret:7.",
          PLAT_LOG_DEBUG},
         {false, "db_get_if_on_board", 1, "[PPPOE_PLUS_DB] Get new status of on_board failed. ifIndex:5, ret:7.",

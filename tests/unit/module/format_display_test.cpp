@@ -5,9 +5,10 @@
 #include <cstring>
 #include <string>
 
+#include "designated.hpp"
 #include "module_fixture.hpp"
-#include "platform/control.h"
 #include "plat_safe.h"
+#include "platform/control.h"
 #include "platform/world.hpp"
 #include "pplus_test.hpp"
 #include "pppoe_plus_cfg.h"
@@ -34,21 +35,11 @@ protected:
     {
         ModuleTest::SetUp();
         UseIdentity("SW1", {0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f});
-        PutIf("Vlanif1", 4, platform::kPortSwitchL3);
-        PutIf("GE0/0/1", 5, platform::kPortSwitchL2);
+        platform::world::IfPut({.name = "Vlanif1", .ifIndex = 4, .port = 1, .portSwitch = platform::kPortSwitchL3});
+        platform::world::IfPut({.name = "GE0/0/1", .ifIndex = 5, .port = 1});
         PPPOE_PLUS_InitGlobalCfgData();
         ReadyTagBuilders();
         PLAT_LogClear();
-    }
-
-    static void PutIf(const std::string &name, uint32_t ifIndex, uint32_t portSwitch)
-    {
-        platform::IfRecord r;
-        r.name = name;
-        r.ifIndex = ifIndex;
-        r.port = 1;
-        r.portSwitch = portSwitch;
-        platform::world::IfPut(r);
     }
 
     // The whole display, or what was written before it failed.
@@ -89,8 +80,8 @@ TEST_F(FormatDisplayTest, BinaryValuesAreDumpedSixteenBytesALine)
     PPPOE_PLUS_SetGlobalRidFormat(PPPOE_PLUS_FORMAT_EXTEND, nullptr);
     EXPECT_EQ(Display(), std::string(" The current information format :\r\n   Circuit ID : EXTEND"
                                      "\r\n   Remote  ID : EXTEND") +
-                             kExampleHeader + "\r\n  Circuit ID:00 04 00 c8 00 01 " +
-                             "\r\n  Remote  ID:00 06 " + kMacHex);
+                             kExampleHeader + "\r\n  Circuit ID:00 04 00 c8 00 01 " + "\r\n  Remote  ID:00 06 " +
+                             kMacHex);
 
     // 20 bytes: 16 on the first line, 4 under them; the Remote-ID label is
     // one character longer, so is its indent.
@@ -99,9 +90,8 @@ TEST_F(FormatDisplayTest, BinaryValuesAreDumpedSixteenBytesALine)
     PPPOE_PLUS_SetGlobalRidFormat(PPPOE_PLUS_FORMAT_USER_DEFINE, kTwentyBytes);
     const std::string tail = std::string(kMacHex) + kMacHex + "0a 1b 2c 3d ";
     const std::string wrap = std::string("4e 5f 00 c8 ");
-    EXPECT_EQ(Display(), std::string(" The current information format :") +
-                             "\r\n   Circuit ID : USER DEFINE.  " + kTwentyBytes +
-                             "\r\n   Remote  ID : USER DEFINE.  " + kTwentyBytes + kExampleHeader +
+    EXPECT_EQ(Display(), std::string(" The current information format :") + "\r\n   Circuit ID : USER DEFINE.  " +
+                             kTwentyBytes + "\r\n   Remote  ID : USER DEFINE.  " + kTwentyBytes + kExampleHeader +
                              "\r\n  Circuit ID:" + tail + "\r\n" + std::string(12, ' ') + wrap +
                              "\r\n  Remote  ID:" + tail + "\r\n" + std::string(13, ' ') + wrap);
 }
@@ -128,7 +118,7 @@ TEST_F(FormatDisplayTest, UserDefinedValueIsTextOnlyWhenTheFormatStartsQuoted)
 TEST_F(FormatDisplayTest, DisplayFailsAfterTheFormatLinesWhenNoExampleCanBeBuilt)
 {
     // No layer-2 port.
-    PutIf("GE0/0/1", 5, platform::kPortSwitchL3);
+    platform::world::IfPut({.name = "GE0/0/1", .ifIndex = 5, .port = 1, .portSwitch = platform::kPortSwitchL3});
     EXPECT_EQ(Display(1), kFormatsCommon);
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS_SHOW] Failed to get a layer 2 port"));
     uint8_t sub[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
@@ -136,30 +126,25 @@ TEST_F(FormatDisplayTest, DisplayFailsAfterTheFormatLinesWhenNoExampleCanBeBuilt
     EXPECT_EQ(PPPOE_PLUS_GetExampleFormatStr(PPPOE_PLUS_INFO_CID, sub, &len), 1U);
 
     // The Remote-ID cannot be built: the Circuit-ID block stays.
-    PutIf("GE0/0/1", 5, platform::kPortSwitchL2);
+    platform::world::IfPut({.name = "GE0/0/1", .ifIndex = 5, .port = 1});
     PLAT_FailSet("DEVM_DB_GetSysMac", 0, PLAT_FAIL_FOREVER, 5);
-    EXPECT_EQ(Display(1), std::string(kFormatsCommon) + kExampleHeader +
-                              "\r\n  Circuit ID:eth 0/0/1:200.100 SW1/0/0/0/0/0");
+    EXPECT_EQ(Display(1),
+              std::string(kFormatsCommon) + kExampleHeader + "\r\n  Circuit ID:eth 0/0/1:200.100 SW1/0/0/0/0/0");
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS_SHOW] Failed to get remote id data"));
 
     // The Circuit-ID cannot be built: the header stays.
     PLAT_FailClear("DEVM_DB_GetSysMac");
     PPPOE_PLUS_SetGlobalCidFormat(PPPOE_PLUS_FORMAT_USER_DEFINE, "\"%300sysname\"");
     EXPECT_EQ(Display(1), std::string(" The current information format :") +
-                              "\r\n   Circuit ID : USER DEFINE.  \"%300sysname\"" +
-                              "\r\n   Remote  ID : COMMON" + kExampleHeader);
+                              "\r\n   Circuit ID : USER DEFINE.  \"%300sysname\"" + "\r\n   Remote  ID : COMMON" +
+                              kExampleHeader);
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS_SHOW] Failed to get circuit id data"));
     EXPECT_EQ(PPPOE_PLUS_GetFormatInfo(nullptr, 10), 1U);
 }
 
 TEST_F(FormatDisplayTest, SampleSubscriberOnATrunkIsNamedTrunk)
 {
-    platform::IfRecord trunk;
-    trunk.name = "Eth-Trunk3";
-    trunk.ifIndex = 5;
-    trunk.lagId = 3;
-    trunk.port = 3;
-    platform::world::IfPut(trunk);
+    platform::world::IfPut({.name = "Eth-Trunk3", .ifIndex = 5, .port = 3, .lagId = 3});
     uint8_t sub[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
     uint32_t len = 0;
     ASSERT_EQ(PPPOE_PLUS_GetExampleFormatStr(PPPOE_PLUS_INFO_CID, sub, &len), 0U);
