@@ -6,10 +6,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "designated.hpp"
 #include "module_fixture.hpp"
 #include "platform/control.h"
 #include "pplus_test.hpp"
@@ -49,24 +51,12 @@ const std::string kRid = "00e0-fc01-0203";
 void BuildWorld()
 {
     using namespace platform::world;
-    auto port = [](const char *name, uint32_t ifIndex, uint16_t num, uint32_t trunkId = platform::kNoId) {
-        platform::IfRecord rec;
-        rec.name = name;
-        rec.ifIndex = ifIndex;
-        rec.port = num;
-        rec.l2TrunkId = trunkId;
-        IfPut(rec);
-    };
-    port("GE0/0/1", kSub, 1);
-    port("GE0/0/2", kMember, 2, 5);
-    port("GE0/0/10", kUpA, 10);
-    port("GE0/0/11", kUpB, 11);
-    port("GE0/0/12", kUpC, 12);
-    platform::IfRecord trunk;
-    trunk.name = "Eth-Trunk5";
-    trunk.ifIndex = kTrunk;
-    trunk.lagId = 5;
-    IfPut(trunk);
+    IfPut({.name = "GE0/0/1", .ifIndex = kSub, .port = 1});
+    IfPut({.name = "GE0/0/2", .ifIndex = kMember, .port = 2, .l2TrunkId = 5});
+    IfPut({.name = "GE0/0/10", .ifIndex = kUpA, .port = 10});
+    IfPut({.name = "GE0/0/11", .ifIndex = kUpB, .port = 11});
+    IfPut({.name = "GE0/0/12", .ifIndex = kUpC, .port = 12});
+    IfPut({.name = "Eth-Trunk5", .ifIndex = kTrunk, .lagId = 5});
     TrunkPut({5, kTrunk});
     TrunkPortPut({kMember, kTrunk});
     for (uint32_t up : {kUpA, kUpB, kUpC}) {
@@ -196,40 +186,34 @@ TEST_F(PktTest, HeaderLengthAndVlansFollowTheTpids)
     struct Row {
         const char *why;
         Bytes frame;
-        uint32_t headRet, headLen, vlanRet, outer, inner;
+        std::array<uint32_t, 5> expect;  // head length result and value, VLAN result, outer and inner VLAN
     };
+    // An 802.3 length field, then LLC AA AA 03 and a zero SNAP OUI.
+    const uint8_t llcSnap[] = {0x00, 0x30, 0xAA, 0xAA, 0x03, 0x00, 0x00, 0x00};
+    static_assert(wire::kSnapOuiOff + 3 == wire::kEthTypeOff + sizeof(llcSnap));
     Bytes snap = Frame().serviceName().bytes();
-    snap[wire::kEthTypeOff] = 0x00;  // an 802.3 length field, then LLC/SNAP
-    snap[wire::kEthTypeOff + 1] = 0x30;
-    snap[wire::kLlcDsapOff] = 0xAA;
-    snap[wire::kLlcSsapOff] = 0xAA;
-    snap[wire::kLlcControlOff] = 0x03;
-    std::fill_n(snap.begin() + wire::kSnapOuiOff, 3, 0);
+    std::copy(std::begin(llcSnap), std::end(llcSnap), snap.begin() + wire::kEthTypeOff);
     Bytes badOui = snap;
     badOui[wire::kSnapOuiOff + 1] = 1;
     Bytes cutShort = Frame().vlan(100).qinq(200).bytes();
     cutShort.resize(20);
     const Row rows[] = {
-        {"untagged", Frame().bytes(), 0, 14, 1, 0, 0},
-        {"one 0x8100 tag", Frame().vlan(100).bytes(), 0, 18, 0, 100, 0},
-        {"one 0x9100 tag", Frame().vlan(300, 0x9100).bytes(), 0, 18, 0, 300, 0},
-        {"0x9100 outer, 0x8100 inner", Frame().vlan(100, 0x9100).qinq(200).bytes(), 0, 22, 0, 100, 200},
-        {"0x9100 is no inner TPID", Frame().vlan(100).vlan(200, 0x9100).bytes(), 0, 18, 0, 100, 0},
-        {"priority bits are masked", Frame().vlan(0xE064).bytes(), 0, 18, 0, 100, 0},
-        {"LLC/SNAP", snap, 0, 22, 1, 0, 0},
-        {"SNAP with a non-zero OUI", badOui, 1, 0, 1, 0, 0},
-        {"second tag cut short", cutShort, 1, 0, 1, 0, 0},
+        {"untagged", Frame().bytes(), {0, 14, 1, 0, 0}},
+        {"one 0x8100 tag", Frame().vlan(100).bytes(), {0, 18, 0, 100, 0}},
+        {"one 0x9100 tag", Frame().vlan(300, 0x9100).bytes(), {0, 18, 0, 300, 0}},
+        {"0x9100 outer, 0x8100 inner", Frame().vlan(100, 0x9100).qinq(200).bytes(), {0, 22, 0, 100, 200}},
+        {"0x9100 is no inner TPID", Frame().vlan(100).vlan(200, 0x9100).bytes(), {0, 18, 0, 100, 0}},
+        {"priority bits are masked", Frame().vlan(0xE064).bytes(), {0, 18, 0, 100, 0}},
+        {"LLC/SNAP", snap, {0, 22, 1, 0, 0}},
+        {"SNAP with a non-zero OUI", badOui, {1, 0, 1, 0, 0}},
+        {"second tag cut short", cutShort, {1, 0, 1, 0, 0}},
     };
     for (const Row &row : rows) {
         View v(row.frame);
-        uint32_t headLen = 0;
-        uint32_t outer = 0;
-        uint32_t inner = 0;
-        EXPECT_EQ(PPPOE_PLUS_GetPktHeadLen(&v.mbuf, &headLen), row.headRet) << row.why;
-        EXPECT_EQ(headLen, row.headLen) << row.why;
-        EXPECT_EQ(PPPOE_PLUS_GetPktVlan(&v.mbuf, &outer, &inner), row.vlanRet) << row.why;
-        EXPECT_EQ(outer, row.outer) << row.why;
-        EXPECT_EQ(inner, row.inner) << row.why;
+        std::array<uint32_t, 5> got{};
+        got[0] = PPPOE_PLUS_GetPktHeadLen(&v.mbuf, &got[1]);
+        got[2] = PPPOE_PLUS_GetPktVlan(&v.mbuf, &got[3], &got[4]);
+        EXPECT_EQ(got, row.expect) << row.why;
     }
 }
 
