@@ -1,9 +1,11 @@
 // The hot-patch hook answers the patch service for this module's library only.
 #include <gtest/gtest.h>
 
+#include <tuple>
+
+#include "module_fixture.hpp"
 #include "molb.h"
 #include "platform/control.h"
-#include "module_fixture.hpp"
 #include "pplus_test.hpp"
 #include "pppoe_plus_ha.h"
 #include "pppoe_plus_log.h"
@@ -24,11 +26,13 @@ protected:
     }
     void TearDown() override { EXPECT_EQ(PLAT_MemOutstanding(), base_); }
 
-    PLAT_PATCH_RESULT_S Send(const char *lib, uint32_t action)
+    // What the hook returned, its out flag, and whether and how the service got a reply.
+    static std::tuple<uint32_t, uint32_t, uint32_t, uint32_t> Send(const char *lib, uint32_t action)
     {
-        PLAT_PATCH_RESULT_S result = {};
-        EXPECT_EQ(PLAT_PatchSend(lib, action, &result), 0U);
-        return result;
+        PLAT_PATCH_RESULT_S r = {};
+        EXPECT_EQ(PLAT_PatchSend(lib, action, &r), 0U);
+        EXPECT_EQ(r.hooksCalled, 1U);
+        return {r.hookReturn, r.outFlag, r.replied, r.replyResult};
     }
 
     uint32_t base_ = 0;
@@ -48,41 +52,26 @@ TEST_F(PatchTest, RegistrationRunsDeactivateThenActivate)
 TEST_F(PatchTest, OwnLibraryIsAnsweredForActivateAndDeactivateAnotherIsDeclinedQuietly)
 {
     const uint64_t before = PLAT_LogLastSeq();
-    const PLAT_PATCH_RESULT_S other = Send("libother.so", MOLB_PAT_ACTIVATE);
-    EXPECT_EQ(other.hooksCalled, 1U);
-    EXPECT_EQ(other.hookReturn, 0U);
-    EXPECT_EQ(other.outFlag, 1U);
-    EXPECT_EQ(other.replied, 0U);
+    EXPECT_EQ(Send("libother.so", MOLB_PAT_ACTIVATE), std::make_tuple(0U, 1U, 0U, 0U));
     EXPECT_EQ(PLAT_LogFind(PLAT_LOG_ANY, "", before + 1), 0U);
 
     // This module's library is answered for activate and deactivate only.
     for (uint32_t action : {MOLB_PAT_ACTIVATE, MOLB_PAT_DEACTIVATE}) {
-        const PLAT_PATCH_RESULT_S r = Send("libpppoe_plus_frame.so", action);
-        EXPECT_EQ(r.hookReturn, 0U);
-        EXPECT_EQ(r.outFlag, 0U);
-        EXPECT_EQ(r.replied, 1U);
-        EXPECT_EQ(r.replyResult, 0U);
+        EXPECT_EQ(Send("libpppoe_plus_frame.so", action), std::make_tuple(0U, 0U, 1U, 0U)) << action;
     }
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPoE-Plus]Enter c2h hook handle func."));
 
-    const PLAT_PATCH_RESULT_S refused = Send("libpppoe_plus_frame.so", 2);
-    EXPECT_EQ(refused.hookReturn, 1U);
-    EXPECT_EQ(refused.outFlag, 1U);
-    EXPECT_EQ(refused.replied, 0U);
+    EXPECT_EQ(Send("libpppoe_plus_frame.so", 2), std::make_tuple(1U, 1U, 0U, 0U));
 }
 
 TEST_F(PatchTest, FailuresInsideTheHook)
 {
     PLAT_FailSet("MOLB_PAT_C2HReplyProcessResult", 0, 1, 0x4009);
-    PLAT_PATCH_RESULT_S r = Send("libpppoe_plus_frame.so", MOLB_PAT_ACTIVATE);
-    EXPECT_EQ(r.hookReturn, 1U);
-    EXPECT_EQ(r.outFlag, 1U);
+    EXPECT_EQ(Send("libpppoe_plus_frame.so", MOLB_PAT_ACTIVATE), std::make_tuple(1U, 1U, 0U, 0U));
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPoE-Plus]PatchC2HFailed, reply process failed, ret=16393 ."));
 
     PLAT_FailSet("RUK_MemAlloc_F", 0, 1, 1);
-    r = Send("libpppoe_plus_frame.so", MOLB_PAT_ACTIVATE);
-    EXPECT_EQ(r.hookReturn, 1U);
-    EXPECT_EQ(r.outFlag, 1U);
+    EXPECT_EQ(Send("libpppoe_plus_frame.so", MOLB_PAT_ACTIVATE), std::make_tuple(1U, 1U, 0U, 0U));
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPoE-Plus]PatchC2HFailed, malloc msg failed, size=16."));
 
     uint32_t flag = 7;
