@@ -3,8 +3,11 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "db.h"
+#include "designated.hpp"
 #include "devm.h"
 #include "module_fixture.hpp"
 #include "platform/control.h"
@@ -27,36 +30,20 @@ protected:
     void SetUp() override
     {
         ModuleTest::SetUp();
-        Put("GigabitEthernet0/0/1", 5, 0, 255, 1);
-        Put("GigabitEthernet0/0/2", 6, 1, 2, 65535);
-        Put("GigabitEthernet0/0/3", 7, 0, 0, 3, platform::kNoId, platform::kNoId, platform::kPortSwitchL3);
-        for (uint32_t ifIndex : {27U, 28U}) {
-            const uint16_t port = static_cast<uint16_t>(ifIndex - 4);
-            Put("GigabitEthernet0/0/" + std::to_string(port), ifIndex, 0, 0, port, 3);
-            platform::world::TrunkPortPut({ifIndex, 100});
-        }
-        Put("GigabitEthernet0/0/25", 29, 0, 0, 25, 4);
-        Put("Eth-Trunk3", 100, 0, 0, 0, platform::kNoId, 3);
+        using platform::world::IfPut;
+        IfPut({.name = "GigabitEthernet0/0/1", .ifIndex = 5, .card = 255, .port = 1});
+        IfPut({.name = "GigabitEthernet0/0/2", .ifIndex = 6, .slot = 1, .card = 2, .port = 65535});
+        IfPut({.name = "GigabitEthernet0/0/3", .ifIndex = 7, .port = 3, .portSwitch = platform::kPortSwitchL3});
+        IfPut({.name = "GigabitEthernet0/0/23", .ifIndex = 27, .port = 23, .l2TrunkId = 3});
+        IfPut({.name = "GigabitEthernet0/0/24", .ifIndex = 28, .port = 24, .l2TrunkId = 3});
+        IfPut({.name = "GigabitEthernet0/0/25", .ifIndex = 29, .port = 25, .l2TrunkId = 4});
+        IfPut({.name = "Eth-Trunk3", .ifIndex = 100, .lagId = 3});
         platform::world::TrunkPut({3, 100});
+        platform::world::TrunkPortPut({27, 100});
+        platform::world::TrunkPortPut({28, 100});
         ASSERT_EQ(PPPOE_PLUS_UpdateDebugSwitch(PPPOE_PLUS_DBG_ALL, 1), 0U);
         PLAT_LogClear();
         PLAT_CallCountReset();
-    }
-
-    static void Put(const std::string &name, uint32_t ifIndex, uint32_t slot, uint32_t card, uint16_t port,
-                    uint32_t l2TrunkId = platform::kNoId, uint32_t lagId = platform::kNoId,
-                    uint32_t portSwitch = platform::kPortSwitchL2)
-    {
-        platform::IfRecord r;
-        r.name = name;
-        r.ifIndex = ifIndex;
-        r.slot = slot;
-        r.card = card;
-        r.port = port;
-        r.l2TrunkId = l2TrunkId;
-        r.lagId = lagId;
-        r.portSwitch = portSwitch;
-        platform::world::IfPut(r);
     }
 
     // Every object created was released, whatever path was taken.
@@ -87,7 +74,8 @@ bool DebugHas(const std::string &text)
 TEST_F(IntfTest, NamesAndTrunkMembership)
 {
     // A member is named by its trunk, or by itself when the trunk has no
-    // interface: PortNameComesFromTheTrunk (tlv_test.cpp). Its raw name is its own.
+    // interface: KeywordsNumbersAndTextInBothStretches (tlv_test.cpp). Its raw
+    // name is its own.
     char name[64] = {};
     EXPECT_EQ(PPPOE_PLUS_GetIfNameRaw(27, name, sizeof(name)), 0U);
     EXPECT_STREQ(name, "GigabitEthernet0/0/23");
@@ -140,14 +128,14 @@ TEST_F(IntfTest, NamesAndTrunkMembership)
 
 TEST_F(IntfTest, PlacementSystemNameAndSwitchedPort)
 {
-    uint32_t slot = 9, card = 9, port = 9;
-    EXPECT_EQ(PPPOE_PLUS_GetIfSlotCardPort(5, &slot, &card, &port), 0U);
-    EXPECT_EQ(card, 0U);  // 255 reads as 0
-    EXPECT_EQ(port, 1U);
-    EXPECT_EQ(PPPOE_PLUS_GetIfSlotCardPort(6, &slot, &card, &port), 0U);
-    EXPECT_EQ(slot, 1U);
-    EXPECT_EQ(card, 2U);
-    EXPECT_EQ(port, 65535U);
+    // The result, then slot, card and port.
+    auto placement = [](uint32_t ifIndex) {
+        uint32_t slot = 9, card = 9, port = 9;
+        const uint32_t ret = PPPOE_PLUS_GetIfSlotCardPort(ifIndex, &slot, &card, &port);
+        return std::make_tuple(ret, slot, card, port);
+    };
+    EXPECT_EQ(placement(5), std::make_tuple(0U, 0U, 0U, 1U));  // card 255 reads as 0
+    EXPECT_EQ(placement(6), std::make_tuple(0U, 1U, 2U, 65535U));
     EXPECT_TRUE(DebugHas("read if object, ifIndex = 6"));
 
     const std::pair<const char *, const char *> failures[] = {
@@ -160,7 +148,7 @@ TEST_F(IntfTest, PlacementSystemNameAndSwitchedPort)
     };
     for (const auto &[op, message] : failures) {
         PLAT_FailSet(op, 0, 1, 81);
-        EXPECT_EQ(PPPOE_PLUS_GetIfSlotCardPort(6, &slot, &card, &port), 81U) << op;
+        EXPECT_EQ(std::get<0>(placement(6)), 81U) << op;
         EXPECT_TRUE(DebugHas(message)) << message;
     }
 
@@ -223,29 +211,29 @@ TEST_F(IntfTest, VlanMembershipAndIsolation)
     EXPECT_EQ(PPPOE_PLUS_IsPortIsolate(6, 28), 0U);
     EXPECT_EQ(PPPOE_PLUS_IsPortIsolate(100, 6), 0U);  // no group
 
-    uint32_t ids[4] = {};
-    uint32_t count = 0;
-    EXPECT_EQ(PPPOE_PLUS_GetPortIsolateGroupIds(6, ids, 4, &count), 0U);
-    EXPECT_EQ(count, 2U);
-    EXPECT_EQ(ids[0], 3U);
-    EXPECT_EQ(ids[1], 7U);
-    EXPECT_EQ(PPPOE_PLUS_GetPortIsolateGroupIds(6, ids, 1, &count), 0U);  // stops at the capacity
-    EXPECT_EQ(count, 1U);
-    EXPECT_EQ(PPPOE_PLUS_GetPortIsolateGroupIds(100, ids, 4, &count), 0U);
-    EXPECT_EQ(count, 0U);
+    // The result and the groups read, up to capacity.
+    auto groups = [](uint32_t ifIndex, uint32_t capacity) {
+        uint32_t ids[4] = {};
+        uint32_t count = 0;
+        const uint32_t ret = PPPOE_PLUS_GetPortIsolateGroupIds(ifIndex, ids, capacity, &count);
+        return std::make_pair(ret, std::vector<uint32_t>(ids, ids + count));
+    };
+    EXPECT_EQ(groups(6, 4), std::make_pair(0U, std::vector<uint32_t>{3, 7}));
+    EXPECT_EQ(groups(6, 1), std::make_pair(0U, std::vector<uint32_t>{3}));  // stops at the capacity
+    EXPECT_EQ(groups(100, 4), std::make_pair(0U, std::vector<uint32_t>{}));
 
     // Failed reads: reported, and not isolated.
     PLAT_FailSet("db_root_iterator_next", 1, 1, 85);
     EXPECT_EQ(PPPOE_PLUS_IsPortIsolate(6, 27), 0U);
     EXPECT_TRUE(DebugHas("Get group id, db root iterator next failed, ret = 85."));
     PLAT_FailSet("db_get_port_isolate_group_id", 0, 1, 86);
-    EXPECT_EQ(PPPOE_PLUS_GetPortIsolateGroupIds(6, ids, 4, &count), 86U);
+    EXPECT_EQ(groups(6, 4).first, 86U);
     EXPECT_TRUE(DebugHas("Get group id, create root iter failed, ret = 86."));
     PLAT_FailSet("db_create_port_isolate_obj", 0, 1, 87);
-    EXPECT_EQ(PPPOE_PLUS_GetPortIsolateGroupIds(6, ids, 4, &count), 87U);
+    EXPECT_EQ(groups(6, 4).first, 87U);
     EXPECT_TRUE(DebugHas("Get group id, create object failed, ret = 87."));
     PLAT_FailSet("db_create_root_iter", 0, 1, 88);
-    EXPECT_EQ(PPPOE_PLUS_GetPortIsolateGroupIds(6, ids, 4, &count), 88U);
+    EXPECT_EQ(groups(6, 4).first, 88U);
     EXPECT_TRUE(DebugHas("Get group id, create root iter failed, ret = 88."));
     ExpectAllReleased();
 }
@@ -259,12 +247,10 @@ TEST_F(IntfTest, DeviceManagerWrappersFollowTheBoardType)
     EXPECT_EQ(PPPOE_PLUS_GetGlobalSlotId(1, 32, &global), 1U);
     uint32_t chassis = 0, local = 0;
     EXPECT_EQ(PPPOE_PLUS_GetLocalSlotId(35, &chassis, &local), 0U);
-    EXPECT_EQ(chassis, 2U);
-    EXPECT_EQ(local, 3U);
+    EXPECT_EQ(std::tie(chassis, local), std::make_tuple(2U, 3U));
     PLAT_FailSet("DEVM_DB_GetLocalSlotIdByGlobalSlotId", 0, 1, 5);
     EXPECT_EQ(PPPOE_PLUS_GetLocalSlotId(35, &chassis, &local), 1U);
-    EXPECT_EQ(chassis, 1U);
-    EXPECT_EQ(local, 1U);
+    EXPECT_EQ(std::tie(chassis, local), std::make_tuple(1U, 1U));
 
     // A box answers with its slot, a chassis board with the chassis id and
     // the driver's logical slot.
