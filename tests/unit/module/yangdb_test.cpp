@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "designated.hpp"
 #include "devm.h"
 #include "module_fixture.hpp"
 #include "platform/control.h"
@@ -225,7 +226,7 @@ TEST_F(YangDbTest, UnboundLibraryFunctionsAnswerTheirDefaults)
     EXPECT_EQ(Query(PPPOE_PLUS_GetPolicy), "<refused>");
 }
 
-TEST_F(YangDbTest, XmlHelpersReadLeavesKeysAndWriteOneLineReplies)
+TEST_F(YangDbTest, XmlHelpersReadLeavesKeysAndEscapedValues)
 {
     const std::string xml = Wrap("r", "<ifIndex>49</ifIndex><seven>1234567</seven><empty/>");
     ydbc_bytes *in = NewBytes(xml.c_str(), static_cast<uint32_t>(xml.size()), 1);
@@ -254,17 +255,6 @@ TEST_F(YangDbTest, XmlHelpersReadLeavesKeysAndWriteOneLineReplies)
     EXPECT_EQ(PPPOE_PLUS_YangGetKeyValueByPath((base + "'']").c_str(), "user-define-text", buf, sizeof(buf)), 1U);
     EXPECT_EQ(PPPOE_PLUS_YangGetKeyValueByPath(kCheckPath, "user-define-text", buf, sizeof(buf)), 1U);
     EXPECT_EQ(PPPOE_PLUS_YangGetKeyValueByPath((base + "'%a'").c_str(), "user-define-text", buf, sizeof(buf)), 1U);
-
-    xmlNodePtr root = PPPOE_PLUS_YangCreateXmlRoot();
-    xmlNodePtr query = PPPOE_PLUS_YangSetContentAndAddChild(root, "query-policy", nullptr);
-    ASSERT_NE(PPPOE_PLUS_YangSetContentAndAddChild(query, "policy", "a&b<c"), nullptr);
-    char *text = PPPOE_PLUS_YangParseXml2Str(root);
-    ASSERT_NE(text, nullptr);
-    EXPECT_STREQ(
-        text,
-        ("<pppoe-plus" + kNs + "><query-policy><policy>a&amp;b&lt;c</policy></query-policy></pppoe-plus>").c_str());
-    PPPOE_PLUS_MemFree(text);
-    PPPOE_PLUS_FreeXmlNode(root);
 
     char out[16];
     PPPOE_PLUS_GetDealWithValue("a\\\\b\\]c", 7, out, sizeof(out));
@@ -415,12 +405,8 @@ TEST_F(YangDbTest, QueriesAnswerFromTheLiveState)
     EXPECT_EQ(PPPOE_PLUS_GetPolicy(&ctx_, nullptr, 0, nullptr), 1U);
 
     // Ports 5 (trusted) and 6 have names; 7 has none and is left out.
-    for (uint32_t ifIndex : {5U, 6U}) {
-        platform::IfRecord rec;
-        rec.name = "GigabitEthernet0/0/" + std::to_string(ifIndex - 4);
-        rec.ifIndex = ifIndex;
-        platform::world::IfPut(rec);
-    }
+    platform::world::IfPut({.name = "GigabitEthernet0/0/1", .ifIndex = 5});
+    platform::world::IfPut({.name = "GigabitEthernet0/0/2", .ifIndex = 6});
     PortCB *cb = nullptr;
     for (uint32_t ifIndex : {5U, 6U, 7U}) {
         ASSERT_EQ(PPPOE_PLUS_GetPortCBByIndex(ifIndex, &cb), 0U);
@@ -453,11 +439,13 @@ TEST_F(YangDbTest, QueriesAnswerFromTheLiveState)
     EXPECT_NE(format.find("<query-format><encapsulation-format> The current information format :"), std::string::npos)
         << format;
 
-    const std::string raw = "%a\\\\";  // the key as the path carries it: %a, then an escaped backslash
+    // The key as the path carries it: %a&<, then an escaped backslash; the
+    // reply escapes what XML must.
+    const std::string raw = "%a&<\\\\";
     const std::string check =
         Query(PPPOE_PLUS_GetFormatCheckResult, (std::string(kCheckPath) + "[user-define-text='" + raw + "']").c_str());
-    const std::string expect = "<check-result>" + std::to_string(PPPOE_PLUS_UserDfdFmtCheck("%a\\")) +
-                               "</check-result><user-define-text>%a\\</user-define-text>";
+    const std::string expect = "<check-result>" + std::to_string(PPPOE_PLUS_UserDfdFmtCheck("%a&<\\")) +
+                               "</check-result><user-define-text>%a&amp;&lt;\\</user-define-text>";
     EXPECT_NE(check.find("<query-format-check><query-format-check-list>" + expect), std::string::npos) << check;
     EXPECT_EQ(Query(PPPOE_PLUS_GetFormatCheckResult, kCheckPath), "<refused>");
     EXPECT_EQ(Query(PPPOE_PLUS_GetFormatCheckResult, (std::string(kCheckPath) + "[user-define-text='']").c_str()),
