@@ -7,11 +7,11 @@
 #include <string>
 #include <vector>
 
+#include "device/ha.hpp"
 #include "devm.h"
 #include "mesh.h"
 #include "module_fixture.hpp"
 #include "platform/control.h"
-#include "device/ha.hpp"
 #include "pppoe_plus_ha.h"
 #include "pppoe_plus_init.h"
 #include "pppoe_plus_main.h"
@@ -132,7 +132,6 @@ TEST_F(HaTest, StartWorkAsMasterOnALineBoardLeavesTheRoleUnknownYetStartsTheClie
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-HA] StartWork get ha role, role=1."));
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-HA] Set role 0. (0: unknown 1: master 2: standby 3: slave)"));
     EXPECT_FALSE(LogHas(PLAT_LOG_ANY, "[PPLUS-HA] Run ydbc failed."));
-
 }
 
 TEST_F(HaTest, StartWorkPromoteAndDemoteMoveTheRoleOfAMainBoard)
@@ -196,7 +195,7 @@ TEST_F(HaTest, MasterChangeKeepsTheMasterAddressAndPromotesWhenItNamesThisBoard)
     ASSERT_EQ(PPPOE_PLUS_HaGetMMBInfo(&chassis, &board, &ip), 0U);
     EXPECT_EQ(chassis, 1U);
     EXPECT_EQ(board, 3U);
-    EXPECT_EQ(ip, 0xAC100103U);  // 172.16.1.3
+    EXPECT_EQ(ip, 0xAC100103U);                                    // 172.16.1.3
     EXPECT_EQ(PPPOE_PLUS_HaGetRole(), PPPOE_PLUS_HA_ROLE_MASTER);  // set on the service's thread
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPLUS-HA] Ha notify new mmb(1/3), old mmb(0/0), masterIp(2886729987)."));
 
@@ -231,20 +230,4 @@ TEST_F(HaTest, LostAndBadMessagesOnTheMainQueue)
     EXPECT_EQ(PLAT_MemOutstanding(), base);  // the payload is freed after handling
     PPPOE_PLUS_HaMsgProc(nullptr);
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPLUS-HA] HA event msg is null."));
-}
-
-TEST(HaStartup, RegistrationFailureEndsTheInitTaskBeforeItsLoop)
-{
-    pplus_test::UseReadyWorld();
-    g_pplusHaRole = PPPOE_PLUS_HA_ROLE_MASTER;
-    PLAT_FailSet("MOLB_HA_CompRegister", 0, 1, 2);
-    ASSERT_EQ(PPPOE_PLUS_FrameInit(), 0U);
-    PLAT_TASK_INFO_S info = {};
-    ASSERT_TRUE(pplus_test::WaitFor([&info]() {
-        return PLAT_TaskGetInfo("PPPoE_Plus_Init", &info) == 0 && info.running == 0;
-    }));
-    EXPECT_EQ(info.exitStatus, 1U);
-    EXPECT_NE(pplus_test::LogInOrder(PLAT_LOG_DIAG,
-                                     {"[PPPOEPLUS_FRAME] InitData finish.", "[PPPOEPLUS_FRAME]Ha init failed."}),
-              0U);
 }

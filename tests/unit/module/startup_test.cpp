@@ -2,6 +2,7 @@
 // and the fast-path binding with the real library.
 #include <gtest/gtest.h>
 
+#include <string>
 #include <thread>
 #include <tuple>
 
@@ -187,17 +188,6 @@ TEST_F(StartupTest, ReadyWaitsUntilTheInstanceReachesItsState)
     waiter.join();
 }
 
-TEST_F(StartupTest, ConfigurationClientFailureEndsTheInitTaskFirst)
-{
-    PLAT_FailSet("MOLB_PAT_RestoreForDLL", 0, 1, 1);  // the client library is being restored by a patch
-    ASSERT_EQ(PPPOE_PLUS_FrameInit(), 0U);
-    ASSERT_TRUE(WaitFor([]() { return Task("PPPoE_Plus_Init").exists && !Task("PPPoE_Plus_Init").running; }));
-    EXPECT_EQ(Task("PPPoE_Plus_Init").exitStatus, 1U);
-    EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_FRAME]Ydbc Init failed."));
-    EXPECT_EQ(PLAT_CallCount("DEVM_DB_GetMainBoardId"), 0U);  // nothing after the client binding ran
-    EXPECT_FALSE(Task("PPPoE_Plus_Main").exists);
-}
-
 TEST_F(StartupTest, MissingChannelLibraryStopsDataInitButNotTheInitTask)
 {
     ASSERT_EQ(chdir(WICK_VARIANTS_DIR "/missing/bin"), 0);
@@ -210,38 +200,59 @@ TEST_F(StartupTest, MissingChannelLibraryStopsDataInitButNotTheInitTask)
     EXPECT_EQ(g_pppoePlusRegQueHandle.load(), nullptr);
 }
 
-TEST_F(StartupTest, ChannelCreationFailureEndsOnlyTheMainTask)
+// A start-up step that fails ends the task it runs in with its status and
+// says why; the other task serves on or is never started.
+struct TaskEnd {
+    const char *op;
+    uint32_t times;
+    uint32_t code;
+    const char *ended;  // the task that ends, with exitStatus
+    uint32_t exitStatus;
+    const char *serving;  // the other task, waiting in this call; null when it never starts
+    uint32_t kind;        // where the lines below go
+    const char *line;
+    const char *line2 = nullptr;
+    const char *line3 = nullptr;
+};
+
+const TaskEnd kTaskEnds[] = {
+    // The configuration client's library is being restored by a patch:
+    // nothing after the client binding runs.
+    {"MOLB_PAT_RestoreForDLL", 1, 1, "PPPoE_Plus_Init", 1, nullptr, PLAT_LOG_DIAG,
+     "[PPPOEPLUS_FRAME]Ydbc Init failed."},
+    {"MOLB_HA_CompRegister", 1, 2, "PPPoE_Plus_Init", 1, "FPC_EventRead", PLAT_LOG_DIAG,
+     "[PPPOEPLUS_FRAME] InitData finish.", "[PPPOEPLUS_FRAME]Ha init failed."},
+    {"ZAVK_RegDeadloopMon", PLAT_FAIL_FOREVER, 7, "PPPoE_Plus_Init", 7, "FPC_EventRead", PLAT_LOG_DIAG,
+     "[PPPoEPlus_THREAD]Register deadloop monitor failed, return is 7.", "[PPPOEPLUS_FRAME] InitData finish.",
+     "[PPPOEPLUS_MAIN] Reg ZAVK deadloop failed!"},
+    {"FPC_ChannelCreate", 1, 1, "PPPoE_Plus_Main", 1, "MESH_EpollWait", PLAT_LOG_DIAG,
+     "[PPPOEPLUS_MAIN]Create dpxtopppoeplus channel failed.", "[PPPOEPLUS_FRAME] InitData finish."},
+    {"FPC_ThreadInfoRegByName", 1, 1, "PPPoE_Plus_Main", 1, "MESH_EpollWait", PLAT_LOG_SYSLOG,
+     "<3> [PPPOE_FPC] Reg PPPOE_PLUS Thread name to Fpc failed."},
+};
+
+class TaskEndTest : public StartupTest, public testing::WithParamInterface<TaskEnd> {};
+
+TEST_P(TaskEndTest, FailingStepEndsItsTaskAndSaysWhy)
 {
-    PLAT_FailSet("FPC_ChannelCreate", 0, 1, 1);
+    const TaskEnd &row = GetParam();
+    PLAT_FailSet(row.op, 0, row.times, row.code);
     ASSERT_EQ(PPPOE_PLUS_FrameInit(), 0U);
-    ASSERT_TRUE(TaskWaitsIn("PPPoE_Plus_Init", "MESH_EpollWait"));
-    ASSERT_TRUE(WaitFor([]() { return Task("PPPoE_Plus_Main").exists && !Task("PPPoE_Plus_Main").running; }));
-    EXPECT_EQ(Task("PPPoE_Plus_Main").exitStatus, 1U);
-    EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_MAIN]Create dpxtopppoeplus channel failed."));
-    EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_FRAME] InitData finish."));
-    EXPECT_TRUE(Task("PPPoE_Plus_Init").running);
+    ASSERT_TRUE(WaitFor([&row]() { return Task(row.ended).exists && !Task(row.ended).running; }));
+    EXPECT_EQ(Task(row.ended).exitStatus, row.exitStatus);
+    const char *other = std::string(row.ended) == "PPPoE_Plus_Init" ? "PPPoE_Plus_Main" : "PPPoE_Plus_Init";
+    if (row.serving != nullptr) {
+        EXPECT_TRUE(TaskWaitsIn(other, row.serving));
+    } else {
+        EXPECT_FALSE(Task(other).exists);
+    }
+    for (const char *line : {row.line, row.line2, row.line3}) {
+        EXPECT_TRUE(line == nullptr || LogHas(row.kind, line)) << line;
+    }
 }
 
-TEST_F(StartupTest, ThreadRegistrationFailureGoesToTheSystemLog)
-{
-    PLAT_FailSet("FPC_ThreadInfoRegByName", 0, 1, 1);
-    ASSERT_EQ(PPPOE_PLUS_FrameInit(), 0U);
-    ASSERT_TRUE(WaitFor([]() { return Task("PPPoE_Plus_Main").exists && !Task("PPPoE_Plus_Main").running; }));
-    EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, "<3> [PPPOE_FPC] Reg PPPOE_PLUS Thread name to Fpc failed."));
-}
-
-TEST_F(StartupTest, DeadloopRegistrationFailureEndsTheInitTaskButNotTheMainTask)
-{
-    PLAT_FailSet("ZAVK_RegDeadloopMon", 0, PLAT_FAIL_FOREVER, 7);
-    ASSERT_EQ(PPPOE_PLUS_FrameInit(), 0U);
-    ASSERT_TRUE(WaitFor([]() { return Task("PPPoE_Plus_Init").exists && !Task("PPPoE_Plus_Init").running; }));
-    EXPECT_EQ(Task("PPPoE_Plus_Init").exitStatus, 7U);
-    EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPoEPlus_THREAD]Register deadloop monitor failed, return is 7."));
-    EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_FRAME] InitData finish."));
-    // The main task logs and goes on receiving.
-    ASSERT_TRUE(TaskWaitsIn("PPPoE_Plus_Main", "FPC_EventRead"));
-    EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_MAIN] Reg ZAVK deadloop failed!"));
-}
+INSTANTIATE_TEST_SUITE_P(Steps, TaskEndTest, testing::ValuesIn(kTaskEnds),
+                         [](const testing::TestParamInfo<TaskEnd> &step) { return std::string(step.param.op); });
 
 TEST_F(StartupTest, RunCreatesOnlyTheInitTask)
 {
