@@ -31,6 +31,15 @@ uint32_t SetFormat(const InfoFormatNode &node, uint32_t ifIndex, uint8_t enable)
     return PPPOE_PLUS_SetPortFormat(&node, ifIndex, enable);
 }
 
+// The trusted ports in the VLAN a frame from ingress may go to, at most eight.
+std::vector<uint32_t> Match(uint16_t vlan, uint32_t ingress)
+{
+    uint32_t ports[8] = {};
+    uint32_t count = 0;
+    PPPOE_PLUS_GetAllMatchTrustPort(ports, 8, &count, vlan, ingress);
+    return std::vector<uint32_t>(ports, ports + count);
+}
+
 }  // namespace
 
 TEST_F(CfgTest, DefaultPolicyReplacesTheSubscribersTag)
@@ -100,7 +109,7 @@ TEST_F(CfgTest, ThirtyTwoFormatsPerPortAndUpdatesStillWork)
         EXPECT_STREQ(node->userDefineStr, "%svlan");
         EXPECT_EQ(node->infoFormatType, PPPOE_PLUS_FORMAT_USER_DEFINE);
         const UserInfo info{};
-        EXPECT_NE(PPPOE_PLUS_GetPortUdfProg(node, &info), nullptr);   // compiled when set
+        EXPECT_NE(PPPOE_PLUS_GetPortUdfProg(node, &info), nullptr);  // compiled when set
     }
     {
         // A node changed in place is no longer taken for compiled.
@@ -169,18 +178,12 @@ TEST_F(CfgTest, TrustedPortsMatchByVlanInListOrderAtMostEight)
     platform::world::PortVlanSet(20, 4095, true);
     PPPOE_PLUS_SetPortTrust(20, 1);
 
-    auto match = [](uint16_t vlan) {
-        uint32_t ports[8] = {};
-        uint32_t count = 0;
-        PPPOE_PLUS_GetAllMatchTrustPort(ports, 8, &count, vlan, 2);  // ingress 2 is never chosen
-        return std::vector<uint32_t>(ports, ports + count);
-    };
-    EXPECT_EQ(match(100), (std::vector<uint32_t>{1, 3, 5, 6, 7, 8, 9, 10}));
+    EXPECT_EQ(Match(100, 2), (std::vector<uint32_t>{1, 3, 5, 6, 7, 8, 9, 10}));  // the ingress port is never chosen
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] Trusted port 4 is not join vlan 100."));
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] Find matched trusted port cnt 8."));
 
-    EXPECT_EQ(match(4095), std::vector<uint32_t>{20});  // byte 511, bit 7
-    EXPECT_TRUE(match(300).empty());
+    EXPECT_EQ(Match(4095, 2), std::vector<uint32_t>{20});  // byte 511, bit 7
+    EXPECT_TRUE(Match(300, 2).empty());
 }
 
 TEST_F(CfgTest, TrustedPortMatchFollowsTrustHoweverWritten)
@@ -196,23 +199,17 @@ TEST_F(CfgTest, TrustedPortMatchFollowsTrustHoweverWritten)
     ASSERT_EQ(PPPOE_PLUS_GetPortCBByIndex(1, &second), 0U);
     ASSERT_EQ(PPPOE_PLUS_GetPortCBByIndex(2, &second), 0U);
     PPPOE_PLUS_SetPortTrust(3, 1);
-    auto match = []() {
-        uint32_t ports[8] = {};
-        uint32_t count = 0;
-        PPPOE_PLUS_GetAllMatchTrustPort(ports, 8, &count, 100, 99);
-        return std::vector<uint32_t>(ports, ports + count);
-    };
-    EXPECT_EQ(match(), std::vector<uint32_t>{3});
+    EXPECT_EQ(Match(100, 99), std::vector<uint32_t>{3});
     second->trust = 1;
     PPPOE_PLUS_SetPortTrust(1, 1);
-    EXPECT_EQ(match(), (std::vector<uint32_t>{1, 2, 3}));
+    EXPECT_EQ(Match(100, 99), (std::vector<uint32_t>{1, 2, 3}));
     second->trust.store(0);
     PPPOE_PLUS_SetPortTrust(3, 2);
-    EXPECT_EQ(match(), std::vector<uint32_t>{1});
+    EXPECT_EQ(Match(100, 99), std::vector<uint32_t>{1});
     PPPOE_PLUS_InitGlobalCfgData();
-    EXPECT_EQ(match(), std::vector<uint32_t>{});
+    EXPECT_EQ(Match(100, 99), std::vector<uint32_t>{});
     PPPOE_PLUS_SetPortTrust(2, 1);
-    EXPECT_EQ(match(), std::vector<uint32_t>{2});
+    EXPECT_EQ(Match(100, 99), std::vector<uint32_t>{2});
 }
 
 TEST_F(CfgTest, BlocksBeyondTheIndexAreFoundThroughTheList)

@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "designated.hpp"
@@ -77,6 +78,16 @@ protected:
             return std::nullopt;
         }
         return Bytes(buf, buf + len);
+    }
+
+    // Both sub-options at once: the result and the two lengths.
+    static std::tuple<uint32_t, uint32_t, uint32_t> BuildBoth(UserInfo info)
+    {
+        uint8_t cid[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
+        uint8_t rid[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
+        uint32_t cidLen = 0, ridLen = 0;
+        const uint32_t ret = PPPOE_PLUS_EncodeCidRid(&info, cid, &cidLen, rid, &ridLen);
+        return {ret, cidLen, ridLen};
     }
 
     // The value of a built sub-option after checking its head.
@@ -182,12 +193,7 @@ TEST_F(CidRidTest, MatchedNodeThatCannotRenderFailsWithoutFallingBack)
     SetFormat(0, 0, PPPOE_PLUS_INFO_CID, PPPOE_PLUS_FORMAT_USER_DEFINE, kTooLong);
     SetFormat(0, 0, PPPOE_PLUS_INFO_RID, PPPOE_PLUS_FORMAT_USER_DEFINE, kTooLong);
     PLAT_LogClear();
-    uint8_t cid[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
-    uint8_t rid[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
-    uint32_t cidLen = 0;
-    uint32_t ridLen = 0;
-    UserInfo info = Info(100, 0);
-    EXPECT_EQ(PPPOE_PLUS_EncodeCidRid(&info, cid, &cidLen, rid, &ridLen), 1U);
+    EXPECT_EQ(std::get<0>(BuildBoth(Info(100, 0))), 1U);
     EXPECT_TRUE(DebugHas("PPPOE PLUS Encap Port CID no vlan Info Format By User Info error."));
     EXPECT_TRUE(DebugHas("PPPOE PLUS Encap Port RID no vlan Info Format By User Info error."));
     EXPECT_TRUE(DebugHas("Failed to build circuit ID string or remote ID string."));
@@ -274,14 +280,7 @@ TEST_F(CidRidTest, RemoteIdNeedsTheSystemMacWhateverItsFormat)
 
     // Both are attempted: the Circuit-ID is still built, the result fails.
     PLAT_LogClear();
-    UserInfo info = Info(100, 0);
-    uint8_t cid[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
-    uint8_t rid[PPPOE_PLUS_SUBOPT_BUF_LEN] = {};
-    uint32_t cidLen = 0;
-    uint32_t ridLen = 0;
-    EXPECT_EQ(PPPOE_PLUS_EncodeCidRid(&info, cid, &cidLen, rid, &ridLen), 1U);
-    EXPECT_EQ(cidLen, kGlobalCid100.size() + 2U);
-    EXPECT_EQ(ridLen, 0U);
+    EXPECT_EQ(BuildBoth(Info(100, 0)), std::make_tuple(1U, static_cast<uint32_t>(kGlobalCid100.size() + 2U), 0U));
     EXPECT_TRUE(DebugHas("Failed to build circuit ID string or remote ID string."));
 
     // Once the device manager answers, the MAC is read and kept.

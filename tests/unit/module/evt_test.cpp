@@ -74,8 +74,8 @@ TEST_F(EvtTest, SubscribeRefusesBadArgumentsDuplicatesAndLongTopics)
     }
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPPOE_PLUS_EVT] Exist event 0 subTopic plug-watch."));
     EXPECT_EQ(LogCount(PLAT_LOG_DEBUG, "[PPPOE_PLUS_EVT] Exist event"), 1U);  // argument errors say nothing
-    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG,
-                       "[PPPOE_PLUS_EVT] Subscribe success.(event:0, subTopic:plug-watch, priority:10)"));
+    EXPECT_TRUE(
+        LogHas(PLAT_LOG_DEBUG, "[PPPOE_PLUS_EVT] Subscribe success.(event:0, subTopic:plug-watch, priority:10)"));
     EXPECT_EQ(g_pppoePlusEvtSubList.count, 3U);
 
     EXPECT_EQ(PPPOE_PLUS_EvtIsSubscribed(0, "plug-watch"), 1U);
@@ -190,14 +190,9 @@ TEST_F(EvtTest, IfChangeRefreshesATrustedPortOnlyWhileEnabledWithIgnoreReply)
         PPPOE_PLUS_EvtDeliver(&rec);
         EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPPOE_PLUS_EVT] If notify subEvt " + std::to_string(row.subEvt) +
                                                ", ifIndex " + std::to_string(row.ifIndex) + "."));
-        if (row.request != nullptr) {
-            EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, row.request));
-        } else {
-            EXPECT_EQ(LogCount(PLAT_LOG_DEBUG, "Set Trust port cfg."), 0U);
-        }
-        if (row.note != nullptr) {
-            EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, row.note));
-        }
+        EXPECT_EQ(LogCount(PLAT_LOG_DEBUG, "Set Trust port cfg."), row.request != nullptr ? 1U : 0U);
+        EXPECT_TRUE(row.request == nullptr || LogHas(PLAT_LOG_DEBUG, row.request));
+        EXPECT_TRUE(row.note == nullptr || LogHas(PLAT_LOG_DEBUG, row.note));
     }
 
     // A board plug changes nothing.

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "device/ha.hpp"
@@ -189,14 +190,10 @@ TEST_F(HaTest, MasterChangeKeepsTheMasterAddressAndPromotesWhenItNamesThisBoard)
     UseBoard(3, 3, DEVM_BOARD_TYPE_MPU);
     g_pplusHaRole = PPPOE_PLUS_HA_ROLE_STANDBY;
     EXPECT_EQ(Delivered(device::ha::MasterChange(1, 3)), 0U);
-    uint32_t chassis = 0;
-    uint32_t board = 0;
-    uint32_t ip = 0;
+    uint32_t chassis = 0, board = 0, ip = 0;
     ASSERT_EQ(PPPOE_PLUS_HaGetMMBInfo(&chassis, &board, &ip), 0U);
-    EXPECT_EQ(chassis, 1U);
-    EXPECT_EQ(board, 3U);
-    EXPECT_EQ(ip, 0xAC100103U);                                    // 172.16.1.3
-    EXPECT_EQ(PPPOE_PLUS_HaGetRole(), PPPOE_PLUS_HA_ROLE_MASTER);  // set on the service's thread
+    EXPECT_EQ(std::tie(chassis, board, ip), std::make_tuple(1U, 3U, 0xAC100103U));  // 172.16.1.3
+    EXPECT_EQ(PPPOE_PLUS_HaGetRole(), PPPOE_PLUS_HA_ROLE_MASTER);                   // set on the service's thread
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPLUS-HA] Ha notify new mmb(1/3), old mmb(0/0), masterIp(2886729987)."));
 
     EXPECT_EQ(Delivered(device::ha::MasterChange(2, 1)), 0U);
