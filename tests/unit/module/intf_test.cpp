@@ -275,9 +275,4 @@ TEST_F(IntfTest, DeviceManagerWrappersFollowTheBoardType)
     EXPECT_EQ(PPPOE_PLUS_GetSelfChassisOrSlotId(&value), 1U);
     platform::world::SetDevmReady(false);
     EXPECT_EQ(PPPOE_PLUS_GetSelfBoardId(), kNone);
-
-    uint8_t mac[6] = {};
-    platform::world::SetDevmReady(true);
-    EXPECT_EQ(DEVM_DB_GetSysMac(mac), DEVM_OK);
-    EXPECT_EQ(mac[5], 0x03);
 }

@@ -85,7 +85,7 @@ TEST_F(StartupTest, MasterSeesTheMilestonesInOrderAndBothTasksServe)
     EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, "<6> [PPPoE_PLUS] Main exit"));
 }
 
-TEST_F(StartupTest, MemoryHandleFailureStopsBeforeAnyAgentLog)
+TEST_F(StartupTest, FrameInitFailuresStopBeforeTheInitTaskAndTheMemoryHandleOneBeforeAnyLog)
 {
     PLAT_FailSet("RUK_HandleInitialize", 0, 1, 3);
     EXPECT_EQ(PPPOE_PLUS_FrameInit(), 1U);
@@ -93,10 +93,8 @@ TEST_F(StartupTest, MemoryHandleFailureStopsBeforeAnyAgentLog)
     EXPECT_EQ(PLAT_LogCount(PLAT_LOG_DIAG, ""), 0U);
     EXPECT_EQ(PLAT_CallCount("MOLB_PAT_C2HRegisterHook"), 0U);
     EXPECT_FALSE(Task("PPPoE_Plus_Init").exists);
-}
 
-TEST_F(StartupTest, FrameInitFailuresOfTheLaterSteps)
-{
+    // The later steps.
     PLAT_FailSet("IM_Agent_GetHandle", 0, 1, 1);
     EXPECT_EQ(PPPOE_PLUS_FrameInit(), 1U);
     EXPECT_EQ(PLAT_LogCount(PLAT_LOG_DIAG, ""), 0U);
