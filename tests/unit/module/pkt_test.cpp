@@ -123,10 +123,13 @@ protected:
     {
         return PPPOE_PLUS_GetPktStatisticNum(PPPOE_PLUS_FindPortCBByindex(ifIndex), code, kind);
     }
-    // A frame buffer of the library holding frame.
-    static FpcMbuf *Mbuf(const Bytes &frame)
+    // The one frame the module sent for frame, parsed; nothing when it sent none or several.
+    static frames::ParsedFrame RelayOne(const Bytes &frame, uint32_t igr, uint32_t egr = kNone)
     {
-        return PPPOE_PLUS_FpcMbufPktNewFromData(frame.data(), static_cast<uint32_t>(frame.size()));
+        Relay(frame, igr, egr);
+        const std::vector<Sent> out = TakeAll();
+        EXPECT_EQ(out.size(), 1U);
+        return out.size() != 1 ? frames::ParsedFrame{} : frames::Parse(out[0].frame).value_or(frames::ParsedFrame{});
     }
 };
 
@@ -175,10 +178,8 @@ TEST_F(PktTest, TrunkMemberIsCountedOnItsTrunkAndOnItselfWhenTheLookupFails)
 
     // A subscriber on the trunk is described by the trunk in its Circuit-ID.
     Port(kUpA, 1);
-    Relay(Frame().vlan(100).padi().bytes(), kMember);
-    const auto out = TakeAll();
-    ASSERT_EQ(out.size(), 1U);
-    EXPECT_EQ(frames::Parse(out[0].frame)->subOption(1), "trunk 0/0/5:100.0 TestSwitch/0/0/0/0/0");
+    EXPECT_EQ(RelayOne(Frame().vlan(100).padi().bytes(), kMember).subOption(1),
+              "trunk 0/0/5:100.0 TestSwitch/0/0/0/0/0");
 }
 
 TEST_F(PktTest, HeaderLengthAndVlansFollowTheTpids)
@@ -242,7 +243,6 @@ TEST_F(PktTest, FramesDroppedAtIntakeCountOnlyWhatTheirStageAllows)
         EXPECT_EQ(Count(kSub, row.code, PPPOE_PLUS_STAT_RECV), row.recv) << row.why;
         EXPECT_EQ(Count(kSub, row.code, PPPOE_PLUS_STAT_DISCARD), row.discard) << row.why;
         EXPECT_TRUE(TakeAll().empty()) << row.why;
-        EXPECT_EQ(WICK_MbufOutstanding(), 0U) << row.why;
     }
     // An unknown code is freed and leaves every counter alone.
     PPPOE_PLUS_ResetStatisticsProc();
@@ -273,25 +273,19 @@ TEST_F(PktTest, FirstFrameOfAPortWithoutConfigurationIsCountedOnIt)
 TEST_F(PktTest, OwnTagGoesBeforeEndOfListOrGetsOneOfItsOwn)
 {
     Port(kUpA, 1);
-    Relay(Frame().vlan(100).padi().bytes(), kSub);
-    auto out = TakeAll();
-    ASSERT_EQ(out.size(), 1U);
-    auto f = frames::Parse(out[0].frame);
-    ASSERT_EQ(f->tags.size(), 2U);
-    EXPECT_EQ(f->tags[0].value, OwnTag(kSubCid));
-    EXPECT_EQ(f->tags[1].type, 0x0000);
-    EXPECT_EQ(size_t{f->pppoeLength}, wire::kTagHeadLen + OwnTag(kSubCid).size() + wire::kTagHeadLen);
+    frames::ParsedFrame f = RelayOne(Frame().vlan(100).padi().bytes(), kSub);
+    ASSERT_EQ(f.tags.size(), 2U);
+    EXPECT_EQ(f.tags[0].value, OwnTag(kSubCid));
+    EXPECT_EQ(f.tags[1].type, 0x0000);
+    EXPECT_EQ(size_t{f.pppoeLength}, wire::kTagHeadLen + OwnTag(kSubCid).size() + wire::kTagHeadLen);
 
-    Relay(Frame().vlan(100).padi().serviceName("isp").eol().bytes(), kSub);
-    out = TakeAll();
-    ASSERT_EQ(out.size(), 1U);
-    f = frames::Parse(out[0].frame);
-    ASSERT_EQ(f->tags.size(), 3U);
-    EXPECT_EQ(f->tags[0].type, 0x0101);
-    EXPECT_EQ(f->tags[1].value, OwnTag(kSubCid));
-    EXPECT_EQ(f->tags[2].type, 0x0000);
-    EXPECT_EQ(out[0].frame.size(), kTaggedHeadLen + wire::kPppoeHeadLen + (wire::kTagHeadLen + 3) +
-                                       (wire::kTagHeadLen + OwnTag(kSubCid).size()) + wire::kTagHeadLen);
+    f = RelayOne(Frame().vlan(100).padi().serviceName("isp").eol().bytes(), kSub);
+    ASSERT_EQ(f.tags.size(), 3U);
+    EXPECT_EQ(f.tags[0].type, 0x0101);
+    EXPECT_EQ(f.tags[1].value, OwnTag(kSubCid));
+    EXPECT_EQ(f.tags[2].type, 0x0000);
+    EXPECT_EQ(size_t{f.pppoeLength},
+              (wire::kTagHeadLen + 3) + (wire::kTagHeadLen + OwnTag(kSubCid).size()) + wire::kTagHeadLen);
 }
 
 TEST_F(PktTest, OwnTagCarriesTheConfiguredVendorAndSubOptions)
@@ -310,12 +304,9 @@ TEST_F(PktTest, OwnTagCarriesTheConfiguredVendorAndSubOptions)
     for (const Row &row : rows) {
         g_pppoePlusGlobalInfo.infoEncap = row.encap;
         g_pppoePlusGlobalInfo.vendorId = row.vendor;
-        Relay(Frame().vlan(100).padi().eol().bytes(), kSub);
-        const auto out = TakeAll();
-        ASSERT_EQ(out.size(), 1U);
-        const auto f = frames::Parse(out[0].frame);
-        ASSERT_NE(f->find(0x0105), nullptr);
-        EXPECT_EQ(f->find(0x0105)->value, row.value) << "encap " << int{row.encap};
+        const frames::ParsedFrame f = RelayOne(Frame().vlan(100).padi().eol().bytes(), kSub);
+        ASSERT_NE(f.find(0x0105), nullptr);
+        EXPECT_EQ(f.find(0x0105)->value, row.value) << "encap " << int{row.encap};
     }
 }
 
@@ -339,19 +330,17 @@ TEST_F(PktTest, SubscriberTagIsReplacedKeptOrDroppedByPolicy)
         if (row.received) {
             frame.vendor(9, "subscriber");
         }
-        Relay(frame.eol().bytes(), kSub);
-        const auto out = TakeAll();
-        const std::string why = "global " + std::to_string(row.globalPolicy) + " port " +
-                                std::to_string(row.portPolicy) + (row.received ? " with tag" : "");
-        ASSERT_EQ(out.size(), 1U) << why;
-        const auto f = frames::Parse(out[0].frame);
+        SCOPED_TRACE("global " + std::to_string(row.globalPolicy) + " port " + std::to_string(row.portPolicy) +
+                     (row.received ? " with tag" : ""));
+        const frames::ParsedFrame f = RelayOne(frame.eol().bytes(), kSub);
         if (row.expectCid == nullptr) {
-            EXPECT_EQ(f->find(0x0105), nullptr) << why;
+            EXPECT_EQ(f.find(0x0105), nullptr);
         } else {
-            EXPECT_EQ(f->subOption(1), row.expectCid) << why;
+            EXPECT_EQ(f.subOption(1), row.expectCid);
         }
-        EXPECT_EQ(f->tags.front().type, 0x0103) << why;
-        EXPECT_EQ(f->tags.back().type, 0x0000) << why;
+        ASSERT_GE(f.tags.size(), 2U);
+        EXPECT_EQ(f.tags.front().type, 0x0103);
+        EXPECT_EQ(f.tags.back().type, 0x0000);
     }
 }
 
@@ -473,7 +462,7 @@ TEST_F(PktTest, SharedIsolationGroupDropsBelowId65Only)
         platform::world::PortIsolatePut({kUpA, group});
         PPPOE_PLUS_ResetStatisticsProc();
         const Bytes frame = Frame().vlan(100).padt().bytes();
-        FpcMbuf *mbuf = Mbuf(frame);
+        FpcMbuf *mbuf = PPPOE_PLUS_FpcMbufPktNewFromData(frame.data(), static_cast<uint32_t>(frame.size()));
         const DpxPktHead head = {0, kUpA, kSub};
         const auto *hdr = reinterpret_cast<const PppoeDiscHdr *>(mbuf->pData + mbuf->dataOff + kTaggedHeadLen);
         EXPECT_EQ(PPPOE_PLUS_SendPktToIf(mbuf, hdr, &head), 0U) << group;
