@@ -42,14 +42,7 @@ std::vector<uint32_t> Match(uint16_t vlan, uint32_t ingress)
 
 }  // namespace
 
-TEST_F(CfgTest, DefaultPolicyReplacesTheSubscribersTag)
-{
-    // The other defaults show in every tag pkt_test.cpp builds, in the
-    // requests below and in what fwm starts with (acl_test.cpp).
-    EXPECT_EQ(PPPOE_PLUS_GetGlobalInfoPolicy(), PPPOE_PLUS_POLICY_REPLACE);
-}
-
-TEST_F(CfgTest, EnableAndIgnoreReplyRequestOnlyOnChange)
+TEST_F(CfgTest, EnableIgnoreReplyAndTrustRequestOnlyOnChange)
 {
     // No session to the forwarding manager here: requests fail, values stay.
     EXPECT_EQ(PPPOE_PLUS_SetEnable(1), 1U);
@@ -69,10 +62,21 @@ TEST_F(CfgTest, EnableAndIgnoreReplyRequestOnlyOnChange)
     EXPECT_EQ(PPPOE_PLUS_GetIgnoreReply(), 2U);
     EXPECT_TRUE(pplus_test::LogInOrder(PLAT_LOG_DEBUG,
                                        {"Set ignore reply cfg. enable:0", "Set ignore reply cfg. enable:1"}) != 0);
+
+    PPPOE_PLUS_SetPortTrust(3, 1);
+    EXPECT_EQ(PPPOE_PLUS_SetPortTrust(3, 1), 0U);
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] Set same value. (enable: 1)"));
+    EXPECT_EQ(LogCount(PLAT_LOG_DEBUG, "Set Trust port cfg. enable:1 ifIndex:3"), 1U);
+    PPPOE_PLUS_SetPortTrust(3, 2);
+    EXPECT_EQ(PPPOE_PLUS_FindPortCBByindex(3)->trust.load(), 2U);
 }
 
-TEST_F(CfgTest, EncapAndGlobalFormats)
+TEST_F(CfgTest, DefaultPolicyEncapAndGlobalFormats)
 {
+    // The other defaults show in every tag pkt_test.cpp builds, in the
+    // requests above and in what fwm starts with (acl_test.cpp).
+    EXPECT_EQ(PPPOE_PLUS_GetGlobalInfoPolicy(), PPPOE_PLUS_POLICY_REPLACE);
+
     PPPOE_PLUS_SetInfoEncap(0, PPPOE_PLUS_ENCAP_CID);
     EXPECT_EQ(PPPOE_PLUS_GetInfoEncap(), PPPOE_PLUS_ENCAP_BOTH);
     PPPOE_PLUS_SetInfoEncap(1, PPPOE_PLUS_ENCAP_RID);
@@ -155,16 +159,6 @@ TEST_F(CfgTest, PortBlocksAreCreatedOnceAndPolicyClears)
     EXPECT_EQ(PLAT_AssertCount(), asserts + 2);
     EXPECT_EQ(LogCount(PLAT_LOG_PLATFORM, "ZAVK assert at app/src/common/src/pppoe_plus_cfg:"), 1U);
     EXPECT_EQ(PPPOE_PLUS_GetGlobalPortList().count, 1U);
-}
-
-TEST_F(CfgTest, TrustChangesRequestOnlyOnChange)
-{
-    PPPOE_PLUS_SetPortTrust(3, 1);
-    EXPECT_EQ(PPPOE_PLUS_SetPortTrust(3, 1), 0U);
-    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] Set same value. (enable: 1)"));
-    EXPECT_EQ(LogCount(PLAT_LOG_DEBUG, "Set Trust port cfg. enable:1 ifIndex:3"), 1U);
-    PPPOE_PLUS_SetPortTrust(3, 2);
-    EXPECT_EQ(PPPOE_PLUS_FindPortCBByindex(3)->trust.load(), 2U);
 }
 
 TEST_F(CfgTest, TrustedPortsMatchByVlanInListOrderAtMostEight)
