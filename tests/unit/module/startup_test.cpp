@@ -129,18 +129,12 @@ TEST_F(StartupTest, DeviceDatabaseWaitLogsEachTryAndAsksMainBoardFirst)
 
 TEST_F(StartupTest, ReadinessRuleDependsOnWhetherThisIsTheMainBoard)
 {
-    struct Row {
-        uint32_t slot;
-        uint32_t modState;
-        uint32_t ready;
-    };
-    // Main board is 1: it waits for 12; board 3 accepts 5 or 8.
-    const Row rows[] = {{1, 12, 1}, {1, 5, 0}, {3, 5, 1}, {3, 8, 1}, {3, 12, 0}};
-    for (const Row &row : rows) {
+    // Slot, module state, ready: main board 1 waits for 12; board 3 accepts 5 or 8.
+    const uint32_t rows[][3] = {{1, 12, 1}, {1, 5, 0}, {3, 5, 1}, {3, 8, 1}, {3, 12, 0}};
+    for (const auto &[slot, modState, ready] : rows) {
         FrmInstInfo info = {};
-        info.modState = row.modState;
-        EXPECT_EQ(PPPOE_PLUS_GetFrmReadyState(row.slot, &info), row.ready)
-            << "slot " << row.slot << " modState " << row.modState;
+        info.modState = modState;
+        EXPECT_EQ(PPPOE_PLUS_GetFrmReadyState(slot, &info), ready) << "slot " << slot << " modState " << modState;
     }
     FrmInstInfo info = {0, 12, 0, 1};
     platform::world::SetMainBoardReadable(false);

@@ -160,17 +160,6 @@ TEST_F(UdfChkTest, ValidatorSideOfDeliberateDisagreements)
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] UserFmtCheckFirstKeyWord end. (keyword=5length)"));
 }
 
-TEST_F(UdfChkTest, NullStringIsAnInternalFailure)
-{
-    EXPECT_EQ(PPPOE_PLUS_UserDfdFmtCheck(nullptr), 1U);
-    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] formatString para is null."));
-    char out[PPPOE_PLUS_UDF_PART_LEN] = {};
-    EXPECT_EQ(PPPOE_PLUS_UserFmtGetAsciiFmtStr(nullptr, out), 1U);
-    EXPECT_EQ(PPPOE_PLUS_UserFmtGetAsciiFmtStr("\"a\"", nullptr), 1U);
-    EXPECT_EQ(PPPOE_PLUS_UserFmtGetHexFmtStr(nullptr, out, sizeof(out)), 1U);
-    EXPECT_EQ(PLAT_AssertCount(), 3U);
-}
-
 TEST_F(UdfChkTest, ReservedCharactersAndAllAsciiFormats)
 {
     std::string reserved;
@@ -185,8 +174,16 @@ TEST_F(UdfChkTest, ReservedCharactersAndAllAsciiFormats)
     EXPECT_EQ(PPPOE_PLUS_UdfIsAllAssic(""), 0U);
 }
 
-TEST_F(UdfChkTest, PartExtractorsStepOverEscapes)
+TEST_F(UdfChkTest, NullStringIsAnInternalFailureAndPartExtractorsStepOverEscapes)
 {
+    EXPECT_EQ(PPPOE_PLUS_UserDfdFmtCheck(nullptr), 1U);
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] formatString para is null."));
+    char out[PPPOE_PLUS_UDF_PART_LEN] = {};
+    EXPECT_EQ(PPPOE_PLUS_UserFmtGetAsciiFmtStr(nullptr, out), 1U);
+    EXPECT_EQ(PPPOE_PLUS_UserFmtGetAsciiFmtStr("\"a\"", nullptr), 1U);
+    EXPECT_EQ(PPPOE_PLUS_UserFmtGetHexFmtStr(nullptr, out, sizeof(out)), 1U);
+    EXPECT_EQ(PLAT_AssertCount(), 3U);
+
     struct {
         const char *fmt;
         const char *ascii;
