@@ -101,11 +101,6 @@ TEST_F(IntfTest, NamesAndTrunkMembership)
     EXPECT_EQ(PPPOE_PLUS_GetTrunkIfIndexByTrunkId(3), kNone);
     EXPECT_TRUE(DebugHas("db_get_trunk_trunk_if_index failed, ret = 79."));
 
-    uint32_t trunkIf = 0;
-    EXPECT_EQ(PPPOE_PLUS_GetTrunkIfIndexByMember(27, &trunkIf), 0U);
-    EXPECT_EQ(trunkIf, 100U);
-    EXPECT_EQ(PPPOE_PLUS_GetTrunkIfIndexByMember(5, &trunkIf), DB_ERR_NO_RECORD);
-
     EXPECT_EQ(PPPOE_PLUS_IsTrunkIf(27), 0U);
     EXPECT_EQ(PPPOE_PLUS_IsTrunkIf(999), 0U);
     EXPECT_TRUE(DebugHas("Get trunk id, failed to read object, ret = 12290."));
