@@ -4,6 +4,7 @@
 
 #include <string>
 #include <tuple>
+#include <utility>
 
 #include "device/fwm.hpp"
 #include "module_fixture.hpp"
@@ -122,19 +123,17 @@ TEST_F(TirnTest, ClientSetupFaultsAssertAtTheirLines)
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPoE-Plus]Failed to init orch tirn."));
     EXPECT_EQ(PLAT_AssertCount(), 0U);
 
-    const struct {
-        const char *op;
-        uint32_t line;
-    } steps[] = {{"RUK_TaskCreate", 154},
-                 {"TIRN_RegisterPeerQuitNotifyFunc", 160},
-                 {"TIRN_InitClientModuleConfig", 167},
-                 {"TIRN_ClientModuleInit", 173},
-                 {"TIRN_InitConnectionAttr", 179},
-                 {"TIRN_ConnectionAttrSetEpollFd", 185}};
-    for (const auto &step : steps) {
-        PLAT_FailSet(step.op, 0, 1, 0x33);
-        EXPECT_NE(PPPOE_PLUS_CreateOrchTirnCilent(), 0U) << step.op;
-        EXPECT_EQ(PLAT_AssertCountAt(kSrc, step.line), 1U) << step.op;
+    // Each failing step and the line it asserts at.
+    const std::pair<const char *, uint32_t> steps[] = {{"RUK_TaskCreate", 154},
+                                                       {"TIRN_RegisterPeerQuitNotifyFunc", 160},
+                                                       {"TIRN_InitClientModuleConfig", 167},
+                                                       {"TIRN_ClientModuleInit", 173},
+                                                       {"TIRN_InitConnectionAttr", 179},
+                                                       {"TIRN_ConnectionAttrSetEpollFd", 185}};
+    for (const auto &[op, line] : steps) {
+        PLAT_FailSet(op, 0, 1, 0x33);
+        EXPECT_NE(PPPOE_PLUS_CreateOrchTirnCilent(), 0U) << op;
+        EXPECT_EQ(PLAT_AssertCountAt(kSrc, line), 1U) << op;
     }
     EXPECT_EQ(PLAT_AssertCount(), 6U);
     // The peer-quit registration returns the library's own code.
@@ -214,20 +213,18 @@ TEST_F(TirnTest, AppServerFaultsAreLoggedAndUnwound)
     EXPECT_EQ(PPPOE_PLUS_CreateAppTirnServer("PPPOEPLUS_APP_INTF", 1003, &server), 1U);
     EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, "[PPPOE_PLUS] Create server failed, ret 5."));
 
-    const struct {
-        const char *op;
-        const char *log;
-        uint32_t port;
-    } steps[] = {{"TIRN_ServerBind", "[PPPOE_PLUS] Bind server failed, ret 6.", 1004},
-                 {"TIRN_SetServerKeepAliveAttr", "[PPPOE_PLUS] Set keepalive attr failed, ret 6.", 1005},
-                 {"TIRN_RegisterEpollFd", "[PPPOE_PLUS] Register epoll fd failed, ret 6.", 1006}};
+    // Each failing step, what it logs and the port it was to serve on.
+    const std::tuple<const char *, const char *, uint32_t> steps[] = {
+        {"TIRN_ServerBind", "[PPPOE_PLUS] Bind server failed, ret 6.", 1004},
+        {"TIRN_SetServerKeepAliveAttr", "[PPPOE_PLUS] Set keepalive attr failed, ret 6.", 1005},
+        {"TIRN_RegisterEpollFd", "[PPPOE_PLUS] Register epoll fd failed, ret 6.", 1006}};
     uint32_t destroyed = 0;
-    for (const auto &step : steps) {
-        PLAT_FailSet(step.op, 0, 1, 6);
-        EXPECT_EQ(PPPOE_PLUS_CreateAppTirnServer("PPPOEPLUS_APP_INTF", step.port, &server), 1U) << step.op;
-        EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, step.log)) << step.op;
-        EXPECT_EQ(PLAT_CallCount("TIRN_DestroyServer"), ++destroyed) << step.op;
-        EXPECT_EQ(platform::tirn::BoundServerName("talvo_mesh://ipv4:127.0.0.1:" + std::to_string(step.port)), "");
+    for (const auto &[op, text, port] : steps) {
+        PLAT_FailSet(op, 0, 1, 6);
+        EXPECT_EQ(PPPOE_PLUS_CreateAppTirnServer("PPPOEPLUS_APP_INTF", port, &server), 1U) << op;
+        EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, text)) << op;
+        EXPECT_EQ(PLAT_CallCount("TIRN_DestroyServer"), ++destroyed) << op;
+        EXPECT_EQ(platform::tirn::BoundServerName("talvo_mesh://ipv4:127.0.0.1:" + std::to_string(port)), "");
     }
 
     // Task faults assert at their lines and fail the application side.

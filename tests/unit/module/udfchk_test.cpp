@@ -5,6 +5,8 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "module_fixture.hpp"
@@ -184,24 +186,21 @@ TEST_F(UdfChkTest, NullStringIsAnInternalFailureAndPartExtractorsStepOverEscapes
     EXPECT_EQ(PPPOE_PLUS_UserFmtGetHexFmtStr(nullptr, out, sizeof(out)), 1U);
     EXPECT_EQ(PLAT_AssertCount(), 3U);
 
-    struct {
-        const char *fmt;
-        const char *ascii;
-        const char *hex;
-    } rows[] = {
+    // The format, its ASCII part and its hex part.
+    const std::tuple<const char *, const char *, const char *> rows[] = {
         {"1 2 \"a\\\"b\"", "a\\\"b", "1 2 "},  // an escaped quote is no boundary
         {"\"%slot\"", "%slot", ""},
         {"1 %slot", "", "1 %slot"},  // no quote: all hex
         {"7 \"open", "", "7 "},      // no second quote: no ASCII part
         {"a\\\"b\"c\"", "c", "a\\\"b"},
     };
-    for (const auto &r : rows) {
+    for (const auto &[fmt, asciiPart, hexPart] : rows) {
         char ascii[PPPOE_PLUS_UDF_PART_LEN] = {'x'};
         char hex[PPPOE_PLUS_UDF_PART_LEN] = {'x'};
-        EXPECT_EQ(PPPOE_PLUS_UserFmtGetAsciiFmtStr(r.fmt, ascii), 0U) << r.fmt;
-        EXPECT_EQ(PPPOE_PLUS_UserFmtGetHexFmtStr(r.fmt, hex, sizeof(hex)), 0U) << r.fmt;
-        EXPECT_STREQ(ascii, r.ascii) << r.fmt;
-        EXPECT_STREQ(hex, r.hex) << r.fmt;
+        EXPECT_EQ(PPPOE_PLUS_UserFmtGetAsciiFmtStr(fmt, ascii), 0U) << fmt;
+        EXPECT_EQ(PPPOE_PLUS_UserFmtGetHexFmtStr(fmt, hex, sizeof(hex)), 0U) << fmt;
+        EXPECT_STREQ(ascii, asciiPart) << fmt;
+        EXPECT_STREQ(hex, hexPart) << fmt;
     }
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "Find the word. (FmtStr=1 %slot, HexFmtStr=1 %slot)"));
     char small[4] = {};
@@ -210,30 +209,25 @@ TEST_F(UdfChkTest, NullStringIsAnInternalFailureAndPartExtractorsStepOverEscapes
 
 TEST_F(UdfChkTest, MinimumLengths)
 {
-    struct {
-        const char *s;
-        uint32_t ascii;  // ASCII estimate in characters
-    } asciiRows[] = {
+    // The ASCII estimate in characters.
+    const std::pair<const char *, uint32_t> asciiRows[] = {
         {"", 0}, {"abc", 3}, {"\\%x", 2}, {"[%svlan]", 1}, {"%5slot", 5}, {"%0slot", 0}, {"%mac-%portname", 16},
     };
-    for (const auto &r : asciiRows) {
+    for (const auto &[fmt, chars] : asciiRows) {
         uint32_t len = 77;
-        EXPECT_EQ(PPPOE_PLUS_UserFmtGetAsciiMinLen(r.s, &len), 0U) << r.s;
-        EXPECT_EQ(len, r.ascii) << r.s;
+        EXPECT_EQ(PPPOE_PLUS_UserFmtGetAsciiMinLen(fmt, &len), 0U) << fmt;
+        EXPECT_EQ(len, chars) << fmt;
     }
-    struct {
-        const char *s;
-        uint32_t code;
-        uint32_t bytes;
-    } hexRows[] = {
+    // The hex estimate's result and bytes.
+    const std::tuple<const char *, uint32_t, uint32_t> hexRows[] = {
         {"1 2 3", 0, 3},          {"255 256", 0, 3},       {"70000", 0, 4},
         {"%mac %porttype", 0, 7}, {"%4slot %4port", 0, 1}, {"12%3slot", 0, 2},  // "%" after a number is swallowed
         {"%3slot", 17, 77},
     };
-    for (const auto &r : hexRows) {
+    for (const auto &[fmt, code, bytes] : hexRows) {
         uint32_t len = 77;
-        EXPECT_EQ(PPPOE_PLUS_UserFmtGetHexMinLen(r.s, &len), r.code) << r.s;
-        EXPECT_EQ(len, r.bytes) << r.s;
+        EXPECT_EQ(PPPOE_PLUS_UserFmtGetHexMinLen(fmt, &len), code) << fmt;
+        EXPECT_EQ(len, bytes) << fmt;
     }
     EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG, "[PPLUS-CFG] GetHexMinLen. (FmtStr=%3slot, TotalBits=3)"));
     uint32_t len = 0;
