@@ -8,6 +8,7 @@
 #include <array>
 #include <chrono>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "designated.hpp"
@@ -301,20 +302,17 @@ TEST_F(DbWatchTest, EpollRefusalFailsTheConnectionAndClosingReportsEachStep)
     EXPECT_EQ(PPPOE_PLUS_GetDbSubConn(), nullptr);
     EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, "[PPPoE_PLUS] Main exit"));
 
-    struct Row {
-        const char *op;
-        const char *text;
-    };
-    const Row rows[] = {
+    // Each failing step of closing and what it logs.
+    const std::pair<const char *, const char *> rows[] = {
         {"db_set_current_server_locator",
          "[PPPOE_PLUS_DB] Close DB connection pool set server locator failed, ret:33."},
         {"db_set_current_user_name", "[PPPOE_PLUS_DB] Close DB connection pool set user name failed, ret:33."},
         {"db_close_connection_pool", "[PPPOE_PLUS_DB] DB close connection sync pool failed, ret:33."},
     };
-    for (const Row &row : rows) {
-        PLAT_FailSet(row.op, 0, 1, 33);
-        EXPECT_EQ(PPPOE_PLUS_DbCloseConnectionPool(), 33U) << row.op;
-        EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, row.text)) << row.op;
+    for (const auto &[op, text] : rows) {
+        PLAT_FailSet(op, 0, 1, 33);
+        EXPECT_EQ(PPPOE_PLUS_DbCloseConnectionPool(), 33U) << op;
+        EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, text)) << op;
     }
     EXPECT_EQ(PPPOE_PLUS_DbCloseConnectionPool(), 0U);
 }

@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "designated.hpp"
 #include "module_fixture.hpp"
@@ -98,19 +99,16 @@ TEST_F(FormatDisplayTest, BinaryValuesAreDumpedSixteenBytesALine)
 
 TEST_F(FormatDisplayTest, UserDefinedValueIsTextOnlyWhenTheFormatStartsQuoted)
 {
-    struct Case {
-        const char *fmt;
-        std::string shown;
-    };
-    const Case cases[] = {
+    // The format and the end of the display.
+    const std::pair<const char *, std::string> cases[] = {
         {"\"%portname/%svlan\"", "\r\n  Remote  ID:GE0/0/1/200"},
         {"%svlan\"x\"", "\r\n  Remote  ID:00 c8 78 "},
     };
-    for (const Case &c : cases) {
-        PPPOE_PLUS_SetGlobalRidFormat(PPPOE_PLUS_FORMAT_USER_DEFINE, c.fmt);
+    for (const auto &[fmt, end] : cases) {
+        PPPOE_PLUS_SetGlobalRidFormat(PPPOE_PLUS_FORMAT_USER_DEFINE, fmt);
         const std::string shown = Display();
-        EXPECT_NE(shown.find(std::string("\r\n   Remote  ID : USER DEFINE.  ") + c.fmt), std::string::npos) << shown;
-        EXPECT_EQ(shown.substr(shown.size() - c.shown.size()), c.shown) << shown;
+        EXPECT_NE(shown.find(std::string("\r\n   Remote  ID : USER DEFINE.  ") + fmt), std::string::npos) << shown;
+        EXPECT_EQ(shown.substr(shown.size() - end.size()), end) << shown;
     }
     EXPECT_EQ(PPPOE_PLUS_UdfIsAllAssic(nullptr), 0U);  // the other answers: udfchk_test.cpp
 }

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "designated.hpp"
@@ -277,26 +278,21 @@ TEST_F(YangDbTest, GlobalSettingsMapTheirLeaves)
     EXPECT_EQ(lib_.lastOld, 1U);  // a delete reads the data as it was
     EXPECT_EQ(PPPOE_PLUS_SwitchSys(nullptr, 1, 0, 0, kIfPath), 1U);
 
-    struct Row {
-        const char *body;
-        uint8_t policy;
-    };
-    for (const Row &row : {Row{"<tags-policy>drop</tags-policy>", 2}, Row{"<tags-policy>KEEP</tags-policy>", 3},
-                           Row{"<tags-policy>bogus</tags-policy>", 1}}) {
+    const std::pair<const char *, uint8_t> policies[] = {{"<tags-policy>drop</tags-policy>", 2},
+                                                         {"<tags-policy>KEEP</tags-policy>", 3},
+                                                         {"<tags-policy>bogus</tags-policy>", 1}};
+    for (const auto &[body, policy] : policies) {
         g_pppoePlusGlobalInfo.infoPolicy = 0;
-        EXPECT_EQ(Change(PPPOE_PLUS_PolicySys, Wrap("global-tags-policy", row.body)), 0U) << row.body;
-        EXPECT_EQ(PPPOE_PLUS_GetGlobalInfoPolicy(), row.policy) << row.body;
+        EXPECT_EQ(Change(PPPOE_PLUS_PolicySys, Wrap("global-tags-policy", body)), 0U) << body;
+        EXPECT_EQ(PPPOE_PLUS_GetGlobalInfoPolicy(), policy) << body;
     }
 
     // Inverted on purpose: only a present leaf other than "true" ignores replies.
-    struct IgnoreRow {
-        const char *body;
-        uint8_t stored;
-    };
-    for (const IgnoreRow &row : {IgnoreRow{"<ignore-policy>false</ignore-policy>", 1},
-                                 IgnoreRow{"<ignore-policy>True</ignore-policy>", 0}, IgnoreRow{"", 0}}) {
-        (void)Change(PPPOE_PLUS_IgnoreReply, Wrap("global-ignore-policy", row.body));
-        EXPECT_EQ(PPPOE_PLUS_GetIgnoreReply(), row.stored) << row.body;
+    const std::pair<const char *, uint8_t> ignores[] = {
+        {"<ignore-policy>false</ignore-policy>", 1}, {"<ignore-policy>True</ignore-policy>", 0}, {"", 0}};
+    for (const auto &[body, stored] : ignores) {
+        (void)Change(PPPOE_PLUS_IgnoreReply, Wrap("global-ignore-policy", body));
+        EXPECT_EQ(PPPOE_PLUS_GetIgnoreReply(), stored) << body;
     }
 
     EXPECT_EQ(Change(PPPOE_PLUS_EncapType,
