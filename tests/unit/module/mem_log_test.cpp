@@ -6,6 +6,7 @@
 #include <iterator>
 #include <numeric>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "module_fixture.hpp"
@@ -85,20 +86,18 @@ TEST(ModuleMemory, HandleFailuresReturnTheirCodes)
 
 // Setting one level or all of them: OperationsSwitchDebugLevelsAndClearCounters
 // (yangdb_test.cpp).
-TEST_F(LogTest, DebugSwitchRefusesBadValuesAndEachLevelHasItsId)
+TEST_F(LogTest, DebugSwitchRefusesBadValuesEachLevelHasItsIdAndOutputFollowsIt)
 {
     EXPECT_EQ(PPPOE_PLUS_UpdateDebugSwitch(5, 1), 1U);
     EXPECT_EQ(PPPOE_PLUS_UpdateDebugSwitch(0, 2), 1U);
     // Levels 0 to 3, then one out of range, which gets the level-1 id.
-    const uint32_t levels[] = {0, 1, 2, 3, 9};
-    const uint32_t ids[] = {0x478BC26DU, 0x478BC26CU, 0x478BC26BU, 0x478BC26EU, 0x478BC26CU};
-    for (size_t i = 0; i < std::size(levels); i++) {
-        EXPECT_EQ(PPPOE_PLUS_GetDebugIdbyLevel(levels[i]), ids[i]) << levels[i];
+    const std::pair<uint32_t, uint32_t> ids[] = {
+        {0, 0x478BC26DU}, {1, 0x478BC26CU}, {2, 0x478BC26BU}, {3, 0x478BC26EU}, {9, 0x478BC26CU}};
+    for (const auto &[level, id] : ids) {
+        EXPECT_EQ(PPPOE_PLUS_GetDebugIdbyLevel(level), id) << level;
     }
-}
 
-TEST_F(LogTest, DebugOutputFollowsItsLevelSwitch)
-{
+    // Output follows its level's switch.
     PPPOE_PLUS_DbgOutput(1, "hidden %d", 1);
     EXPECT_FALSE(LogHas(PLAT_LOG_DEBUG, "hidden"));
     PPPOE_PLUS_UpdateDebugSwitch(1, 1);
