@@ -201,24 +201,20 @@ TEST_F(CidRidTest, MatchedNodeThatCannotRenderFailsWithoutFallingBack)
 
 TEST_F(CidRidTest, CommonCircuitIdNamesTheShortPortOrTheTrunk)
 {
-    struct Case {
-        const char *portName;
-        const char *ifType;
-        std::string expected;
-    };
     const std::string longName = "X" + std::string(62, '7');
-    const Case cases[] = {
+    // The port's name and type, and the Circuit-ID.
+    const std::tuple<const char *, const char *, std::string> cases[] = {
         {"GE0/0/1", "eth", "eth 0/0/1:100.0 SW1/0/0/0/0/0"},
         {"10GE1/0/3", "eth", "eth 1/0/3:100.0 SW1/0/0/0/0/0"},  // leading digits skipped
         {"1234", "eth", "eth :100.0 SW1/0/0/0/0/0"},            // no digit after a non-digit
         {longName.c_str(), "eth", "eth " + std::string(59, '7') + ":100.0 SW1/0/0/0/0/0"},  // cut to 63
         {"Eth-Trunk3", "trunk", "trunk 0/0/3:100.0 SW1/0/0/0/0/0"},
     };
-    for (const Case &c : cases) {
-        UserInfo info = Info(100, 0, c.portName);
-        (void)strcpy_s(info.ifType, sizeof(info.ifType), c.ifType);
+    for (const auto &[portName, ifType, expected] : cases) {
+        UserInfo info = Info(100, 0, portName);
+        (void)strcpy_s(info.ifType, sizeof(info.ifType), ifType);
         info.ulNas_Port = 3;
-        EXPECT_EQ(Value(PPPOE_PLUS_INFO_CID, info), Text(c.expected)) << c.portName;
+        EXPECT_EQ(Value(PPPOE_PLUS_INFO_CID, info), Text(expected)) << portName;
     }
     EXPECT_TRUE(
         DebugHas("Encap common circuit-id by userinfo.(portname=GE0/0/1, vlan=100, infoLen=29, "

@@ -9,6 +9,7 @@
 #include <array>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "designated.hpp"
@@ -291,22 +292,18 @@ TEST_F(PktTest, OwnTagGoesBeforeEndOfListOrGetsOneOfItsOwn)
 TEST_F(PktTest, OwnTagCarriesTheConfiguredVendorAndSubOptions)
 {
     Port(kUpA, 1);
-    struct Row {
-        uint8_t encap;
-        uint32_t vendor;
-        Bytes value;
-    };
-    const Row rows[] = {
+    // Encapsulation, vendor, and the tag's value.
+    const std::tuple<uint8_t, uint32_t, Bytes> rows[] = {
         {PPPOE_PLUS_ENCAP_CID, 9, Frame::VendorValue(9, kSubCid, "")},
         {PPPOE_PLUS_ENCAP_RID, 0x01020304, Frame::VendorValue(0x01020304, "", kRid)},
         {PPPOE_PLUS_ENCAP_BOTH, PPPOE_PLUS_DEFAULT_VENDOR_ID, OwnTag(kSubCid)},
     };
-    for (const Row &row : rows) {
-        g_pppoePlusGlobalInfo.infoEncap = row.encap;
-        g_pppoePlusGlobalInfo.vendorId = row.vendor;
+    for (const auto &[encap, vendor, value] : rows) {
+        g_pppoePlusGlobalInfo.infoEncap = encap;
+        g_pppoePlusGlobalInfo.vendorId = vendor;
         const frames::ParsedFrame f = RelayOne(Frame().vlan(100).padi().eol().bytes(), kSub);
         ASSERT_NE(f.find(0x0105), nullptr);
-        EXPECT_EQ(f.find(0x0105)->value, row.value) << "encap " << int{row.encap};
+        EXPECT_EQ(f.find(0x0105)->value, value) << "encap " << int{encap};
     }
 }
 
@@ -388,27 +385,23 @@ TEST_F(PktTest, ServerRepliesNeedATrustedPortAndLoseOnlyOurExactTag)
 
     std::string offByOne = kRid;
     offByOne.back() = '4';
-    struct Row {
-        uint8_t egressPolicy;
-        Bytes tag;
-        bool stripped;
-    };
-    const Row rows[] = {
+    // The egress port's policy, the Vendor-Specific value the reply carries, and whether it goes.
+    const std::tuple<uint8_t, Bytes, bool> rows[] = {
         {1, OwnTag(kSubCid), true},
         {3, OwnTag(kSubCid), true},
         {2, OwnTag(kSubCid), false},
         {1, Frame::VendorValue(PPPOE_PLUS_DEFAULT_VENDOR_ID, kSubCid, offByOne), false},
         {1, OwnTag("eth 0/0/1:101.0 TestSwitch/0/0/0/0/0"), false},
     };
-    for (const Row &row : rows) {
-        Port(kSub, 0, row.egressPolicy);
-        Relay(Frame().vlan(100).pado().tag(0x0105, row.tag).eol().bytes(), kUpA, kSub);
+    for (const auto &[egressPolicy, tag, stripped] : rows) {
+        Port(kSub, 0, egressPolicy);
+        Relay(Frame().vlan(100).pado().tag(0x0105, tag).eol().bytes(), kUpA, kSub);
         const auto out = TakeAll();
         ASSERT_EQ(out.size(), 1U);
         EXPECT_EQ(out[0].head.egrIfindex, kSub);
         const auto f = frames::Parse(out[0].frame);
-        EXPECT_EQ(f->find(0x0105) == nullptr, row.stripped);
-        EXPECT_EQ(size_t{f->pppoeLength}, row.stripped ? 4U : 8U + row.tag.size());
+        EXPECT_EQ(f->find(0x0105) == nullptr, stripped);
+        EXPECT_EQ(size_t{f->pppoeLength}, stripped ? 4U : 8U + tag.size());
     }
 }
 
@@ -417,33 +410,29 @@ TEST_F(PktTest, PadiFloodsEveryTrustedUplinkWhilePadrFollowsTheNamedOne)
     for (uint32_t up : {kUpA, kUpB, kUpC}) {
         Port(up, 1);
     }
-    struct Row {
-        uint8_t code;
-        uint32_t egr;
-        std::vector<uint32_t> to;
-    };
-    const Row rows[] = {
+    // The code, the egress the plane names, and the uplinks the frame goes to.
+    const std::tuple<uint8_t, uint32_t, std::vector<uint32_t>> rows[] = {
         {PPPOE_PLUS_CODE_PADI, kUpB, {kUpA, kUpB, kUpC}},
         {PPPOE_PLUS_CODE_PADR, kUpB, {kUpB}},
         {PPPOE_PLUS_CODE_PADR, kNone, {kUpA, kUpB, kUpC}},
         {PPPOE_PLUS_CODE_PADR, kSub, {}},  // named egress is no trusted uplink: dropped uncounted
     };
-    for (const Row &row : rows) {
+    for (const auto &[code, egr, sentTo] : rows) {
         PPPOE_PLUS_ResetStatisticsProc();
-        Relay(Frame().vlan(100).code(row.code).bytes(), kSub, row.egr);
+        Relay(Frame().vlan(100).code(code).bytes(), kSub, egr);
         std::vector<uint32_t> to;
         for (const Sent &s : TakeAll()) {
             to.push_back(s.head.egrIfindex);
             EXPECT_EQ(s.head.msgType, PPPOE_PLUS_SEND_MSG_TYPE);
             EXPECT_EQ(s.head.igrIfindex, 0U);
         }
-        EXPECT_EQ(to, row.to) << "code " << int{row.code} << " egress " << row.egr;
+        EXPECT_EQ(to, sentTo) << "code " << int{code} << " egress " << egr;
         for (uint32_t up : {kUpA, kUpB, kUpC}) {
-            const bool sent = std::find(row.to.begin(), row.to.end(), up) != row.to.end();
-            EXPECT_EQ(Count(up, row.code, PPPOE_PLUS_STAT_SEND), sent ? 1U : 0U);
+            const bool sent = std::find(sentTo.begin(), sentTo.end(), up) != sentTo.end();
+            EXPECT_EQ(Count(up, code, PPPOE_PLUS_STAT_SEND), sent ? 1U : 0U);
         }
-        EXPECT_EQ(Count(kSub, row.code, PPPOE_PLUS_STAT_RECV), 1U);
-        EXPECT_EQ(Count(kSub, row.code, PPPOE_PLUS_STAT_DISCARD), 0U);
+        EXPECT_EQ(Count(kSub, code, PPPOE_PLUS_STAT_RECV), 1U);
+        EXPECT_EQ(Count(kSub, code, PPPOE_PLUS_STAT_DISCARD), 0U);
     }
     // A single trusted uplink takes a PADR whatever egress was named.
     Port(kUpB, 0);
