@@ -310,9 +310,7 @@ TEST_F(CidRidTest, BuildsStayWholeWhileFormatsChangeUnderThem)
             const bool odd = (i % 2U) != 0U;
             SetFormat(100, 0, PPPOE_PLUS_INFO_CID, PPPOE_PLUS_FORMAT_USER_DEFINE, odd ? "\"port-b\"" : "\"port-a\"");
             PPPOE_PLUS_SetGlobalCidFormat(PPPOE_PLUS_FORMAT_USER_DEFINE, odd ? "\"global-b\"" : "\"global-a\"");
-            InfoFormatNode node = {};
-            node.vlanId = 100;
-            node.infoType = PPPOE_PLUS_INFO_CID;
+            const InfoFormatNode node = pplus_test::Format(100, 0, PPPOE_PLUS_INFO_CID);
             (void)PPPOE_PLUS_SetPortFormat(&node, 5, 0);
             (void)PPPOE_PLUS_SetPortTrust(1 + i % 4U, odd ? 1 : 0);
         }

@@ -63,11 +63,7 @@ TEST_F(FormatDisplayTest, BothCommonShowTwoTextValues)
     // The example is built the way the packet path builds it, so a format of
     // the sample port for its VLANs shows: an extend value (its first byte
     // is 0) printed as text under the device-wide common type is empty.
-    InfoFormatNode node = {};
-    node.vlanId = 200;
-    node.ceVlanId = 100;
-    node.infoType = PPPOE_PLUS_INFO_CID;
-    node.infoFormatType = PPPOE_PLUS_FORMAT_EXTEND;
+    const InfoFormatNode node = pplus_test::Format(200, 100, PPPOE_PLUS_INFO_CID, PPPOE_PLUS_FORMAT_EXTEND);
     ASSERT_EQ(PPPOE_PLUS_SetPortFormat(&node, 5, 1), 0U);
     EXPECT_NE(Display().find("\r\n  Circuit ID:\r\n  Remote  ID:0a1b-2c3d-4e5f"), std::string::npos);
 

@@ -191,10 +191,8 @@ TEST_F(LogTest, VendorTagDump)
     // Circuit-ID "eth 0/1/2" and Remote-ID of 14 bytes under vendor 3561.
     std::string rid(14, '\0');
     std::iota(rid.begin(), rid.end(), '\xa0');
-    const frames::Bytes value = frames::Frame::VendorValue(3561, "eth 0/1/2", rid);
-    frames::Bytes tag = value;
-    tag.insert(tag.begin(), {0x01, 0x05, 0x00, static_cast<uint8_t>(value.size())});
-    PPPOE_PLUS_PrintVendorSpecInfo(tag.data());
+    const frames::Bytes frame = frames::Frame().vendor(3561, "eth 0/1/2", rid).bytes();
+    PPPOE_PLUS_PrintVendorSpecInfo(frame.data() + frames::wire::kEthHeadLen + frames::wire::kPppoeHeadLen);
     ASSERT_EQ(DebugLines().size(), 1U);
     const std::string text = DebugLines()[0];
     EXPECT_NE(text.find("TagType:0x0105  length:31  Enterprise CODE:0xde9"), std::string::npos) << text;
