@@ -5,12 +5,10 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <set>
-#include <tuple>
 
-#include "device/fwm.hpp"
 #include "module_fixture.hpp"
 #include "platform/control.h"
+#include "device/fwm.hpp"
 #include "platform/tirn.hpp"
 #include "pppoe_plus_acl.h"
 #include "pppoe_plus_cfg.h"
@@ -80,8 +78,9 @@ TEST_F(AclTest, RequestsReachFwmAndCompleteOnTheOrchClientTask)
     EXPECT_EQ(platform::tirn::IdlMessagesOutstanding(), 0U);
 
     const device::fwm::State state = device::fwm::GetState();
-    EXPECT_EQ(std::tie(state.enabled, state.ignoreReply, state.trustedPorts),
-              std::make_tuple(true, true, std::set<uint32_t>{13}));
+    EXPECT_TRUE(state.enabled);
+    EXPECT_TRUE(state.ignoreReply);
+    EXPECT_EQ(state.trustedPorts, std::set<uint32_t>{13});
     EXPECT_EQ(device::fwm::RequestCount(device::fwm::RequestKind::TrustPortCfg), 3U);
 
     ASSERT_TRUE(WaitFor([]() {
@@ -162,6 +161,6 @@ TEST_F(AclTest, InterfaceChangeResendsOnlyForATrustedPort)
     cb->trust = 1;
     device::fwm::Stop();
     EXPECT_EQ(PPPOE_PLUS_UpdateTrustPortAcl4PortChg(22, 1), 1U);
-    EXPECT_TRUE(
-        LogHas(PLAT_LOG_DEBUG, "[PPPOE_PLUS_EVT] Proc ignore reply to update acl failed. enable:1 ifIndex:22 ret:1"));
+    EXPECT_TRUE(LogHas(PLAT_LOG_DEBUG,
+                       "[PPPOE_PLUS_EVT] Proc ignore reply to update acl failed. enable:1 ifIndex:22 ret:1"));
 }
