@@ -54,9 +54,9 @@ class Netconf(unittest.TestCase):
         self.m.copy_config(source=example_config(), target="running")
 
     def replay_subscribers(self):
-        ok, output = self.switch.control_request(
-            "port replay GigabitEthernet0/0/1=" + os.path.join(EXAMPLES, "captures", "subscribers.pcap"))
-        self.assertTrue(ok, output)
+        replay = self.switch.cli("world", "port", "replay",
+                                 "GigabitEthernet0/0/1=" + os.path.join(EXAMPLES, "captures", "subscribers.pcap"))
+        self.assertEqual(replay.returncode, 0, replay.stderr)
 
     def running(self):
         return self.m.get_config("running").data_xml
@@ -143,7 +143,7 @@ class Netconf(unittest.TestCase):
     def test_a_value_the_agent_refuses_is_rolled_back(self):
         before = self.running()
         # The agent's trust-port request to the forwarding manager fails once.
-        self.assertEqual(self.switch.control_request("fail RPC_IdlMsgCreate")[0], True)
+        self.assertEqual(self.switch.cli("world", "fail", "RPC_IdlMsgCreate").returncode, 0)
         refused = self.assertRefused(
             lambda: self.m.edit_config(target="running", config=config(
                 plus('<vendor-id><vendor-id>2011</vendor-id></vendor-id>'),
@@ -157,7 +157,7 @@ class Netconf(unittest.TestCase):
         # The vendor-id change the agent had taken is undone there as well.
         encapsulation = self.m.get(filter=("subtree", plus("<query-encapsulation/>")))
         self.assertEqual(texts(encapsulation, "//pp:query-encapsulation/pp:vendor-id"), ["3561"])
-        self.switch.control_request("fail clear")
+        self.switch.cli("world", "fail", "clear")
 
     def test_a_lock_holds_against_other_sessions_and_the_cli_until_its_session_ends(self):
         other = self.switch.connect()

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "device/fplane.hpp"
 #include "device/world.hpp"
@@ -76,14 +75,9 @@ TEST_F(PcapTest, SeveralInputsMergeInTimestampOrder)
 
 TEST_F(PcapTest, BadInputsAndPortsAreRefusedByName)
 {
-    // Missing files and folders are refused through the host in replay_test.cpp.
+    // Files that cannot be read are refused through the host in replay_test.cpp.
     PcapReplay replay;
     std::string error;
-    const std::string garbage = (dir_ / "garbage.pcap").string();
-    std::ofstream(garbage) << "not a capture at all, just text";
-    EXPECT_FALSE(replay.Add(5, garbage, &error));
-    EXPECT_NE(error.find("garbage.pcap: cannot read"), std::string::npos) << error;
-
     const std::string raw = Write("raw.pcap", {{{1, 0}, Bytes(40, 0x45)}}, DLT_RAW);
     EXPECT_FALSE(replay.Add(5, raw, &error));
     EXPECT_NE(error.find("raw.pcap: link type RAW is not Ethernet"), std::string::npos) << error;
