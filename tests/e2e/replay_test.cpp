@@ -34,22 +34,9 @@ protected:
     {
         dir_ = fs::temp_directory_path() / ("pplus-replay-" + std::to_string(getpid()));
         fs::remove_all(dir_);
-        fs::create_directories(dir_ / "captures");
+        fs::create_directories(dir_);
     }
     void TearDown() override { fs::remove_all(dir_); }
-
-    std::vector<std::string> Args(const std::vector<std::string> &more) const
-    {
-        std::vector<std::string> args{
-            "--topology",    kExamples + "/topology.yaml",
-            "--in",          "GigabitEthernet0/0/1=" + kExamples + "/captures/subscribers.pcap",
-            "--in",          "7=" + kExamples + "/captures/subscribers-port3.pcap",
-            "--in",          "XGigabitEthernet0/0/1=" + kExamples + "/captures/servers.pcap",
-            "--out",         "XGigabitEthernet0/0/1=" + (dir_ / "uplink.pcap").string(),
-            "--capture-dir", (dir_ / "captures").string()};
-        args.insert(args.end(), more.begin(), more.end());
-        return args;
-    }
 
     fs::path dir_;
 };
@@ -57,10 +44,12 @@ protected:
 TEST_F(Replay, SubscribersShowAfterDiscoveryLeaveWithThePadtAndPolicedFramesAddUp)
 {
     const std::string ds = pplus_e2e::NewDatastoreDir();
-    std::vector<std::string> args =
-        Args({"--stay", "--control", ds + "/control.sock", "--startup-config", kExamples + "/pppoe-plus.xml"});
-    const auto more = pplus_e2e::DatastoreArgs(ds);
-    args.insert(args.end(), more.begin(), more.end());
+    std::vector<std::string> args = pplus_e2e::DatastoreArgs(ds);
+    args.insert(args.end(), {"--topology", kExamples + "/topology.yaml", "--in",
+                             "GigabitEthernet0/0/1=" + kExamples + "/captures/subscribers.pcap", "--in",
+                             "7=" + kExamples + "/captures/subscribers-port3.pcap", "--in",
+                             "XGigabitEthernet0/0/1=" + kExamples + "/captures/servers.pcap", "--stay", "--control",
+                             ds + "/control.sock", "--startup-config", kExamples + "/pppoe-plus.xml"});
     pplus_e2e::Host host(args);
     ASSERT_TRUE(host.WaitForOutput("pppoe-plus-switch: fwm:", 60000)) << host.Output();
     const auto cli = [&ds](std::vector<std::string> words) { return pplus_e2e::Cli(std::move(words), ds); };

@@ -2,14 +2,11 @@
 // connections, half-sent lines, a long command; a second server on a live
 // socket.
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -25,19 +22,6 @@ using namespace std::chrono_literals;
 std::string SocketPath(const char *name)
 {
     return "/tmp/pplus-ctl-" + std::to_string(getpid()) + "-" + name + ".sock";
-}
-
-int Connect(const std::string &path)
-{
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd >= 0 && connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof(addr)) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
 }
 
 // A request through the client the CLI uses, and how long it took.
@@ -68,7 +52,7 @@ TEST(ControlServer, ServesAWellBehavedClientWhileOthersHoldConnectionsOrSendHalf
     // Twenty idle clients, one of them with half a line.
     std::vector<int> idle;
     for (int i = 0; i < 20; i++) {
-        idle.push_back(Connect(path));
+        idle.push_back(pplus_test::ConnectUnix(path));
         ASSERT_GE(idle.back(), 0);
     }
     ASSERT_EQ(send(idle.back(), "board li", 8, MSG_NOSIGNAL), 8);
@@ -106,7 +90,7 @@ TEST(ControlServer, ALongCommandDoesNotHoldUpTheOthersAndStopWaitsForIt)
     host::ControlServer server;
     std::string error;
     ASSERT_TRUE(server.Start(path, hooks, &error)) << error;
-    const int slow = Connect(path);
+    const int slow = pplus_test::ConnectUnix(path);
     ASSERT_GE(slow, 0);
     ASSERT_EQ(send(slow, "port replay X=y.pcap\n", 21, MSG_NOSIGNAL), 21);
 
