@@ -366,9 +366,7 @@ TEST_F(PlaneTest, DiscoveryBehindATagStackTheAgentCannotParseIsDroppedNeverSwitc
         {"one C-tag", {{0x8100, 100}}, 0x8863, Fate::Punted},
         {"an 0x9100 tag outside a C-tag", {{0x9100, 100}, {0x8100, 7}}, 0x8863, Fate::Punted},
         {"an 802.1ad outer tag", {{0x88a8, 100}}, 0x8863, Fate::Dropped},
-        {"an 802.1ad tag outside a C-tag", {{0x88a8, 100}, {0x8100, 7}}, 0x8863, Fate::Dropped},
         {"0x9100 as the inner tag", {{0x8100, 100}, {0x9100, 7}}, 0x8863, Fate::Dropped},
-        {"0x88a8 as the inner tag", {{0x8100, 100}, {0x88a8, 7}}, 0x8863, Fate::Dropped},
         {"three tags", {{0x8100, 100}, {0x8100, 7}, {0x8100, 8}}, 0x8863, Fate::Dropped},
         {"session traffic behind three tags", {{0x8100, 100}, {0x8100, 7}, {0x8100, 8}}, 0x8864, Fate::Switched},
     };
@@ -497,11 +495,7 @@ TEST_F(OperatorViewTest, SubscriberEntryFollowsDiscoveryFromPadiToPadtOfEitherSi
     ASSERT_TRUE(Settled());
     auto s = Find(client);
     ASSERT_TRUE(s) << "a PADI punted from a port makes an entry";
-    EXPECT_EQ(s->ifIndex, 5U);
-    EXPECT_EQ(s->vlan, 100);
     EXPECT_EQ(s->lastCode, device::fplane::kCodePadi);
-    EXPECT_FALSE(s->acMac);
-    EXPECT_FALSE(s->sessionId);
     SendFromAgent(49,
                   Frame().src(client).vlan(100).padi().hostUniq().vendor(3561, "eth 0/0/1:100", "rid-1").eol().bytes());
     plane_->Receive(49, Frame().src(kAc).dst(client).vlan(100).pado().eol().bytes());
