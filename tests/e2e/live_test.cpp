@@ -312,41 +312,4 @@ TEST_F(LiveTest, SwitchSurvivesAClientFloodingPadiWhileAnotherDiscovers)
     EXPECT_EQ(after.status, 0) << after.output;
 }
 
-// Bad bindings stop the host before the agent starts, with the reason.
-TEST(LiveBindings, HostRefusesBadBindingsWithTheReason)
-{
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "binding ports needs root";
-    }
-    struct Row {
-        const char *why;
-        std::vector<std::string> args;
-        const char *error;
-    };
-    const std::string host = PPLUS_BUILD_DIR "/bin/pppoe-plus-switch";
-    const Row rows[] = {
-        {"one netdev for two ports",
-         {host, "--netdev", "GigabitEthernet0/0/1=lo", "--netdev", "GigabitEthernet0/0/2=lo"},
-         "netdev lo is bound to two ports: port GigabitEthernet0/0/1 (netdev lo) and port GigabitEthernet0/0/2"},
-        {"a trunk's own interface",
-         {host, "--netdev", "Eth-Trunk1=lo"},
-         "port Eth-Trunk1 is a trunk's interface and carries no frames of its own"},
-        {"no such port", {host, "--netdev", "GigabitEthernet9/9/9=lo"}, "unknown port GigabitEthernet9/9/9"},
-        {"no interface can have the name",
-         {host, "--netdev", "GigabitEthernet0/0/1=no/such"},
-         "not a Linux interface name"},
-        {"without root",
-         {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", host, "--netdev", "GigabitEthernet0/0/1=lo"},
-         "packet sockets need CAP_NET_RAW: run pppoe-plus-switch as root"},
-    };
-    for (const Row &row : rows) {
-        std::vector<std::string> args(row.args.begin() + 1, row.args.end());
-        args = pplus_e2e::WithPrivateDatastore(args);
-        const ProgramRun run = RunProgram(row.args[0], args, kWaitMs);
-        EXPECT_EQ(run.status, 1) << row.why << ": " << run.output;
-        EXPECT_NE(run.output.find(row.error), std::string::npos) << row.why << ": " << run.output;
-        EXPECT_EQ(run.output.find("agent ready"), std::string::npos) << row.why;
-    }
-}
-
 }  // namespace

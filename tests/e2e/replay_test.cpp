@@ -1,8 +1,9 @@
-// The host replaying the sample captures into its ports: bad ports, files and
-// settings are refused by name. The replay's frames are checked frame by
-// frame in interop_test.cpp; here it fills the plane's subscriber table,
-// which the CLI shows, and a port replayed into while the switch runs shows
-// its policed frames.
+// The host replaying the sample captures into its ports: bad ports, files,
+// netdev bindings and settings are refused by name, before the agent
+// starts. The replay's frames are checked frame by frame in
+// interop_test.cpp; here it fills the plane's subscriber table, which the
+// CLI shows, and a port replayed into while the switch runs shows its
+// policed frames.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -114,7 +115,7 @@ TEST_F(Replay, SubscribersShowAfterDiscoveryLeaveWithThePadtAndPolicedFramesAddU
     EXPECT_EQ(host.Stop(SIGTERM), 0) << host.Output();
 }
 
-TEST_F(Replay, BadPortsFilesAndSettingsAreRefusedByName)
+TEST_F(Replay, BadPortsFilesBindingsAndSettingsAreRefusedByName)
 {
     struct Row {
         std::vector<std::string> args;
@@ -133,6 +134,11 @@ TEST_F(Replay, BadPortsFilesAndSettingsAreRefusedByName)
         {{"--startup-config", badConfig},
          "a.xml: invalid data: Invalid enumeration value \"sometimes\". (at "
          "/quendal-pppoe-plus:pppoe-plus/global-tags-policy/tags-policy)"},
+        {{"--netdev", "GigabitEthernet0/0/1=lo", "--netdev", "GigabitEthernet0/0/2=lo"},
+         "netdev lo is bound to two ports: port GigabitEthernet0/0/1 (netdev lo) and port GigabitEthernet0/0/2"},
+        {{"--netdev", "Eth-Trunk1=lo"}, "port Eth-Trunk1 is a trunk's interface and carries no frames of its own"},
+        {{"--netdev", "GigabitEthernet9/9/9=lo"}, "unknown port GigabitEthernet9/9/9"},
+        {{"--netdev", "GigabitEthernet0/0/1=no/such"}, "not a Linux interface name"},
     };
     for (const Row &row : rows) {
         std::vector<std::string> args{"--topology", kExamples + "/topology.yaml"};
@@ -141,6 +147,17 @@ TEST_F(Replay, BadPortsFilesAndSettingsAreRefusedByName)
         EXPECT_EQ(run.status, 1) << row.message << "\n" << run.output;
         EXPECT_NE(run.output.find(row.message), std::string::npos) << row.message << "\n" << run.output;
         EXPECT_EQ(run.output.find("agent ready"), std::string::npos) << "refused before the agent starts";
+    }
+    // A port bound to a netdev by a user who may not open packet sockets.
+    if (geteuid() == 0) {
+        const HostRun run = pplus_e2e::RunProgram(
+            "setpriv", pplus_e2e::WithPrivateDatastore({"--reuid=65534", "--regid=65534", "--clear-groups",
+                                                        PPLUS_BUILD_DIR "/bin/pppoe-plus-switch", "--netdev",
+                                                        "GigabitEthernet0/0/1=lo"}));
+        EXPECT_EQ(run.status, 1) << run.output;
+        EXPECT_NE(run.output.find("packet sockets need CAP_NET_RAW: run pppoe-plus-switch as root"), std::string::npos)
+            << run.output;
+        EXPECT_EQ(run.output.find("agent ready"), std::string::npos);
     }
 }
 
