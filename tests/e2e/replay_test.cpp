@@ -139,6 +139,7 @@ TEST_F(Replay, BadPortsFilesBindingsAndSettingsAreRefusedByName)
         {{"--netdev", "Eth-Trunk1=lo"}, "port Eth-Trunk1 is a trunk's interface and carries no frames of its own"},
         {{"--netdev", "GigabitEthernet9/9/9=lo"}, "unknown port GigabitEthernet9/9/9"},
         {{"--netdev", "GigabitEthernet0/0/1=no/such"}, "not a Linux interface name"},
+        {{"--netdev", "GigabitEthernet0/0/1=lv456789012345678"}, "not a Linux interface name"},
     };
     for (const Row &row : rows) {
         std::vector<std::string> args{"--topology", kExamples + "/topology.yaml"};
