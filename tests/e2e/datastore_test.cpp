@@ -51,7 +51,6 @@ TEST_F(Datastore, FormatChangedWithTheCliWhileFramesFlowChangesTheNextRelayedFra
 
     // Formats with a backslash or an optional part reach the agent as typed.
     const std::pair<std::string, std::string> checks[] = {
-        {"\"line-%sysname\"", "well formed (result 0)"},
         {"\"\\a\"", "backslash before a character that needs no escape (result 3)"},
         {"\"%svlan[.%cvlan]\"", "well formed (result 0)"},
         {"\"[%mac]\"", "optional keyword other than svlan or cvlan (result 5)"},

@@ -2,23 +2,11 @@
 // agent ready once the device database answers, stop cleanly.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "host_process.hpp"
 
 using pplus_e2e::Host;
-
-TEST(Host, BadTopologyIsRefusedWithAClearError)
-{
-    const std::string dir = pplus_e2e::NewDatastoreDir();
-    std::ofstream(dir + "/bad.yaml") << "system:\n  name: S\n  chassis: many\n";
-    Host host({"--topology", dir + "/bad.yaml"});
-    EXPECT_EQ(host.Wait(), 1);
-    EXPECT_NE(host.Output().find("chassis"), std::string::npos) << host.Output();
-    std::filesystem::remove_all(dir);
-}
 
 TEST(Host, ReadinessWaitsForTheDeviceDatabaseAndTheAgentAttachesToTheForwardingManager)
 {

@@ -1,6 +1,6 @@
-// The host replaying the sample captures into its ports: bad ports, files,
-// netdev bindings and settings are refused by name, before the agent
-// starts. The replay's frames are checked frame by frame in
+// The host replaying the sample captures into its ports: bad topologies,
+// ports, files, netdev bindings and settings are refused by name, before
+// the agent starts. The replay's frames are checked frame by frame in
 // interop_test.cpp; here it fills the plane's subscriber table, which the
 // CLI shows, and a port replayed into while the switch runs shows its
 // policed frames.
@@ -125,7 +125,11 @@ TEST_F(Replay, BadPortsFilesBindingsAndSettingsAreRefusedByName)
     const std::string badConfig = (dir_ / "a.xml").string();
     std::ofstream(badConfig) << "<pppoe-plus xmlns=\"urn:quendal:yang:quendal-pppoe-plus\"><global-tags-policy>"
                                 "<tags-policy>sometimes</tags-policy></global-tags-policy></pppoe-plus>";
+    const std::string badTopology = (dir_ / "bad.yaml").string();
+    std::ofstream(badTopology) << "system:\n  name: S\n  chassis: many\n";
+    // The ports are those of the bundled example topology.
     const std::vector<Row> rows{
+        {{"--topology", badTopology}, "chassis"},
         {{"--in", "GigabitEthernet9/9/9=" + missing}, "--in GigabitEthernet9/9/9=" + missing + ": unknown port"},
         {{"--in", "GigabitEthernet0/0/1"}, "--in GigabitEthernet0/0/1: expected PORT=FILE.pcap"},
         {{"--in", "5=" + missing}, missing + ": cannot read"},
@@ -142,9 +146,7 @@ TEST_F(Replay, BadPortsFilesBindingsAndSettingsAreRefusedByName)
         {{"--netdev", "GigabitEthernet0/0/1=lv456789012345678"}, "not a Linux interface name"},
     };
     for (const Row &row : rows) {
-        std::vector<std::string> args{"--topology", kExamples + "/topology.yaml"};
-        args.insert(args.end(), row.args.begin(), row.args.end());
-        const HostRun run = RunHost(args, 20000);
+        const HostRun run = RunHost(row.args, 20000);
         EXPECT_EQ(run.status, 1) << row.message << "\n" << run.output;
         EXPECT_NE(run.output.find(row.message), std::string::npos) << row.message << "\n" << run.output;
         EXPECT_EQ(run.output.find("agent ready"), std::string::npos) << "refused before the agent starts";
