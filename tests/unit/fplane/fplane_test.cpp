@@ -51,6 +51,12 @@ trunks:
 constexpr frames::Mac kHostA{0x02, 0, 0, 0, 0, 0x0a};
 constexpr frames::Mac kHostB{0x02, 0, 0, 0, 0, 0x0b};
 
+// Station n's MAC (n below 2^24).
+frames::Mac Client(uint32_t n)
+{
+    return {0x02, 0x10, 0, static_cast<uint8_t>(n >> 16), static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(n)};
+}
+
 struct Punt {
     DpxPktHead head;
     Bytes frame;
@@ -288,7 +294,7 @@ TEST_F(PlaneTest, ReceiversOnSeveralPortsAtOnceWhileTheWorldChanges)
     std::vector<std::thread> threads;
     for (const uint32_t port : senders) {
         threads.emplace_back([this, port, &running]() {
-            const Bytes frame = PlainFrame(kHostB, frames::Mac{0x02, 0, 0, 0, 1, static_cast<uint8_t>(port)});
+            const Bytes frame = PlainFrame(kHostB, Client(port));
             for (uint64_t i = 0; i < kFrames; i++) {
                 plane_->Receive(port, frame);
             }
@@ -309,8 +315,7 @@ TEST_F(PlaneTest, ReceiversOnSeveralPortsAtOnceWhileTheWorldChanges)
     for (const uint32_t port : senders) {
         EXPECT_EQ(plane_->Counters(port).rx, kFrames);
         EXPECT_EQ(plane_->Counters(port).dropped, 0U);
-        EXPECT_EQ(plane_->Lookup(port == 7 ? 101 : 100, frames::Mac{0x02, 0, 0, 0, 1, static_cast<uint8_t>(port)}),
-                  port);
+        EXPECT_EQ(plane_->Lookup(port == 7 ? 101 : 100, Client(port)), port);
     }
     const auto uplink = plane_->Counters(49);
     EXPECT_EQ(uplink.tx + uplink.dropped, kFrames * std::size(senders)) << "each frame left or dropped on the uplink";
@@ -332,12 +337,8 @@ TEST_F(PlaneTest, AFloodOfSourceMacsNeitherGrowsTheMacTableNorStopsLearning)
     plane_.reset();
     plane_ = std::make_unique<ForwardingPlane>(discard);
     const size_t macs = device::fplane::kMacTableSlots + device::fplane::kMacTableSlots / 8;
-    Bytes frame = PlainFrame(frames::kBroadcast, kHostA);
-    for (size_t i = 0; i < macs; i++) {
-        frame[9] = static_cast<uint8_t>(i >> 16);
-        frame[10] = static_cast<uint8_t>(i >> 8);
-        frame[11] = static_cast<uint8_t>(i);
-        plane_->Receive(5, frame);
+    for (uint32_t i = 0; i < macs; i++) {
+        plane_->Receive(5, PlainFrame(frames::kBroadcast, Client(i)));
     }
     const size_t learnt = plane_->MacTable().size();
     EXPECT_LE(learnt, device::fplane::kMacTableSlots);
@@ -474,10 +475,6 @@ protected:
             }
         }
         return std::nullopt;
-    }
-    static frames::Mac Client(uint32_t n)
-    {
-        return {0x02, 0x10, 0, static_cast<uint8_t>(n >> 16), static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(n)};
     }
     static Bytes PadiFrom(const frames::Mac &mac) { return Frame().src(mac).padi().hostUniq().eol().bytes(); }
 };
