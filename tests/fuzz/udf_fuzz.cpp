@@ -22,9 +22,7 @@ namespace {
 
 UserInfo g_info = {};
 
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
+void ReadyModule()
 {
     pplus_fuzz::UseFuzzSwitch();
     Require(PPPOE_PLUS_InitMemHandle() == 0U);
@@ -41,6 +39,13 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     (void)std::snprintf(g_info.portName, sizeof(g_info.portName), "GE1/2/3");
     (void)std::snprintf(g_info.portDescr, sizeof(g_info.portDescr), "subscriber line");
     g_info.portDescrValid = 1;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    ReadyModule();
     return 0;
 }
 
@@ -67,20 +72,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     using Rule = uint32_t (*)(const char *);
     constexpr Rule kRules[] = {
-        PPPOE_PLUS_UserFmtChkKeyWord,
-        PPPOE_PLUS_UserFmtChkQuotationMarks,
-        PPPOE_PLUS_UserFmtChkKeyWordsNum,
-        PPPOE_PLUS_UserFmtCheckFirstKeyWord,
-        PPPOE_PLUS_UserFmtChkNullInQuotationMarks,
-        PPPOE_PLUS_UserFmtChkChAfterBlackslash,
-        PPPOE_PLUS_UserFmtChkDelimiter,
-        PPPOE_PLUS_UserFmtChkSquareparenthesis,
-        PPPOE_PLUS_UserFmtChkKeyWordsNumInOptional,
-        PPPOE_PLUS_UserFmtChkKeyWordInOptional,
-        PPPOE_PLUS_UserFmtChkDiffMeanings,
-        PPPOE_PLUS_UserFmtChkChInHex,
-        PPPOE_PLUS_UserFmtChkNumInHex,
-        PPPOE_PLUS_UserFmtChkKeyWordInHex,
+        PPPOE_PLUS_UserFmtChkKeyWord,           PPPOE_PLUS_UserFmtChkQuotationMarks,
+        PPPOE_PLUS_UserFmtChkKeyWordsNum,       PPPOE_PLUS_UserFmtCheckFirstKeyWord,
+        PPPOE_PLUS_UserFmtChkNullInQuotationMarks, PPPOE_PLUS_UserFmtChkChAfterBlackslash,
+        PPPOE_PLUS_UserFmtChkDelimiter,         PPPOE_PLUS_UserFmtChkSquareparenthesis,
+        PPPOE_PLUS_UserFmtChkKeyWordsNumInOptional, PPPOE_PLUS_UserFmtChkKeyWordInOptional,
+        PPPOE_PLUS_UserFmtChkDiffMeanings,      PPPOE_PLUS_UserFmtChkChInHex,
+        PPPOE_PLUS_UserFmtChkNumInHex,          PPPOE_PLUS_UserFmtChkKeyWordInHex,
         PPPOE_PLUS_UserDfdHexFmtCheck,
     };
     for (Rule rule : kRules) {
