@@ -77,7 +77,7 @@ TEST(ControlServer, ServesAWellBehavedClientWhileOthersHoldConnectionsOrSendHalf
     EXPECT_EQ(Request(path, std::string(5000, 'x')), "error: command line longer than 4096 bytes\n");
 }
 
-TEST(ControlServer, ALongCommandDoesNotHoldUpTheOthersAndStopWaitsForIt)
+TEST(ControlServer, ALongCommandDoesNotHoldUpTheOthersStopWaitsForItAndALiveSocketIsNotTakenOver)
 {
     const std::string path = SocketPath("long");
     std::atomic<bool> release{false};
@@ -90,6 +90,13 @@ TEST(ControlServer, ALongCommandDoesNotHoldUpTheOthersAndStopWaitsForIt)
     host::ControlServer server;
     std::string error;
     ASSERT_TRUE(server.Start(path, hooks, &error)) << error;
+    // A live socket is not taken over; an unknown group is refused.
+    host::ControlServer second;
+    EXPECT_FALSE(second.Start(path, {}, &error));
+    EXPECT_EQ(error, "another pppoe-plus-switch is listening on " + path);
+    EXPECT_FALSE(second.Start(SocketPath("grp"), {}, &error, {"no-such-group-hd"}));
+    EXPECT_EQ(error, "no group named \"no-such-group-hd\"");
+
     const int slow = pplus_test::ConnectUnix(path);
     ASSERT_GE(slow, 0);
     ASSERT_EQ(send(slow, "port replay X=y.pcap\n", 21, MSG_NOSIGNAL), 21);
@@ -102,18 +109,4 @@ TEST(ControlServer, ALongCommandDoesNotHoldUpTheOthersAndStopWaitsForIt)
     close(slow);
     server.Stop();
     EXPECT_NE(access(path.c_str(), F_OK), 0);
-}
-
-TEST(ControlServer, ALiveSocketIsNotTakenOverAndAnUnknownGroupIsRefused)
-{
-    const std::string path = SocketPath("live");
-    host::ControlServer server;
-    std::string error;
-    ASSERT_TRUE(server.Start(path, {}, &error)) << error;
-
-    host::ControlServer second;
-    EXPECT_FALSE(second.Start(path, {}, &error));
-    EXPECT_EQ(error, "another pppoe-plus-switch is listening on " + path);
-    EXPECT_FALSE(second.Start(SocketPath("grp"), {}, &error, {"no-such-group-hd"}));
-    EXPECT_EQ(error, "no group named \"no-such-group-hd\"");
 }
