@@ -242,7 +242,7 @@ TEST_F(LivePortsTest, FramesLongerThanTheMtuAllowsAreDroppedAndCountedNeverCut)
     EXPECT_EQ(TestFramesOn(kPortB), 0U);
 }
 
-TEST_F(LivePortsTest, LinkChangesTakePortsOffAndOnBoardAndARecreatedNetdevIsBoundAgain)
+TEST_F(LivePortsTest, LinkChangesTakePortsOffAndOnBoardRetryingAFailedBindAndARecreatedNetdevIsBoundAgain)
 {
     StartPorts();
     // B's link going down also takes A's carrier.
@@ -253,9 +253,14 @@ TEST_F(LivePortsTest, LinkChangesTakePortsOffAndOnBoardAndARecreatedNetdevIsBoun
     ports_->Transmit(kPortA, TestFrame(60));
     EXPECT_EQ(StatsOf(kPortA).txDropped, 1U) << "nothing is queued while the link is down";
 
+    // Back up, the first two binds fail: the ports come on board at a later try.
+    const uint32_t hits = PLAT_FailHits(kBindOp);
+    PLAT_FailSet(kBindOp, 0, 2, EBUSY);
     ASSERT_TRUE(Sh("ip link set lvb up"));
     EXPECT_TRUE(WaitLink(kPortB, true));
     EXPECT_TRUE(WaitLink(kPortA, true));
+    EXPECT_EQ(PLAT_FailHits(kBindOp), hits + 2);
+    EXPECT_NE(Notes().find(": cannot bind: cannot open a packet socket"), std::string::npos) << Notes();
     ports_->Transmit(kPortA, TestFrame(60, {}, 0x11));
     EXPECT_EQ(NextFrame(kPortB), TestFrame(60, {}, 0x11)) << "the frame dropped while down never leaves late";
 
@@ -270,53 +275,34 @@ TEST_F(LivePortsTest, LinkChangesTakePortsOffAndOnBoardAndARecreatedNetdevIsBoun
     EXPECT_EQ(NextFrame(kPortA), TestFrame(60, {{0x8100, 7}}));
 }
 
-TEST_F(LivePortsTest, ABindThatFailsIsRefusedAtStartAndRetriedAfterALinkChange)
+TEST_F(LivePortsTest, BadBindingsAndFailedOpensAreRefusedAndAMissingNetdevStartsOffBoard)
 {
-    {
-        PLAT_FailSet(kBindOp, 0, 1, EBUSY);
-        LivePorts ports;
-        std::string error;
-        EXPECT_FALSE(ports.Open({{kPortA, "lva"}}, &error));
-        EXPECT_NE(error.find("port 1 (netdev lva): cannot open a packet socket: " + std::string(std::strerror(EBUSY))),
-                  std::string::npos)
-            << error;
-        PLAT_FailSet("device::fplane::LinkWatcher::Open", 0, 1, EMFILE);
-        EXPECT_FALSE(ports.Open({{kPortB, "lvb"}}, &error));
-        EXPECT_NE(error.find("cannot open a netlink socket to follow links"), std::string::npos) << error;
-    }
-    StartPorts();
-    ASSERT_TRUE(Sh("ip link set lvb down"));
-    ASSERT_TRUE(pplus_test::WaitFor([this]() { return !ports_->IsUp(kPortA) && !ports_->IsUp(kPortB); }, kWaitMs));
-    // Back up, the first two binds fail: the ports come on board at a later try.
-    PLAT_FailSet(kBindOp, 0, 2, EBUSY);
-    ASSERT_TRUE(Sh("ip link set lvb up"));
-    EXPECT_TRUE(pplus_test::WaitFor([this]() { return ports_->IsUp(kPortA) && ports_->IsUp(kPortB); }, kWaitMs));
-    EXPECT_EQ(PLAT_FailHits(kBindOp), 3U);
-    EXPECT_NE(Notes().find(": cannot bind: cannot open a packet socket"), std::string::npos) << Notes();
-    ports_->Transmit(kPortA, TestFrame(60));
-    EXPECT_TRUE(NextFrame(kPortB));
-}
+    // A packet socket or the link watcher's netlink socket that cannot be opened.
+    LivePorts refusing;
+    std::string error;
+    PLAT_FailSet(kBindOp, 0, 1, EBUSY);
+    EXPECT_FALSE(refusing.Open({{kPortA, "lva"}}, &error));
+    EXPECT_NE(error.find("port 1 (netdev lva): cannot open a packet socket: " + std::string(std::strerror(EBUSY))),
+              std::string::npos)
+        << error;
+    PLAT_FailSet("device::fplane::LinkWatcher::Open", 0, 1, EMFILE);
+    EXPECT_FALSE(refusing.Open({{kPortB, "lvb"}}, &error));
+    EXPECT_NE(error.find("cannot open a netlink socket to follow links"), std::string::npos) << error;
 
-TEST_F(LivePortsTest, BadBindingsAreRefusedAndAMissingNetdevStartsOffBoard)
-{
     // A netdev of another named namespace: refused, naming the namespace
     // (the host's refusals of other bad bindings are the replay suite's).
     const std::string ns = "lv" + std::to_string(getpid()) + "x";
     ASSERT_TRUE(Sh("ip netns add " + ns));
     const bool moved = Sh("ip link add lvother type veth peer name lvother2 && ip link set lvother netns " + ns);
-    {
-        LivePorts ports;
-        std::string error;
-        const bool opened = ports.Open({{kPortA, "lvother"}}, &error);
-        Sh("ip netns del " + ns);
-        ASSERT_TRUE(moved);
-        EXPECT_FALSE(opened);
-        EXPECT_NE(error.find("in network namespace " + ns), std::string::npos) << error;
-    }
+    LivePorts elsewhere;
+    const bool opened = elsewhere.Open({{kPortA, "lvother"}}, &error);
+    Sh("ip netns del " + ns);
+    ASSERT_TRUE(moved);
+    EXPECT_FALSE(opened);
+    EXPECT_NE(error.find("in network namespace " + ns), std::string::npos) << error;
 
     // Missing: a warning naming it; off board until it appears.
     ports_ = std::make_unique<LivePorts>([this](const std::string &line) { Note(line); });
-    std::string error;
     ASSERT_TRUE(ports_->Open({{kPortA, "lvlater"}}, &error)) << error;
     EXPECT_FALSE(ports_->IsUp(kPortA));
     EXPECT_EQ(Notes(),
