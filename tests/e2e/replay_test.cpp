@@ -29,18 +29,7 @@ const std::string kExamples = PPLUS_SOURCE_DIR "/examples";
 using HostRun = pplus_e2e::ProgramRun;
 using pplus_e2e::RunHost;
 
-class Replay : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        dir_ = fs::temp_directory_path() / ("pplus-replay-" + std::to_string(getpid()));
-        fs::remove_all(dir_);
-        fs::create_directories(dir_);
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-
-    fs::path dir_;
-};
+class Replay : public pplus_e2e::TempDirTest {};
 
 TEST_F(Replay, SubscribersShowAfterDiscoveryLeaveWithThePadtAndPolicedFramesAddUp)
 {
