@@ -124,10 +124,11 @@ TEST(WorldControl, UplinkOffBoardAndBackReachesFwmAndBoardsListsHaEventsAndError
         << gone.output;
     // Argument errors, found before anything is asked: one exit code, the
     // reason and the usage line of the command reached (a missing
-    // subcommand, a value the parser refuses, a command's own check).
+    // subcommand, values the parser refuses, a command's own check).
     const std::pair<std::string, std::string> misuse[] = {
         {"world", "Usage: pppoe-plus-cli world [OPTIONS] SUBCOMMAND"},
         {"vendor-id 4294967296", "Usage: pppoe-plus-cli vendor-id"},
+        {"policy drop --port a --port b", "Usage: pppoe-plus-cli policy"},
         {"format cid user-define", "pppoe-plus-cli: format: user-define needs its format string\nUsage:"},
     };
     for (const auto &[args, usage] : misuse) {
