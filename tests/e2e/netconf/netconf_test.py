@@ -219,9 +219,7 @@ class Netconf(unittest.TestCase):
 
     def test_get_schema_serves_the_switchs_modules(self):
         for module in ("quendal-pppoe-plus", "quendal-ifm", "quendal-forwarding-plane"):
-            with self.subTest(module):
-                text = self.m.get_schema(module).data
-                self.assertIn("module %s {" % module, text)
+            self.assertIn("module %s {" % module, self.m.get_schema(module).data)
         self.assertRefused(lambda: self.m.get_schema("no-such-module"), "invalid-value")
 
     def test_misbehaving_clients_leave_the_server_serving(self):
