@@ -1,8 +1,8 @@
 // The forwarding plane: VLAN classification and tagging, MAC learning and
 // flooding, punting of discovery frames to the agent only while the feature
-// is on, and transmission of what the agent sends back. A thread taking from
-// "channel/dpx2ppplus" and putting to "channel/ppplus2dpx" stands in for
-// the agent.
+// is on, and transmission of what the agent sends back; the subscriber
+// table and punt policing. The test stands in for the agent: it takes from
+// "channel/dpx2ppplus" and puts to "channel/ppplus2dpx".
 #include <gtest/gtest.h>
 
 #include <atomic>
