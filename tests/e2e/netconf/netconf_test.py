@@ -117,7 +117,7 @@ class Netconf(unittest.TestCase):
         # The base model has no running target for delete-config.
         self.assertRefused(lambda: self.m.delete_config(target="running"), "operation-failed", None, "running")
 
-    def test_refused_edits_name_the_node_and_change_nothing(self):
+    def test_refused_edits_name_the_node_and_change_nothing_and_the_agents_refusal_rolls_back(self):
         before = self.running()
         rows = [
             ("a value outside its enumeration", plus('<global-tags-policy><tags-policy>sometimes</tags-policy>'
@@ -135,9 +135,7 @@ class Netconf(unittest.TestCase):
                 self.assertRefused(lambda: self.m.edit_config(target="running", config=config(edit)), tag, path)
                 self.assertEqual(self.running(), before)
 
-    def test_a_value_the_agent_refuses_is_rolled_back(self):
-        before = self.running()
-        # The agent's trust-port request to the forwarding manager fails once.
+        # A value the agent refuses is rolled back: the agent's trust-port request to the forwarding manager fails once.
         self.assertEqual(self.switch.cli("world", "fail", "RPC_IdlMsgCreate").returncode, 0)
         refused = self.assertRefused(
             lambda: self.m.edit_config(target="running", config=config(

@@ -39,15 +39,28 @@ std::string Request(const std::string &path, const std::string &line, std::chron
 
 }  // namespace
 
-TEST(ControlServer, ServesAWellBehavedClientWhileOthersHoldConnectionsOrSendHalfALine)
+TEST(ControlServer, ServesAWellBehavedClientWhileOthersHoldConnectionsSendHalfALineOrRunALongCommand)
 {
     const std::string path = SocketPath("busy");
     host::ControlServerLimits limits;
     limits.maxConnections = 8;
     limits.readTimeout = 1500ms;
+    std::atomic<bool> release{false};
+    host::ControlHooks hooks;
+    hooks.replay = [&release](const std::string &, std::string *output) {
+        pplus_test::WaitFor([&release]() { return release.load(); }, 20000);
+        *output = "replayed";
+        return true;
+    };
     host::ControlServer server;
     std::string error;
-    ASSERT_TRUE(server.Start(path, {}, &error, {}, limits)) << error;
+    ASSERT_TRUE(server.Start(path, hooks, &error, {}, limits)) << error;
+    // A live socket is not taken over; an unknown group is refused.
+    host::ControlServer second;
+    EXPECT_FALSE(second.Start(path, {}, &error));
+    EXPECT_EQ(error, "another pppoe-plus-switch is listening on " + path);
+    EXPECT_FALSE(second.Start(SocketPath("grp"), {}, &error, {"no-such-group-hd"}));
+    EXPECT_EQ(error, "no group named \"no-such-group-hd\"");
 
     // Twenty idle clients, one of them with half a line.
     std::vector<int> idle;
@@ -75,33 +88,11 @@ TEST(ControlServer, ServesAWellBehavedClientWhileOthersHoldConnectionsOrSendHalf
 
     // A line over the limit is refused at once.
     EXPECT_EQ(Request(path, std::string(5000, 'x')), "error: command line longer than 4096 bytes\n");
-}
 
-TEST(ControlServer, ALongCommandDoesNotHoldUpTheOthersStopWaitsForItAndALiveSocketIsNotTakenOver)
-{
-    const std::string path = SocketPath("long");
-    std::atomic<bool> release{false};
-    host::ControlHooks hooks;
-    hooks.replay = [&release](const std::string &, std::string *output) {
-        pplus_test::WaitFor([&release]() { return release.load(); }, 20000);
-        *output = "replayed";
-        return true;
-    };
-    host::ControlServer server;
-    std::string error;
-    ASSERT_TRUE(server.Start(path, hooks, &error)) << error;
-    // A live socket is not taken over; an unknown group is refused.
-    host::ControlServer second;
-    EXPECT_FALSE(second.Start(path, {}, &error));
-    EXPECT_EQ(error, "another pppoe-plus-switch is listening on " + path);
-    EXPECT_FALSE(second.Start(SocketPath("grp"), {}, &error, {"no-such-group-hd"}));
-    EXPECT_EQ(error, "no group named \"no-such-group-hd\"");
-
+    // A long command does not hold up the others; stop waits for it.
     const int slow = pplus_test::ConnectUnix(path);
     ASSERT_GE(slow, 0);
     ASSERT_EQ(send(slow, "port replay X=y.pcap\n", 21, MSG_NOSIGNAL), 21);
-
-    std::chrono::milliseconds took{};
     EXPECT_EQ(Request(path, "board list", &took).rfind("ok\n", 0), 0U);
     EXPECT_LT(took, 1000ms);
     release = true;
