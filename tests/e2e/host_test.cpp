@@ -17,6 +17,7 @@ TEST(Host, ReadinessWaitsForTheDeviceDatabaseAndTheAgentAttachesToTheForwardingM
         {"--topology", "examples/topology.yaml", "--devm-delay-ms", "300", "--time-scale", "10", "--run-for", "1"},
         PPLUS_SOURCE_DIR);
     ASSERT_TRUE(host.WaitForOutput("agent ready", 20000)) << host.Output();
+    EXPECT_NE(host.Output().find("empty running configuration"), std::string::npos);
     const size_t notReady = host.Output().find("[PPPOEPLUS_FRAME]MainBoardId is not ready.ret=");
     EXPECT_NE(notReady, std::string::npos) << host.Output();
     EXPECT_LT(notReady, host.Output().find("DEVM_DB is ready."));
