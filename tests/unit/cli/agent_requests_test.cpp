@@ -52,7 +52,7 @@ protected:
     ly_ctx *ctx_ = nullptr;
 };
 
-TEST_F(ShortForms, EditsAreValidRunningDataOfTheModel)
+TEST_F(ShortForms, EditsAreValidRunningDataAndOperationInputsValidInputsOfTheModel)
 {
     const Port port{"GigabitEthernet0/0/1", 5};
     const std::vector<std::string> edits{
@@ -74,10 +74,8 @@ TEST_F(ShortForms, EditsAreValidRunningDataOfTheModel)
     }
     // The mapping the agent reads: ignore-reply on is ignore-policy false.
     EXPECT_NE(IgnoreReplyXml(true).find("<ignore-policy>false</ignore-policy>"), std::string::npos);
-}
 
-TEST_F(ShortForms, OperationInputsAreValidAndPathsNameTheItems)
-{
+    // Operation inputs are valid; paths name the items.
     EXPECT_EQ(RpcError(SetDebuggingXml(4, true)), "");
     EXPECT_EQ(RpcError(SetDebuggingXml(0, false)), "");
     EXPECT_EQ(RpcError(ResetStatisticsXml()), "");
