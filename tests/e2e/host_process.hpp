@@ -1,5 +1,6 @@
 // A pppoe-plus-switch started by a test, its standard output and error
-// read through a pipe; programs run to their end; captures read back.
+// read through a pipe; programs run to their end; captures read back; a
+// test's own temporary folder.
 #pragma once
 
 #include <pcap/pcap.h>
@@ -18,6 +19,8 @@
 #include <tuple>
 #include <utility>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "fd_text.hpp"
 
@@ -207,6 +210,22 @@ private:
     int out_ = -1;
     bool exited_ = false;
     std::string output_;
+};
+
+// A test with a fresh folder of its own (named after its suite) under the
+// system's temporary folder, removed when the test ends.
+class TempDirTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        const std::string suite = testing::UnitTest::GetInstance()->current_test_info()->test_suite_name();
+        dir_ = std::filesystem::temp_directory_path() / ("pplus-" + suite + "-" + std::to_string(getpid()));
+        std::filesystem::remove_all(dir_);
+        std::filesystem::create_directories(dir_);
+    }
+    void TearDown() override { std::filesystem::remove_all(dir_); }
+
+    std::filesystem::path dir_;
 };
 
 }  // namespace pplus_e2e

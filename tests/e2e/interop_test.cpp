@@ -43,21 +43,21 @@ std::vector<std::string> Decode(const fs::path &capture)
 
 }  // namespace
 
-TEST(Interop, TsharkSeesTheTagInsertedTowardsTheServerAndStrippedTowardsTheSubscriber)
+class Interop : public pplus_e2e::TempDirTest {};
+
+TEST_F(Interop, TsharkSeesTheTagInsertedTowardsTheServerAndStrippedTowardsTheSubscriber)
 {
     ASSERT_EQ(access(kTshark.c_str(), X_OK), 0)
         << "tshark is needed (Debian package tshark; scripts/install-deps.sh installs it)";
-    const fs::path dir = fs::temp_directory_path() / ("pplus-interop-" + std::to_string(getpid()));
-    fs::remove_all(dir);
-    fs::create_directories(dir / "captures");
+    fs::create_directories(dir_ / "captures");
 
     const pplus_e2e::ProgramRun host =
         pplus_e2e::RunHost({"--topology", kExamples + "/topology.yaml", "--in",
                             "GigabitEthernet0/0/1=" + kExamples + "/captures/subscribers.pcap", "--in",
                             "GigabitEthernet0/0/3=" + kExamples + "/captures/subscribers-port3.pcap", "--in",
                             "XGigabitEthernet0/0/1=" + kExamples + "/captures/servers.pcap", "--out",
-                            "XGigabitEthernet0/0/1=" + (dir / "uplink.pcap").string(), "--capture-dir",
-                            (dir / "captures").string(), "--startup-config", kExamples + "/pppoe-plus.xml"});
+                            "XGigabitEthernet0/0/1=" + (dir_ / "uplink.pcap").string(), "--capture-dir",
+                            (dir_ / "captures").string(), "--startup-config", kExamples + "/pppoe-plus.xml"});
     ASSERT_EQ(host.status, 0) << host.output;
     EXPECT_NE(host.output.find("0 frame buffer(s) outstanding"), std::string::npos) << host.output;
     EXPECT_NE(host.output.find("fwm: feature on"), std::string::npos) << host.output;
@@ -76,20 +76,19 @@ TEST(Interop, TsharkSeesTheTagInsertedTowardsTheServerAndStrippedTowardsTheSubsc
         "02:00:00:00:00:02|101|0x09|7375622d32|3561|eth 0/0/3:101.0 AccessSwitch-1/0/0/0/0/0|00e0-fc12-3456",
         "02:00:00:00:00:01|100|0x19|7375622d31|3561|eth 0/0/1:100.0 AccessSwitch-1/0/0/0/0/0|00e0-fc12-3456",
     };
-    EXPECT_EQ(Decode(dir / "uplink.pcap"), uplink);
+    EXPECT_EQ(Decode(dir_ / "uplink.pcap"), uplink);
 
     // Towards the subscribers, untagged out of the access ports: the
     // server's PADO and PADS lose the tag the switch had put there, and
     // keep everything else.
     const std::vector<std::string> port1{"02:00:00:00:00:aa||0x07|7375622d31|||",
                                          "02:00:00:00:00:aa||0x65|7375622d31|||"};
-    EXPECT_EQ(Decode(dir / "captures" / "GigabitEthernet0_0_1.pcap"), port1);
+    EXPECT_EQ(Decode(dir_ / "captures" / "GigabitEthernet0_0_1.pcap"), port1);
     const std::vector<std::string> port3{"02:00:00:00:00:aa||0x07|7375622d32|||"};
-    EXPECT_EQ(Decode(dir / "captures" / "GigabitEthernet0_0_3.pcap"), port3);
+    EXPECT_EQ(Decode(dir_ / "captures" / "GigabitEthernet0_0_3.pcap"), port3);
 
     // The replayed server frames did carry the tag: the strip is the agent's.
     const std::vector<std::string> servers = Decode(kExamples + "/captures/servers.pcap");
     ASSERT_EQ(servers.size(), 3U);
     EXPECT_NE(servers[0].find("|eth 0/0/1:100.0 AccessSwitch-1/0/0/0/0/0|"), std::string::npos) << servers[0];
-    fs::remove_all(dir);
 }

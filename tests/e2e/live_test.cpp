@@ -1,10 +1,10 @@
-// The switch on live ports with real PPPoE software around it: each test
+// The switch on live ports with real PPPoE software around it: the test
 // brings up the lab (scripts/lab.sh, with a prefix of its own so that runs
 // never meet) and takes it down again, also when it fails. rp-pppoe's client
 // discovers through the switch; what the concentrators and subscribers
 // receive is captured in their namespaces with dumpcap; the switch's
 // punt policing is read through pppoe-plus-cli. Needs root, network
-// namespaces and rp-pppoe: a test skips with the reason otherwise.
+// namespaces and rp-pppoe: the test skips with the reason otherwise.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -21,12 +21,11 @@
 
 namespace {
 
+using frames::ParsedFrame;
 using pplus_e2e::ProgramRun;
 using pplus_e2e::RunProgram;
-using frames::ParsedFrame;
 
 constexpr uint8_t kPadi = 0x09;
-constexpr uint8_t kPado = 0x07;
 constexpr uint8_t kPadr = 0x19;
 constexpr uint8_t kPads = 0x65;
 constexpr uint16_t kTagVendorSpecific = 0x0105;
@@ -134,13 +133,6 @@ public:
             kWaitMs);
     }
 
-    bool SwitchRuns() const
-    {
-        std::ifstream in(dir_ + "/switch.pid");
-        pid_t pid = 0;
-        return static_cast<bool>(in >> pid) && pid > 0 && kill(pid, 0) == 0;
-    }
-
 private:
     std::string prefix_;
     std::string dir_;
@@ -205,157 +197,100 @@ private:
     std::string output_;
 };
 
-class LiveTest : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        if (const std::string why = WhyNoLab(); !why.empty()) {
-            GTEST_SKIP() << why;
-        }
-        lab_ = std::make_unique<Lab>();
-        const ProgramRun up = lab_->Script("up");
-        ASSERT_EQ(up.status, 0) << up.output << lab_->SwitchOutput();
-    }
-    void TearDown() override { lab_.reset(); }
-
-    std::unique_ptr<Lab> lab_;
-};
-
 // What rp-pppoe's client prints for a session it got (it prints session 0
 // and exits 0 when no offer came).
 const std::regex kSession(R"((^|\n)[1-9]\d*:[0-9a-f]{2}(:[0-9a-f]{2}){5}\s*(\n|$))");
 
-TEST_F(LiveTest, RealClientsDiscoverThroughTheSwitchTaggedTowardsTheServerStrippedTowardsThem)
+// One lab for the whole story: real clients discover, the trusted uplink
+// goes down and up, a client floods.
+TEST(Live, ClientsDiscoverTaggedTowardsTheServerTheUplinksAclFollowsItsLinkAndAFloodIsPoliced)
 {
-    Capture trusted(*lab_, "ac1", "t1");
-    Capture untrusted(*lab_, "ac2", "t2");
-    Capture sub1(*lab_, "sub1", "c1");
-    Capture sub2(*lab_, "sub2", "c3");
-    for (Capture *c : {&trusted, &untrusted, &sub1, &sub2}) {
-        ASSERT_EQ(c->Error(), "");
+    if (const std::string why = WhyNoLab(); !why.empty()) {
+        GTEST_SKIP() << why;
     }
-
-    for (int n : {1, 2}) {
-        const ProgramRun got = lab_->Discover(n);
-        EXPECT_EQ(got.status, 0) << "subscriber " << n << ": " << got.output << lab_->SwitchOutput();
-        EXPECT_TRUE(std::regex_search(got.output, kSession)) << got.output;
-    }
-
-    // The concentrator on the trusted trunk: PADI and PADR of each line in
-    // its VLAN, carrying the agent's tag; its own PADO and PADS back.
-    struct Expect {
-        uint8_t code;
-        uint16_t vlan;
-        const char *circuitId;
-    };
-    for (const Expect &e : {Expect{kPadi, 100, kCircuitIdLine1}, Expect{kPadr, 100, kCircuitIdLine1},
-                            Expect{kPadi, 101, kCircuitIdLine3}, Expect{kPadr, 101, kCircuitIdLine3}}) {
-        EXPECT_TRUE(trusted.WaitFor([&](const ParsedFrame &f) {
-            return Is(f, e.code, e.vlan) && VendorIdOf(f) == kVendorId && f.subOption(1) == e.circuitId &&
-                   f.subOption(2) == kRemoteId;
-        })) << "code "
-            << int(e.code) << " VLAN " << e.vlan;
-    }
-    EXPECT_TRUE(trusted.WaitFor([](const ParsedFrame &f) { return Is(f, kPado, 100); }));
-    // Each subscriber: the concentrator's PADO and PADS, untagged, no agent tag.
-    for (Capture *sub : {&sub1, &sub2}) {
-        EXPECT_TRUE(sub->WaitFor([](const ParsedFrame &f) { return f.code == kPads; }));
-        for (const ParsedFrame &f : sub->Frames()) {
-            EXPECT_TRUE(f.vlans.empty());
-            EXPECT_EQ(f.find(kTagVendorSpecific), nullptr) << "code " << int(f.code) << " reached a subscriber tagged";
+    Lab lab;
+    const ProgramRun up = lab.Script("up");
+    ASSERT_EQ(up.status, 0) << up.output << lab.SwitchOutput();
+    {
+        Capture trusted(lab, "ac1", "t1");
+        Capture untrusted(lab, "ac2", "t2");
+        Capture sub1(lab, "sub1", "c1");
+        Capture sub2(lab, "sub2", "c3");
+        for (Capture *c : {&trusted, &untrusted, &sub1, &sub2}) {
+            ASSERT_EQ(c->Error(), "");
         }
+
+        for (int n : {1, 2}) {
+            const ProgramRun got = lab.Discover(n);
+            EXPECT_EQ(got.status, 0) << "subscriber " << n << ": " << got.output << lab.SwitchOutput();
+            EXPECT_TRUE(std::regex_search(got.output, kSession)) << got.output;
+        }
+
+        // The concentrator on the trusted trunk: PADI and PADR of each line in
+        // its VLAN, carrying the agent's tag.
+        struct Expect {
+            uint8_t code;
+            uint16_t vlan;
+            const char *circuitId;
+        };
+        for (const Expect &e : {Expect{kPadi, 100, kCircuitIdLine1}, Expect{kPadr, 100, kCircuitIdLine1},
+                                Expect{kPadi, 101, kCircuitIdLine3}, Expect{kPadr, 101, kCircuitIdLine3}}) {
+            EXPECT_TRUE(trusted.WaitFor([&](const ParsedFrame &f) {
+                return Is(f, e.code, e.vlan) && VendorIdOf(f) == kVendorId && f.subOption(1) == e.circuitId &&
+                       f.subOption(2) == kRemoteId;
+            })) << "code "
+                << int(e.code) << " VLAN " << e.vlan;
+        }
+        // Each subscriber: the concentrator's PADO and PADS, untagged, no agent tag.
+        for (Capture *sub : {&sub1, &sub2}) {
+            EXPECT_TRUE(sub->WaitFor([](const ParsedFrame &f) { return f.code == kPads; }));
+            for (const ParsedFrame &f : sub->Frames()) {
+                EXPECT_TRUE(f.vlans.empty());
+                EXPECT_EQ(f.find(kTagVendorSpecific), nullptr)
+                    << "code " << int(f.code) << " reached a subscriber tagged";
+            }
+        }
+        // The untrusted uplink's concentrator saw nothing at all.
+        EXPECT_TRUE(untrusted.Frames().empty());
     }
-    // The untrusted uplink's concentrator saw nothing at all.
-    EXPECT_TRUE(untrusted.Frames().empty());
-}
 
-TEST_F(LiveTest, TrustedUplinkGoingDownWithdrawsItsAclAndComingUpRestoresIt)
-{
-    ASSERT_TRUE(lab_->WaitForOutput(kAclInstalled, 1));
+    // The trusted uplink going down withdraws its ACL, coming up restores it.
+    ASSERT_TRUE(lab.WaitForOutput(kAclInstalled, 1));
 
-    ASSERT_EQ(lab_->In("sw", {"ip", "link", "set", lab_->Name("xge1"), "down"}).status, 0);
-    EXPECT_TRUE(lab_->WaitForOutput(kAclWithdrawn, 1)) << lab_->SwitchOutput();
+    ASSERT_EQ(lab.In("sw", {"ip", "link", "set", lab.Name("xge1"), "down"}).status, 0);
+    EXPECT_TRUE(lab.WaitForOutput(kAclWithdrawn, 1)) << lab.SwitchOutput();
     // The PADI has nowhere to go: no offer.
-    const ProgramRun lost = lab_->Discover(1, {"-t", "1"});
+    const ProgramRun lost = lab.Discover(1, {"-t", "1"});
     EXPECT_FALSE(std::regex_search(lost.output, kSession)) << lost.output;
 
-    ASSERT_EQ(lab_->In("sw", {"ip", "link", "set", lab_->Name("xge1"), "up"}).status, 0);
-    EXPECT_TRUE(lab_->WaitForOutput(kAclInstalled, 2)) << lab_->SwitchOutput();
-    const ProgramRun back = lab_->Discover(1);
+    ASSERT_EQ(lab.In("sw", {"ip", "link", "set", lab.Name("xge1"), "up"}).status, 0);
+    EXPECT_TRUE(lab.WaitForOutput(kAclInstalled, 2)) << lab.SwitchOutput();
+    const ProgramRun back = lab.Discover(1);
     EXPECT_EQ(back.status, 0) << back.output;
     EXPECT_TRUE(std::regex_search(back.output, kSession)) << back.output;
-}
 
-TEST_F(LiveTest, SwitchSurvivesAClientFloodingPadiWhileAnotherDiscovers)
-{
-    // Subscriber 2 floods for longer than subscriber 1 needs to discover.
+    // The switch survives a client flooding PADI while another discovers:
+    // subscriber 2 floods for longer than subscriber 1 needs to discover.
     ProgramRun flood;
     std::thread flooder([&]() {
-        flood = lab_->In("sub2", {PPLUS_BUILD_DIR "/bin/padi-flood", "send", "--netdev", lab_->Name("c3"), "--seconds",
-                                  "12", "--rate", "5000", "--sources", "64"});
+        flood = lab.In("sub2", {PPLUS_BUILD_DIR "/bin/padi-flood", "send", "--netdev", lab.Name("c3"), "--seconds",
+                                "12", "--rate", "5000", "--sources", "64"});
     });
     std::this_thread::sleep_for(std::chrono::seconds(1));
-    const auto began = std::chrono::steady_clock::now();
-    const ProgramRun got = lab_->Discover(1);
+    const ProgramRun got = lab.Discover(1);
     flooder.join();
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count() + 1;
     EXPECT_EQ(got.status, 0) << got.output;
     EXPECT_TRUE(std::regex_search(got.output, kSession)) << got.output;
     EXPECT_EQ(flood.status, 0) << flood.output;
     EXPECT_NE(flood.output.find("sent="), std::string::npos) << flood.output;
-    // The flood was policed on its own port (100 a second, a burst of 200).
-    const ProgramRun ports = lab_->Cli({"world", "ports"});
-    std::smatch m;
-    ASSERT_TRUE(std::regex_search(
-        ports.output, m,
-        std::regex(R"(port GigabitEthernet0/0/3 \(7\): rx (\d+) tx \d+ punted (\d+) dropped (\d+) policed (\d+))")))
-        << ports.output;
-    EXPECT_EQ(std::stoull(m[1]), std::stoull(m[2]) + std::stoull(m[3]) + std::stoull(m[4])) << ports.output;
-    EXPECT_GT(std::stoull(m[4]), 0U) << ports.output;
-    EXPECT_LE(std::stoull(m[2]), 200 + static_cast<uint64_t>(100 * seconds)) << ports.output;
+    // The flood was policed on its own port.
+    const ProgramRun ports = lab.Cli({"world", "ports"});
+    EXPECT_TRUE(std::regex_search(ports.output, std::regex(R"(\(7\): rx .* policed [1-9])"))) << ports.output;
 
-    // Still whole: running, answering, and the flooder itself discovers afterwards.
-    EXPECT_TRUE(lab_->SwitchRuns()) << lab_->SwitchOutput();
-    EXPECT_EQ(lab_->Cli({"show", "statistics"}).status, 0);
-    const ProgramRun after = lab_->Discover(2);
+    // Still whole: answering, and the flooder itself discovers afterwards.
+    EXPECT_EQ(lab.Cli({"show", "statistics"}).status, 0) << lab.SwitchOutput();
+    const ProgramRun after = lab.Discover(2);
     EXPECT_EQ(after.status, 0) << after.output;
-}
-
-// Bad bindings stop the host before the agent starts, with the reason.
-TEST(LiveBindings, HostRefusesBadBindingsWithTheReason)
-{
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "binding ports needs root";
-    }
-    struct Row {
-        const char *why;
-        std::vector<std::string> args;
-        const char *error;
-    };
-    const std::string host = PPLUS_BUILD_DIR "/bin/pppoe-plus-switch";
-    const Row rows[] = {
-        {"one netdev for two ports",
-         {host, "--netdev", "GigabitEthernet0/0/1=lo", "--netdev", "GigabitEthernet0/0/2=lo"},
-         "netdev lo is bound to two ports: port GigabitEthernet0/0/1 (netdev lo) and port GigabitEthernet0/0/2"},
-        {"a trunk's own interface",
-         {host, "--netdev", "Eth-Trunk1=lo"},
-         "port Eth-Trunk1 is a trunk's interface and carries no frames of its own"},
-        {"no such port", {host, "--netdev", "GigabitEthernet9/9/9=lo"}, "unknown port GigabitEthernet9/9/9"},
-        {"no interface can have the name",
-         {host, "--netdev", "GigabitEthernet0/0/1=no/such"},
-         "not a Linux interface name"},
-        {"without root",
-         {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", host, "--netdev", "GigabitEthernet0/0/1=lo"},
-         "packet sockets need CAP_NET_RAW: run pppoe-plus-switch as root"},
-    };
-    for (const Row &row : rows) {
-        std::vector<std::string> args(row.args.begin() + 1, row.args.end());
-        args = pplus_e2e::WithPrivateDatastore(args);
-        const ProgramRun run = RunProgram(row.args[0], args, kWaitMs);
-        EXPECT_EQ(run.status, 1) << row.why << ": " << run.output;
-        EXPECT_NE(run.output.find(row.error), std::string::npos) << row.why << ": " << run.output;
-        EXPECT_EQ(run.output.find("agent ready"), std::string::npos) << row.why;
-    }
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 // the capture's own timing.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -54,18 +53,7 @@ Replayed ReplayLine(const std::string &output)
     return r;
 }
 
-class ReplayPace : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        dir_ = fs::temp_directory_path() / ("pplus-pace-" + std::to_string(getpid()));
-        fs::remove_all(dir_);
-        fs::create_directories(dir_);
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-
-    fs::path dir_;
-};
+class ReplayPace : public pplus_e2e::TempDirTest {};
 
 }  // namespace
 

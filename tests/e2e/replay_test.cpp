@@ -1,8 +1,9 @@
-// The host replaying the sample captures into its ports: bad ports, files and
-// settings are refused by name. The replay's frames are checked frame by
-// frame in interop_test.cpp; here it fills the plane's subscriber table,
-// which the CLI shows, and a port replayed into while the switch runs shows
-// its policed frames.
+// The host replaying the sample captures into its ports: bad topologies,
+// ports, files, netdev bindings and settings are refused by name, before
+// the agent starts. The replay's frames are checked frame by frame in
+// interop_test.cpp; here it fills the plane's subscriber table, which the
+// CLI shows, and a port replayed into while the switch runs shows its
+// policed frames.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -28,39 +29,17 @@ const std::string kExamples = PPLUS_SOURCE_DIR "/examples";
 using HostRun = pplus_e2e::ProgramRun;
 using pplus_e2e::RunHost;
 
-class Replay : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        dir_ = fs::temp_directory_path() / ("pplus-replay-" + std::to_string(getpid()));
-        fs::remove_all(dir_);
-        fs::create_directories(dir_ / "captures");
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-
-    std::vector<std::string> Args(const std::vector<std::string> &more) const
-    {
-        std::vector<std::string> args{
-            "--topology",    kExamples + "/topology.yaml",
-            "--in",          "GigabitEthernet0/0/1=" + kExamples + "/captures/subscribers.pcap",
-            "--in",          "7=" + kExamples + "/captures/subscribers-port3.pcap",
-            "--in",          "XGigabitEthernet0/0/1=" + kExamples + "/captures/servers.pcap",
-            "--out",         "XGigabitEthernet0/0/1=" + (dir_ / "uplink.pcap").string(),
-            "--capture-dir", (dir_ / "captures").string()};
-        args.insert(args.end(), more.begin(), more.end());
-        return args;
-    }
-
-    fs::path dir_;
-};
+class Replay : public pplus_e2e::TempDirTest {};
 
 TEST_F(Replay, SubscribersShowAfterDiscoveryLeaveWithThePadtAndPolicedFramesAddUp)
 {
     const std::string ds = pplus_e2e::NewDatastoreDir();
-    std::vector<std::string> args =
-        Args({"--stay", "--control", ds + "/control.sock", "--startup-config", kExamples + "/pppoe-plus.xml"});
-    const auto more = pplus_e2e::DatastoreArgs(ds);
-    args.insert(args.end(), more.begin(), more.end());
+    std::vector<std::string> args = pplus_e2e::DatastoreArgs(ds);
+    args.insert(args.end(), {"--topology", kExamples + "/topology.yaml", "--in",
+                             "GigabitEthernet0/0/1=" + kExamples + "/captures/subscribers.pcap", "--in",
+                             "7=" + kExamples + "/captures/subscribers-port3.pcap", "--in",
+                             "XGigabitEthernet0/0/1=" + kExamples + "/captures/servers.pcap", "--stay", "--control",
+                             ds + "/control.sock", "--startup-config", kExamples + "/pppoe-plus.xml"});
     pplus_e2e::Host host(args);
     ASSERT_TRUE(host.WaitForOutput("pppoe-plus-switch: fwm:", 60000)) << host.Output();
     const auto cli = [&ds](std::vector<std::string> words) { return pplus_e2e::Cli(std::move(words), ds); };
@@ -125,7 +104,7 @@ TEST_F(Replay, SubscribersShowAfterDiscoveryLeaveWithThePadtAndPolicedFramesAddU
     EXPECT_EQ(host.Stop(SIGTERM), 0) << host.Output();
 }
 
-TEST_F(Replay, BadPortsFilesAndSettingsAreRefusedByName)
+TEST_F(Replay, BadPortsFilesBindingsAndSettingsAreRefusedByName)
 {
     struct Row {
         std::vector<std::string> args;
@@ -135,7 +114,11 @@ TEST_F(Replay, BadPortsFilesAndSettingsAreRefusedByName)
     const std::string badConfig = (dir_ / "a.xml").string();
     std::ofstream(badConfig) << "<pppoe-plus xmlns=\"urn:quendal:yang:quendal-pppoe-plus\"><global-tags-policy>"
                                 "<tags-policy>sometimes</tags-policy></global-tags-policy></pppoe-plus>";
+    const std::string badTopology = (dir_ / "bad.yaml").string();
+    std::ofstream(badTopology) << "system:\n  name: S\n  chassis: many\n";
+    // The ports are those of the bundled example topology.
     const std::vector<Row> rows{
+        {{"--topology", badTopology}, "chassis"},
         {{"--in", "GigabitEthernet9/9/9=" + missing}, "--in GigabitEthernet9/9/9=" + missing + ": unknown port"},
         {{"--in", "GigabitEthernet0/0/1"}, "--in GigabitEthernet0/0/1: expected PORT=FILE.pcap"},
         {{"--in", "5=" + missing}, missing + ": cannot read"},
@@ -144,14 +127,29 @@ TEST_F(Replay, BadPortsFilesAndSettingsAreRefusedByName)
         {{"--startup-config", badConfig},
          "a.xml: invalid data: Invalid enumeration value \"sometimes\". (at "
          "/quendal-pppoe-plus:pppoe-plus/global-tags-policy/tags-policy)"},
+        {{"--netdev", "GigabitEthernet0/0/1=lo", "--netdev", "GigabitEthernet0/0/2=lo"},
+         "netdev lo is bound to two ports: port GigabitEthernet0/0/1 (netdev lo) and port GigabitEthernet0/0/2"},
+        {{"--netdev", "Eth-Trunk1=lo"}, "port Eth-Trunk1 is a trunk's interface and carries no frames of its own"},
+        {{"--netdev", "GigabitEthernet9/9/9=lo"}, "unknown port GigabitEthernet9/9/9"},
+        {{"--netdev", "GigabitEthernet0/0/1=no/such"}, "not a Linux interface name"},
+        {{"--netdev", "GigabitEthernet0/0/1=lv456789012345678"}, "not a Linux interface name"},
     };
     for (const Row &row : rows) {
-        std::vector<std::string> args{"--topology", kExamples + "/topology.yaml"};
-        args.insert(args.end(), row.args.begin(), row.args.end());
-        const HostRun run = RunHost(args, 20000);
+        const HostRun run = RunHost(row.args, 20000);
         EXPECT_EQ(run.status, 1) << row.message << "\n" << run.output;
         EXPECT_NE(run.output.find(row.message), std::string::npos) << row.message << "\n" << run.output;
         EXPECT_EQ(run.output.find("agent ready"), std::string::npos) << "refused before the agent starts";
+    }
+    // A port bound to a netdev by a user who may not open packet sockets.
+    if (geteuid() == 0) {
+        const HostRun run = pplus_e2e::RunProgram(
+            "setpriv", pplus_e2e::WithPrivateDatastore({"--reuid=65534", "--regid=65534", "--clear-groups",
+                                                        PPLUS_BUILD_DIR "/bin/pppoe-plus-switch", "--netdev",
+                                                        "GigabitEthernet0/0/1=lo"}));
+        EXPECT_EQ(run.status, 1) << run.output;
+        EXPECT_NE(run.output.find("packet sockets need CAP_NET_RAW: run pppoe-plus-switch as root"), std::string::npos)
+            << run.output;
+        EXPECT_EQ(run.output.find("agent ready"), std::string::npos);
     }
 }
 

@@ -1,7 +1,8 @@
 // Run-time world control end to end: with the agent enabled and a trusted
-// uplink by the example configuration, pppoe-plus-cli takes the uplink off board and back through the
-// host's control socket, and fwm sees the trusted-port ACL withdrawn and
-// installed again.
+// uplink by the example configuration, pppoe-plus-cli takes the uplink off
+// board and back through the host's control socket, and fwm sees the
+// trusted-port ACL withdrawn and installed again; boards, interfaces and HA
+// events through the CLI.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -45,9 +46,9 @@ std::string Control(const std::string &path, const std::string &line)
 
 }  // namespace
 
-TEST(WorldControl, TrustedUplinkOffBoardAndBackReachesFwmWithEnableZeroThenOne)
+TEST(WorldControl, UplinkOffBoardAndBackReachesFwmAndBoardsListsHaEventsAndErrorsShowReadably)
 {
-    const std::string ctl = ControlPath("uplink");
+    const std::string ctl = ControlPath("world");
     Host host({"--control", ctl, "--startup-config", PPLUS_SOURCE_DIR "/examples/pppoe-plus.xml"});
     ASSERT_TRUE(host.WaitForOutput("pppoe-plus-switch: control socket " + ctl, 20000)) << host.Output();
     ASSERT_TRUE(host.WaitForOutput("[fwm] trust-port-cfg enable 1 ifIndex 49", 5000)) << host.Output();
@@ -69,16 +70,7 @@ TEST(WorldControl, TrustedUplinkOffBoardAndBackReachesFwmWithEnableZeroThenOne)
     EXPECT_NE(fwm.output.find("feature on"), std::string::npos) << fwm.output;
     EXPECT_NE(fwm.output.find("trusted ports 49"), std::string::npos) << fwm.output;
 
-    EXPECT_EQ(host.Stop(SIGTERM), 0) << host.Output();
-    EXPECT_EQ(access(ctl.c_str(), F_OK), -1);  // the socket file is gone with the host
-}
-
-TEST(WorldControl, CliReportsBoardsListsAndErrorsReadably)
-{
-    const std::string ctl = ControlPath("cli");
-    Host host({"--control", ctl});
-    ASSERT_TRUE(host.WaitForOutput("pppoe-plus-switch: control socket " + ctl, 20000)) << host.Output();
-
+    // Boards and interfaces listed, and errors, readably.
     const CliRun reg = Cli("--control " + ctl + " world board register 3");
     EXPECT_EQ(reg.status, 0);
     EXPECT_EQ(reg.output, "board 3 of chassis 1 is registered\n");
@@ -98,32 +90,7 @@ TEST(WorldControl, CliReportsBoardsListsAndErrorsReadably)
     EXPECT_EQ(badSlot.output, "pppoe-plus-cli: not a slot number: three\n");
     EXPECT_NE(Control(ctl, "reboot").find("error: unknown command"), std::string::npos);
 
-    EXPECT_EQ(host.Stop(SIGTERM), 0) << host.Output();
-    const CliRun gone = Cli("--control " + ctl + " world fwm");
-    EXPECT_EQ(gone.status, 2);
-    EXPECT_NE(gone.output.find("pppoe-plus-cli: cannot reach pppoe-plus-switch at " + ctl), std::string::npos)
-        << gone.output;
-    // Argument errors, found before anything is asked: one exit code, the
-    // reason and the command's usage line.
-    const std::pair<std::string, std::string> misuse[] = {
-        {"world", "Usage: pppoe-plus-cli world [OPTIONS] SUBCOMMAND"},
-        {"vendor-id 4294967296", "Usage: pppoe-plus-cli vendor-id"},
-        {"policy drop --port a --port b", "Usage: pppoe-plus-cli policy"},
-        {"debug 5 on", "Usage: pppoe-plus-cli debug"},
-        {"format cid user-define", "pppoe-plus-cli: format: user-define needs its format string\nUsage:"},
-    };
-    for (const auto &[args, usage] : misuse) {
-        const CliRun run = Cli(args);
-        EXPECT_EQ(run.status, 64) << args;
-        EXPECT_NE(run.output.find(usage), std::string::npos) << args << "\n" << run.output;
-    }
-}
-
-TEST(WorldControl, HostReachesMasterAndHaEventsShowThroughTheCli)
-{
-    const std::string ctl = ControlPath("ha");
-    Host host({"--control", ctl});
-    ASSERT_TRUE(host.WaitForOutput("pppoe-plus-switch: control socket " + ctl, 20000)) << host.Output();
+    // The host reached master; HA events show through the CLI.
     EXPECT_NE(host.Output().find("HA start of work reported with role 1, master board 1/1; agent role 1"),
               std::string::npos)
         << host.Output();
@@ -150,4 +117,23 @@ TEST(WorldControl, HostReachesMasterAndHaEventsShowThroughTheCli)
     EXPECT_NE(after.output.find("switchover reports 1\nreport pppoe_plus state 1"), std::string::npos) << after.output;
 
     EXPECT_EQ(host.Stop(SIGTERM), 0) << host.Output();
+    EXPECT_EQ(access(ctl.c_str(), F_OK), -1);  // the socket file is gone with the host
+    const CliRun gone = Cli("--control " + ctl + " world fwm");
+    EXPECT_EQ(gone.status, 2);
+    EXPECT_NE(gone.output.find("pppoe-plus-cli: cannot reach pppoe-plus-switch at " + ctl), std::string::npos)
+        << gone.output;
+    // Argument errors, found before anything is asked: one exit code, the
+    // reason and the usage line of the command reached (a missing
+    // subcommand, values the parser refuses, a command's own check).
+    const std::pair<std::string, std::string> misuse[] = {
+        {"world", "Usage: pppoe-plus-cli world [OPTIONS] SUBCOMMAND"},
+        {"vendor-id 4294967296", "Usage: pppoe-plus-cli vendor-id"},
+        {"policy drop --port a --port b", "Usage: pppoe-plus-cli policy"},
+        {"format cid user-define", "pppoe-plus-cli: format: user-define needs its format string\nUsage:"},
+    };
+    for (const auto &[args, usage] : misuse) {
+        const CliRun run = Cli(args);
+        EXPECT_EQ(run.status, 64) << args;
+        EXPECT_NE(run.output.find(usage), std::string::npos) << args << "\n" << run.output;
+    }
 }

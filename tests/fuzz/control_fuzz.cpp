@@ -6,20 +6,19 @@
 // "error: ...", ending in a newline, and is closed.
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 
+#include "../support/fd_text.hpp"
 #include "control.hpp"
 #include "control_server.hpp"
-#include "fuzz_support.hpp"
 #include "device/world.hpp"
+#include "fuzz_support.hpp"
 #include "platform/world.hpp"
 
 using pplus_fuzz::Require;
@@ -39,16 +38,6 @@ interfaces:
 trunks:
   - {name: Eth-Trunk1, id: 1, ifindex: 100, members: [GigabitEthernet0/0/1]}
 )";
-
-int Connect()
-{
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    std::memcpy(addr.sun_path, g_path.c_str(), g_path.size() + 1);
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    Require(fd >= 0 && connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof(addr)) == 0);
-    return fd;
-}
 
 }  // namespace
 
@@ -75,7 +64,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     platform::world::ApplyTopology(g_topology);
     // The first byte cuts the rest into pieces of 1 to 256 bytes.
     const size_t piece = static_cast<size_t>(data[0]) + 1;
-    const int fd = Connect();
+    const int fd = pplus_test::ConnectUnix(g_path);
+    Require(fd >= 0);
     for (size_t at = 1; at < size; at += piece) {
         const size_t n = std::min(piece, size - at);
         if (send(fd, data + at, n, MSG_NOSIGNAL) != static_cast<ssize_t>(n)) {

@@ -13,12 +13,13 @@
 // at most eight copies).
 #include <algorithm>
 #include <cstddef>
-#include <iterator>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <span>
 #include <vector>
 
+#include "device/world.hpp"
 #include "fuzz_support.hpp"
 #include "platform/control.h"
 #include "platform/world.hpp"
@@ -46,11 +47,24 @@ constexpr uint32_t kMaxCopies = 8;
 // The world: subscriber ports 1-3 (3 isolated from 1), trunk 50 with
 // member 4, uplinks 10-12 trusted in VLAN 100, uplink 13 untrusted; every
 // other ingress is a port the world does not know.
-constexpr uint32_t kSubscribers[] = {1, 2, 3};
-constexpr uint32_t kMember = 4;
+constexpr const char *kTopology = R"(system: {name: FuzzSwitch, mac: "00:e0:fc:01:02:03"}
+interfaces:
+  - {name: GE0/0/1, ifindex: 1, port: 1}
+  - {name: GE0/0/2, ifindex: 2, port: 2}
+  - {name: GE0/0/3, ifindex: 3, port: 3}
+  - {name: GE0/0/4, ifindex: 4, port: 4}
+  - {name: GE0/0/10, ifindex: 10, port: 10, vlans: [100]}
+  - {name: GE0/0/11, ifindex: 11, port: 11, vlans: [100]}
+  - {name: GE0/0/12, ifindex: 12, port: 12, vlans: [100]}
+  - {name: GE0/0/13, ifindex: 13, port: 13}
+trunks:
+  - {name: Eth-Trunk5, id: 5, ifindex: 50, members: [GE0/0/4]}
+isolation:
+  groups:
+    - {id: 1, members: [GE0/0/1, GE0/0/3]}
+)";
 constexpr uint32_t kTrunk = 50;
 constexpr uint32_t kTrusted[] = {10, 11, 12};
-constexpr uint32_t kUntrusted = 13;
 constexpr uint32_t kPortChoices = 64;  // ingress and egress are taken modulo this, 63 = none
 static_assert(kTrunk < kPortChoices);
 
@@ -61,34 +75,11 @@ uint16_t U16(std::span<const uint8_t> b, size_t off)
 
 void BuildWorld()
 {
-    using namespace platform::world;
-    pplus_fuzz::UseFuzzSwitch();
-    auto port = [](uint32_t ifIndex, uint32_t trunkId = platform::kNoId) {
-        platform::IfRecord rec;
-        rec.name = "GE0/0/" + std::to_string(ifIndex);
-        rec.ifIndex = ifIndex;
-        rec.port = static_cast<uint16_t>(ifIndex);
-        rec.l2TrunkId = trunkId;
-        IfPut(rec);
-    };
-    for (uint32_t p : kSubscribers) {
-        port(p);
-    }
-    port(kMember, 5);
-    for (uint32_t p : kTrusted) {
-        port(p);
-        PortVlanSet(p, 100, true);
-    }
-    port(kUntrusted);
-    platform::IfRecord trunk;
-    trunk.name = "Eth-Trunk5";
-    trunk.ifIndex = kTrunk;
-    trunk.lagId = 5;
-    IfPut(trunk);
-    TrunkPut({5, kTrunk});
-    TrunkPortPut({kMember, kTrunk});
-    PortIsolatePut({1, 1});
-    PortIsolatePut({3, 1});
+    std::string error;
+    const auto topology = device::world::LoadTopologyText(kTopology, &error);
+    Require(topology.has_value());
+    platform::world::ApplyTopology(*topology);
+    platform::world::SetDevmReady(true);
 }
 
 bool Trusted(uint32_t ifIndex)

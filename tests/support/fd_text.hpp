@@ -1,14 +1,32 @@
-// Reading what a pipe or socket yields, with a deadline.
+// A stream connection to a Unix socket, and reading what a pipe or socket
+// yields, with a deadline.
 #pragma once
 
 #include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <string>
 
 namespace pplus_test {
+
+// A socket connected to path; -1 when nothing listens there.
+inline int ConnectUnix(const std::string &path)
+{
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    std::memcpy(addr.sun_path, path.c_str(), std::min(path.size() + 1, sizeof(addr.sun_path)));
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd >= 0 && connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof(addr)) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
 
 // Milliseconds left until deadline; 0 once it has passed.
 inline int MsLeft(std::chrono::steady_clock::time_point deadline)

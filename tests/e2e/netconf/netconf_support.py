@@ -1,13 +1,12 @@
 """A pppoe-plus-switch serving NETCONF, started as a user starts it, and the
-ways a test reaches it: ncclient sessions with a key made for the run, the
-host's control socket, and pppoe-plus-cli.
+ways a test reaches it: ncclient sessions with a key made for the run, and
+pppoe-plus-cli on its datastore and control sockets.
 
 The build and source folders come from PPLUS_BUILD_DIR and PPLUS_SOURCE_DIR.
 """
 import os
 import re
 import shutil
-import socket
 import subprocess
 import tempfile
 import time
@@ -88,21 +87,6 @@ class Switch:
         return manager.connect(host="127.0.0.1", port=self.port, username=user or self.user,
                                key_filename=key_file or self.key_file, hostkey_verify=False,
                                allow_agent=False, look_for_keys=False, timeout=60)
-
-    def control_request(self, line):
-        """A command of the host's control socket: (ok, output)."""
-        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as sock:
-            sock.settimeout(30)
-            sock.connect(self.control)
-            sock.sendall(line.encode() + b"\n")
-            reply = b""
-            while True:
-                chunk = sock.recv(65536)
-                if not chunk:
-                    break
-                reply += chunk
-        status, _, output = reply.decode().partition("\n")
-        return status == "ok", output
 
     def cli(self, *args):
         return subprocess.run([os.path.join(BUILD_DIR, "bin", "pppoe-plus-cli"), "--socket", self.socket,

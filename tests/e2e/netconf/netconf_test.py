@@ -53,11 +53,6 @@ class Netconf(unittest.TestCase):
         # Every test starts from the example configuration.
         self.m.copy_config(source=example_config(), target="running")
 
-    def replay_subscribers(self):
-        ok, output = self.switch.control_request(
-            "port replay GigabitEthernet0/0/1=" + os.path.join(EXAMPLES, "captures", "subscribers.pcap"))
-        self.assertTrue(ok, output)
-
     def running(self):
         return self.m.get_config("running").data_xml
 
@@ -122,7 +117,7 @@ class Netconf(unittest.TestCase):
         # The base model has no running target for delete-config.
         self.assertRefused(lambda: self.m.delete_config(target="running"), "operation-failed", None, "running")
 
-    def test_refused_edits_name_the_node_and_change_nothing(self):
+    def test_refused_edits_name_the_node_and_change_nothing_and_the_agents_refusal_rolls_back(self):
         before = self.running()
         rows = [
             ("a value outside its enumeration", plus('<global-tags-policy><tags-policy>sometimes</tags-policy>'
@@ -140,10 +135,8 @@ class Netconf(unittest.TestCase):
                 self.assertRefused(lambda: self.m.edit_config(target="running", config=config(edit)), tag, path)
                 self.assertEqual(self.running(), before)
 
-    def test_a_value_the_agent_refuses_is_rolled_back(self):
-        before = self.running()
-        # The agent's trust-port request to the forwarding manager fails once.
-        self.assertEqual(self.switch.control_request("fail RPC_IdlMsgCreate")[0], True)
+        # A value the agent refuses is rolled back: the agent's trust-port request to the forwarding manager fails once.
+        self.assertEqual(self.switch.cli("world", "fail", "RPC_IdlMsgCreate").returncode, 0)
         refused = self.assertRefused(
             lambda: self.m.edit_config(target="running", config=config(
                 plus('<vendor-id><vendor-id>2011</vendor-id></vendor-id>'),
@@ -157,7 +150,7 @@ class Netconf(unittest.TestCase):
         # The vendor-id change the agent had taken is undone there as well.
         encapsulation = self.m.get(filter=("subtree", plus("<query-encapsulation/>")))
         self.assertEqual(texts(encapsulation, "//pp:query-encapsulation/pp:vendor-id"), ["3561"])
-        self.switch.control_request("fail clear")
+        self.switch.cli("world", "fail", "clear")
 
     def test_a_lock_holds_against_other_sessions_and_the_cli_until_its_session_ends(self):
         other = self.switch.connect()
@@ -185,9 +178,11 @@ class Netconf(unittest.TestCase):
             if other.connected:
                 other.close_session()
 
-    def test_get_returns_the_agents_state_and_operations_reach_it(self):
+    def test_get_returns_the_agents_and_the_planes_state_and_operations_reach_the_agent(self):
         self.m.dispatch(etree.fromstring('<reset-statistics xmlns="%s"/>' % PLUS_NS))
-        self.replay_subscribers()
+        replay = self.switch.cli("world", "port", "replay",
+                                 "GigabitEthernet0/0/1=" + os.path.join(EXAMPLES, "captures", "subscribers.pcap"))
+        self.assertEqual(replay.returncode, 0, replay.stderr)
         stats = self.m.get(filter=("subtree", plus("<query-statistics/>")))
         self.assertEqual(texts(stats, "//pp:query-table[pp:interface-name='GigabitEthernet0/0/1']"
                                       "/pp:padr-receive-packets"), ["1"], stats.data_xml)
@@ -196,6 +191,8 @@ class Netconf(unittest.TestCase):
         everything = self.m.get()
         self.assertEqual(texts(everything, "//pp:query-policy/pp:policy"), ["1"])
         self.assertEqual(texts(everything, "//pp:global-enable/pp:enable"), ["true"])
+        self.assertEqual(texts(everything, "//fp:port[fp:name='XGigabitEthernet0/0/1']/fp:punt-policing/fp:rate"),
+                         ["1000"], "the uplink's own bucket")
         # An expression that names no single path is evaluated over all the data.
         anywhere = self.m.get(filter=("xpath", ({"p": PLUS_NS}, "//p:query-policy/p:ignore-reply")))
         self.assertEqual(texts(anywhere, "//pp:ignore-reply"), ["1"])
@@ -207,8 +204,7 @@ class Netconf(unittest.TestCase):
             '<set-debugging xmlns="%s"><debug-switch>true</debug-switch><debug-type>9</debug-type>'
             '</set-debugging>' % PLUS_NS)), "operation-failed", None, "range")  # refused by libnetconf2's parse
 
-    def test_get_returns_the_planes_subscribers_and_punt_policing(self):
-        self.replay_subscribers()
+        # The plane's subscribers and punt policing.
         subscribers = self.m.get(filter=("subtree", '<forwarding-plane xmlns="%s"><subscribers/></forwarding-plane>'
                                          % PLANE_NS))
         mine = "//fp:subscriber[fp:mac='02:00:00:00:00:01']"
@@ -218,15 +214,10 @@ class Netconf(unittest.TestCase):
         self.assertEqual(texts(subscribers, "//fp:punt-policing"), [], "the filter selects the subscribers only")
         rate = self.m.get(filter=("xpath", ({"q": PLANE_NS}, "/q:forwarding-plane/q:punt-policing/q:global/q:rate")))
         self.assertEqual(texts(rate, "//fp:rate"), ["2000"], rate.data_xml)
-        everything = self.m.get()
-        self.assertEqual(texts(everything, "//fp:port[fp:name='XGigabitEthernet0/0/1']/fp:punt-policing/fp:rate"),
-                         ["1000"], "the uplink's own bucket")
 
     def test_get_schema_serves_the_switchs_modules(self):
         for module in ("quendal-pppoe-plus", "quendal-ifm", "quendal-forwarding-plane"):
-            with self.subTest(module):
-                text = self.m.get_schema(module).data
-                self.assertIn("module %s {" % module, text)
+            self.assertIn("module %s {" % module, self.m.get_schema(module).data)
         self.assertRefused(lambda: self.m.get_schema("no-such-module"), "invalid-value")
 
     def test_misbehaving_clients_leave_the_server_serving(self):

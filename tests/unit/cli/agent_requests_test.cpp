@@ -52,12 +52,11 @@ protected:
     ly_ctx *ctx_ = nullptr;
 };
 
-TEST_F(ShortForms, EditsAreValidRunningDataOfTheModel)
+TEST_F(ShortForms, EditsAreValidRunningDataAndOperationInputsValidInputsOfTheModel)
 {
     const Port port{"GigabitEthernet0/0/1", 5};
     const std::vector<std::string> edits{
         EnableXml(true),
-        EnableXml(false),
         GlobalPolicyXml("drop"),
         VendorIdXml(2011),
         EncapsulationXml("remote-id"),
@@ -75,10 +74,8 @@ TEST_F(ShortForms, EditsAreValidRunningDataOfTheModel)
     }
     // The mapping the agent reads: ignore-reply on is ignore-policy false.
     EXPECT_NE(IgnoreReplyXml(true).find("<ignore-policy>false</ignore-policy>"), std::string::npos);
-}
 
-TEST_F(ShortForms, OperationInputsAreValidAndPathsNameTheItems)
-{
+    // Operation inputs are valid; paths name the items.
     EXPECT_EQ(RpcError(SetDebuggingXml(4, true)), "");
     EXPECT_EQ(RpcError(SetDebuggingXml(0, false)), "");
     EXPECT_EQ(RpcError(ResetStatisticsXml()), "");
@@ -88,7 +85,7 @@ TEST_F(ShortForms, OperationInputsAreValidAndPathsNameTheItems)
               "/quendal-ifm:ifm/interfaces/interface[name='GigabitEthernet0/0/1']/quendal-pppoe-plus:pppoe-plus-port/"
               "trusted-port");
     for (const std::string &path : {PortItemPath("X", "if-description"), PortFormatPath("X", 100, 0, "rid"),
-                                   *QueryPath("statistics"), *QueryPath("format")}) {
+                                    *QueryPath("statistics"), *QueryPath("format")}) {
         EXPECT_NE(lys_find_path(ctx_, nullptr, path.c_str(), 0), nullptr) << path;
     }
     // The check's key: the text quoted, backslash and "]" escaped for the
@@ -113,11 +110,10 @@ TEST(QueryReplies, BecomeReadableText)
 {
     const std::string ns = "<pppoe-plus xmlns=\"urn:quendal:yang:quendal-pppoe-plus\">";
     const auto stats = RenderQueryReply(
-        "statistics", ns +
-                          "<query-statistics><query-table><interface-name>XGigabitEthernet0/0/1(*T)</interface-name>"
-                          "<padi-receive-packets>0</padi-receive-packets><padi-send-packets>2</padi-send-packets>"
-                          "<discarded-packets>4294967295</discarded-packets></query-table></query-statistics>"
-                          "</pppoe-plus>");
+        "statistics", ns + "<query-statistics><query-table><interface-name>XGigabitEthernet0/0/1(*T)</interface-name>"
+                           "<padi-receive-packets>0</padi-receive-packets><padi-send-packets>2</padi-send-packets>"
+                           "<discarded-packets>4294967295</discarded-packets></query-table></query-statistics>"
+                           "</pppoe-plus>");
     ASSERT_TRUE(stats);
     EXPECT_NE(stats->find("XGigabitEthernet0/0/1(*T)         0        2"), std::string::npos) << *stats;
     EXPECT_NE(stats->find("4294967295"), std::string::npos) << *stats;

@@ -25,14 +25,12 @@ constexpr const char *kReply = R"(<forwarding-plane xmlns="urn:quendal:yang:quen
   </subscribers>
 </forwarding-plane>)";
 
-TEST(Subscribers, FiltersSelectByPortVlanAndMacInAnyNotation)
+TEST(Subscribers, FiltersSelectByPortVlanAndMacInAnyNotationAndTheJsonHasEveryKey)
 {
     const auto table = pplus_cli::ReadSubscribers(kReply);
     ASSERT_TRUE(table);
     ASSERT_EQ(table->rows.size(), 2U);
     EXPECT_EQ(table->evictions, 3U);
-    EXPECT_EQ(table->rows[0].circuitId, "eth 0/0/1:100.0 <A>");
-    EXPECT_FALSE(table->rows[1].sessionId);
     EXPECT_FALSE(pplus_cli::ReadSubscribers("<pppoe-plus/>"));
     EXPECT_FALSE(pplus_cli::ReadSubscribers("not xml"));
 
@@ -69,13 +67,8 @@ TEST(Subscribers, FiltersSelectByPortVlanAndMacInAnyNotation)
     for (const auto &[text, normal] : macs) {
         EXPECT_EQ(pplus_cli::NormalMac(text).value_or(""), normal) << text;
     }
-}
 
-TEST(Subscribers, JsonHasEveryKeyWithNullForWhatIsNotKnown)
-{
-    const auto table = pplus_cli::ReadSubscribers(kReply);
-    ASSERT_TRUE(table);
-    // Every key in every entry; null for what the datastore did not say.
+    // The JSON programs read: every key in every entry; null for what the datastore did not say.
     EXPECT_EQ(nlohmann::json::parse(pplus_cli::SubscribersJson(table->rows)), nlohmann::json::parse(R"([
         {"mac": "02:00:00:00:00:01", "port": "GigabitEthernet0/0/1", "ifindex": 5, "vlan": 100, "inner-vlan": null,
          "ac-mac": "02:00:00:00:00:aa", "session-id": 4660, "circuit-id": "eth 0/0/1:100.0 <A>",

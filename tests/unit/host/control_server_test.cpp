@@ -2,14 +2,11 @@
 // connections, half-sent lines, a long command; a second server on a live
 // socket.
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -27,19 +24,6 @@ std::string SocketPath(const char *name)
     return "/tmp/pplus-ctl-" + std::to_string(getpid()) + "-" + name + ".sock";
 }
 
-int Connect(const std::string &path)
-{
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd >= 0 && connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof(addr)) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
-
 // A request through the client the CLI uses, and how long it took.
 std::string Request(const std::string &path, const std::string &line, std::chrono::milliseconds *took = nullptr)
 {
@@ -55,20 +39,33 @@ std::string Request(const std::string &path, const std::string &line, std::chron
 
 }  // namespace
 
-TEST(ControlServer, ServesAWellBehavedClientWhileOthersHoldConnectionsOrSendHalfALine)
+TEST(ControlServer, ServesAWellBehavedClientWhileOthersHoldConnectionsSendHalfALineOrRunALongCommand)
 {
     const std::string path = SocketPath("busy");
     host::ControlServerLimits limits;
     limits.maxConnections = 8;
     limits.readTimeout = 1500ms;
+    std::atomic<bool> release{false};
+    host::ControlHooks hooks;
+    hooks.replay = [&release](const std::string &, std::string *output) {
+        pplus_test::WaitFor([&release]() { return release.load(); }, 20000);
+        *output = "replayed";
+        return true;
+    };
     host::ControlServer server;
     std::string error;
-    ASSERT_TRUE(server.Start(path, {}, &error, {}, limits)) << error;
+    ASSERT_TRUE(server.Start(path, hooks, &error, {}, limits)) << error;
+    // A live socket is not taken over; an unknown group is refused.
+    host::ControlServer second;
+    EXPECT_FALSE(second.Start(path, {}, &error));
+    EXPECT_EQ(error, "another pppoe-plus-switch is listening on " + path);
+    EXPECT_FALSE(second.Start(SocketPath("grp"), {}, &error, {"no-such-group-hd"}));
+    EXPECT_EQ(error, "no group named \"no-such-group-hd\"");
 
     // Twenty idle clients, one of them with half a line.
     std::vector<int> idle;
     for (int i = 0; i < 20; i++) {
-        idle.push_back(Connect(path));
+        idle.push_back(pplus_test::ConnectUnix(path));
         ASSERT_GE(idle.back(), 0);
     }
     ASSERT_EQ(send(idle.back(), "board li", 8, MSG_NOSIGNAL), 8);
@@ -91,26 +88,11 @@ TEST(ControlServer, ServesAWellBehavedClientWhileOthersHoldConnectionsOrSendHalf
 
     // A line over the limit is refused at once.
     EXPECT_EQ(Request(path, std::string(5000, 'x')), "error: command line longer than 4096 bytes\n");
-}
 
-TEST(ControlServer, ALongCommandDoesNotHoldUpTheOthersAndStopWaitsForIt)
-{
-    const std::string path = SocketPath("long");
-    std::atomic<bool> release{false};
-    host::ControlHooks hooks;
-    hooks.replay = [&release](const std::string &, std::string *output) {
-        pplus_test::WaitFor([&release]() { return release.load(); }, 20000);
-        *output = "replayed";
-        return true;
-    };
-    host::ControlServer server;
-    std::string error;
-    ASSERT_TRUE(server.Start(path, hooks, &error)) << error;
-    const int slow = Connect(path);
+    // A long command does not hold up the others; stop waits for it.
+    const int slow = pplus_test::ConnectUnix(path);
     ASSERT_GE(slow, 0);
     ASSERT_EQ(send(slow, "port replay X=y.pcap\n", 21, MSG_NOSIGNAL), 21);
-
-    std::chrono::milliseconds took{};
     EXPECT_EQ(Request(path, "board list", &took).rfind("ok\n", 0), 0U);
     EXPECT_LT(took, 1000ms);
     release = true;
@@ -118,18 +100,4 @@ TEST(ControlServer, ALongCommandDoesNotHoldUpTheOthersAndStopWaitsForIt)
     close(slow);
     server.Stop();
     EXPECT_NE(access(path.c_str(), F_OK), 0);
-}
-
-TEST(ControlServer, ALiveSocketIsNotTakenOverAndAnUnknownGroupIsRefused)
-{
-    const std::string path = SocketPath("live");
-    host::ControlServer server;
-    std::string error;
-    ASSERT_TRUE(server.Start(path, {}, &error)) << error;
-
-    host::ControlServer second;
-    EXPECT_FALSE(second.Start(path, {}, &error));
-    EXPECT_EQ(error, "another pppoe-plus-switch is listening on " + path);
-    EXPECT_FALSE(second.Start(SocketPath("grp"), {}, &error, {"no-such-group-hd"}));
-    EXPECT_EQ(error, "no group named \"no-such-group-hd\"");
 }
