@@ -164,18 +164,15 @@ public:
     }
     std::vector<Delivery> Changes()
     {
-        std::lock_guard<std::mutex> lock(mu);
-        return changes;
+        return Snapshot([](Subscriber &s) { return s.changes; });
     }
     size_t ChangeCount()
     {
-        std::lock_guard<std::mutex> lock(mu);
-        return changes.size();
+        return Snapshot([](Subscriber &s) { return s.changes.size(); });
     }
     size_t RecoverCount()
     {
-        std::lock_guard<std::mutex> lock(mu);
-        return recoverResults.size();
+        return Snapshot([](Subscriber &s) { return s.recoverResults.size(); });
     }
     void Forget()
     {
@@ -325,18 +322,35 @@ protected:
         ASSERT_NE(admin_, nullptr) << error;
     }
     std::string Url() const { return "unix://" + options_.socketPath; }
-    // A subscriber of the given configuration paths, activated, its loop
-    // running and its replay over.
-    void StartSubscriber(const std::vector<std::string> &paths)
+    // The edit applied to the running configuration; a refusal shows the
+    // datastore's answer.
+    testing::AssertionResult Edited(const std::string &xml,
+                                    device::yangdb::EditMode mode = device::yangdb::EditMode::kMerge)
+    {
+        const device::yangdb::Reply reply = admin_->Edit(xml, mode);
+        return reply.ok ? testing::AssertionSuccess() : testing::AssertionFailure() << reply.text;
+    }
+    // A subscriber of the given configuration paths, connected.
+    void NewSubscriber(const std::vector<std::string> &paths = {})
     {
         subscriber_ = std::make_unique<Subscriber>(Url());
         ASSERT_TRUE(subscriber_->Connect());
         for (const std::string &path : paths) {
             ASSERT_EQ(subscriber_->SubscribeConfig(path), 0U) << path;
         }
+    }
+    // The subscriber activated, its loop running and its replay over.
+    void ActivateAndReplay()
+    {
         ASSERT_EQ(subscriber_->Activate(), 0U);
         subscriber_->StartLoop();
         ASSERT_TRUE(WaitFor([this] { return subscriber_->RecoverCount() == 1; }));
+    }
+    // Both, with what the replay delivered forgotten.
+    void StartSubscriber(const std::vector<std::string> &paths)
+    {
+        NewSubscriber(paths);
+        ActivateAndReplay();
         subscriber_->Forget();
     }
 
