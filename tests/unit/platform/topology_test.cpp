@@ -24,37 +24,6 @@ std::string Refusal(const std::string &yaml)
 
 }  // namespace
 
-TEST(Topology, FullFileIsRead)
-{
-    char path[] = "/tmp/topology-test-XXXXXX";
-    const int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    close(fd);
-    std::ofstream(path) << "# a chassis\n"
-                           "system:\n"
-                           "  name: Edge-7\n"
-                           "  mac: \"00:E0:fc:12:34:5a\"\n"
-                           "  chassis: 2\n"
-                           "  board: 4\n"
-                           "  main-board: 1\n"
-                           "  board-type: lpu\n"
-                           "  ha-role: standby\n";
-    std::string error;
-    const auto topology = device::world::LoadTopologyFile(path, &error);
-    unlink(path);
-    ASSERT_TRUE(topology.has_value()) << error;
-    const platform::SystemIdentity &sys = topology->system;
-    EXPECT_EQ(std::tie(sys.sysName, sys.chassisId, sys.selfBoardId, sys.mainBoardId, sys.boardType, topology->haRole),
-              std::make_tuple("Edge-7", 2U, 4U, 1U, DEVM_BOARD_TYPE_LPU, 2U));
-    EXPECT_EQ(sys.sysMac, (std::array<uint8_t, 6>{0x00, 0xe0, 0xfc, 0x12, 0x34, 0x5a}));
-
-    // Keys left out keep their defaults.
-    const auto minimal = device::world::LoadTopologyText("system:\n  name: S\n", &error);
-    ASSERT_TRUE(minimal.has_value()) << error;
-    EXPECT_EQ(minimal->system.chassisId, 1U);
-    EXPECT_EQ(minimal->haRole, 1U);
-}
-
 TEST(Topology, RefusalsNameTheLineAndTheKey)
 {
     struct Case {
@@ -86,28 +55,43 @@ TEST(Topology, RefusalsNameTheLineAndTheKey)
     EXPECT_FALSE(device::world::LoadTopologyText("system: [", nullptr).has_value());  // no message wanted
 }
 
-TEST(Topology, SwitchingSectionsFillTheTables)
+TEST(Topology, FullFileFillsTheTables)
 {
+    char path[] = "/tmp/topology-test-XXXXXX";
+    const int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    close(fd);
+    std::ofstream(path) << "# a chassis\n"
+                           "system:\n"
+                           "  name: S\n"
+                           "  mac: \"00:E0:fc:12:34:5a\"\n"
+                           "  chassis: 2\n"
+                           "  board: 4\n"
+                           "  main-board: 1\n"
+                           "  board-type: lpu\n"
+                           "  ha-role: standby\n"
+                           "trunks:\n"
+                           "  - {name: Eth-Trunk1, id: 1, ifindex: 100, members: [Gi3, Gi4],"
+                           " mode: trunk, vlans: [\"200-202\"]}\n"
+                           "interfaces:\n"
+                           "  - {name: Gi1, ifindex: 5, slot: 1, card: 2, port: 65535,"
+                           " pvid: 100, vlans: 4094, description: line one}\n"
+                           "  - {name: Gi2, ifindex: 6, port-switch: false, on-board: false}\n"
+                           "  - {name: Gi3, ifindex: 7, netdev: eth3}\n"
+                           "  - {name: Gi4, ifindex: 8}\n"
+                           "isolation:\n"
+                           "  groups:\n"
+                           "    - {id: 7, members: [Gi1, Gi2]}\n"
+                           "  access-pairs:\n"
+                           "    - [Gi1, Gi3]\n";
     std::string error;
-    const auto topology = device::world::LoadTopologyText(
-        "system:\n"
-        "  name: S\n"
-        "trunks:\n"
-        "  - {name: Eth-Trunk1, id: 1, ifindex: 100, members: [Gi3, Gi4],"
-        " mode: trunk, vlans: [\"200-202\"]}\n"
-        "interfaces:\n"
-        "  - {name: Gi1, ifindex: 5, slot: 1, card: 2, port: 65535,"
-        " pvid: 100, vlans: 4094, description: line one}\n"
-        "  - {name: Gi2, ifindex: 6, port-switch: false, on-board: false}\n"
-        "  - {name: Gi3, ifindex: 7, netdev: eth3}\n"
-        "  - {name: Gi4, ifindex: 8}\n"
-        "isolation:\n"
-        "  groups:\n"
-        "    - {id: 7, members: [Gi1, Gi2]}\n"
-        "  access-pairs:\n"
-        "    - [Gi1, Gi3]\n",
-        &error);
+    const auto topology = device::world::LoadTopologyFile(path, &error);
+    unlink(path);
     ASSERT_TRUE(topology.has_value()) << error;
+    const platform::SystemIdentity &sys = topology->system;
+    EXPECT_EQ(std::tie(sys.sysName, sys.chassisId, sys.selfBoardId, sys.mainBoardId, sys.boardType, topology->haRole),
+              std::make_tuple("S", 2U, 4U, 1U, DEVM_BOARD_TYPE_LPU, 2U));
+    EXPECT_EQ(sys.sysMac, (std::array<uint8_t, 6>{0x00, 0xe0, 0xfc, 0x12, 0x34, 0x5a}));
     // Name, own trunk id, trunk it is a member of, switching, on board.
     using Role = std::tuple<std::string, uint32_t, uint32_t, uint32_t, bool>;
     std::vector<Role> roles;
@@ -204,6 +188,8 @@ TEST(Topology, PlaneSectionSetsPuntPolicingAndTheSubscriberTable)
     std::string error;
     const auto defaults = device::world::LoadTopologyText("system: {name: S}\n", &error);
     ASSERT_TRUE(defaults) << error;
+    // Keys left out keep their defaults.
+    EXPECT_EQ(std::tie(defaults->system.chassisId, defaults->haRole), std::make_tuple(1U, 1U));
     EXPECT_EQ(defaults->plane.policing.port, (platform::PuntRate{100, 200}));
     EXPECT_EQ(defaults->plane.policing.global, (platform::PuntRate{2000, 4000}));
     EXPECT_EQ(defaults->plane.subscribers.size, 65536U);
