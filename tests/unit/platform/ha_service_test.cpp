@@ -12,7 +12,6 @@
 
 #include "device/ha.hpp"
 #include "molb.h"
-#include "platform/control.h"
 
 namespace {
 
@@ -64,7 +63,9 @@ MOLB_HA_COMP_INFO_S Record(const char *name, const char *type)
 
 }  // namespace
 
-TEST(HaService, RegistrationChecksItsArgumentsAndHonoursFailureInjection)
+// Injected failures of all three calls are the module's HA suite's
+// (ha_test.cpp), which checks the code each returns.
+TEST(HaService, RegistrationChecksItsArgumentsAndReplacesByName)
 {
     MOLB_HA_COMP_INFO_S rec = Record("comp", "HARDWARE");
     MOLB_HA_COMP_INFO_S unterminated = rec;
@@ -76,19 +77,10 @@ TEST(HaService, RegistrationChecksItsArgumentsAndHonoursFailureInjection)
     EXPECT_EQ(MOLB_HA_CompRegister(&nameless, OnEvent, 0), MOLB_ERR_PARAM);
     EXPECT_EQ(MOLB_HA_SubsAMMBPosition("comp", nullptr, 0), MOLB_ERR_PARAM);
     EXPECT_EQ(MOLB_HA_ReportSwitchoverState("comp", 1, 0), MOLB_ERR_UNKNOWN_COMP);
-
-    for (const char *op : {"MOLB_HA_CompRegister", "MOLB_HA_SubsAMMBPosition", "MOLB_HA_ReportSwitchoverState"}) {
-        PLAT_FailSet(op, 0, 1, 0x99);
-    }
-    EXPECT_EQ(MOLB_HA_CompRegister(&rec, OnEvent, 0), 0x99U);
-    EXPECT_EQ(MOLB_HA_SubsAMMBPosition("comp", OnMaster, 0), 0x99U);
-    EXPECT_TRUE(device::ha::Registrations().empty());  // a failed call changes nothing
-    ASSERT_EQ(MOLB_HA_CompRegister(&rec, OnEvent, 0), MOLB_OK);
-    EXPECT_EQ(MOLB_HA_ReportSwitchoverState("comp", 1, 0), 0x99U);
-    EXPECT_EQ(MOLB_HA_ReportSwitchoverState("comp", 1, 0), MOLB_OK);
-    EXPECT_EQ(device::ha::SwitchoverReports().size(), 1U);
+    EXPECT_TRUE(device::ha::Registrations().empty());
 
     // Registering again under the same name replaces, it does not add.
+    ASSERT_EQ(MOLB_HA_CompRegister(&rec, OnEvent, 0), MOLB_OK);
     rec.pid = 43;
     ASSERT_EQ(MOLB_HA_CompRegister(&rec, OnEvent, 0), MOLB_OK);
     const auto regs = device::ha::Registrations();
