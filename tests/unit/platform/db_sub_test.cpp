@@ -224,16 +224,3 @@ TEST_F(DbSub, Refusals)
     EXPECT_EQ(db_set_current_user_name("test"), DB_OK);
     EXPECT_EQ(db_disconnect(conn), DB_OK);
 }
-
-TEST_F(DbSub, TopologyRegistersThisBoard)
-{
-    platform::Topology topology;
-    topology.system.chassisId = 2;
-    topology.system.selfBoardId = 5;
-    platform::world::ApplyTopology(topology);
-    const auto boards = platform::world::BoardRecords();
-    ASSERT_EQ(boards.size(), 1U);
-    EXPECT_EQ(boards[0].chassisId, 2U);
-    EXPECT_EQ(boards[0].slotId, 5U);
-    EXPECT_EQ(boards[0].registerStatus, std::optional<uint32_t>(platform::kBoardRegistered));
-}
