@@ -19,7 +19,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <ostream>
@@ -149,30 +148,25 @@ public:
     std::atomic<uint32_t> hangupEvents{0};
     std::atomic<int> reconnects{0};
 
-    // Changes what the callbacks answer, under their lock.
-    void With(const std::function<void(Subscriber &)> &change)
+    // Runs f under the callbacks' lock, to change what they answer or read
+    // what they saw; what f returns.
+    template <typename F>
+    auto Locked(F f)
     {
         std::lock_guard<std::mutex> lock(mu);
-        change(*this);
-    }
-    // What read takes from the callbacks' records, under their lock.
-    template <typename Read>
-    auto Snapshot(Read read)
-    {
-        std::lock_guard<std::mutex> lock(mu);
-        return read(*this);
+        return f(*this);
     }
     std::vector<Delivery> Changes()
     {
-        return Snapshot([](Subscriber &s) { return s.changes; });
+        return Locked([](Subscriber &s) { return s.changes; });
     }
     size_t ChangeCount()
     {
-        return Snapshot([](Subscriber &s) { return s.changes.size(); });
+        return Locked([](Subscriber &s) { return s.changes.size(); });
     }
     size_t RecoverCount()
     {
-        return Snapshot([](Subscriber &s) { return s.recoverResults.size(); });
+        return Locked([](Subscriber &s) { return s.recoverResults.size(); });
     }
     void Forget()
     {

@@ -34,6 +34,11 @@ std::string TrustedXml(uint32_t ifindex, bool enable)
            (enable ? "true" : "false") + "</trusted-enable></trusted-port>";
 }
 
+std::string EnableXml(bool enable)
+{
+    return "<global-enable xmlns=\"" + kNs + "\"><enable>" + (enable ? "true" : "false") + "</enable></global-enable>";
+}
+
 std::string VendorXml(uint32_t id)
 {
     return "<vendor-id xmlns=\"" + kNs + "\"><vendor-id>" + std::to_string(id) + "</vendor-id></vendor-id>";
@@ -176,7 +181,7 @@ TEST_F(DatastoreTest, PullReadsBelowTheChangedNode)
                "</tags-encapsulation-format><user-define-text>" +
                text + "</user-define-text></port-tags-format>";
     };
-    subscriber_->With([](Subscriber &s) {
+    subscriber_->Locked([](Subscriber &s) {
         s.pullBelow =
             "/port-tags-format[vlan-id='10'][cevlan-id='0'][tags-encapsulation-type='remote-id']"
             "/user-define-text";
@@ -201,7 +206,7 @@ TEST_F(DatastoreTest, PullReadsBelowTheChangedNode)
     std::string text = "%c";
     for (const auto &row : depths) {
         subscriber_->Forget();
-        subscriber_->With([&row](Subscriber &s) {
+        subscriber_->Locked([&row](Subscriber &s) {
             s.pullBelow.clear();
             s.pullDepth = row.depth;
         });
@@ -214,7 +219,7 @@ TEST_F(DatastoreTest, PullReadsBelowTheChangedNode)
 
     // Below a path that is not there, or beside the changed node: nothing.
     subscriber_->Forget();
-    subscriber_->With([](Subscriber &s) { s.pullBelow = "/port-tags-format[vlan-id='11']"; });
+    subscriber_->Locked([](Subscriber &s) { s.pullBelow = "/port-tags-format[vlan-id='11']"; });
     ASSERT_TRUE(admin_->Delete(PortItem(kGigabit, "port-tags-formats")).ok);
     ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 1; }));
     EXPECT_EQ(subscriber_->Changes()[0].below, "-");
@@ -232,21 +237,15 @@ TEST_F(DatastoreTest, DeliveryFollowsPriorityThenSubscriptionOrderWithDeletesFir
     subscriber_->Forget();
 
     // One import that moves the trusted port and changes two globals.
-    ASSERT_TRUE(Edited(
-        PlusXml("<global-enable><enable>true</enable></global-enable>" + VendorXml(5)) + Trusted("Eth-Trunk2", 8),
-        EditMode::kReplace));
+    ASSERT_TRUE(Edited(PlusXml(EnableXml(true) + VendorXml(5)) + Trusted("Eth-Trunk2", 8), EditMode::kReplace));
     ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 4; }));
-    std::vector<std::pair<uint32_t, std::string>> got;
-    for (const Delivery &d : subscriber_->Changes()) {
-        got.emplace_back(d.op, d.path);
-    }
-    const std::vector<std::pair<uint32_t, std::string>> want = {
-        {YDBC_OP_MODIFY, kVendor},
-        {YDBC_OP_MODIFY, kEnable},
-        {YDBC_OP_DELETE, PortItem("Eth-Trunk1", "trusted-port")},
-        {YDBC_OP_CREATE, PortItem("Eth-Trunk2", "trusted-port")},
+    const std::vector<Delivery> want = {
+        {YDBC_OP_MODIFY, kVendor, VendorXml(3561), VendorXml(5)},
+        {YDBC_OP_MODIFY, kEnable, EnableXml(false), EnableXml(true)},
+        {YDBC_OP_DELETE, PortItem("Eth-Trunk1", "trusted-port"), TrustedXml(7, false), "-"},
+        {YDBC_OP_CREATE, PortItem("Eth-Trunk2", "trusted-port"), "-", TrustedXml(8, false)},
     };
-    EXPECT_EQ(got, want);
+    EXPECT_EQ(subscriber_->Changes(), want);
 }
 
 TEST_F(DatastoreTest, AnEditThatCannotBeSavedIsUndone)
@@ -275,17 +274,15 @@ TEST_F(DatastoreTest, ASilentSubscriberFailsTheEditAndIsToldToUndoIt)
     setenv("YANGDB_REPLY_TIMEOUT_MS", "100", 1);
     StartServer();
     StartSubscriber({kTrusted});
-    subscriber_->With([](Subscriber &s) { s.delayMs = 300; });
+    subscriber_->Locked([](Subscriber &s) { s.delayMs = 300; });
     const std::string before = admin_->Export().text;
     const std::string item = PortItem(kGigabit, "trusted-port");
     EXPECT_EQ(admin_->Edit(Trusted(kGigabit, 49), EditMode::kMerge).text,
               "no answer from pppoe_plus within 100 ms: create of " + item);
     EXPECT_EQ(admin_->Export().text, before);
     ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 2; }));
-    const std::vector<Delivery> got = subscriber_->Changes();
-    EXPECT_EQ(got[0].op, YDBC_OP_CREATE);
-    EXPECT_EQ(got[1].op, YDBC_OP_DELETE);
-    EXPECT_EQ(got[1].path, item);
+    EXPECT_EQ(subscriber_->Changes(), (std::vector<Delivery>{{YDBC_OP_CREATE, item, "-", TrustedXml(49, false)},
+                                                             {YDBC_OP_DELETE, item, TrustedXml(49, false), "-"}}));
     unsetenv("YANGDB_REPLY_TIMEOUT_MS");
 }
 
@@ -301,7 +298,7 @@ TEST_F(DatastoreTest, GetsGoToTheStateSubscriberWithTheirKeys)
     ActivateAndReplay();
 
     // The agent writes the list key after the other leaf: still answered.
-    subscriber_->With([&](Subscriber &s) {
+    subscriber_->Locked([&](Subscriber &s) {
         s.getReply = PlusXml(
             "<query-format-check><query-format-check-list><check-result>0</check-result>"
             "<user-define-text>%a</user-define-text></query-format-check-list></query-format-check>");
@@ -311,23 +308,23 @@ TEST_F(DatastoreTest, GetsGoToTheStateSubscriberWithTheirKeys)
     ASSERT_TRUE(reply.ok) << reply.text;
     EXPECT_NE(reply.text.find("<check-result>0</check-result>"), std::string::npos) << reply.text;
     EXPECT_NE(reply.text.find("<user-define-text>%a</user-define-text>"), std::string::npos) << reply.text;
-    const auto getPaths = [this] { return subscriber_->Snapshot([](Subscriber &s) { return s.getPaths; }); };
+    const auto getPaths = [this] { return subscriber_->Locked([](Subscriber &s) { return s.getPaths; }); };
     EXPECT_EQ(getPaths(), std::vector<std::string>{asked});
     // An escaped "]" inside the quoted key does not end it.
     const std::string escaped = check + "[user-define-text='\"[%svlan\\]\"']";
     ASSERT_TRUE(admin_->Get(escaped).ok);
     EXPECT_EQ(getPaths().back(), escaped);
     // A reply that is not even XML comes back as it is.
-    subscriber_->With([&](Subscriber &s) { s.getReply = "not xml <"; });
+    subscriber_->Locked([&](Subscriber &s) { s.getReply = "not xml <"; });
     EXPECT_EQ(admin_->Get(asked).text, "not xml <");
-    subscriber_->With([&](Subscriber &s) { s.getResult = 1; });
+    subscriber_->Locked([&](Subscriber &s) { s.getResult = 1; });
     EXPECT_FALSE(admin_->Get(asked).ok);
-    subscriber_->With([&](Subscriber &s) { s.getResult = 0; });
+    subscriber_->Locked([&](Subscriber &s) { s.getResult = 0; });
 
     // Configuration is read from the running tree, with its defaults; the
     // container above both joins configuration and the keyless state.
     EXPECT_NE(admin_->Get(kVendor).text.find("<vendor-id>3561</vendor-id>"), std::string::npos);
-    subscriber_->With([&](Subscriber &s) {
+    subscriber_->Locked([&](Subscriber &s) {
         s.getReply = PlusXml("<query-policy><policy>1</policy><ignore-reply>0</ignore-reply></query-policy>");
     });
     reply = admin_->Get(kPlus);
@@ -362,13 +359,13 @@ TEST_F(DatastoreTest, OperationsAreValidatedThenForwarded)
     reply = admin_->Rpc(debugging("<debug-switch>true</debug-switch><debug-type>5</debug-type>"));
     EXPECT_FALSE(reply.ok);
     EXPECT_NE(reply.text.find("debug-type"), std::string::npos) << reply.text;
-    const auto rpcInputs = [this] { return subscriber_->Snapshot([](Subscriber &s) { return s.rpcInputs; }); };
+    const auto rpcInputs = [this] { return subscriber_->Locked([](Subscriber &s) { return s.rpcInputs; }); };
     EXPECT_TRUE(rpcInputs().empty());
 
     const std::string input = debugging("<debug-switch>true</debug-switch><debug-type>4</debug-type>");
     reply = admin_->Rpc(input);
     EXPECT_TRUE(reply.ok) << reply.text;
-    subscriber_->With([&](Subscriber &s) { s.rpcResult = 1; });
+    subscriber_->Locked([&](Subscriber &s) { s.rpcResult = 1; });
     EXPECT_EQ(admin_->Rpc(input).text, "operation set-debugging refused");
     EXPECT_EQ(rpcInputs(), (std::vector<std::string>{input, input}));
     EXPECT_EQ(admin_->Rpc("<reset-statistics xmlns=\"" + kNs + "\"/>").text,
@@ -391,7 +388,7 @@ TEST_F(DatastoreTest, ActivationReplaysTheStoredConfigurationThenEndsTheRecovery
     const std::vector<Delivery> want = {
         {YDBC_OP_CREATE, PortItem(kGigabit, "trusted-port"), "-", TrustedXml(49, false)},
         {YDBC_OP_CREATE, trunk, "-", TrustedXml(7, false)},
-        {YDBC_OP_CREATE, kEnable, "-", "<global-enable xmlns=\"" + kNs + "\"><enable>false</enable></global-enable>"},
+        {YDBC_OP_CREATE, kEnable, "-", EnableXml(false)},
     };
     EXPECT_EQ(subscriber_->changes, want);
 }
