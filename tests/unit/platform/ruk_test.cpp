@@ -7,7 +7,6 @@
 #include <set>
 #include <string>
 #include <thread>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -33,10 +32,7 @@ struct SiteReport {
     uint32_t line;
     uint32_t blocks;
     uint64_t bytes;
-    bool operator==(const SiteReport &o) const
-    {
-        return std::tie(handle, file, line, blocks, bytes) == std::tie(o.handle, o.file, o.line, o.blocks, o.bytes);
-    }
+    bool operator==(const SiteReport &) const = default;
 };
 
 std::vector<SiteReport> Sites()
