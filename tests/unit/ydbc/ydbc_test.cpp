@@ -463,27 +463,20 @@ TEST_F(DatastoreTest, LostDatastoreShowsAsHangUpAndReconnectReplaysWithoutResubs
 TEST_F(DatastoreTest, ClientEntryPointsFailCleanly)
 {
     StartServer();
-    ydbc_client *client = ydbc_client_new("probe", 1, nullptr);
-    ASSERT_NE(client, nullptr);
-    ydbc_subscription row{};
-    row.path = kVendor.c_str();
-    row.kind = YDBC_SUB_CONFIG;
-    row.configCallback =
-        reinterpret_cast<void *>(+[](void *, uint32_t, uint32_t, uint32_t, const char *) { return 0U; });
-    EXPECT_NE(ydbc_subscribe(client, &row), 0U);  // not connected
-    EXPECT_EQ(ydbc_connect(client, "tcp://localhost"), -1);
-    EXPECT_EQ(ydbc_connect(client, ("unix://" + dir_ + "/absent.sock").c_str()), -1);
+    subscriber_ = std::make_unique<Subscriber>(Url());
+    Subscriber &probe = *subscriber_;
+    EXPECT_NE(probe.SubscribeConfig(kVendor), 0U);  // not connected
+    EXPECT_EQ(ydbc_connect(probe.client(), "tcp://localhost"), -1);
+    EXPECT_EQ(ydbc_connect(probe.client(), ("unix://" + dir_ + "/absent.sock").c_str()), -1);
 
     PLAT_FailSet("ydbc_connect", 0, 1, 1);
-    EXPECT_EQ(ydbc_connect(client, Url().c_str()), -1);
-    int fd = ydbc_connect(client, Url().c_str());
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(ydbc_subscribe(client, &row), 0U);
+    EXPECT_FALSE(probe.Connect());
+    ASSERT_TRUE(probe.Connect());
+    EXPECT_EQ(probe.SubscribeConfig(kVendor), 0U);
     PLAT_FailSet("ydbc_activate", 0, 1, 7);
-    EXPECT_EQ(ydbc_activate(client, 0, nullptr, nullptr), 7U);
-    EXPECT_EQ(ydbc_activate(client, 0, nullptr, nullptr), 0U);
-    EXPECT_EQ(ydbc_run(client, 1000), 0U);
-    ydbc_client_free(client);
+    EXPECT_EQ(probe.Activate(), 7U);
+    EXPECT_EQ(probe.Activate(), 0U);
+    EXPECT_EQ(ydbc_run(probe.client(), 1000), 0U);
 
     // The environment names the socket (the agent's suites connect that
     // way, whatever the URL says).
