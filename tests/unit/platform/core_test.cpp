@@ -64,6 +64,16 @@ void Syslogv(int priority, const char *fmt, ...)
     va_end(ap);
 }
 
+std::vector<std::string> FileLines(const std::string &path)
+{
+    std::ifstream in(path);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
 }  // namespace
 
 TEST(FailureInjection, OperationsFailInTheirOwnFormAndAreCounted)
@@ -194,20 +204,6 @@ TEST(LogSink, SyslogCallsLandInTheSink)
     EXPECT_NE(pplus_test::LogInOrder(PLAT_LOG_SYSLOG, {"<6> x 1", "<3> [T] broken", "<7> v!"}), 0U);
     EXPECT_EQ(PLAT_LogCount(PLAT_LOG_ANY, ""), 3U);
 }
-
-namespace {
-
-std::vector<std::string> FileLines(const std::string &path)
-{
-    std::ifstream in(path);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
-}  // namespace
 
 TEST(LogSink, FileGetsEveryLineInOrderFromItsOwnThread)
 {

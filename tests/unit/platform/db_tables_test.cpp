@@ -68,6 +68,20 @@ DB_OBJ_S *ReadIf(uint32_t ifIndex, uint32_t *ret)
     return obj;
 }
 
+// The name of the interface of ifIndex, read through a new object as the
+// module reads it; "" when there is none.
+std::string NameOf(uint32_t ifIndex)
+{
+    uint32_t ret = 0;
+    DB_OBJ_S *obj = ReadIf(ifIndex, &ret);
+    char name[64] = {};
+    if (ret != DB_OK || db_get_if_name(obj, name, sizeof(name)) != DB_OK) {
+        name[0] = '\0';
+    }
+    EXPECT_EQ(db_release_if_object(obj), DB_OK);
+    return name;
+}
+
 }  // namespace
 
 TEST(DbTables, InterfacesReadByKeyWithTheirChildNodes)
@@ -214,24 +228,6 @@ TEST(DbTables, CallsFailOnInjectionUnderTheirOwnName)
     EXPECT_EQ(Field(db_get_if_dev_port_num, dev), Ok(uint16_t{1}));
     EXPECT_EQ(db_release_if_object(obj), DB_OK);
 }
-
-namespace {
-
-// The name of the interface of ifIndex, read through a new object as the
-// module reads it; "" when there is none.
-std::string NameOf(uint32_t ifIndex)
-{
-    uint32_t ret = 0;
-    DB_OBJ_S *obj = ReadIf(ifIndex, &ret);
-    char name[64] = {};
-    if (ret != DB_OK || db_get_if_name(obj, name, sizeof(name)) != DB_OK) {
-        name[0] = '\0';
-    }
-    EXPECT_EQ(db_release_if_object(obj), DB_OK);
-    return name;
-}
-
-}  // namespace
 
 TEST(DbTables, ReadsSeeEveryWriteWhateverTheyReadBefore)
 {
