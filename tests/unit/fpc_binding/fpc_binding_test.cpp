@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <string>
 
 #include "platform/control.h"
@@ -16,16 +17,14 @@
 
 namespace {
 
+// The binding's entries are thirteen function pointers in binding order
+// (its header pins the size), read here as such.
 bool IsBound(size_t index)
 {
-    const PppoePlusFpcApi &api = g_pppoePlusFpcApi;
-    const bool bound[13] = {
-        api.channelGetIdByName != nullptr, api.channelDcSendByIdNoSem != nullptr, api.mbufCopyPktToData != nullptr,
-        api.channelCreate != nullptr,      api.threadInfoRegByName != nullptr,    api.eventRead != nullptr,
-        api.channelDcRecv != nullptr,      api.mbufPktNewFromData != nullptr,     api.mbufPktAddHead != nullptr,
-        api.mbufPktCutHead != nullptr,     api.getDefaultDataRoomLen != nullptr,  api.mbufFree != nullptr,
-        api.mbufPktCopy != nullptr};
-    return bound[index];
+    void *entries[13];
+    static_assert(sizeof(entries) == sizeof(PppoePlusFpcApi));
+    std::memcpy(entries, &g_pppoePlusFpcApi, sizeof(entries));
+    return entries[index] != nullptr;
 }
 
 constexpr const char *kSymbols[13] = {"FPC_ChannelGetIdByName", "FPC_ChannelDcSendByIdNoSem", "FpcMbufCopyPktToData",
