@@ -2,7 +2,6 @@
 // iteration order and refusals.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <vector>
 
 #include "hash.h"

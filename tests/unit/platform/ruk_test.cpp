@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "platform/control.h"
-#include "pplus_test.hpp"
 #include "ruk.h"
 
 namespace {

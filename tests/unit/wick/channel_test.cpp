@@ -6,7 +6,6 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
-#include <string>
 #include <thread>
 #include <vector>
 

@@ -14,7 +14,6 @@
 #include <cerrno>
 #include <chrono>
 #include <fstream>
-#include <sstream>
 #include <thread>
 
 namespace ydbc_test {
