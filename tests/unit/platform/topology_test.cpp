@@ -27,10 +27,11 @@ std::string Refusal(const std::string &yaml)
 TEST(Topology, RefusalsNameTheLineAndTheKey)
 {
     struct Case {
-        const char *yaml;
+        std::string yaml;
         const char *where;
         const char *what;
     };
+    const std::string sys = "system:\n  name: S\n";
     const Case cases[] = {
         {"system:\n  name: S\n  chassis: many\n", "topology:3:", "system.chassis"},
         {"system:\n  main-board: 4294967296\n", "topology:2:", "system.main-board"},
@@ -43,6 +44,38 @@ TEST(Topology, RefusalsNameTheLineAndTheKey)
         {"other:\n  name: S\n", "topology:1:", "other"},
         {"system: plain\n", "topology:1:", "system"},
         {"", "topology", "system"},
+        // Switching sections.
+        {sys + "interfaces:\n  - {name: A, ifindex: 5, port: 70000}\n", "topology:4:", "interfaces[0].port"},
+        {sys + "interfaces:\n  - {name: A}\n", "topology:4:", "missing key 'ifindex'"},
+        {sys + "interfaces:\n  - {name: A, ifindex: 5}\n  - {name: A, ifindex: 6}\n", "topology:5:", "'A' given twice"},
+        {sys + "interfaces:\n  - {name: A, ifindex: 5}\n  - {name: B, ifindex: 5}\n",
+         "topology:5:", "interfaces[1].ifindex"},
+        {sys + "interfaces:\n  - {name: A, ifindex: 5,\n     vlans: [\"110-100\"]}\n",
+         "topology:5:", "interfaces[0].vlans"},
+        {sys + "interfaces:\n  - {name: A, ifindex: 5, vlans: 4095}\n", "topology:4:", "interfaces[0].vlans"},
+        {sys + "interfaces:\n  - {name: A, ifindex: 5, pvid: 0}\n", "topology:4:", "interfaces[0].pvid"},
+        {sys + "interfaces: {name: A}\n", "topology:3:", "expected a list"},
+        {sys + "trunks:\n  - {name: T, id: 1, ifindex: 9,\n     members: [Nope]}\n",
+         "topology:5:", "no interface named 'Nope'"},
+        {sys + "interfaces:\n  - {name: A, ifindex: 5}\ntrunks:\n  - {name: T, id: 1, ifindex: 9, members: [A]}\n"
+               "  - {name: U, id: 2, ifindex: 10, members: [A]}\n",
+         "topology:7:", "another trunk"},
+        {sys + "trunks:\n  - {name: T, id: 1, ifindex: 9, netdev: eth0}\n",
+         "topology:4:", "trunks[0].netdev: unknown key"},
+        {sys + "interfaces:\n  - {name: A, ifindex: 5, netdev: \"\"}\n", "topology:4:", "interfaces[0].netdev"},
+        {sys + "isolation:\n  groups:\n    - {id: 7, members: [Ghost]}\n", "topology:5:", "no interface named 'Ghost'"},
+        {sys + "interfaces:\n  - {name: A, ifindex: 5}\nisolation:\n  access-pairs:\n    - [A]\n",
+         "topology:7:", "pair"},
+        // The forwarding plane's section and an interface's policing.
+        {sys + "forwarding-plane: {punt-policing: {port: {rate: 0}}}\n",
+         "topology:", "forwarding-plane.punt-policing.port.rate"},
+        {sys + "forwarding-plane: {punt-policing: {port: {burst: 5}}}\n", "topology:", "missing key 'rate'"},
+        {sys + "forwarding-plane: {punt-policing: {global: fast}}\n",
+         "topology:", "expected off or {rate: R, burst: B}"},
+        {sys + "forwarding-plane: {subscriber-table: {size: many}}\n",
+         "topology:", "forwarding-plane.subscriber-table.size"},
+        {sys + "interfaces:\n  - {name: A, ifindex: 5, punt-policing: {rate: 5, colour: red}}\n",
+         "topology:", "interfaces[0].punt-policing.colour: unknown key"},
     };
     for (const Case &c : cases) {
         const std::string error = Refusal(c.yaml);
@@ -147,41 +180,6 @@ TEST(Topology, FullFileFillsTheTables)
     EXPECT_TRUE(platform::world::IfRecords().empty());
 }
 
-TEST(Topology, SwitchingRefusalsNameTheLineAndTheKey)
-{
-    struct Case {
-        const char *yaml;
-        const char *where;
-        const char *what;
-    };
-    const std::string sys = "system:\n  name: S\n";
-    const Case cases[] = {
-        {"interfaces:\n  - {name: A, ifindex: 5, port: 70000}\n", "topology:4:", "interfaces[0].port"},
-        {"interfaces:\n  - {name: A}\n", "topology:4:", "missing key 'ifindex'"},
-        {"interfaces:\n  - {name: A, ifindex: 5}\n  - {name: A, ifindex: 6}\n", "topology:5:", "'A' given twice"},
-        {"interfaces:\n  - {name: A, ifindex: 5}\n  - {name: B, ifindex: 5}\n", "topology:5:", "interfaces[1].ifindex"},
-        {"interfaces:\n  - {name: A, ifindex: 5,\n     vlans: [\"110-100\"]}\n", "topology:5:", "interfaces[0].vlans"},
-        {"interfaces:\n  - {name: A, ifindex: 5, vlans: 4095}\n", "topology:4:", "interfaces[0].vlans"},
-        {"interfaces:\n  - {name: A, ifindex: 5, pvid: 0}\n", "topology:4:", "interfaces[0].pvid"},
-        {"interfaces: {name: A}\n", "topology:3:", "expected a list"},
-        {"trunks:\n  - {name: T, id: 1, ifindex: 9,\n     members: [Nope]}\n",
-         "topology:5:", "no interface named 'Nope'"},
-        {"interfaces:\n  - {name: A, ifindex: 5}\ntrunks:\n  - {name: T, id: 1, ifindex: 9, members: [A]}\n"
-         "  - {name: U, id: 2, ifindex: 10, members: [A]}\n",
-         "topology:7:", "another trunk"},
-        {"trunks:\n  - {name: T, id: 1, ifindex: 9, netdev: eth0}\n", "topology:4:", "trunks[0].netdev: unknown key"},
-        {"interfaces:\n  - {name: A, ifindex: 5, netdev: \"\"}\n", "topology:4:", "interfaces[0].netdev"},
-        {"isolation:\n  groups:\n    - {id: 7, members: [Ghost]}\n", "topology:5:", "no interface named 'Ghost'"},
-        {"interfaces:\n  - {name: A, ifindex: 5}\nisolation:\n  access-pairs:\n    - [A]\n", "topology:7:", "pair"},
-    };
-    for (const Case &c : cases) {
-        const std::string yaml = sys + c.yaml;
-        const std::string error = Refusal(yaml);
-        EXPECT_NE(error.find(c.where), std::string::npos) << yaml << " -> " << error;
-        EXPECT_NE(error.find(c.what), std::string::npos) << yaml << " -> " << error;
-    }
-}
-
 TEST(Topology, PlaneSectionSetsPuntPolicingAndTheSubscriberTable)
 {
     std::string error;
@@ -209,22 +207,4 @@ TEST(Topology, PlaneSectionSetsPuntPolicingAndTheSubscriberTable)
     EXPECT_FALSE(set->plane.policing.ports.at(6).Limits());
     EXPECT_EQ(set->plane.subscribers.size, 0U);
     EXPECT_EQ(set->plane.subscribers.idleSeconds, 30U);
-
-    struct Case {
-        const char *yaml;
-        const char *what;
-    };
-    const Case cases[] = {
-        {"forwarding-plane: {punt-policing: {port: {rate: 0}}}\n", "forwarding-plane.punt-policing.port.rate"},
-        {"forwarding-plane: {punt-policing: {port: {burst: 5}}}\n", "missing key 'rate'"},
-        {"forwarding-plane: {punt-policing: {global: fast}}\n", "expected off or {rate: R, burst: B}"},
-        {"forwarding-plane: {subscriber-table: {size: many}}\n", "forwarding-plane.subscriber-table.size"},
-        {"interfaces:\n  - {name: A, ifindex: 5, punt-policing: {rate: 5, colour: red}}\n",
-         "interfaces[0].punt-policing.colour: unknown key"},
-    };
-    for (const Case &c : cases) {
-        const std::string yaml = std::string("system: {name: S}\n") + c.yaml;
-        EXPECT_FALSE(device::world::LoadTopologyText(yaml, &error)) << yaml;
-        EXPECT_NE(error.find(c.what), std::string::npos) << yaml << " -> " << error;
-    }
 }
