@@ -43,6 +43,22 @@ std::string VendorXml(uint32_t id)
     return "<vendor-id xmlns=\"" + kNs + "\"><vendor-id>" + std::to_string(id) + "</vendor-id></vendor-id>";
 }
 
+// The port format of kGigabit whose keys are vlans and type, with the rest
+// of its leaves; Formats wraps entries in their list's container.
+std::string Format(const std::string &vlans, const std::string &type, const std::string &rest = "")
+{
+    return "<port-tags-format>" + vlans + "<tags-encapsulation-type>" + type +
+           "</tags-encapsulation-type><ifIndex>49</ifIndex>" + rest + "</port-tags-format>";
+}
+
+std::string Formats(const std::string &entries)
+{
+    return PortXml(kGigabit, "<port-tags-formats>" + entries + "</port-tags-formats>");
+}
+
+const std::string kVlan10 = "<vlan-id>10</vlan-id><cevlan-id>0</cevlan-id>";
+const std::string kUserDefine = "<tags-encapsulation-format>user-define</tags-encapsulation-format>";
+
 // An interface's trusted-port entry with only its mandatory leaf.
 std::string Trusted(const std::string &name, uint32_t ifindex)
 {
@@ -58,14 +74,10 @@ TEST_F(DatastoreTest, InvalidEditsAreRefusedNamingTheNodeAndChangeNothing)
     subscriber_->Forget();
     const std::string before = admin_->Export().text;
 
-    // A port's format entry up to its optional leaves.
+    // A port's circuit-id format entry up to its optional leaves.
     const auto format = [](const std::string &vlans, const std::string &rest) {
-        return PortXml(kGigabit, "<port-tags-formats><port-tags-format>" + vlans +
-                                     "<tags-encapsulation-type>circuit-id</tags-encapsulation-type>"
-                                     "<ifIndex>49</ifIndex>" +
-                                     rest + "</port-tags-format></port-tags-formats>");
+        return Formats(Format(vlans, "circuit-id", rest));
     };
-    const std::string userDefine = "<tags-encapsulation-format>user-define</tags-encapsulation-format>";
     const auto description = [](size_t length) {
         return PortXml(kGigabit, "<if-description><ifIndex>49</ifIndex><ifDescr>" + std::string(length, 'd') +
                                      "</ifDescr></if-description>");
@@ -82,7 +94,7 @@ TEST_F(DatastoreTest, InvalidEditsAreRefusedNamingTheNodeAndChangeNothing)
         {format("<vlan-id>100</vlan-id>", ""), "cevlan-id"},
         {description(243), "ifDescr"},
         // A port format of the user's own without its text.
-        {format("<vlan-id>100</vlan-id><cevlan-id>0</cevlan-id>", userDefine), "port-tags-format"},
+        {format(kVlan10, kUserDefine), "port-tags-format"},
         // A must condition, with the model's own message.
         {PlusXml("<global-tags-format><tags-cid-encapsulation-format>user-define</tags-cid-encapsulation-format>"
                  "</global-tags-format>"),
@@ -111,8 +123,7 @@ TEST_F(DatastoreTest, InvalidEditsAreRefusedNamingTheNodeAndChangeNothing)
 
     // With their fault mended the port rows are accepted: each failed for
     // its own reason.
-    EXPECT_TRUE(Edited(format("<vlan-id>100</vlan-id><cevlan-id>0</cevlan-id>",
-                              userDefine + "<user-define-text>\"%sysname\"</user-define-text>")));
+    EXPECT_TRUE(Edited(format(kVlan10, kUserDefine + "<user-define-text>\"%sysname\"</user-define-text>")));
     EXPECT_TRUE(Edited(description(242)));
 }
 
@@ -150,10 +161,7 @@ TEST_F(DatastoreTest, ChangesReachTheSubscriberWithTheirTypePathAndData)
 TEST_F(DatastoreTest, DeletingAPortsLastItemTakesItsInterfaceEntryAlong)
 {
     StartServer();
-    const std::string format =
-        "<port-tags-formats><port-tags-format><vlan-id>10</vlan-id><cevlan-id>0</cevlan-id>"
-        "<tags-encapsulation-type>circuit-id</tags-encapsulation-type><ifIndex>49</ifIndex>"
-        "</port-tags-format></port-tags-formats>";
+    const std::string format = "<port-tags-formats>" + Format(kVlan10, "circuit-id") + "</port-tags-formats>";
     ASSERT_TRUE(Edited(PortXml(kGigabit, "<trusted-port><ifindex>49</ifindex></trusted-port>" + format) +
                        Trusted("Eth-Trunk1", 1)));
     ASSERT_TRUE(admin_
@@ -175,18 +183,14 @@ TEST_F(DatastoreTest, PullReadsBelowTheChangedNode)
     StartServer();
     StartSubscriber({kPort + "/port-tags-formats"});
     auto format = [](const std::string &type, const std::string &text) {
-        return "<port-tags-format><vlan-id>10</vlan-id><cevlan-id>0</cevlan-id><tags-encapsulation-type>" + type +
-               "</tags-encapsulation-type><ifIndex>49</ifIndex><tags-encapsulation-format>user-define"
-               "</tags-encapsulation-format><user-define-text>" +
-               text + "</user-define-text></port-tags-format>";
+        return Format(kVlan10, type, kUserDefine + "<user-define-text>" + text + "</user-define-text>");
     };
     subscriber_->Locked([](Subscriber &s) {
         s.pullBelow =
             "/port-tags-format[vlan-id='10'][cevlan-id='0'][tags-encapsulation-type='remote-id']"
             "/user-define-text";
     });
-    ASSERT_TRUE(Edited(PortXml(kGigabit, "<port-tags-formats>" + format("circuit-id", "%a") +
-                                             format("remote-id", "%b") + "</port-tags-formats>")));
+    ASSERT_TRUE(Edited(Formats(format("circuit-id", "%a") + format("remote-id", "%b"))));
     ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 1; }));
     EXPECT_EQ(subscriber_->Changes()[0].below, "<user-define-text xmlns=\"" + kNs + "\">%b</user-define-text>");
 
@@ -210,8 +214,7 @@ TEST_F(DatastoreTest, PullReadsBelowTheChangedNode)
             s.pullDepth = row.depth;
         });
         text += "c";
-        ASSERT_TRUE(
-            Edited(PortXml(kGigabit, "<port-tags-formats>" + format("remote-id", text) + "</port-tags-formats>")));
+        ASSERT_TRUE(Edited(Formats(format("remote-id", text))));
         ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 1; }));
         EXPECT_EQ(subscriber_->Changes()[0].below, row.below) << row.depth;
     }
