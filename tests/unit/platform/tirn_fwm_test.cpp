@@ -66,12 +66,8 @@ std::atomic<size_t> g_done{0};
 std::atomic<TIRN_CONN_HANDLE> g_quitConn{0};
 std::atomic<pid_t> g_quitTid{0};
 
-void OnGlobal(uint32_t, const void *)
-{
-    g_done++;
-}
-
-void OnTrust(uint32_t, const void *)
+// Counts completions of either request.
+void OnDone(uint32_t, const void *)
 {
     g_done++;
 }
@@ -112,7 +108,7 @@ uint32_t SendGlobal(uint32_t enable)
     auto *msg = static_cast<PPPOE_PLUS_GLOBAL_CFG_REQ_S *>(RPC_IdlMsgCreate(4, kMsgId, "test"));
     msg->enable = enable;
     RPC_INVOKE_ATTR_S attr = {};
-    const uint32_t ret = PPPOE_PLUS_GlobalCfg_async(msg, OnGlobal, nullptr, &attr);
+    const uint32_t ret = PPPOE_PLUS_GlobalCfg_async(msg, OnDone, nullptr, &attr);
     EXPECT_EQ(RPC_IdlMsgDestroy(msg, kMsgId, "test"), RPC_OK);
     return ret;
 }
@@ -122,7 +118,7 @@ uint32_t SendTrust(uint32_t enable, uint32_t ifIndex)
     auto *msg = static_cast<PPPOE_PLUS_TRUST_PORT_CFG_REQ_S *>(RPC_IdlMsgCreate(8, kMsgId, "test"));
     *msg = {enable, ifIndex};
     RPC_INVOKE_ATTR_S attr = {};
-    const uint32_t ret = PPPOE_PLUS_TrustPortCfg_async(msg, OnTrust, nullptr, &attr);
+    const uint32_t ret = PPPOE_PLUS_TrustPortCfg_async(msg, OnDone, nullptr, &attr);
     EXPECT_EQ(RPC_IdlMsgDestroy(msg, kMsgId, "test"), RPC_OK);
     return ret;
 }
@@ -164,9 +160,9 @@ TEST(TirnFwm, RequestsChangeFwmStateAndEndWithTheConnection)
     // A message the library did not make, or one already destroyed, is refused.
     PPPOE_PLUS_GLOBAL_CFG_REQ_S onStack = {1};
     RPC_INVOKE_ATTR_S invoke = {};
-    EXPECT_EQ(PPPOE_PLUS_GlobalCfg_async(&onStack, OnGlobal, nullptr, &invoke), RPC_ERR_PARAM);
+    EXPECT_EQ(PPPOE_PLUS_GlobalCfg_async(&onStack, OnDone, nullptr, &invoke), RPC_ERR_PARAM);
     void *small = RPC_IdlMsgCreate(4, kMsgId, "test");
-    EXPECT_EQ(PPPOE_PLUS_TrustPortCfg_async(small, OnTrust, nullptr, &invoke), RPC_ERR_PARAM);
+    EXPECT_EQ(PPPOE_PLUS_TrustPortCfg_async(small, OnDone, nullptr, &invoke), RPC_ERR_PARAM);
     EXPECT_EQ(RPC_IdlMsgDestroy(small, kMsgId + 1, "test"), RPC_ERR_PARAM);
     EXPECT_EQ(RPC_IdlMsgDestroy(small, kMsgId, "test"), RPC_OK);
     EXPECT_EQ(RPC_IdlMsgDestroy(small, kMsgId, "test"), RPC_ERR_PARAM);
