@@ -205,6 +205,5 @@ TEST(Topology, PlaneSectionSetsPuntPolicingAndTheSubscriberTable)
     EXPECT_FALSE(set->plane.policing.global.Limits());
     EXPECT_EQ(set->plane.policing.ports.at(5), (platform::PuntRate{7, 14})) << "burst defaults to twice the rate";
     EXPECT_FALSE(set->plane.policing.ports.at(6).Limits());
-    EXPECT_EQ(set->plane.subscribers.size, 0U);
-    EXPECT_EQ(set->plane.subscribers.idleSeconds, 30U);
+    EXPECT_EQ(std::tie(set->plane.subscribers.size, set->plane.subscribers.idleSeconds), std::make_tuple(0U, 30U));
 }
