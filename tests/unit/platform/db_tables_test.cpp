@@ -68,16 +68,20 @@ DB_OBJ_S *ReadIf(uint32_t ifIndex, uint32_t *ret)
     return obj;
 }
 
+// The name an interface object holds; "" when it cannot be read.
+std::string NameIn(DB_OBJ_S *obj)
+{
+    char name[64] = {};
+    return db_get_if_name(obj, name, sizeof(name)) == DB_OK ? name : "";
+}
+
 // The name of the interface of ifIndex, read through a new object as the
 // module reads it; "" when there is none.
 std::string NameOf(uint32_t ifIndex)
 {
     uint32_t ret = 0;
     DB_OBJ_S *obj = ReadIf(ifIndex, &ret);
-    char name[64] = {};
-    if (ret != DB_OK || db_get_if_name(obj, name, sizeof(name)) != DB_OK) {
-        name[0] = '\0';
-    }
+    const std::string name = ret == DB_OK ? NameIn(obj) : "";
     EXPECT_EQ(db_release_if_object(obj), DB_OK);
     return name;
 }
@@ -100,10 +104,9 @@ TEST(DbTables, InterfacesReadByKeyWithTheirChildNodes)
     EXPECT_EQ(db_get_if_ifindex(obj, &v), DB_ERR_NO_RECORD);  // key set, not read yet
     ASSERT_EQ(db_read_if_object(obj), DB_OK);
 
-    char name[32] = {};
-    EXPECT_EQ(db_get_if_name(obj, name, sizeof(name)), DB_OK);
-    EXPECT_STREQ(name, "GigabitEthernet0/0/23");
-    EXPECT_EQ(db_get_if_name(obj, name, 21), DB_ERR_BUF_SMALL);  // no room for the terminator
+    EXPECT_EQ(NameIn(obj), "GigabitEthernet0/0/23");
+    char name[21];
+    EXPECT_EQ(db_get_if_name(obj, name, sizeof(name)), DB_ERR_BUF_SMALL);  // no room for the terminator
 
     // The fields' values (lag id, switching, placement, trunk) are read by
     // the module's interface suite (intf_test.cpp), on board by the
@@ -280,14 +283,12 @@ TEST(DbTables, ReadersNeverSeeAHalfWrittenTableWhileItChanges)
         for (int i = 0; i < 2000; i++) {
             uint32_t ret = 0;
             DB_OBJ_S *obj = ReadIf(5, &ret);
-            char name[32] = {};
             uint32_t slot = 0;
             uint16_t port = 0;
             DB_OBJ_S *dev = nullptr;
-            if (ret == DB_OK && db_get_if_name(obj, name, sizeof(name)) == DB_OK &&
-                db_create_child_node(obj, "dev", &dev) == DB_OK && db_get_if_dev_slot_id(dev, &slot) == DB_OK &&
-                db_get_if_dev_port_num(dev, &port) == DB_OK) {
-                *odd += std::string(name) == "p-" + std::to_string(slot) && slot == port ? 0U : 1U;
+            if (ret == DB_OK && db_create_child_node(obj, "dev", &dev) == DB_OK &&
+                db_get_if_dev_slot_id(dev, &slot) == DB_OK && db_get_if_dev_port_num(dev, &port) == DB_OK) {
+                *odd += NameIn(obj) == "p-" + std::to_string(slot) && slot == port ? 0U : 1U;
             } else {
                 (*odd)++;
             }
@@ -342,9 +343,7 @@ TEST(DbTables, ObjectsMadeInMemoryTheMemoryServiceGaveBackAreWhole)
         ASSERT_EQ(db_create_child_node(obj, "l2", &l2), DB_OK);
         EXPECT_EQ(Field(db_get_if_dev_port_num, dev), Ok(uint16_t{7}));
         EXPECT_EQ(Field(db_get_if_l2_trunk_id, l2), Ok(4U));
-        char name[32] = {};
-        EXPECT_EQ(db_get_if_name(obj, name, sizeof(name)), DB_OK);
-        EXPECT_STREQ(name, "GigabitEthernet0/0/7");
+        EXPECT_EQ(NameIn(obj), "GigabitEthernet0/0/7");
     }
     for (DB_OBJ_S *obj : objs) {
         EXPECT_EQ(db_release_if_object(obj), DB_OK);
