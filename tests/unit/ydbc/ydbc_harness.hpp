@@ -85,8 +85,6 @@ public:
         ydbc_client_free(client_);
         current = nullptr;
     }
-    Subscriber(const Subscriber &) = delete;
-    Subscriber &operator=(const Subscriber &) = delete;
 
     ydbc_client *client() const { return client_; }
     bool Connect()
