@@ -7,25 +7,23 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <string>
 
-#include "platform/control.h"
 #include "pplus_test.hpp"
 #include "pppoe_plus_fpc.h"
 #include "pppoe_plus_mem.h"
 
 namespace {
 
+// The binding's entries are thirteen function pointers in binding order
+// (its header pins the size), read here as such.
 bool IsBound(size_t index)
 {
-    const PppoePlusFpcApi &api = g_pppoePlusFpcApi;
-    const bool bound[13] = {
-        api.channelGetIdByName != nullptr, api.channelDcSendByIdNoSem != nullptr, api.mbufCopyPktToData != nullptr,
-        api.channelCreate != nullptr,      api.threadInfoRegByName != nullptr,    api.eventRead != nullptr,
-        api.channelDcRecv != nullptr,      api.mbufPktNewFromData != nullptr,     api.mbufPktAddHead != nullptr,
-        api.mbufPktCutHead != nullptr,     api.getDefaultDataRoomLen != nullptr,  api.mbufFree != nullptr,
-        api.mbufPktCopy != nullptr};
-    return bound[index];
+    void *entries[13];
+    static_assert(sizeof(entries) == sizeof(PppoePlusFpcApi));
+    std::memcpy(entries, &g_pppoePlusFpcApi, sizeof(entries));
+    return entries[index] != nullptr;
 }
 
 constexpr const char *kSymbols[13] = {"FPC_ChannelGetIdByName", "FPC_ChannelDcSendByIdNoSem", "FpcMbufCopyPktToData",
@@ -77,7 +75,6 @@ TEST_P(FpcBindingWithout, FallsBackToItsDefaultAndBindsTheRest)
         EXPECT_EQ(IsBound(i), i != missing) << kSymbols[i];
     }
     ExpectDefault(missing);
-    EXPECT_EQ(PLAT_PatchRestoreCount(), 1U);
 }
 
 INSTANTIATE_TEST_SUITE_P(EachFunction, FpcBindingWithout, testing::Range<size_t>(0, 13),

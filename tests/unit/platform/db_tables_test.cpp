@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -69,20 +68,31 @@ DB_OBJ_S *ReadIf(uint32_t ifIndex, uint32_t *ret)
     return obj;
 }
 
+// The name an interface object holds; "" when it cannot be read.
+std::string NameIn(DB_OBJ_S *obj)
+{
+    char name[64] = {};
+    return db_get_if_name(obj, name, sizeof(name)) == DB_OK ? name : "";
+}
+
+// The name of the interface of ifIndex, read through a new object as the
+// module reads it; "" when there is none.
+std::string NameOf(uint32_t ifIndex)
+{
+    uint32_t ret = 0;
+    DB_OBJ_S *obj = ReadIf(ifIndex, &ret);
+    const std::string name = ret == DB_OK ? NameIn(obj) : "";
+    EXPECT_EQ(db_release_if_object(obj), DB_OK);
+    return name;
+}
+
 }  // namespace
 
 TEST(DbTables, InterfacesReadByKeyWithTheirChildNodes)
 {
     platform::world::Reset();
-    platform::IfRecord member = Port("GigabitEthernet0/0/23", 27, 2, 255, 65535);
-    member.l2TrunkId = 3;
-    member.portSwitch = 1;
-    member.onBoard = false;
     platform::world::IfPut(Port("GigabitEthernet0/0/1", 5, 0, 0, 1));
-    platform::world::IfPut(member);
-    platform::IfRecord trunk = Port("Eth-Trunk3", 100, 0, 0, 0);
-    trunk.lagId = 3;
-    platform::world::IfPut(trunk);
+    platform::world::IfPut(Port("GigabitEthernet0/0/23", 27, 2, 255, 65535));
 
     DB_OBJ_S *obj = nullptr;
     ASSERT_EQ(db_create_if_object(&obj), DB_OK);
@@ -94,23 +104,18 @@ TEST(DbTables, InterfacesReadByKeyWithTheirChildNodes)
     EXPECT_EQ(db_get_if_ifindex(obj, &v), DB_ERR_NO_RECORD);  // key set, not read yet
     ASSERT_EQ(db_read_if_object(obj), DB_OK);
 
-    char name[32] = {};
-    EXPECT_EQ(db_get_if_name(obj, name, sizeof(name)), DB_OK);
-    EXPECT_STREQ(name, "GigabitEthernet0/0/23");
-    EXPECT_EQ(db_get_if_name(obj, name, 21), DB_ERR_BUF_SMALL);  // no room for the terminator
-    EXPECT_EQ(Field(db_get_if_lag_id, obj), Ok(DB_INVALID_ID));
-    EXPECT_EQ(Field(db_get_if_port_switch, obj), Ok(1U));
-    EXPECT_EQ(Field(db_get_if_on_board, obj), Ok(0U));
+    EXPECT_EQ(NameIn(obj), "GigabitEthernet0/0/23");
+    char name[21];
+    EXPECT_EQ(db_get_if_name(obj, name, sizeof(name)), DB_ERR_BUF_SMALL);  // no room for the terminator
 
+    // The fields' values (lag id, switching, placement, trunk) are read by
+    // the module's interface suite (intf_test.cpp), on board by the
+    // subscription test (db_sub_test.cpp).
     DB_OBJ_S *dev = nullptr;
     DB_OBJ_S *l2 = nullptr;
     EXPECT_EQ(db_create_child_node(obj, "ifm", &dev), DB_ERR_PARAM);
     ASSERT_EQ(db_create_child_node(obj, "dev", &dev), DB_OK);
     ASSERT_EQ(db_create_child_node(obj, "l2", &l2), DB_OK);
-    EXPECT_EQ(Field(db_get_if_dev_slot_id, dev), Ok(2U));
-    EXPECT_EQ(Field(db_get_if_dev_card_id, dev), Ok(255U));
-    EXPECT_EQ(Field(db_get_if_dev_port_num, dev), Ok(uint16_t{65535}));
-    EXPECT_EQ(Field(db_get_if_l2_trunk_id, l2), Ok(3U));
     // Each node answers only its own fields, and is no table to iterate.
     EXPECT_EQ(db_get_if_l2_trunk_id(dev, &v), DB_ERR_PARAM);
     EXPECT_EQ(db_get_if_dev_slot_id(l2, &v), DB_ERR_PARAM);
@@ -130,18 +135,9 @@ TEST(DbTables, InterfacesReadByKeyWithTheirChildNodes)
     EXPECT_EQ(db_get_if_l2_trunk_id(l2, &v), DB_ERR_PARAM);
     EXPECT_EQ(db_release_if_object(obj), DB_ERR_PARAM);
 
-    // Without a key an iteration visits every interface, in order.
-    ASSERT_EQ(db_create_if_object(&obj), DB_OK);
-    ASSERT_EQ(db_create_root_iter(obj, 0, 0, &iter), DB_OK);
-    std::vector<uint32_t> seen;
-    uint32_t ret = DB_OK;
-    while ((ret = db_root_iterator_next(iter)) == DB_OK) {
-        ASSERT_EQ(db_get_if_ifindex(obj, &v), DB_OK);
-        seen.push_back(v);
-    }
-    EXPECT_EQ(ret, DB_ITER_END);
-    EXPECT_EQ(seen, (std::vector<uint32_t>{5, 100}));
-    EXPECT_EQ(db_release_if_object(obj), DB_OK);
+    // An iteration without a key (every interface in order) is the module
+    // interface suite's (IntfTest.Placement...: the first switched port);
+    // the iterator, shared by every table, the framework instance test's.
 
     // Released objects are reused: a new one starts without the old key,
     // record or iteration.
@@ -156,12 +152,15 @@ TEST(DbTables, InterfacesReadByKeyWithTheirChildNodes)
     EXPECT_EQ(db_release_if_object(fresh), DB_OK);
 }
 
+// What the module reads of these tables (a member's trunk, VLAN bits,
+// access pairs in one direction, a port's isolation groups in order, a
+// system name too long for the buffer) is its interface suite's
+// (intf_test.cpp).
 TEST(DbTables, TrunkVlanIsolationAndSystemTables)
 {
     platform::world::Reset();
     platform::world::TrunkPut({3, 100});
     platform::world::TrunkPut({3, 101});  // replaces
-    platform::world::TrunkPortPut({27, 101});
     platform::world::PortVlanSet(5, 4095, true);
     platform::world::PortVlanSet(5, 100, true);
     platform::world::PortVlanSet(5, 100, false);
@@ -169,7 +168,6 @@ TEST(DbTables, TrunkVlanIsolationAndSystemTables)
     platform::world::PortIsolatePut({5, 7});
     platform::world::PortIsolatePut({6, 8});
     platform::world::PortIsolatePut({5, 70});
-    platform::world::SetSysName("Edge-1");
 
     uint32_t v = 0;
     DB_OBJ_S *obj = nullptr;
@@ -179,12 +177,6 @@ TEST(DbTables, TrunkVlanIsolationAndSystemTables)
     EXPECT_EQ(Field(db_get_trunk_trunk_if_index, obj), Ok(101U));
     EXPECT_EQ(db_get_trunk_port_trunk_if_index(obj, &v), DB_ERR_PARAM);  // another kind's field
     EXPECT_EQ(db_release_trunk_obj(obj), DB_OK);
-
-    ASSERT_EQ(db_create_trunk_port_obj(&obj), DB_OK);
-    ASSERT_EQ(db_set_trunk_port_if_index(obj, 27), DB_OK);
-    ASSERT_EQ(db_read_trunk_port_obj(obj), DB_OK);
-    EXPECT_EQ(Field(db_get_trunk_port_trunk_if_index, obj), Ok(101U));
-    EXPECT_EQ(db_release_trunk_port_obj(obj), DB_OK);
 
     uint8_t bitmap[DB_PORT_VLAN_BITMAP_LEN] = {};
     ASSERT_EQ(db_create_port_vlan_map_obj(&obj), DB_OK);
@@ -197,34 +189,20 @@ TEST(DbTables, TrunkVlanIsolationAndSystemTables)
     EXPECT_EQ(db_release_port_vlan_map_obj(obj), DB_OK);
 
     ASSERT_EQ(db_create_access_isolate_obj(&obj), DB_OK);
-    ASSERT_EQ(db_set_access_isolate_key(obj, 5, 0, 6), DB_OK);
-    EXPECT_EQ(db_read_access_isolate_obj(obj), DB_OK);
-    ASSERT_EQ(db_set_access_isolate_key(obj, 6, 0, 5), DB_OK);
-    EXPECT_EQ(db_read_access_isolate_obj(obj), DB_ERR_NO_RECORD);  // one direction only
-    ASSERT_EQ(db_set_access_isolate_key(obj, 5, 10, 6), DB_OK);
+    ASSERT_EQ(db_set_access_isolate_key(obj, 5, 10, 6), DB_OK);  // every field of the key counts
     EXPECT_EQ(db_read_access_isolate_obj(obj), DB_ERR_NO_RECORD);
     EXPECT_EQ(db_release_access_isolate_obj(obj), DB_OK);
 
-    // Port isolation iterates the records of the port the key names.
+    // A port's isolation records are counted for the port the key names.
     ASSERT_EQ(db_create_port_isolate_obj(&obj), DB_OK);
     ASSERT_EQ(db_set_port_isolate_if_index(obj, 5), DB_OK);
-    DB_ITER_S *iter = nullptr;
-    ASSERT_EQ(db_create_root_iter(obj, 0, 0, &iter), DB_OK);
-    std::vector<uint32_t> groups;
-    while (db_root_iterator_next(iter) == DB_OK) {
-        ASSERT_EQ(db_get_port_isolate_group_id(obj, &v), DB_OK);
-        groups.push_back(v);
-    }
-    EXPECT_EQ(groups, (std::vector<uint32_t>{7, 70}));
     EXPECT_EQ(Field(db_get_table_record_count, obj), Ok(2U));
     EXPECT_EQ(db_release_port_isolate_obj(obj), DB_OK);
-
-    // The length is reported also when the name does not fit.
-    EXPECT_EQ(SysName(6), std::make_tuple(DB_ERR_BUF_SMALL, std::string(), 6U));
-    EXPECT_EQ(SysName(8), std::make_tuple(DB_OK, std::string("Edge-1"), 6U));
 }
 
-// The calls the module's interface suite (intf_test.cpp) does not inject.
+// Every call opens with the same failure prologue (platform::FailPoint),
+// whose failure form the core test's table checks for a getter of this
+// client; a failed release must leave the object whole.
 TEST(DbTables, CallsFailOnInjectionUnderTheirOwnName)
 {
     platform::world::Reset();
@@ -234,43 +212,11 @@ TEST(DbTables, CallsFailOnInjectionUnderTheirOwnName)
     ASSERT_EQ(ret, DB_OK);
     DB_OBJ_S *dev = nullptr;
     ASSERT_EQ(db_create_child_node(obj, "dev", &dev), DB_OK);
-
-    uint32_t v = 0;
-    DB_OBJ_S *other = nullptr;
-    const std::vector<std::pair<const char *, std::function<uint32_t()>>> calls = {
-        {"db_set_if_ifindex", [&] { return db_set_if_ifindex(obj, 5); }},
-        {"db_get_if_ifindex", [&] { return db_get_if_ifindex(obj, &v); }},
-        {"db_create_trunk_obj", [&] { return db_create_trunk_obj(&other); }},
-        {"db_create_sys_info_obj", [&] { return db_create_sys_info_obj(&other); }},
-        {"db_release_if_object", [&] { return db_release_if_object(obj); }},
-    };
-    for (const auto &[op, call] : calls) {
-        PLAT_FailSet(op, 0, 1, 0x5150);
-        EXPECT_EQ(call(), 0x5150U) << op;
-        EXPECT_EQ(PLAT_FailHits(op), 1U) << op;
-    }
-    // The object survived its failed release and still answers.
+    PLAT_FailSet("db_release_if_object", 0, 1, 0x5150);
+    EXPECT_EQ(db_release_if_object(obj), 0x5150U);
     EXPECT_EQ(Field(db_get_if_dev_port_num, dev), Ok(uint16_t{1}));
     EXPECT_EQ(db_release_if_object(obj), DB_OK);
 }
-
-namespace {
-
-// The name of the interface of ifIndex, read through a new object as the
-// module reads it; "" when there is none.
-std::string NameOf(uint32_t ifIndex)
-{
-    uint32_t ret = 0;
-    DB_OBJ_S *obj = ReadIf(ifIndex, &ret);
-    char name[64] = {};
-    if (ret != DB_OK || db_get_if_name(obj, name, sizeof(name)) != DB_OK) {
-        name[0] = '\0';
-    }
-    EXPECT_EQ(db_release_if_object(obj), DB_OK);
-    return name;
-}
-
-}  // namespace
 
 TEST(DbTables, ReadsSeeEveryWriteWhateverTheyReadBefore)
 {
@@ -337,14 +283,12 @@ TEST(DbTables, ReadersNeverSeeAHalfWrittenTableWhileItChanges)
         for (int i = 0; i < 2000; i++) {
             uint32_t ret = 0;
             DB_OBJ_S *obj = ReadIf(5, &ret);
-            char name[32] = {};
             uint32_t slot = 0;
             uint16_t port = 0;
             DB_OBJ_S *dev = nullptr;
-            if (ret == DB_OK && db_get_if_name(obj, name, sizeof(name)) == DB_OK &&
-                db_create_child_node(obj, "dev", &dev) == DB_OK && db_get_if_dev_slot_id(dev, &slot) == DB_OK &&
-                db_get_if_dev_port_num(dev, &port) == DB_OK) {
-                *odd += std::string(name) == "p-" + std::to_string(slot) && slot == port ? 0U : 1U;
+            if (ret == DB_OK && db_create_child_node(obj, "dev", &dev) == DB_OK &&
+                db_get_if_dev_slot_id(dev, &slot) == DB_OK && db_get_if_dev_port_num(dev, &port) == DB_OK) {
+                *odd += NameIn(obj) == "p-" + std::to_string(slot) && slot == port ? 0U : 1U;
             } else {
                 (*odd)++;
             }
@@ -389,20 +333,17 @@ TEST(DbTables, ObjectsMadeInMemoryTheMemoryServiceGaveBackAreWhole)
 
     std::vector<DB_OBJ_S *> objs;
     for (int i = 0; i < 48; i++) {
-        DB_OBJ_S *obj = nullptr;
-        ASSERT_EQ(db_create_if_object(&obj), DB_OK);
-        objs.push_back(obj);
-        ASSERT_EQ(db_set_if_ifindex(obj, 11), DB_OK);
-        ASSERT_EQ(db_read_if_object(obj), DB_OK);
+        uint32_t ret = 0;
+        objs.push_back(ReadIf(11, &ret));
+        DB_OBJ_S *obj = objs.back();
+        ASSERT_EQ(ret, DB_OK);
         DB_OBJ_S *dev = nullptr;
         DB_OBJ_S *l2 = nullptr;
         ASSERT_EQ(db_create_child_node(obj, "dev", &dev), DB_OK);
         ASSERT_EQ(db_create_child_node(obj, "l2", &l2), DB_OK);
         EXPECT_EQ(Field(db_get_if_dev_port_num, dev), Ok(uint16_t{7}));
         EXPECT_EQ(Field(db_get_if_l2_trunk_id, l2), Ok(4U));
-        char name[32] = {};
-        EXPECT_EQ(db_get_if_name(obj, name, sizeof(name)), DB_OK);
-        EXPECT_STREQ(name, "GigabitEthernet0/0/7");
+        EXPECT_EQ(NameIn(obj), "GigabitEthernet0/0/7");
     }
     for (DB_OBJ_S *obj : objs) {
         EXPECT_EQ(db_release_if_object(obj), DB_OK);

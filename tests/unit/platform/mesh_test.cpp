@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstring>
 #include <thread>
+#include <tuple>
 
 #include "mesh.h"
 #include "platform/control.h"
@@ -51,18 +52,16 @@ TEST(MeshEpoll, RecordsRoundTripAndDeleteStopsThem)
     EXPECT_EQ(MESH_EpollWait(ep, out, 4, 0), 0);
     ASSERT_EQ(eventfd_write(efd, 1), 0);
     ASSERT_EQ(MESH_EpollWait(ep, out, 4, 100), 1);
-    EXPECT_EQ(out[0].callback, &Callback);
-    EXPECT_EQ(out[0].arg, &argA);
-    EXPECT_EQ(out[0].fd, fd);
-    EXPECT_EQ(out[0].events, uint32_t{EPOLLIN});
+    EXPECT_EQ(std::tie(out[0].callback, out[0].arg, out[0].fd, out[0].events),
+              std::make_tuple(&Callback, static_cast<void *>(&argA), fd, uint32_t{EPOLLIN}));
     EXPECT_EQ(out[0].reserved[0] | out[0].reserved[11], 0);
 
     // Modify: the new record and mask come back.
     reg.events = EPOLLIN | EPOLLOUT;
     ASSERT_EQ(MESH_EpollCtl(ep, MESH_EPOLL_CTL_MOD, fd, &reg), 0);
     ASSERT_EQ(MESH_EpollWait(ep, out, 4, 100), 1);
-    EXPECT_EQ(out[0].arg, &argB);
-    EXPECT_EQ(out[0].events, uint32_t{EPOLLIN | EPOLLOUT});
+    EXPECT_EQ(std::tie(out[0].arg, out[0].events),
+              std::make_tuple(static_cast<void *>(&argB), uint32_t{EPOLLIN | EPOLLOUT}));
 
     // Delete: still readable, never reported again.
     ASSERT_EQ(MESH_EpollCtl(ep, MESH_EPOLL_CTL_DEL, fd, nullptr), 0);

@@ -6,9 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstring>
 #include <thread>
-#include <vector>
 
 #include "ddm.h"
 #include "device/fwm.hpp"
@@ -68,12 +66,8 @@ std::atomic<size_t> g_done{0};
 std::atomic<TIRN_CONN_HANDLE> g_quitConn{0};
 std::atomic<pid_t> g_quitTid{0};
 
-void OnGlobal(uint32_t, const void *)
-{
-    g_done++;
-}
-
-void OnTrust(uint32_t, const void *)
+// Counts completions of either request.
+void OnDone(uint32_t, const void *)
 {
     g_done++;
 }
@@ -114,7 +108,7 @@ uint32_t SendGlobal(uint32_t enable)
     auto *msg = static_cast<PPPOE_PLUS_GLOBAL_CFG_REQ_S *>(RPC_IdlMsgCreate(4, kMsgId, "test"));
     msg->enable = enable;
     RPC_INVOKE_ATTR_S attr = {};
-    const uint32_t ret = PPPOE_PLUS_GlobalCfg_async(msg, OnGlobal, nullptr, &attr);
+    const uint32_t ret = PPPOE_PLUS_GlobalCfg_async(msg, OnDone, nullptr, &attr);
     EXPECT_EQ(RPC_IdlMsgDestroy(msg, kMsgId, "test"), RPC_OK);
     return ret;
 }
@@ -124,7 +118,7 @@ uint32_t SendTrust(uint32_t enable, uint32_t ifIndex)
     auto *msg = static_cast<PPPOE_PLUS_TRUST_PORT_CFG_REQ_S *>(RPC_IdlMsgCreate(8, kMsgId, "test"));
     *msg = {enable, ifIndex};
     RPC_INVOKE_ATTR_S attr = {};
-    const uint32_t ret = PPPOE_PLUS_TrustPortCfg_async(msg, OnTrust, nullptr, &attr);
+    const uint32_t ret = PPPOE_PLUS_TrustPortCfg_async(msg, OnDone, nullptr, &attr);
     EXPECT_EQ(RPC_IdlMsgDestroy(msg, kMsgId, "test"), RPC_OK);
     return ret;
 }
@@ -142,18 +136,13 @@ TEST(TirnFwm, RequestsChangeFwmStateAndEndWithTheConnection)
     EXPECT_EQ(TIRN_Connect(device::fwm::kUri, &attr, &conn), TIRN_ERR_NOT_INIT);
     EXPECT_EQ(SendGlobal(1), RPC_ERR_NOT_CONNECTED);
 
-    std::vector<std::string> attached;
-    device::fwm::SetObserver([&attached](const device::fwm::Request *req, const std::string &client) {
-        if (req == nullptr) {
-            attached.push_back(client);
-        }
-    });
+    // The client's attachment reported to fwm's observer is the host's
+    // (e2e Host.ReadinessWaits...: "[fwm] client PPPOE_PLUS attached").
     ASSERT_TRUE(device::fwm::Start());
     EXPECT_FALSE(device::fwm::Start());
     TIRN_CLIENT_HANDLE client = 0;
     conn = Connect(server, &client);
     ASSERT_NE(conn, 0U);
-    EXPECT_EQ(attached, std::vector<std::string>{"PPPOE_PLUS"});
 
     EXPECT_EQ(SendGlobal(1), RPC_OK);
     EXPECT_EQ(SendTrust(1, 5), RPC_OK);
@@ -171,9 +160,9 @@ TEST(TirnFwm, RequestsChangeFwmStateAndEndWithTheConnection)
     // A message the library did not make, or one already destroyed, is refused.
     PPPOE_PLUS_GLOBAL_CFG_REQ_S onStack = {1};
     RPC_INVOKE_ATTR_S invoke = {};
-    EXPECT_EQ(PPPOE_PLUS_GlobalCfg_async(&onStack, OnGlobal, nullptr, &invoke), RPC_ERR_PARAM);
+    EXPECT_EQ(PPPOE_PLUS_GlobalCfg_async(&onStack, OnDone, nullptr, &invoke), RPC_ERR_PARAM);
     void *small = RPC_IdlMsgCreate(4, kMsgId, "test");
-    EXPECT_EQ(PPPOE_PLUS_TrustPortCfg_async(small, OnTrust, nullptr, &invoke), RPC_ERR_PARAM);
+    EXPECT_EQ(PPPOE_PLUS_TrustPortCfg_async(small, OnDone, nullptr, &invoke), RPC_ERR_PARAM);
     EXPECT_EQ(RPC_IdlMsgDestroy(small, kMsgId + 1, "test"), RPC_ERR_PARAM);
     EXPECT_EQ(RPC_IdlMsgDestroy(small, kMsgId, "test"), RPC_OK);
     EXPECT_EQ(RPC_IdlMsgDestroy(small, kMsgId, "test"), RPC_ERR_PARAM);
@@ -197,20 +186,16 @@ TEST(TirnFwm, StoppingFwmNotifiesPeerQuitOnTheTaskAndRefusesRequests)
     ASSERT_EQ(TIRN_RegisterPeerQuitNotifyFunc(TIRN_PEER_QUIT_CLIENT_CONN, OnQuit), TIRN_OK);
     ASSERT_TRUE(device::fwm::Start());
     TIRN_CLIENT_HANDLE client = 0;
-    const TIRN_CONN_HANDLE conn = Connect(server, &client);
+    (void)Connect(server, &client);
     EXPECT_EQ(g_quitConn.load(), 0U);
 
+    // Which connection the quit names, and connecting again once fwm is
+    // back, are the module's session suite's (tirn_test.cpp).
     device::fwm::Stop();
     ASSERT_TRUE(WaitFor([]() { return g_quitConn.load() != 0; }));
-    EXPECT_EQ(g_quitConn.load(), conn);
     EXPECT_EQ(g_quitTid.load(), server.tid());
     EXPECT_EQ(SendGlobal(1), RPC_ERR_NOT_CONNECTED);
     EXPECT_TRUE(device::fwm::GetState().clients.empty());
-
-    // A new connection needs fwm back (the module's session suite reconnects).
-    TIRN_CONN_ATTR_S attr = Attr(&server);
-    TIRN_CONN_HANDLE again = 0;
-    EXPECT_EQ(TIRN_Connect(device::fwm::kUri, &attr, &again), TIRN_ERR_NO_PEER);
 }
 
 TEST(TirnFwm, InjectedFailuresLeaveNothingOpen)
@@ -222,23 +207,17 @@ TEST(TirnFwm, InjectedFailuresLeaveNothingOpen)
     EXPECT_EQ(TIRN_Connect(device::fwm::kUri, &attr, &conn), TIRN_ERR_PARAM);  // no epoll set named
     attr.epollFd = server.fd();
 
-    PLAT_FailSet("TIRN_Connect", 0, 1, 77);
-    EXPECT_EQ(TIRN_Connect(device::fwm::kUri, &attr, &conn), 77U);
+    // The call's own injected failure is the shared prologue's (the core
+    // test's failure forms); these are the resources it takes.
     PLAT_FailSet("eventfd_s", 0, 1, 24);
     EXPECT_EQ(TIRN_Connect(device::fwm::kUri, &attr, &conn), TIRN_ERR_RESOURCE);
     PLAT_FailSet("MESH_EpollCtl", 0, 1, 9);
     EXPECT_EQ(TIRN_Connect(device::fwm::kUri, &attr, &conn), TIRN_ERR_RESOURCE);
     EXPECT_EQ(platform::tirn::OpenConnections(), 0U);
     EXPECT_EQ(conn, 0U);
-
     // A failed client and message creation are the module's session and ACL
-    // suites'.
-    ASSERT_EQ(TIRN_Connect(device::fwm::kUri, &attr, &conn), TIRN_OK);
-    TIRN_CLIENT_HANDLE client = 0;
-    ASSERT_EQ(TIRN_CreateClient("PPPOE_PLUS", &conn, 0, &client), TIRN_OK);
-    PLAT_FailSet("PPPOE_PLUS_GlobalCfg_async", 0, 1, 79);
-    EXPECT_EQ(SendGlobal(1), 79U);
-    EXPECT_EQ(device::fwm::RequestCount(device::fwm::RequestKind::GlobalCfg), 0U);
+    // suites'; a stub's injected failure the agent datastore suite's (the
+    // trust-port and ignore-reply stubs open as every stub does).
     device::fwm::Stop();
 }
 
@@ -250,7 +229,6 @@ TEST(TirnServer, BindRegisterAndDestroy)
     EXPECT_EQ(TIRN_SetSvrAttr(&attr, TIRN_SVR_ATTR_MAX, &one, 4), TIRN_ERR_PARAM);
     EXPECT_EQ(TIRN_SetSvrAttr(&attr, TIRN_SVR_ATTR_AUTH, &one, 5), TIRN_ERR_PARAM);
     ASSERT_EQ(TIRN_SetSvrAttr(&attr, TIRN_SVR_ATTR_AUTH, &one, 4), TIRN_OK);
-    EXPECT_EQ(attr.value[TIRN_SVR_ATTR_AUTH], 1U);
 
     const char *uri = "talvo_mesh://ipv4:127.0.0.1:34584";
     TIRN_SERVER_HANDLE a = 0;
@@ -264,15 +242,14 @@ TEST(TirnServer, BindRegisterAndDestroy)
     EXPECT_EQ(TIRN_ServerBind(b, device::fwm::kUri), TIRN_OK);  // fwm not running: free
     EXPECT_FALSE(device::fwm::Start());                         // and now taken
     EXPECT_EQ(platform::tirn::BoundServerEpollFd(uri), -1);
+    // What a registered server answers, and that a destroyed one frees its
+    // address, are the module's session suite's (tirn_test.cpp).
     ASSERT_EQ(TIRN_RegisterEpollFd(uri, 3), TIRN_OK);
-    EXPECT_EQ(platform::tirn::BoundServerEpollFd(uri), 3);
-    EXPECT_EQ(platform::tirn::BoundServerName(uri), "APP");
     TIRN_KEEPALIVE_ATTR_S keepalive = {10, 1, 5, 0};
     EXPECT_EQ(TIRN_SetServerKeepAliveAttr(a, 1, &keepalive), TIRN_OK);
     EXPECT_EQ(TIRN_SetServerKeepAliveAttr(a, 2, &keepalive), TIRN_ERR_PARAM);
     EXPECT_EQ(TIRN_DestroyServer(a), TIRN_OK);
     EXPECT_EQ(TIRN_DestroyServer(a), TIRN_ERR_NO_HANDLE);
-    EXPECT_EQ(platform::tirn::BoundServerEpollFd(uri), std::nullopt);
     EXPECT_EQ(TIRN_DestroyServer(b), TIRN_OK);
     EXPECT_TRUE(device::fwm::Start());
     device::fwm::Stop();

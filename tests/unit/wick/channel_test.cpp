@@ -2,11 +2,9 @@
 // owning thread, the forwarding plane's put and take, failure injection.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <functional>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -59,7 +57,6 @@ TEST_F(WickChannelTest, NamesIdsOrderAndDepthLimit)
     ASSERT_NE(a, FPC_INVALID_ID);
     ASSERT_NE(b, FPC_INVALID_ID);
     EXPECT_EQ(FPC_ChannelCreate("ch/a", 99), a);
-    EXPECT_EQ(FPC_ChannelGetIdByName("ch/a"), a);
 
     for (uint8_t i = 1; i <= 3; i++) {
         ASSERT_EQ(FPC_ChannelDcSendByIdNoSem("t", a, 0, Frame(i)), 0U);
@@ -67,28 +64,19 @@ TEST_F(WickChannelTest, NamesIdsOrderAndDepthLimit)
     // Full: refused, and the caller still owns the buffer.
     FpcMbuf *extra = Frame(4);
     EXPECT_NE(FPC_ChannelDcSendByIdNoSem("t", a, 0, extra), 0U);
-    EXPECT_NE(FPC_ChannelDcSendByIdNoSem("t", 9999, 0, extra), 0U);
     EXPECT_EQ(WICK_ChannelDepth("ch/a"), 3U);
     EXPECT_EQ(FirstByte(extra), 4U);
     FpcMbufFree(extra, "channel_test", 0);
 
     FpcMbuf *m = nullptr;
     EXPECT_NE(FPC_ChannelDcRecv(b, &m), 0U);
-    EXPECT_NE(FPC_ChannelDcRecv(9999, &m), 0U);
     for (uint8_t i = 1; i <= 3; i++) {
         ASSERT_EQ(FPC_ChannelDcRecv(a, &m), 0U);
         EXPECT_EQ(FirstByte(m), i);
         FpcMbufFree(m, "channel_test", 0);
     }
     EXPECT_NE(FPC_ChannelDcRecv(a, &m), 0U);
-
-    // After a reset names are gone and ids are not handed out again.
-    WICK_Reset();
-    EXPECT_EQ(FPC_ChannelGetIdByName("ch/a"), FPC_INVALID_ID);
-    EXPECT_GT(FPC_ChannelCreate("ch/a", 3), std::max(a, b));
-    FpcMbuf *stale = Frame(5);
-    EXPECT_NE(FPC_ChannelDcSendByIdNoSem("t", a, 0, stale), 0U);
-    FpcMbufFree(stale, "channel_test", 0);
+    // What a reset does to names and ids is AResetRetiresChannels...'s.
 }
 
 TEST_F(WickChannelTest, EventReadWakesOnlyTheOwnerOfTheChannel)
@@ -242,27 +230,23 @@ TEST_F(WickChannelTest, InjectedFailuresReturnTheDocumentedForms)
     uint32_t u = 99;
     FpcMbuf *got = m;
 
-    // FPC_ChannelGetIdByName and FPC_ChannelCreate are injected by the
-    // module's packet and start-up suites, which check the invalid id.
+    // FPC_ChannelGetIdByName, FPC_ChannelCreate, FPC_ThreadInfoRegByName
+    // and MbufPktAddHead are injected by the module's packet and start-up
+    // suites. Every function opens with the same failure prologue
+    // (platform::FailPoint): one row per form of failure stands for the
+    // others (a plain code, an out-parameter cleared, nothing queued or
+    // changed, a null buffer).
     struct Case {
         const char *op;
         std::function<bool()> failedAsDocumented;
     };
     const std::vector<Case> cases = {
-        {"FPC_ThreadInfoRegByName", [] { return FPC_ThreadInfoRegByName("thread/inj") == 7; }},
-        {"FPC_EventRead", [&] { return FPC_EventRead(&u) == 7 && u == 0; }},
         {"FPC_ChannelDcRecv", [&] { return FPC_ChannelDcRecv(id, &got) == 7 && got == nullptr; }},
         {"FPC_ChannelDcSendByIdNoSem",
          [&] { return FPC_ChannelDcSendByIdNoSem("t", id, 0, m) == 7 && WICK_ChannelDepth("inj/rx") == 1; }},
         {"MbufPktNewFromData", [] { return MbufPktNewFromData("x", 1, "f", 1) == nullptr; }},
-        {"MbufPktAddHead", [&] { return MbufPktAddHead(m, 1, "f", 1) == 7 && m->dataOff == WICK_HEADROOM; }},
         {"MbufPktCutHead", [&] { return MbufPktCutHead(m, 1, "f", 1) == 7 && m->dataLen == 1; }},
-        {"FpcMbufCopyPktToData", [&] { return FpcMbufCopyPktToData(m, out, 1) == 7 && out[0] == 0; }},
         {"FPC_GetDefaultDataRoomLen", [] { return FPC_GetDefaultDataRoomLen() == 7; }},
-        {"FpcMbufPktCopy", [&] { return FpcMbufPktCopy(m) == nullptr; }},
-        {"WICK_ChannelPut", [] { return WICK_ChannelPut("inj/rx", "r", 1) == 7 && WICK_ChannelDepth("inj/rx") == 1; }},
-        {"WICK_ChannelTake",
-         [&] { return WICK_ChannelTake("inj/rx", out, 4, &u, 0) == 7 && WICK_ChannelDepth("inj/rx") == 1; }},
     };
     PLAT_CallCountReset();
     for (const Case &c : cases) {

@@ -19,7 +19,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <ostream>
@@ -86,8 +85,6 @@ public:
         ydbc_client_free(client_);
         current = nullptr;
     }
-    Subscriber(const Subscriber &) = delete;
-    Subscriber &operator=(const Subscriber &) = delete;
 
     ydbc_client *client() const { return client_; }
     bool Connect()
@@ -149,33 +146,25 @@ public:
     std::atomic<uint32_t> hangupEvents{0};
     std::atomic<int> reconnects{0};
 
-    // Changes what the callbacks answer, under their lock.
-    void With(const std::function<void(Subscriber &)> &change)
+    // Runs f under the callbacks' lock, to change what they answer or read
+    // what they saw; what f returns.
+    template <typename F>
+    auto Locked(F f)
     {
         std::lock_guard<std::mutex> lock(mu);
-        change(*this);
-    }
-    // What read takes from the callbacks' records, under their lock.
-    template <typename Read>
-    auto Snapshot(Read read)
-    {
-        std::lock_guard<std::mutex> lock(mu);
-        return read(*this);
+        return f(*this);
     }
     std::vector<Delivery> Changes()
     {
-        std::lock_guard<std::mutex> lock(mu);
-        return changes;
+        return Locked([](Subscriber &s) { return s.changes; });
     }
     size_t ChangeCount()
     {
-        std::lock_guard<std::mutex> lock(mu);
-        return changes.size();
+        return Locked([](Subscriber &s) { return s.changes.size(); });
     }
     size_t RecoverCount()
     {
-        std::lock_guard<std::mutex> lock(mu);
-        return recoverResults.size();
+        return Locked([](Subscriber &s) { return s.recoverResults.size(); });
     }
     void Forget()
     {
@@ -325,18 +314,35 @@ protected:
         ASSERT_NE(admin_, nullptr) << error;
     }
     std::string Url() const { return "unix://" + options_.socketPath; }
-    // A subscriber of the given configuration paths, activated, its loop
-    // running and its replay over.
-    void StartSubscriber(const std::vector<std::string> &paths)
+    // The edit applied to the running configuration; a refusal shows the
+    // datastore's answer.
+    testing::AssertionResult Edited(const std::string &xml,
+                                    device::yangdb::EditMode mode = device::yangdb::EditMode::kMerge)
+    {
+        const device::yangdb::Reply reply = admin_->Edit(xml, mode);
+        return reply.ok ? testing::AssertionSuccess() : testing::AssertionFailure() << reply.text;
+    }
+    // A subscriber of the given configuration paths, connected.
+    void NewSubscriber(const std::vector<std::string> &paths = {})
     {
         subscriber_ = std::make_unique<Subscriber>(Url());
         ASSERT_TRUE(subscriber_->Connect());
         for (const std::string &path : paths) {
             ASSERT_EQ(subscriber_->SubscribeConfig(path), 0U) << path;
         }
+    }
+    // The subscriber activated, its loop running and its replay over.
+    void ActivateAndReplay()
+    {
         ASSERT_EQ(subscriber_->Activate(), 0U);
         subscriber_->StartLoop();
         ASSERT_TRUE(WaitFor([this] { return subscriber_->RecoverCount() == 1; }));
+    }
+    // Both, with what the replay delivered forgotten.
+    void StartSubscriber(const std::vector<std::string> &paths)
+    {
+        NewSubscriber(paths);
+        ActivateAndReplay();
         subscriber_->Forget();
     }
 
