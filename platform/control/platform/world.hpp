@@ -40,7 +40,7 @@ constexpr size_t kVlanBitmapBytes = 512;         // one bit per VLAN 0..4095
 
 // One interface: a port, or the interface of a trunk.
 struct IfRecord {
-    std::string name;
+    std::string name{};
     uint32_t ifIndex = kNoId;
     uint32_t slot = 0;               // "dev" child: placement
     uint32_t card = 0;
@@ -51,7 +51,7 @@ struct IfRecord {
     bool onBoard = true;
     bool trunkMode = false;          // VLAN mode: access (false) or trunk
     uint16_t pvid = 1;
-    std::string description;
+    std::string description{};  // a default, so designated initializers may leave it out
 };
 
 // Trunk id -> the trunk's interface.

@@ -12,7 +12,6 @@
 #include <tuple>
 #include <vector>
 
-#include "designated.hpp"
 #include "module_fixture.hpp"
 #include "plat_safe.h"
 #include "platform/control.h"

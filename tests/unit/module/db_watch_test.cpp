@@ -11,7 +11,6 @@
 #include <utility>
 #include <vector>
 
-#include "designated.hpp"
 #include "mesh.h"
 #include "module_fixture.hpp"
 #include "platform/control.h"

@@ -6,7 +6,6 @@
 #include <string>
 #include <utility>
 
-#include "designated.hpp"
 #include "module_fixture.hpp"
 #include "plat_safe.h"
 #include "platform/control.h"

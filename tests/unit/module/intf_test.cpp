@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "db.h"
-#include "designated.hpp"
 #include "devm.h"
 #include "module_fixture.hpp"
 #include "platform/control.h"

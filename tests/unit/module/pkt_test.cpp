@@ -12,7 +12,6 @@
 #include <tuple>
 #include <vector>
 
-#include "designated.hpp"
 #include "module_fixture.hpp"
 #include "platform/control.h"
 #include "pplus_test.hpp"

@@ -7,7 +7,6 @@
 #include <tuple>
 #include <vector>
 
-#include "designated.hpp"
 #include "module_fixture.hpp"
 #include "platform/control.h"
 #include "platform/world.hpp"

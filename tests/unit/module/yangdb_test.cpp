@@ -14,7 +14,6 @@
 #include <utility>
 #include <vector>
 
-#include "designated.hpp"
 #include "devm.h"
 #include "module_fixture.hpp"
 #include "platform/control.h"
