@@ -616,6 +616,10 @@ bool LivePorts::IsUp(uint32_t ifIndex) const
 
 bool LivePorts::Open(const std::vector<NetdevBinding> &bindings, std::string *error)
 {
+    if (std::exchange(opened_, true)) {
+        *error = "the live ports are already open";
+        return false;
+    }
     std::map<std::string, uint32_t> byNetdev;
     for (const NetdevBinding &b : bindings) {
         if (!ValidNetdevName(b.netdev)) {

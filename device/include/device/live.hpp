@@ -129,6 +129,8 @@ public:
     // name no Linux interface can have, a netdev that lives in another
     // network namespace, no permission to open packet sockets. A netdev
     // that is simply missing is reported and its port starts off board.
+    // Called once: a second call, even after a refusal, is refused too (a
+    // refused LivePorts is thrown away, not mended).
     bool Open(const std::vector<NetdevBinding> &bindings, std::string *error);
     // Whether ifIndex is one of the bound ports.
     bool Owns(uint32_t ifIndex) const;
@@ -153,6 +155,7 @@ private:
     Reporter report_;
     std::vector<std::unique_ptr<Port>> ports_;
     LinkWatcher watcher_;
+    bool opened_ = false;
     Receiver receiver_;
     LinkHandler onLink_;
 };

@@ -281,8 +281,11 @@ TEST_F(LivePortsTest, BadBindingsAndFailedOpensAreRefusedAndAMissingNetdevStarts
     EXPECT_NE(error.find("port 1 (netdev lva): cannot open a packet socket: " + std::string(std::strerror(EBUSY))),
               std::string::npos)
         << error;
-    PLAT_FailSet("device::fplane::LinkWatcher::Open", 0, 1, EMFILE);
     EXPECT_FALSE(refusing.Open({{kPortB, "lvb"}}, &error));
+    EXPECT_EQ(error, "the live ports are already open");
+    LivePorts watcherless;
+    PLAT_FailSet("device::fplane::LinkWatcher::Open", 0, 1, EMFILE);
+    EXPECT_FALSE(watcherless.Open({{kPortB, "lvb"}}, &error));
     EXPECT_NE(error.find("cannot open a netlink socket to follow links"), std::string::npos) << error;
 
     // A netdev of another named namespace: refused, naming the namespace
