@@ -100,8 +100,18 @@ inline ProgramRun RunProgram(const std::string &exe, std::vector<std::string> ar
 // "<dir>/running.xml".
 inline std::string NewDatastoreDir()
 {
+    // One root per test process, removed with everything in it when the process ends.
+    struct Root {
+        std::string path = "/tmp/pplus-e2e-" + std::to_string(getpid());
+        ~Root()
+        {
+            std::error_code ec;
+            std::filesystem::remove_all(path, ec);
+        }
+    };
+    static const Root root;
     static std::atomic<int> serial{0};
-    const std::string dir = "/tmp/pplus-e2e-" + std::to_string(getpid()) + "-" + std::to_string(serial++);
+    const std::string dir = root.path + "/" + std::to_string(serial++);
     std::error_code ec;
     std::filesystem::remove_all(dir, ec);
     std::filesystem::create_directories(dir, ec);
