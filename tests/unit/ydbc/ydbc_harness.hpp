@@ -158,10 +158,6 @@ public:
     {
         return Locked([](Subscriber &s) { return s.changes; });
     }
-    size_t ChangeCount()
-    {
-        return Locked([](Subscriber &s) { return s.changes.size(); });
-    }
     size_t RecoverCount()
     {
         return Locked([](Subscriber &s) { return s.recoverResults.size(); });
@@ -239,14 +235,10 @@ private:
     void Loop()
     {
         int ep = epoll_create1(EPOLL_CLOEXEC);
-        struct epoll_event stopEv {};
-        stopEv.events = EPOLLIN;
-        stopEv.data.u32 = 0;
+        epoll_event stopEv{.events = EPOLLIN, .data = {.u32 = 0}};
         epoll_ctl(ep, EPOLL_CTL_ADD, stopFd_, &stopEv);
         const uint32_t mask = EPOLLIN | EPOLLPRI | EPOLLRDHUP | EPOLLET;
-        struct epoll_event ev {};
-        ev.events = mask;
-        ev.data.u32 = 1;
+        epoll_event ev{.events = mask, .data = {.u32 = 1}};
         epoll_ctl(ep, EPOLL_CTL_ADD, fd_, &ev);
         while (!stop_) {
             struct epoll_event got {};

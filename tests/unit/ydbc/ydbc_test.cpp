@@ -70,7 +70,7 @@ TEST_F(DatastoreTest, InvalidEditsAreRefusedNamingTheNodeAndChangeNothing)
     StartServer();
     StartSubscriber({kTrusted, kVendor, kFormatIf});
     ASSERT_TRUE(Edited(Trusted(kGigabit, 49)));
-    ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 1; }));
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->Changes().size() == 1; }));
     subscriber_->Forget();
     const std::string before = admin_->Export().text;
 
@@ -116,7 +116,7 @@ TEST_F(DatastoreTest, InvalidEditsAreRefusedNamingTheNodeAndChangeNothing)
 
     EXPECT_EQ(admin_->Export().text, before);
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(subscriber_->ChangeCount(), 0U);
+    EXPECT_EQ(subscriber_->Changes().size(), 0U);
 
     // With their fault mended the port rows are accepted: each failed for
     // its own reason.
@@ -143,7 +143,7 @@ TEST_F(DatastoreTest, ChangesReachTheSubscriberWithTheirTypePathAndData)
     // Nothing changed, nothing sent.
     ASSERT_TRUE(Edited(PlusXml(VendorXml(3561))));
 
-    ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() >= 5; }));
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->Changes().size() >= 5; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     const std::vector<Delivery> want = {
         {YDBC_OP_CREATE, item, "-", TrustedXml(49, false)},
@@ -188,7 +188,7 @@ TEST_F(DatastoreTest, PullReadsBelowTheChangedNode)
             "/user-define-text";
     });
     ASSERT_TRUE(Edited(Formats(format("circuit-id", "%a") + format("remote-id", "%b"))));
-    ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 1; }));
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->Changes().size() == 1; }));
     EXPECT_EQ(subscriber_->Changes()[0].below, "<user-define-text xmlns=\"" + kNs + "\">%b</user-define-text>");
 
     // A depth keeps that many levels of elements, the node pulled being the
@@ -212,7 +212,7 @@ TEST_F(DatastoreTest, PullReadsBelowTheChangedNode)
         });
         text += "c";
         ASSERT_TRUE(Edited(Formats(format("remote-id", text))));
-        ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 1; }));
+        ASSERT_TRUE(WaitFor([this] { return subscriber_->Changes().size() == 1; }));
         EXPECT_EQ(subscriber_->Changes()[0].below, row.below) << row.depth;
     }
 
@@ -220,7 +220,7 @@ TEST_F(DatastoreTest, PullReadsBelowTheChangedNode)
     subscriber_->Forget();
     subscriber_->Locked([](Subscriber &s) { s.pullBelow = "/port-tags-format[vlan-id='11']"; });
     ASSERT_TRUE(admin_->Delete(PortItem(kGigabit, "port-tags-formats")).ok);
-    ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 1; }));
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->Changes().size() == 1; }));
     EXPECT_EQ(subscriber_->Changes()[0].below, "-");
 }
 
@@ -237,7 +237,7 @@ TEST_F(DatastoreTest, DeliveryFollowsPriorityThenSubscriptionOrderWithDeletesFir
 
     // One import that moves the trusted port and changes two globals.
     ASSERT_TRUE(Edited(PlusXml(EnableXml(true) + VendorXml(5)) + Trusted("Eth-Trunk2", 8), EditMode::kReplace));
-    ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 4; }));
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->Changes().size() == 4; }));
     const std::vector<Delivery> want = {
         {YDBC_OP_MODIFY, kVendor, VendorXml(3561), VendorXml(5)},
         {YDBC_OP_MODIFY, kEnable, EnableXml(false), EnableXml(true)},
@@ -279,7 +279,7 @@ TEST_F(DatastoreTest, ASilentSubscriberFailsTheEditAndIsToldToUndoIt)
     EXPECT_EQ(admin_->Edit(Trusted(kGigabit, 49), EditMode::kMerge).text,
               "no answer from pppoe_plus within 100 ms: create of " + item);
     EXPECT_EQ(admin_->Export().text, before);
-    ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 2; }));
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->Changes().size() == 2; }));
     EXPECT_EQ(subscriber_->Changes(), (std::vector<Delivery>{{YDBC_OP_CREATE, item, "-", TrustedXml(49, false)},
                                                              {YDBC_OP_DELETE, item, TrustedXml(49, false), "-"}}));
     unsetenv("YANGDB_REPLY_TIMEOUT_MS");
@@ -454,7 +454,7 @@ TEST_F(DatastoreTest, LostDatastoreShowsAsHangUpAndReconnectReplaysWithoutResubs
 
     // The subscription works on the new connection too.
     ASSERT_TRUE(admin_->Delete(PortItem(kGigabit, "trusted-port")).ok);
-    ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 2; }));
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->Changes().size() == 2; }));
     EXPECT_EQ(subscriber_->Changes()[1].op, YDBC_OP_DELETE);
 }
 
