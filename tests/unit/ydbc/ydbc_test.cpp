@@ -229,9 +229,9 @@ TEST_F(DatastoreTest, DeliveryFollowsPriorityThenSubscriptionOrderWithDeletesFir
     StartServer();
     ASSERT_TRUE(Edited(Trusted("Eth-Trunk1", 7)));
     NewSubscriber();
-    ASSERT_EQ(subscriber_->SubscribeConfig(kTrusted, 200), 0U);
-    ASSERT_EQ(subscriber_->SubscribeConfig(kVendor, 100), 0U);
-    ASSERT_EQ(subscriber_->SubscribeConfig(kEnable, 100), 0U);
+    ASSERT_EQ(subscriber_->Subscribe(kTrusted, YDBC_SUB_CONFIG, 200), 0U);
+    ASSERT_EQ(subscriber_->Subscribe(kVendor, YDBC_SUB_CONFIG, 100), 0U);
+    ASSERT_EQ(subscriber_->Subscribe(kEnable, YDBC_SUB_CONFIG, 100), 0U);
     ActivateAndReplay();
     subscriber_->Forget();
 
@@ -292,8 +292,8 @@ TEST_F(DatastoreTest, GetsGoToTheStateSubscriberWithTheirKeys)
     EXPECT_EQ(admin_->Get(check + "[user-define-text='%a']").text,
               "no subscriber serves " + check + "[user-define-text='%a']");
     NewSubscriber();
-    ASSERT_EQ(subscriber_->SubscribeGet(check), 0U);
-    ASSERT_EQ(subscriber_->SubscribeGet(kPlus + "/query-policy"), 0U);
+    ASSERT_EQ(subscriber_->Subscribe(check, YDBC_SUB_GET), 0U);
+    ASSERT_EQ(subscriber_->Subscribe(kPlus + "/query-policy", YDBC_SUB_GET), 0U);
     ActivateAndReplay();
 
     // The agent writes the list key after the other leaf: still answered.
@@ -346,7 +346,7 @@ TEST_F(DatastoreTest, OperationsAreValidatedThenForwarded)
 {
     StartServer();
     NewSubscriber();
-    ASSERT_EQ(subscriber_->SubscribeRpc("/quendal-pppoe-plus:set-debugging"), 0U);
+    ASSERT_EQ(subscriber_->Subscribe("/quendal-pppoe-plus:set-debugging", YDBC_SUB_RPC), 0U);
     ActivateAndReplay();
     auto debugging = [](const std::string &body) {
         return "<set-debugging xmlns=\"" + kNs + "\">" + body + "</set-debugging>";
@@ -376,8 +376,8 @@ TEST_F(DatastoreTest, ActivationReplaysTheStoredConfigurationThenEndsTheRecovery
     StartServer();
     ASSERT_TRUE(Edited(Trusted(kGigabit, 49) + Trusted("Eth-Trunk1", 7)));
     NewSubscriber({kTrusted, kEnable});
-    EXPECT_NE(subscriber_->SubscribeConfig(kPlus + "/no-such-thing"), 0U);
-    EXPECT_NE(subscriber_->SubscribeConfig(kPlus + "/query-policy"), 0U);  // state, not configuration
+    EXPECT_NE(subscriber_->Subscribe(kPlus + "/no-such-thing"), 0U);
+    EXPECT_NE(subscriber_->Subscribe(kPlus + "/query-policy"), 0U);  // state, not configuration
     ActivateAndReplay();
 
     std::lock_guard<std::mutex> lock(subscriber_->mu);
@@ -463,12 +463,12 @@ TEST_F(DatastoreTest, ClientEntryPointsFailCleanly)
     StartServer();
     subscriber_ = std::make_unique<Subscriber>(Url());
     Subscriber &probe = *subscriber_;
-    EXPECT_NE(probe.SubscribeConfig(kVendor), 0U);  // not connected
+    EXPECT_NE(probe.Subscribe(kVendor), 0U);  // not connected
     EXPECT_EQ(ydbc_connect(probe.client(), "tcp://localhost"), -1);
     EXPECT_EQ(ydbc_connect(probe.client(), ("unix://" + dir_ + "/absent.sock").c_str()), -1);
 
     ASSERT_TRUE(probe.Connect());
-    EXPECT_EQ(probe.SubscribeConfig(kVendor), 0U);
+    EXPECT_EQ(probe.Subscribe(kVendor), 0U);
     // The client library's calls open with the shared failure prologue: the
     // activation stands for them.
     PLAT_FailSet("ydbc_activate", 0, 1, 7);
