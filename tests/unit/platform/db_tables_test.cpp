@@ -7,7 +7,6 @@
 #include <cstring>
 #include <string>
 #include <thread>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -42,20 +41,6 @@ template <typename T>
 std::pair<uint32_t, T> Ok(T value)
 {
     return {DB_OK, value};
-}
-
-// The system name read through a new object into a buffer of size bytes:
-// the getter's code, the name when it fitted, and the length it reported.
-std::tuple<uint32_t, std::string, uint32_t> SysName(uint32_t size)
-{
-    DB_OBJ_S *obj = nullptr;
-    EXPECT_EQ(db_create_sys_info_obj(&obj), DB_OK);
-    EXPECT_EQ(db_read_sys_info_obj(obj), DB_OK);
-    std::vector<char> name(size, '\0');
-    uint32_t length = 0;
-    const uint32_t ret = db_get_sys_info_sys_name(obj, name.data(), size, &length);
-    EXPECT_EQ(db_release_sys_info_obj(obj), DB_OK);
-    return {ret, ret == DB_OK ? std::string(name.data()) : std::string(), length};
 }
 
 // Reads the interface of ifIndex into a new object.
@@ -255,7 +240,14 @@ TEST(DbTables, ReadsSeeEveryWriteWhateverTheyReadBefore)
     }
     EXPECT_FALSE(isolated(5, 7));
     platform::world::SetSysName("Renamed");
-    EXPECT_EQ(SysName(32), std::make_tuple(DB_OK, std::string("Renamed"), 7U));
+    DB_OBJ_S *sys = nullptr;
+    ASSERT_EQ(db_create_sys_info_obj(&sys), DB_OK);
+    ASSERT_EQ(db_read_sys_info_obj(sys), DB_OK);
+    char name[32] = {};
+    uint32_t length = 0;
+    EXPECT_EQ(db_get_sys_info_sys_name(sys, name, sizeof(name), &length), DB_OK);
+    EXPECT_EQ(std::make_pair(std::string(name), length), std::make_pair(std::string("Renamed"), 7U));
+    EXPECT_EQ(db_release_sys_info_obj(sys), DB_OK);
 
     // Tables of many interfaces are read through their index.
     for (uint32_t i = 0; i < 300; i++) {

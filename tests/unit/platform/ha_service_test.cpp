@@ -50,8 +50,7 @@ uint32_t OnMaster(void *)
 
 MOLB_HA_COMP_INFO_S Record(const char *name, const char *type)
 {
-    MOLB_HA_COMP_INFO_S rec;
-    std::memset(&rec, 0, sizeof(rec));
+    MOLB_HA_COMP_INFO_S rec{};
     std::strncpy(rec.compName, name, sizeof(rec.compName) - 1);
     std::strncpy(rec.compType, type, sizeof(rec.compType) - 1);
     rec.pid = 42;

@@ -1,9 +1,6 @@
 // Topology files: what is accepted and how refusals name their place.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -21,6 +18,19 @@ std::string Refusal(const std::string &yaml)
     EXPECT_FALSE(topology.has_value()) << yaml;
     return error;
 }
+
+// What f picks from each record, in order.
+template <typename Record, typename F>
+auto Each(const std::vector<Record> &records, F f)
+{
+    std::vector<decltype(f(records.front()))> picked;
+    for (const Record &r : records) {
+        picked.push_back(f(r));
+    }
+    return picked;
+}
+
+using Pairs = std::vector<std::pair<uint32_t, uint32_t>>;
 
 }  // namespace
 
@@ -88,38 +98,36 @@ TEST(Topology, RefusalsNameTheLineAndTheKey)
     EXPECT_FALSE(device::world::LoadTopologyText("system: [", nullptr).has_value());  // no message wanted
 }
 
-TEST(Topology, FullFileFillsTheTables)
+// Reading the file itself is the host's (the e2e suites start it on the
+// example topology).
+TEST(Topology, FullTopologyFillsTheTables)
 {
-    char path[] = "/tmp/topology-test-XXXXXX";
-    const int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    close(fd);
-    std::ofstream(path) << "# a chassis\n"
-                           "system:\n"
-                           "  name: S\n"
-                           "  mac: \"00:E0:fc:12:34:5a\"\n"
-                           "  chassis: 2\n"
-                           "  board: 4\n"
-                           "  main-board: 1\n"
-                           "  board-type: lpu\n"
-                           "  ha-role: standby\n"
-                           "trunks:\n"
-                           "  - {name: Eth-Trunk1, id: 1, ifindex: 100, members: [Gi3, Gi4],"
-                           " mode: trunk, vlans: [\"200-202\"]}\n"
-                           "interfaces:\n"
-                           "  - {name: Gi1, ifindex: 5, slot: 1, card: 2, port: 65535,"
-                           " pvid: 100, vlans: 4094, description: line one}\n"
-                           "  - {name: Gi2, ifindex: 6, port-switch: false, on-board: false}\n"
-                           "  - {name: Gi3, ifindex: 7, netdev: eth3}\n"
-                           "  - {name: Gi4, ifindex: 8}\n"
-                           "isolation:\n"
-                           "  groups:\n"
-                           "    - {id: 7, members: [Gi1, Gi2]}\n"
-                           "  access-pairs:\n"
-                           "    - [Gi1, Gi3]\n";
     std::string error;
-    const auto topology = device::world::LoadTopologyFile(path, &error);
-    unlink(path);
+    const auto topology = device::world::LoadTopologyText(
+        "# a chassis\n"
+        "system:\n"
+        "  name: S\n"
+        "  mac: \"00:E0:fc:12:34:5a\"\n"
+        "  chassis: 2\n"
+        "  board: 4\n"
+        "  main-board: 1\n"
+        "  board-type: lpu\n"
+        "  ha-role: standby\n"
+        "trunks:\n"
+        "  - {name: Eth-Trunk1, id: 1, ifindex: 100, members: [Gi3, Gi4],"
+        " mode: trunk, vlans: [\"200-202\"]}\n"
+        "interfaces:\n"
+        "  - {name: Gi1, ifindex: 5, slot: 1, card: 2, port: 65535,"
+        " pvid: 100, vlans: 4094, description: line one}\n"
+        "  - {name: Gi2, ifindex: 6, port-switch: false, on-board: false}\n"
+        "  - {name: Gi3, ifindex: 7, netdev: eth3}\n"
+        "  - {name: Gi4, ifindex: 8}\n"
+        "isolation:\n"
+        "  groups:\n"
+        "    - {id: 7, members: [Gi1, Gi2]}\n"
+        "  access-pairs:\n"
+        "    - [Gi1, Gi3]\n",
+        &error);
     ASSERT_TRUE(topology.has_value()) << error;
     const platform::SystemIdentity &sys = topology->system;
     EXPECT_EQ(std::tie(sys.sysName, sys.chassisId, sys.selfBoardId, sys.mainBoardId, sys.boardType, topology->haRole),
@@ -127,10 +135,9 @@ TEST(Topology, FullFileFillsTheTables)
     EXPECT_EQ(sys.sysMac, (std::array<uint8_t, 6>{0x00, 0xe0, 0xfc, 0x12, 0x34, 0x5a}));
     // Name, own trunk id, trunk it is a member of, switching, on board.
     using Role = std::tuple<std::string, uint32_t, uint32_t, uint32_t, bool>;
-    std::vector<Role> roles;
-    for (const platform::IfRecord &r : topology->interfaces) {
-        roles.emplace_back(r.name, r.lagId, r.l2TrunkId, r.portSwitch, r.onBoard);
-    }
+    const auto roles = Each(topology->interfaces, [](const auto &r) {
+        return Role{r.name, r.lagId, r.l2TrunkId, r.portSwitch, r.onBoard};
+    });
     const uint32_t none = platform::kNoId;
     const uint32_t l2 = platform::kPortSwitchL2;
     EXPECT_EQ(roles, (std::vector<Role>{{"Eth-Trunk1", 1, none, l2, true},
@@ -145,11 +152,9 @@ TEST(Topology, FullFileFillsTheTables)
 
     ASSERT_EQ(topology->trunks.size(), 1U);
     EXPECT_EQ(std::tie(topology->trunks[0].trunkId, topology->trunks[0].trunkIfIndex), std::make_tuple(1U, 100U));
-    std::vector<std::pair<uint32_t, uint32_t>> members;  // member -> trunk interface
-    for (const platform::TrunkPortRecord &r : topology->trunkPorts) {
-        members.emplace_back(r.memberIfIndex, r.trunkIfIndex);
-    }
-    EXPECT_EQ(members, (std::vector<std::pair<uint32_t, uint32_t>>{{7, 100}, {8, 100}}));
+    // Member -> trunk interface.
+    EXPECT_EQ(Each(topology->trunkPorts, [](const auto &r) { return std::pair(r.memberIfIndex, r.trunkIfIndex); }),
+              (Pairs{{7, 100}, {8, 100}}));
 
     // Maps: the listed VLANs and the pvid (1 when not given).
     ASSERT_EQ(topology->portVlans.size(), 5U);
@@ -161,16 +166,11 @@ TEST(Topology, FullFileFillsTheTables)
     EXPECT_TRUE(gi1Vlans.Has(100) && gi1Vlans.Has(4094));
     EXPECT_FALSE(gi1Vlans.Has(1));
 
-    std::vector<std::pair<uint32_t, uint32_t>> grouped;  // port -> group
-    for (const platform::PortIsolateRecord &r : topology->portIsolation) {
-        grouped.emplace_back(r.ifIndex, r.groupId);
-    }
-    EXPECT_EQ(grouped, (std::vector<std::pair<uint32_t, uint32_t>>{{5, 7}, {6, 7}}));
-    std::vector<std::pair<uint32_t, uint32_t>> pairs;  // both ways
-    for (const platform::AccessIsolateRecord &r : topology->accessIsolation) {
-        pairs.emplace_back(r.srcIfIndex, r.dstIfIndex);
-    }
-    EXPECT_EQ(pairs, (std::vector<std::pair<uint32_t, uint32_t>>{{5, 7}, {7, 5}}));
+    // Port -> group; access pairs both ways.
+    EXPECT_EQ(Each(topology->portIsolation, [](const auto &r) { return std::pair(r.ifIndex, r.groupId); }),
+              (Pairs{{5, 7}, {6, 7}}));
+    EXPECT_EQ(Each(topology->accessIsolation, [](const auto &r) { return std::pair(r.srcIfIndex, r.dstIfIndex); }),
+              (Pairs{{5, 7}, {7, 5}}));
 
     // Installed, the world answers with it.
     platform::world::ApplyTopology(*topology);

@@ -61,8 +61,7 @@ TEST_F(WickMbufTest, HeadRoomGrowsAndShrinksWithinLimitsAndBytesLandInFront)
     EXPECT_EQ(Bytes(m), std::vector<uint8_t>({1, 2, 3, 4}));
 
     ASSERT_EQ(MbufPktAddHead(m, 2, "t.cpp", 2), 0U);
-    m->pData[m->dataOff] = 0xAA;
-    m->pData[m->dataOff + 1] = 0xBB;
+    std::memcpy(m->pData + m->dataOff, "\xAA\xBB", 2);
     uint8_t out[6] = {};
     ASSERT_EQ(FpcMbufCopyPktToData(m, out, 6), 0U);
     EXPECT_EQ(std::vector<uint8_t>(out, out + 6), std::vector<uint8_t>({0xAA, 0xBB, 1, 2, 3, 4}));

@@ -24,6 +24,7 @@
 #include <ostream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace ydbc_test {
@@ -92,22 +93,20 @@ public:
         fd_ = ydbc_connect(client_, url_.c_str());
         return fd_ >= 0;
     }
-    uint32_t SubscribeConfig(const std::string &path, uint32_t priority = YDBC_PRIORITY_DEFAULT)
+    // A subscription of the given kind answered by this subscriber's callbacks.
+    uint32_t Subscribe(const std::string &path, uint32_t kind = YDBC_SUB_CONFIG,
+                       uint32_t priority = YDBC_PRIORITY_DEFAULT)
     {
         ydbc_subscription row{};
         row.path = path.c_str();
-        row.kind = YDBC_SUB_CONFIG;
-        row.u.config = {priority, YDBC_EV_DEFAULT};
-        row.configCallback = reinterpret_cast<void *>(&OnChange);
+        row.kind = kind;
+        if (kind == YDBC_SUB_CONFIG) {
+            row.u.config = {priority, YDBC_EV_DEFAULT};
+            row.configCallback = reinterpret_cast<void *>(&OnChange);
+        } else {
+            row.u.callback = kind == YDBC_SUB_GET ? reinterpret_cast<void *>(&OnGet) : reinterpret_cast<void *>(&OnRpc);
+        }
         return ydbc_subscribe(client_, &row);
-    }
-    uint32_t SubscribeGet(const std::string &path)
-    {
-        return Subscribe(path, YDBC_SUB_GET, reinterpret_cast<void *>(&OnGet));
-    }
-    uint32_t SubscribeRpc(const std::string &path)
-    {
-        return Subscribe(path, YDBC_SUB_RPC, reinterpret_cast<void *>(&OnRpc));
     }
     uint32_t Activate() { return ydbc_activate(client_, 1, &OnRecoverEnd, this); }
 
@@ -158,10 +157,6 @@ public:
     {
         return Locked([](Subscriber &s) { return s.changes; });
     }
-    size_t ChangeCount()
-    {
-        return Locked([](Subscriber &s) { return s.changes.size(); });
-    }
     size_t RecoverCount()
     {
         return Locked([](Subscriber &s) { return s.recoverResults.size(); });
@@ -176,15 +171,6 @@ public:
 private:
     static constexpr uint32_t kWholeTree = 0xFFFFFFFFU;
 
-    uint32_t Subscribe(const std::string &path, uint32_t kind, void *callback)
-    {
-        ydbc_subscription row{};
-        row.path = path.c_str();
-        row.kind = kind;
-        row.u.callback = callback;
-        return ydbc_subscribe(client_, &row);
-    }
-
     static std::string Pull(void *ctx, uint32_t old, const char *path, uint32_t depth = kWholeTree)
     {
         ydbc_bytes *bytes = nullptr;
@@ -197,15 +183,8 @@ private:
     }
     static uint32_t OnChange(void *ctx, uint32_t op, uint32_t, uint32_t, const char *path)
     {
-        std::string below;
-        uint32_t depth = kWholeTree;
-        uint32_t delay = 0;
-        {
-            std::lock_guard<std::mutex> lock(current->mu);
-            below = current->pullBelow;
-            depth = current->pullDepth;
-            delay = current->delayMs;
-        }
+        const auto [below, depth, delay] =
+            current->Locked([](Subscriber &s) { return std::make_tuple(s.pullBelow, s.pullDepth, s.delayMs); });
         std::this_thread::sleep_for(std::chrono::milliseconds(delay));
         Delivery d{op, path, Pull(ctx, 1, path), Pull(ctx, 0, path),
                    below.empty() && depth == kWholeTree ? "" : Pull(ctx, 0, (path + below).c_str(), depth)};
@@ -239,14 +218,10 @@ private:
     void Loop()
     {
         int ep = epoll_create1(EPOLL_CLOEXEC);
-        struct epoll_event stopEv {};
-        stopEv.events = EPOLLIN;
-        stopEv.data.u32 = 0;
+        epoll_event stopEv{.events = EPOLLIN, .data = {.u32 = 0}};
         epoll_ctl(ep, EPOLL_CTL_ADD, stopFd_, &stopEv);
         const uint32_t mask = EPOLLIN | EPOLLPRI | EPOLLRDHUP | EPOLLET;
-        struct epoll_event ev {};
-        ev.events = mask;
-        ev.data.u32 = 1;
+        epoll_event ev{.events = mask, .data = {.u32 = 1}};
         epoll_ctl(ep, EPOLL_CTL_ADD, fd_, &ev);
         while (!stop_) {
             struct epoll_event got {};
@@ -328,7 +303,7 @@ protected:
         subscriber_ = std::make_unique<Subscriber>(Url());
         ASSERT_TRUE(subscriber_->Connect());
         for (const std::string &path : paths) {
-            ASSERT_EQ(subscriber_->SubscribeConfig(path), 0U) << path;
+            ASSERT_EQ(subscriber_->Subscribe(path), 0U) << path;
         }
     }
     // The subscriber activated, its loop running and its replay over.

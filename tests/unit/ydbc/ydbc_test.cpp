@@ -70,7 +70,7 @@ TEST_F(DatastoreTest, InvalidEditsAreRefusedNamingTheNodeAndChangeNothing)
     StartServer();
     StartSubscriber({kTrusted, kVendor, kFormatIf});
     ASSERT_TRUE(Edited(Trusted(kGigabit, 49)));
-    ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 1; }));
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->Changes().size() == 1; }));
     subscriber_->Forget();
     const std::string before = admin_->Export().text;
 
@@ -116,7 +116,7 @@ TEST_F(DatastoreTest, InvalidEditsAreRefusedNamingTheNodeAndChangeNothing)
 
     EXPECT_EQ(admin_->Export().text, before);
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(subscriber_->ChangeCount(), 0U);
+    EXPECT_EQ(subscriber_->Changes().size(), 0U);
 
     // With their fault mended the port rows are accepted: each failed for
     // its own reason.
@@ -143,7 +143,7 @@ TEST_F(DatastoreTest, ChangesReachTheSubscriberWithTheirTypePathAndData)
     // Nothing changed, nothing sent.
     ASSERT_TRUE(Edited(PlusXml(VendorXml(3561))));
 
-    ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() >= 5; }));
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->Changes().size() >= 5; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     const std::vector<Delivery> want = {
         {YDBC_OP_CREATE, item, "-", TrustedXml(49, false)},
@@ -188,7 +188,7 @@ TEST_F(DatastoreTest, PullReadsBelowTheChangedNode)
             "/user-define-text";
     });
     ASSERT_TRUE(Edited(Formats(format("circuit-id", "%a") + format("remote-id", "%b"))));
-    ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 1; }));
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->Changes().size() == 1; }));
     EXPECT_EQ(subscriber_->Changes()[0].below, "<user-define-text xmlns=\"" + kNs + "\">%b</user-define-text>");
 
     // A depth keeps that many levels of elements, the node pulled being the
@@ -212,7 +212,7 @@ TEST_F(DatastoreTest, PullReadsBelowTheChangedNode)
         });
         text += "c";
         ASSERT_TRUE(Edited(Formats(format("remote-id", text))));
-        ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 1; }));
+        ASSERT_TRUE(WaitFor([this] { return subscriber_->Changes().size() == 1; }));
         EXPECT_EQ(subscriber_->Changes()[0].below, row.below) << row.depth;
     }
 
@@ -220,7 +220,7 @@ TEST_F(DatastoreTest, PullReadsBelowTheChangedNode)
     subscriber_->Forget();
     subscriber_->Locked([](Subscriber &s) { s.pullBelow = "/port-tags-format[vlan-id='11']"; });
     ASSERT_TRUE(admin_->Delete(PortItem(kGigabit, "port-tags-formats")).ok);
-    ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 1; }));
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->Changes().size() == 1; }));
     EXPECT_EQ(subscriber_->Changes()[0].below, "-");
 }
 
@@ -229,15 +229,15 @@ TEST_F(DatastoreTest, DeliveryFollowsPriorityThenSubscriptionOrderWithDeletesFir
     StartServer();
     ASSERT_TRUE(Edited(Trusted("Eth-Trunk1", 7)));
     NewSubscriber();
-    ASSERT_EQ(subscriber_->SubscribeConfig(kTrusted, 200), 0U);
-    ASSERT_EQ(subscriber_->SubscribeConfig(kVendor, 100), 0U);
-    ASSERT_EQ(subscriber_->SubscribeConfig(kEnable, 100), 0U);
+    ASSERT_EQ(subscriber_->Subscribe(kTrusted, YDBC_SUB_CONFIG, 200), 0U);
+    ASSERT_EQ(subscriber_->Subscribe(kVendor, YDBC_SUB_CONFIG, 100), 0U);
+    ASSERT_EQ(subscriber_->Subscribe(kEnable, YDBC_SUB_CONFIG, 100), 0U);
     ActivateAndReplay();
     subscriber_->Forget();
 
     // One import that moves the trusted port and changes two globals.
     ASSERT_TRUE(Edited(PlusXml(EnableXml(true) + VendorXml(5)) + Trusted("Eth-Trunk2", 8), EditMode::kReplace));
-    ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 4; }));
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->Changes().size() == 4; }));
     const std::vector<Delivery> want = {
         {YDBC_OP_MODIFY, kVendor, VendorXml(3561), VendorXml(5)},
         {YDBC_OP_MODIFY, kEnable, EnableXml(false), EnableXml(true)},
@@ -279,7 +279,7 @@ TEST_F(DatastoreTest, ASilentSubscriberFailsTheEditAndIsToldToUndoIt)
     EXPECT_EQ(admin_->Edit(Trusted(kGigabit, 49), EditMode::kMerge).text,
               "no answer from pppoe_plus within 100 ms: create of " + item);
     EXPECT_EQ(admin_->Export().text, before);
-    ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 2; }));
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->Changes().size() == 2; }));
     EXPECT_EQ(subscriber_->Changes(), (std::vector<Delivery>{{YDBC_OP_CREATE, item, "-", TrustedXml(49, false)},
                                                              {YDBC_OP_DELETE, item, TrustedXml(49, false), "-"}}));
     unsetenv("YANGDB_REPLY_TIMEOUT_MS");
@@ -292,8 +292,8 @@ TEST_F(DatastoreTest, GetsGoToTheStateSubscriberWithTheirKeys)
     EXPECT_EQ(admin_->Get(check + "[user-define-text='%a']").text,
               "no subscriber serves " + check + "[user-define-text='%a']");
     NewSubscriber();
-    ASSERT_EQ(subscriber_->SubscribeGet(check), 0U);
-    ASSERT_EQ(subscriber_->SubscribeGet(kPlus + "/query-policy"), 0U);
+    ASSERT_EQ(subscriber_->Subscribe(check, YDBC_SUB_GET), 0U);
+    ASSERT_EQ(subscriber_->Subscribe(kPlus + "/query-policy", YDBC_SUB_GET), 0U);
     ActivateAndReplay();
 
     // The agent writes the list key after the other leaf: still answered.
@@ -346,24 +346,24 @@ TEST_F(DatastoreTest, OperationsAreValidatedThenForwarded)
 {
     StartServer();
     NewSubscriber();
-    ASSERT_EQ(subscriber_->SubscribeRpc("/quendal-pppoe-plus:set-debugging"), 0U);
+    ASSERT_EQ(subscriber_->Subscribe("/quendal-pppoe-plus:set-debugging", YDBC_SUB_RPC), 0U);
     ActivateAndReplay();
     auto debugging = [](const std::string &body) {
         return "<set-debugging xmlns=\"" + kNs + "\">" + body + "</set-debugging>";
     };
 
-    device::yangdb::Reply reply = admin_->Rpc(debugging("<debug-switch>true</debug-switch>"));
-    EXPECT_FALSE(reply.ok);
-    EXPECT_NE(reply.text.find("debug-type"), std::string::npos) << reply.text;
-    reply = admin_->Rpc(debugging("<debug-switch>true</debug-switch><debug-type>5</debug-type>"));
-    EXPECT_FALSE(reply.ok);
-    EXPECT_NE(reply.text.find("debug-type"), std::string::npos) << reply.text;
+    // Without the type, or with one out of range.
+    for (const char *type : {"", "<debug-type>5</debug-type>"}) {
+        const device::yangdb::Reply reply =
+            admin_->Rpc(debugging("<debug-switch>true</debug-switch>" + std::string(type)));
+        EXPECT_FALSE(reply.ok);
+        EXPECT_NE(reply.text.find("debug-type"), std::string::npos) << reply.text;
+    }
     const auto rpcInputs = [this] { return subscriber_->Locked([](Subscriber &s) { return s.rpcInputs; }); };
     EXPECT_TRUE(rpcInputs().empty());
 
     const std::string input = debugging("<debug-switch>true</debug-switch><debug-type>4</debug-type>");
-    reply = admin_->Rpc(input);
-    EXPECT_TRUE(reply.ok) << reply.text;
+    EXPECT_TRUE(admin_->Rpc(input).ok);
     subscriber_->Locked([&](Subscriber &s) { s.rpcResult = 1; });
     EXPECT_EQ(admin_->Rpc(input).text, "operation set-debugging refused");
     EXPECT_EQ(rpcInputs(), (std::vector<std::string>{input, input}));
@@ -376,8 +376,8 @@ TEST_F(DatastoreTest, ActivationReplaysTheStoredConfigurationThenEndsTheRecovery
     StartServer();
     ASSERT_TRUE(Edited(Trusted(kGigabit, 49) + Trusted("Eth-Trunk1", 7)));
     NewSubscriber({kTrusted, kEnable});
-    EXPECT_NE(subscriber_->SubscribeConfig(kPlus + "/no-such-thing"), 0U);
-    EXPECT_NE(subscriber_->SubscribeConfig(kPlus + "/query-policy"), 0U);  // state, not configuration
+    EXPECT_NE(subscriber_->Subscribe(kPlus + "/no-such-thing"), 0U);
+    EXPECT_NE(subscriber_->Subscribe(kPlus + "/query-policy"), 0U);  // state, not configuration
     ActivateAndReplay();
 
     std::lock_guard<std::mutex> lock(subscriber_->mu);
@@ -454,7 +454,7 @@ TEST_F(DatastoreTest, LostDatastoreShowsAsHangUpAndReconnectReplaysWithoutResubs
 
     // The subscription works on the new connection too.
     ASSERT_TRUE(admin_->Delete(PortItem(kGigabit, "trusted-port")).ok);
-    ASSERT_TRUE(WaitFor([this] { return subscriber_->ChangeCount() == 2; }));
+    ASSERT_TRUE(WaitFor([this] { return subscriber_->Changes().size() == 2; }));
     EXPECT_EQ(subscriber_->Changes()[1].op, YDBC_OP_DELETE);
 }
 
@@ -463,12 +463,12 @@ TEST_F(DatastoreTest, ClientEntryPointsFailCleanly)
     StartServer();
     subscriber_ = std::make_unique<Subscriber>(Url());
     Subscriber &probe = *subscriber_;
-    EXPECT_NE(probe.SubscribeConfig(kVendor), 0U);  // not connected
+    EXPECT_NE(probe.Subscribe(kVendor), 0U);  // not connected
     EXPECT_EQ(ydbc_connect(probe.client(), "tcp://localhost"), -1);
     EXPECT_EQ(ydbc_connect(probe.client(), ("unix://" + dir_ + "/absent.sock").c_str()), -1);
 
     ASSERT_TRUE(probe.Connect());
-    EXPECT_EQ(probe.SubscribeConfig(kVendor), 0U);
+    EXPECT_EQ(probe.Subscribe(kVendor), 0U);
     // The client library's calls open with the shared failure prologue: the
     // activation stands for them.
     PLAT_FailSet("ydbc_activate", 0, 1, 7);
