@@ -164,9 +164,7 @@ TEST(ModuleLog, NoAgentHandleMeansNoOutput)
 TEST_F(LogTest, PacketDumpShowsAtMostSixtyFourBytesSixteenToALine)
 {
     std::vector<uint8_t> bytes(100);
-    for (size_t i = 0; i < bytes.size(); i++) {
-        bytes[i] = static_cast<uint8_t>(i);
-    }
+    std::iota(bytes.begin(), bytes.end(), 0);
     FpcMbuf frame = {bytes.data(), 0, static_cast<uint32_t>(bytes.size()), static_cast<uint32_t>(bytes.size()), 0};
     PPPOE_PLUS_DumpPkt(&frame);
     EXPECT_TRUE(DebugLines().empty());  // level 0 off
