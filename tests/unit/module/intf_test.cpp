@@ -107,16 +107,14 @@ TEST_F(IntfTest, NamesAndTrunkMembership)
     EXPECT_EQ(PPPOE_PLUS_IsTrunkIf(100), 0U);
     EXPECT_TRUE(DebugHas("Get trunk id, failed to get lag id, ret = 80."));
 
+    // The name, the result and the id after it: a refused name leaves the id alone.
+    const std::tuple<const char *, uint32_t, uint32_t> trunkNames[] = {
+        {"Eth-Trunk10", 0, 10}, {"Trunk7a", 0, 7}, {"Eth-Trunk", 1, 7}, {"", 1, 7}, {"T99999999999", 1, 7}};
     uint32_t id = 0;
-    EXPECT_EQ(PPPOE_PLUS_GetConfigTrunkIdByIfName("Eth-Trunk10", &id), 0U);
-    EXPECT_EQ(id, 10U);
-    EXPECT_EQ(PPPOE_PLUS_GetConfigTrunkIdByIfName("Trunk7a", &id), 0U);
-    EXPECT_EQ(id, 7U);
-    id = 55;
-    EXPECT_EQ(PPPOE_PLUS_GetConfigTrunkIdByIfName("Eth-Trunk", &id), 1U);
-    EXPECT_EQ(PPPOE_PLUS_GetConfigTrunkIdByIfName("", &id), 1U);
-    EXPECT_EQ(PPPOE_PLUS_GetConfigTrunkIdByIfName("T99999999999", &id), 1U);
-    EXPECT_EQ(id, 55U);
+    for (const auto &[ifName, ret, after] : trunkNames) {
+        EXPECT_EQ(PPPOE_PLUS_GetConfigTrunkIdByIfName(ifName, &id), ret) << ifName;
+        EXPECT_EQ(id, after) << ifName;
+    }
     ExpectAllReleased();
 }
 
@@ -190,13 +188,10 @@ TEST_F(IntfTest, VlanMembershipAndIsolation)
     EXPECT_EQ(PPPOE_PLUS_IsPortIsolate(6, 5), 0U);
     // A shared group isolates up to group 64 (7 and 70 on relayed frames:
     // SharedIsolationGroupDropsBelowId65Only, pkt_test.cpp).
-    platform::world::PortIsolatePut({6, 3});
-    platform::world::PortIsolatePut({6, 7});
-    platform::world::PortIsolatePut({27, 7});
-    platform::world::PortIsolatePut({28, 70});
-    platform::world::PortIsolatePut({29, 70});
-    platform::world::PortIsolatePut({29, 64});
-    platform::world::PortIsolatePut({7, 64});
+    const platform::PortIsolateRecord members[] = {{6, 3}, {6, 7}, {27, 7}, {28, 70}, {29, 70}, {29, 64}, {7, 64}};
+    for (const platform::PortIsolateRecord &member : members) {
+        platform::world::PortIsolatePut(member);
+    }
     EXPECT_EQ(PPPOE_PLUS_IsPortIsolate(27, 6), 1U);
     EXPECT_EQ(PPPOE_PLUS_IsPortIsolate(29, 7), 1U);  // group 64 is the last that counts
     EXPECT_EQ(PPPOE_PLUS_IsPortIsolate(6, 28), 0U);
