@@ -137,14 +137,10 @@ TEST_F(CfgTest, ThirtyTwoFormatsPerPortAndUpdatesStillWork)
     EXPECT_EQ(SetFormat(Format(600, 0, PPPOE_PLUS_INFO_CID), 44, 1), 1U);
 }
 
-TEST_F(CfgTest, PortBlocksAreCreatedOnceAndPolicyClears)
+TEST_F(CfgTest, PortPolicyClearsAndABlockThatCannotBeMadeAssertsTwice)
 {
     PortCB *a = nullptr;
-    PortCB *b = nullptr;
     ASSERT_EQ(PPPOE_PLUS_GetPortCBByIndex(5, &a), 0U);
-    ASSERT_EQ(PPPOE_PLUS_GetPortCBByIndex(5, &b), 0U);
-    EXPECT_EQ(a, b);
-    EXPECT_EQ(PPPOE_PLUS_FindPortCBByindex(6), nullptr);
     EXPECT_EQ(PPPOE_PLUS_SetPortPolicy(5, PPPOE_PLUS_POLICY_KEEP, 1), 0U);
     EXPECT_EQ(a->infoPolicy.load(), PPPOE_PLUS_POLICY_KEEP);
     EXPECT_EQ(PPPOE_PLUS_SetPortPolicy(5, PPPOE_PLUS_POLICY_DROP, 0), 0U);
