@@ -105,7 +105,7 @@ TEST_F(FormatDisplayTest, UserDefinedValueIsTextOnlyWhenTheFormatStartsQuoted)
         EXPECT_NE(shown.find(std::string("\r\n   Remote  ID : USER DEFINE.  ") + fmt), std::string::npos) << shown;
         EXPECT_EQ(shown.substr(shown.size() - end.size()), end) << shown;
     }
-    EXPECT_EQ(PPPOE_PLUS_UdfIsAllAssic(nullptr), 0U);  // the other answers: udfchk_test.cpp
+    EXPECT_EQ(PPPOE_PLUS_UdfIsAllAssic(nullptr), 0U);
 }
 
 TEST_F(FormatDisplayTest, DisplayFailsAfterTheFormatLinesWhenNoExampleCanBeBuilt)
