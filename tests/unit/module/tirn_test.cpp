@@ -171,8 +171,6 @@ TEST_F(TirnTest, AppServerOnTheMainBoardWithBothTasksAndItsRole)
 TEST_F(TirnTest, LineBoardRunsOnlyTheServerTaskAndBadBoardTypeStillServes)
 {
     SetBoardType(2);
-    EXPECT_EQ(PPPOE_PLUS_IsMpu(), 0U);
-    EXPECT_EQ(PPPOE_PLUS_IsBoxSystem(), 0U);
     ASSERT_EQ(PPPOE_PLUS_InitAppTirn(), 0U);
     EXPECT_TRUE(TaskExists("PPPoE_Plus_AppServer"));
     EXPECT_FALSE(TaskExists("PPPoE_Plus_AppClient"));
