@@ -77,10 +77,9 @@ TEST_F(CfgTest, DefaultPolicyEncapAndGlobalFormats)
     // requests above and in what fwm starts with (acl_test.cpp).
     EXPECT_EQ(PPPOE_PLUS_GetGlobalInfoPolicy(), PPPOE_PLUS_POLICY_REPLACE);
 
+    // Without a value the encapsulation is both sub-options, whatever type comes with it.
     PPPOE_PLUS_SetInfoEncap(0, PPPOE_PLUS_ENCAP_CID);
     EXPECT_EQ(PPPOE_PLUS_GetInfoEncap(), PPPOE_PLUS_ENCAP_BOTH);
-    PPPOE_PLUS_SetInfoEncap(1, PPPOE_PLUS_ENCAP_RID);
-    EXPECT_EQ(PPPOE_PLUS_IsEncapOnlyRid(), 1U);
 
     EXPECT_EQ(PPPOE_PLUS_SetGlobalCidFormat(PPPOE_PLUS_FORMAT_USER_DEFINE, "%sysname %port"), 0U);
     EXPECT_EQ(PPPOE_PLUS_SetGlobalCidFormat(PPPOE_PLUS_FORMAT_COMMON, nullptr), 0U);
