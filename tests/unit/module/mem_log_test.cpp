@@ -49,11 +49,16 @@ std::vector<std::string> DebugLines()
 
 }  // namespace
 
-TEST(ModuleMemory, AllocationNeedsTheHandleAndAssertsOnlyOnPlatformFailure)
+TEST(ModuleMemory, HandleFailuresReturnTheirCodesAndAllocationNeedsTheHandle)
 {
     pplus_test::UseReadyWorld();
     EXPECT_EQ(PPPOE_PLUS_MemAlloc(16), nullptr);  // before the handle: null, no assert
     EXPECT_EQ(PLAT_AssertCount(), 0U);
+    PLAT_FailSet("RUK_HandleInitialize", 0, 1, 0x77);
+    EXPECT_EQ(PPPOE_PLUS_InitMemHandle(), 0x77U);
+    EXPECT_EQ(PPPOE_PLUS_GetHandle(), 0xFFFFFFFFU);
+    PLAT_FailSet("RUK_MemPtNoGet", 0, 1, 0x78);
+    EXPECT_EQ(PPPOE_PLUS_InitMemHandle(), 0x78U);
 
     ASSERT_EQ(PPPOE_PLUS_InitMemHandle(), 0U);
     const uint32_t before = PLAT_MemOutstanding();
@@ -72,16 +77,6 @@ TEST(ModuleMemory, AllocationNeedsTheHandleAndAssertsOnlyOnPlatformFailure)
     int notOurs = 0;
     PPPOE_PLUS_MemFree(&notOurs);
     EXPECT_EQ(PLAT_AssertCountAt(kMemFile, 72), 1U);
-}
-
-TEST(ModuleMemory, HandleFailuresReturnTheirCodes)
-{
-    pplus_test::UseReadyWorld();
-    PLAT_FailSet("RUK_HandleInitialize", 0, 1, 0x77);
-    EXPECT_EQ(PPPOE_PLUS_InitMemHandle(), 0x77U);
-    EXPECT_EQ(PPPOE_PLUS_GetHandle(), 0xFFFFFFFFU);
-    PLAT_FailSet("RUK_MemPtNoGet", 0, 1, 0x78);
-    EXPECT_EQ(PPPOE_PLUS_InitMemHandle(), 0x78U);
 }
 
 // Setting one level or all of them: OperationsSwitchDebugLevelsAndClearCounters
