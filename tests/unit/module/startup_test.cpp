@@ -63,7 +63,6 @@ TEST_F(StartupTest, MasterSeesTheMilestonesInOrderAndBothTasksServe)
                                    "[PPPOEPLUS_FRAME] InitData finish."}),
         0U);
     EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, "<6> [PPPoE_PLUS] Udf Create"));
-    EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, "DEVM_DB is ready. mainId= 1, selfId = 1.."));
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "[PPPOEPLUS_MAIN]Create dpxtopppoeplus channel success. chId="));
     EXPECT_NE(g_pppoePlusRegQueHandle.load(), nullptr);
     EXPECT_EQ(g_dpxToppplusChannel.load(), FPC_ChannelGetIdByName("channel/dpx2ppplus"));
@@ -127,7 +126,7 @@ TEST_F(StartupTest, DeviceDatabaseWaitLogsEachTryAndAsksMainBoardFirst)
     EXPECT_GE(PLAT_CallCount("RUK_TaskDelay"), 5U);
 }
 
-TEST_F(StartupTest, ReadinessRuleDependsOnWhetherThisIsTheMainBoard)
+TEST_F(StartupTest, ReadinessRuleDependsOnWhetherThisIsTheMainBoardAndReadyWaitsForIt)
 {
     // Slot, module state, ready: main board 1 waits for 12; board 3 accepts 5 or 8.
     const uint32_t rows[][3] = {{1, 12, 1}, {1, 5, 0}, {3, 5, 1}, {3, 8, 1}, {3, 12, 0}};
@@ -136,6 +135,16 @@ TEST_F(StartupTest, ReadinessRuleDependsOnWhetherThisIsTheMainBoard)
         info.modState = modState;
         EXPECT_EQ(PPPOE_PLUS_GetFrmReadyState(slot, &info), ready) << "slot " << slot << " modState " << modState;
     }
+
+    // Waiting for it: the main board's instance reaches 12 only later.
+    platform::world::FrmInstClear();
+    platform::world::FrmInstPut({0, 5, 0, 1});
+    std::thread waiter([]() { EXPECT_EQ(PPPOE_PLUS_WaitReady(), 0U); });
+    ASSERT_TRUE(WaitFor([]() { return PLAT_CallCount("RUK_T_Delay") >= 3; }));
+    platform::world::FrmInstPut({0, 12, 0, 1});
+    waiter.join();
+
+    // A main board id that cannot be read is never ready.
     FrmInstInfo info = {0, 12, 0, 1};
     platform::world::SetMainBoardReadable(false);
     EXPECT_EQ(PPPOE_PLUS_GetFrmReadyState(1, &info), 0U);
@@ -168,16 +177,6 @@ TEST_F(StartupTest, FrameworkInstanceLookup)
     EXPECT_EQ(info.role, 3U);
     EXPECT_EQ(PLAT_CallCount("db_get_frm_inst_state"), 0U);  // stops at the first failure
     EXPECT_EQ(PLAT_CallCount("db_release_frm_inst_object"), 1U);
-}
-
-TEST_F(StartupTest, ReadyWaitsUntilTheInstanceReachesItsState)
-{
-    platform::world::FrmInstClear();
-    platform::world::FrmInstPut({0, 5, 0, 1});  // main board waiting for 12
-    std::thread waiter([]() { EXPECT_EQ(PPPOE_PLUS_WaitReady(), 0U); });
-    ASSERT_TRUE(WaitFor([]() { return PLAT_CallCount("RUK_T_Delay") >= 3; }));
-    platform::world::FrmInstPut({0, 12, 0, 1});
-    waiter.join();
 }
 
 TEST_F(StartupTest, MissingChannelLibraryStopsDataInitButNotTheInitTask)
