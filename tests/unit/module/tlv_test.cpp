@@ -183,7 +183,6 @@ TEST_F(TlvTest, PortDescriptionFromTableThenPacket)
     char desc[256] = "uplink to olt";
     ASSERT_EQ(PPPOE_PLUS_PortDescAdd(5, desc, 242), 0U);
     EXPECT_EQ(Encode("\"%portdescription\""), Text("uplink to olt"));
-    EXPECT_EQ(Encode("\"%15portdescription\""), Text("  uplink to olt"));
     EXPECT_TRUE(DebugHas("PPPOE PLUS encode port description: uplink to olt."));
     char copy[64] = {};
     EXPECT_EQ(PPPOE_PLUS_GetPortDescByIfIndex(5, copy, sizeof(copy)), 0U);
