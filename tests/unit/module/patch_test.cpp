@@ -82,8 +82,7 @@ TEST_F(PatchTest, FailuresInsideTheHook)
     MOLB_PAT_C2H_REQ_S req = {};
     EXPECT_EQ(PPPOE_PLUS_PatchC2hHookProc(2, &req), 1U);
     // Not a request in flight: the service refuses the reply and the code comes back.
-    const uint32_t ret = PPPOE_PLUS_PatchC2hHookProc(MOLB_PAT_DEACTIVATE, &req);
-    EXPECT_EQ(ret, MOLB_ERR_UNKNOWN_REQUEST);
+    EXPECT_EQ(PPPOE_PLUS_PatchC2hHookProc(MOLB_PAT_DEACTIVATE, &req), MOLB_ERR_UNKNOWN_REQUEST);
     EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, "reply process failed"));
     EXPECT_EQ(PPPOE_PLUS_PatchC2hHookHandle(3), 1U);
 }
