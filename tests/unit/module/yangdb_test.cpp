@@ -408,13 +408,10 @@ TEST_F(YangDbTest, QueriesAnswerFromTheLiveState)
     }
     PPPOE_PLUS_FindPortCBByindex(5)->trust = 1;
     PortCB *port5 = PPPOE_PLUS_FindPortCBByindex(5);
-    auto counter = [port5](uint8_t code, uint32_t kind) -> std::atomic<uint32_t> & {
-        return port5->stats[PppoePlusCounterIndex(code, kind)];
-    };
-    counter(PPPOE_PLUS_CODE_PADI, PPPOE_PLUS_STAT_RECV) = 7;
-    counter(PPPOE_PLUS_CODE_PADI, PPPOE_PLUS_STAT_SEND) = 8;
-    counter(PPPOE_PLUS_CODE_PADI, PPPOE_PLUS_STAT_DISCARD) = 0xFFFFFFFFU;
-    counter(PPPOE_PLUS_CODE_PADT, PPPOE_PLUS_STAT_DISCARD) = 3;
+    port5->stats[PppoePlusCounterIndex(PPPOE_PLUS_CODE_PADI, PPPOE_PLUS_STAT_RECV)] = 7;
+    port5->stats[PppoePlusCounterIndex(PPPOE_PLUS_CODE_PADI, PPPOE_PLUS_STAT_SEND)] = 8;
+    port5->stats[PppoePlusCounterIndex(PPPOE_PLUS_CODE_PADI, PPPOE_PLUS_STAT_DISCARD)] = 0xFFFFFFFFU;
+    port5->stats[PppoePlusCounterIndex(PPPOE_PLUS_CODE_PADT, PPPOE_PLUS_STAT_DISCARD)] = 3;
     const std::string stats = Query(PPPOE_PLUS_GetStatistics);
     EXPECT_NE(stats.find("<query-table><interface-name>GigabitEthernet0/0/1(*T)</interface-name>"
                          "<padi-receive-packets>7</padi-receive-packets><padi-send-packets>8</padi-send-packets>"
