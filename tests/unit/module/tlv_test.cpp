@@ -167,9 +167,7 @@ TEST_F(TlvTest, KeywordsNumbersAndTextInBothStretches)
 
 TEST_F(TlvTest, AllZeroMacIsADashAndBlanks)
 {
-    platform::SystemIdentity id = platform::world::Identity();
-    id.sysMac = {};
-    platform::world::SetIdentity(id);
+    UseIdentity("AB", {});
     EXPECT_EQ(Encode("\"%mac\""), Text("-             "));
 }
 
