@@ -81,7 +81,6 @@ TEST_F(StartupTest, MasterSeesTheMilestonesInOrderAndBothTasksServe)
     EXPECT_TRUE(WaitFor([base]() { return PLAT_MemOutstanding() == base; }));
 
     EXPECT_EQ(PPPOE_PLUS_MainExit(), 0U);
-    EXPECT_TRUE(LogHas(PLAT_LOG_SYSLOG, "<6> [PPPoE_PLUS] Main exit"));
 }
 
 TEST_F(StartupTest, FrameInitFailuresStopBeforeTheInitTaskAndTheMemoryHandleOneBeforeAnyLog)
