@@ -133,21 +133,18 @@ TEST_F(CidRidTest, MostSpecificPortListWinsAndOuterVlanZeroGoesGlobal)
     for (const Case &c : cases) {
         EXPECT_EQ(Value(PPPOE_PLUS_INFO_CID, Info(c.xpi, c.xci)), c.cid) << c.why;
     }
-    EXPECT_TRUE(
-        DebugHas("PPPOE PLUS Find Port QinQ Vlan Info Format By User Info:ifindex = 5,vlanId = 100,"
-                 "ceVlanId = 200,infoType = 1,infoFormatType = 2, userDefineStr = \"qinq\"."));
-    EXPECT_TRUE(
-        DebugHas("PPPOE PLUS Find Port Ce Vlan Info Format By User Info:ifindex = 5,vlanId = 0,"
-                 "ceVlanId = 300,infoType = 1,infoFormatType = 2, userDefineStr = \"ce\"."));
-    EXPECT_TRUE(
-        DebugHas("PPPOE PLUS Find Port vlan Info Format By User Info:ifindex = 5,vlanId = 100,"
-                 "ceVlanId = 0,infoType = 1,infoFormatType = 2, userDefineStr = \"vlan\"."));
-    EXPECT_TRUE(
-        DebugHas("PPPOE PLUS Find Port Info Format By User Info:ifindex = 5,vlanId = 0,"
-                 "ceVlanId = 0,infoType = 1,infoFormatType = 2, userDefineStr = \"port\"."));
-    EXPECT_TRUE(
-        DebugHas("PPPOE PLUS Encap Port Info Format Circuit userdefined information.(portname=GE0/0/1,"
-                 "Vlan=100,Circuit Id=qinq)"));
+    for (const char *line : {"PPPOE PLUS Find Port QinQ Vlan Info Format By User Info:ifindex = 5,vlanId = 100,"
+                             "ceVlanId = 200,infoType = 1,infoFormatType = 2, userDefineStr = \"qinq\".",
+                             "PPPOE PLUS Find Port Ce Vlan Info Format By User Info:ifindex = 5,vlanId = 0,"
+                             "ceVlanId = 300,infoType = 1,infoFormatType = 2, userDefineStr = \"ce\".",
+                             "PPPOE PLUS Find Port vlan Info Format By User Info:ifindex = 5,vlanId = 100,"
+                             "ceVlanId = 0,infoType = 1,infoFormatType = 2, userDefineStr = \"vlan\".",
+                             "PPPOE PLUS Find Port Info Format By User Info:ifindex = 5,vlanId = 0,"
+                             "ceVlanId = 0,infoType = 1,infoFormatType = 2, userDefineStr = \"port\".",
+                             "PPPOE PLUS Encap Port Info Format Circuit userdefined information.(portname=GE0/0/1,"
+                             "Vlan=100,Circuit Id=qinq)"}) {
+        EXPECT_TRUE(DebugHas(line)) << line;
+    }
 
     // Circuit-ID nodes never answer for the Remote-ID.
     EXPECT_EQ(Value(PPPOE_PLUS_INFO_RID, Info(100, 200)), kMacText);
