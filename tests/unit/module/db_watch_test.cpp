@@ -206,8 +206,7 @@ TEST_F(DbWatchTest, EachFailingSubscriptionStepIsLoggedAndTheObjectReleased)
         PLAT_LogClear();
         PLAT_CallCountReset();
         PLAT_FailSet(row.op, 0, 1, 119);
-        const uint32_t ret = row.devm ? PPPOE_PLUS_InitDbSubDevmRegStatus() : PPPOE_PLUS_InitDbIfRegEvt();
-        EXPECT_EQ(ret, 1U);
+        EXPECT_EQ(row.devm ? PPPOE_PLUS_InitDbSubDevmRegStatus() : PPPOE_PLUS_InitDbIfRegEvt(), 1U);
         EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, row.text));
         EXPECT_TRUE(LogHas(PLAT_LOG_DIAG, row.devm ? "[PPPOE_PLUS_DB] Failed to subscribe devm reg status."
                                                    : "[PPPOE_PLUS_DB] Failed to subscribe if event."));
