@@ -172,11 +172,11 @@ TEST_F(IntfTest, VlanMembershipAndIsolation)
 {
     platform::world::PortVlanSet(5, 4095, true);
     platform::world::PortVlanSet(5, 100, true);
-    EXPECT_EQ(PPPOE_PLUS_IsPortInVlan(5, 4095), 1U);
-    EXPECT_EQ(PPPOE_PLUS_IsPortInVlan(5, 100), 1U);
-    EXPECT_EQ(PPPOE_PLUS_IsPortInVlan(5, 101), 0U);
-    EXPECT_EQ(PPPOE_PLUS_IsPortInVlan(5, 4096), 0U);
-    EXPECT_EQ(PPPOE_PLUS_IsPortInVlan(6, 100), 0U);  // no map
+    // The port, the VLAN and whether the port is in it; 6 has no map.
+    const uint32_t memberships[][3] = {{5, 4095, 1}, {5, 100, 1}, {5, 101, 0}, {5, 4096, 0}, {6, 100, 0}};
+    for (const auto &[ifIndex, vlan, in] : memberships) {
+        EXPECT_EQ(PPPOE_PLUS_IsPortInVlan(ifIndex, static_cast<uint16_t>(vlan)), in) << ifIndex << " in " << vlan;
+    }
     uint8_t bitmap[PPPOE_PLUS_VLAN_BITMAP_LEN] = {};
     EXPECT_EQ(PPPOE_PLUS_GetPortVlanBitmap(5, bitmap, 100), 1U);  // too small
     PLAT_FailSet("db_get_port_vlan_map_bitmap", 0, 1, 84);
