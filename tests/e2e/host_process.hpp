@@ -90,8 +90,7 @@ inline ProgramRun RunProgram(const std::string &exe, std::vector<std::string> ar
         return run;
     }
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (ReadSome(out, &run.output, MsLeft(deadline))) {
-    }
+    run.output = pplus_test::ReadAll(out, std::chrono::milliseconds(timeoutMs));
     if (MsLeft(deadline) == 0) {
         kill(pid, SIGKILL);
     }
