@@ -456,11 +456,7 @@ protected:
     }
     static platform::PlaneSettings Unpoliced(uint32_t size = 65536, uint32_t idleSeconds = 0)
     {
-        platform::PlaneSettings s;
-        s.policing.port = {};
-        s.policing.global = {};
-        s.subscribers = {size, idleSeconds};
-        return s;
+        return {.policing = {.port = {}, .global = {}, .ports = {}}, .subscribers = {size, idleSeconds}};
     }
     std::optional<device::fplane::Subscriber> Find(const frames::Mac &mac, uint16_t inner = 0) const
     {
