@@ -57,12 +57,9 @@ TEST_F(Datastore, CliChangesReachTheNextRelayedFrameBadEditsAreRefusedAndARestar
             {"\"[%mac]\"", "optional keyword other than svlan or cvlan (result 5)"},
         };
         for (const auto &[text, answer] : checks) {
-            const ProgramRun check = Run({"check-format", text});
-            EXPECT_EQ(check.status, 0) << check.output;
-            EXPECT_EQ(check.output, text + ": " + answer + "\n");
+            EXPECT_EQ(Run({"check-format", text}), (ProgramRun{0, text + ": " + answer + "\n"}));
         }
-        const ProgramRun set = Run({"format", "cid", "user-define", "\"line-%sysname\""});
-        ASSERT_EQ(set.status, 0) << set.output;
+        ASSERT_EQ(Run({"format", "cid", "user-define", "\"line-%sysname\""}), (ProgramRun{0, ""}));
         replay = Run({"world", "port", "replay", padi});
         ASSERT_EQ(replay.status, 0) << replay.output;
 
@@ -71,12 +68,11 @@ TEST_F(Datastore, CliChangesReachTheNextRelayedFrameBadEditsAreRefusedAndARestar
         EXPECT_NE(stats.output.find("XGigabitEthernet0/0/1(*T)"), std::string::npos) << stats.output;
         EXPECT_EQ(Run({"reset-statistics"}).status, 0);
         EXPECT_EQ(Run({"debug", "all", "on"}).status, 0);
-        EXPECT_EQ(Run({"show", "policy"}).output, "tags-policy   replace (1)\nignore-reply  on (1)\n");
+        EXPECT_EQ(Run({"show", "policy"}), (ProgramRun{0, "tags-policy   replace (1)\nignore-reply  on (1)\n"}));
 
         // Changes to keep across the restart, and edits refused by name.
         EXPECT_EQ(Run({"enable"}).status, 0);
-        const ProgramRun trust = Run({"trust", "GigabitEthernet0/0/2"});
-        EXPECT_EQ(trust.status, 0) << trust.output;
+        EXPECT_EQ(Run({"trust", "GigabitEthernet0/0/2"}), (ProgramRun{0, ""}));
         EXPECT_EQ(Run({"vendor-id", "2011"}).status, 0);
         ASSERT_TRUE(host.WaitForOutput("[fwm] trust-port-cfg enable 1 ifIndex 6", 5000)) << host.Output();
         const std::string badFile = dir_ + "/bad.xml";
@@ -88,9 +84,7 @@ TEST_F(Datastore, CliChangesReachTheNextRelayedFrameBadEditsAreRefusedAndARestar
         const ProgramRun tooLong = Run({"format", "rid", "user-define", std::string(128, 'x')});
         EXPECT_EQ(tooLong.status, 1);
         EXPECT_NE(tooLong.output.find("rid-user-define-text"), std::string::npos) << tooLong.output;
-        const ProgramRun unknownPort = Run({"trust", "Eth9"});
-        EXPECT_EQ(unknownPort.status, 1);
-        EXPECT_EQ(unknownPort.output, "pppoe-plus-cli: the switch has no interface Eth9\n");
+        EXPECT_EQ(Run({"trust", "Eth9"}), (ProgramRun{1, "pppoe-plus-cli: the switch has no interface Eth9\n"}));
         ASSERT_EQ(host.Stop(SIGTERM), 0) << host.Output();
     }
     // Each replay sends the PADI and the PADR up; the first pair carries

@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <ostream>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -32,6 +33,9 @@ using pplus_test::ReadSome;
 struct ProgramRun {
     int status = -1;  // exit code, or 128 + signal
     std::string output;
+
+    bool operator==(const ProgramRun &) const = default;
+    friend void PrintTo(const ProgramRun &run, std::ostream *os) { *os << "exit " << run.status << ": " << run.output; }
 };
 
 // Starts exe with args (in cwd when given), its standard output and error
@@ -86,8 +90,7 @@ inline ProgramRun RunProgram(const std::string &exe, std::vector<std::string> ar
         return run;
     }
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (ReadSome(out, &run.output, MsLeft(deadline))) {
-    }
+    run.output = pplus_test::ReadAll(out, std::chrono::milliseconds(timeoutMs));
     if (MsLeft(deadline) == 0) {
         kill(pid, SIGKILL);
     }

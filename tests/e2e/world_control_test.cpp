@@ -53,41 +53,32 @@ TEST(WorldControl, UplinkOffBoardAndBackReachesFwmAndBoardsListsHaEventsAndError
     ASSERT_TRUE(host.WaitForOutput("pppoe-plus-switch: control socket " + ctl, 20000)) << host.Output();
     ASSERT_TRUE(host.WaitForOutput("[fwm] trust-port-cfg enable 1 ifIndex 49", 5000)) << host.Output();
     const size_t installed = host.Output().find("[fwm] trust-port-cfg enable 1 ifIndex 49");
+    // pppoe-plus-cli's world commands against this host.
+    const auto world = [&ctl](const std::string &args) { return Cli("--control " + ctl + " world " + args); };
 
-    const CliRun off = Cli("--control " + ctl + " world if off XGigabitEthernet0/0/1");
-    EXPECT_EQ(off.status, 0) << off.output;
-    EXPECT_EQ(off.output, "interface XGigabitEthernet0/0/1 (ifIndex 49) is off board\n");
+    EXPECT_EQ(world("if off XGigabitEthernet0/0/1"),
+              (CliRun{0, "interface XGigabitEthernet0/0/1 (ifIndex 49) is off board\n"}));
     ASSERT_TRUE(host.WaitForOutput("[fwm] trust-port-cfg enable 0 ifIndex 49", 5000)) << host.Output();
     const size_t withdrawn = host.Output().find("[fwm] trust-port-cfg enable 0 ifIndex 49");
     EXPECT_GT(withdrawn, installed);
 
-    const CliRun on = Cli("--control " + ctl + " world if on 49");
+    const CliRun on = world("if on 49");
     EXPECT_EQ(on.status, 0) << on.output;
     ASSERT_TRUE(host.WaitForOutput("[fwm] trust-port-cfg enable 1 ifIndex 49", 5000, withdrawn)) << host.Output();
 
-    const CliRun fwm = Cli("--control " + ctl + " world fwm");
-    EXPECT_EQ(fwm.status, 0);
-    EXPECT_NE(fwm.output.find("feature on"), std::string::npos) << fwm.output;
-    EXPECT_NE(fwm.output.find("trusted ports 49"), std::string::npos) << fwm.output;
+    EXPECT_EQ(world("fwm"), (CliRun{0, "feature on, ignore-reply on, trusted ports 49, clients PPPOE_PLUS\n"}));
 
     // Boards and interfaces listed, and errors, readably.
-    const CliRun reg = Cli("--control " + ctl + " world board register 3");
-    EXPECT_EQ(reg.status, 0);
-    EXPECT_EQ(reg.output, "board 3 of chassis 1 is registered\n");
-    const CliRun boards = Cli("--control " + ctl + " world board list");
-    EXPECT_EQ(boards.output, "chassis  slot  state\n1  1  registered\n1  3  registered\n");
-    const CliRun ifs = Cli("--control " + ctl + " world if list");
+    EXPECT_EQ(world("board register 3"), (CliRun{0, "board 3 of chassis 1 is registered\n"}));
+    EXPECT_EQ(world("board list"), (CliRun{0, "chassis  slot  state\n1  1  registered\n1  3  registered\n"}));
+    const CliRun ifs = world("if list");
     EXPECT_NE(ifs.output.find("10  no  GigabitEthernet0/0/6"), std::string::npos) << ifs.output;
     // Programs ask for a port's ifIndex and name, by either.
     EXPECT_EQ(Control(ctl, "if resolve XGigabitEthernet0/0/1"), "ok\n49 XGigabitEthernet0/0/1\n");
     EXPECT_EQ(Control(ctl, "if resolve 49"), "ok\n49 XGigabitEthernet0/0/1\n");
 
-    const CliRun unknown = Cli("--control " + ctl + " world if off Eth9");
-    EXPECT_EQ(unknown.status, 1);
-    EXPECT_EQ(unknown.output, "pppoe-plus-cli: no interface named or numbered Eth9\n");
-    const CliRun badSlot = Cli("--control " + ctl + " world board register three");
-    EXPECT_EQ(badSlot.status, 1);
-    EXPECT_EQ(badSlot.output, "pppoe-plus-cli: not a slot number: three\n");
+    EXPECT_EQ(world("if off Eth9"), (CliRun{1, "pppoe-plus-cli: no interface named or numbered Eth9\n"}));
+    EXPECT_EQ(world("board register three"), (CliRun{1, "pppoe-plus-cli: not a slot number: three\n"}));
     EXPECT_NE(Control(ctl, "reboot").find("error: unknown command"), std::string::npos);
 
     // The host reached master; HA events show through the CLI.
@@ -95,7 +86,7 @@ TEST(WorldControl, UplinkOffBoardAndBackReachesFwmAndBoardsListsHaEventsAndError
               std::string::npos)
         << host.Output();
 
-    const CliRun show = Cli("--control " + ctl + " world ha show");
+    const CliRun show = world("ha show");
     EXPECT_EQ(show.status, 0) << show.output;
     EXPECT_NE(show.output.find("agent role 1 (master)\nagent standby slot 0\nagent master 1/1 ip 172.16.1.1\n"),
               std::string::npos)
@@ -104,21 +95,19 @@ TEST(WorldControl, UplinkOffBoardAndBackReachesFwmAndBoardsListsHaEventsAndError
     EXPECT_TRUE(host.WaitForOutput("[PPLUS-HA] Ha notify new mmb(1/1), old mmb(0/0), masterIp(2886729985).", 5000))
         << host.Output();
 
-    const CliRun backup = Cli("--control " + ctl + " world ha new-backup 1 2");
-    EXPECT_EQ(backup.output, "new-backup 1/2 delivered to pppoe_plus (returned 0)\n");
-    const CliRun refused = Cli("--control " + ctl + " world ha start-work 5");
-    EXPECT_EQ(refused.output, "start-work 5 delivered to pppoe_plus (returned 1)\n");
-    EXPECT_EQ(Cli("--control " + ctl + " world ha demote").status, 0);
+    EXPECT_EQ(world("ha new-backup 1 2"), (CliRun{0, "new-backup 1/2 delivered to pppoe_plus (returned 0)\n"}));
+    EXPECT_EQ(world("ha start-work 5"), (CliRun{0, "start-work 5 delivered to pppoe_plus (returned 1)\n"}));
+    EXPECT_EQ(world("ha demote").status, 0);
     ASSERT_TRUE(host.WaitForOutput("[PPLUS-HA] HaPromtBackUp get board role eventType:7, role:2.", 5000))
         << host.Output();
 
-    const CliRun after = Cli("--control " + ctl + " world ha show");
+    const CliRun after = world("ha show");
     EXPECT_NE(after.output.find("agent standby slot 2"), std::string::npos) << after.output;
     EXPECT_NE(after.output.find("switchover reports 1\nreport pppoe_plus state 1"), std::string::npos) << after.output;
 
     EXPECT_EQ(host.Stop(SIGTERM), 0) << host.Output();
     EXPECT_EQ(access(ctl.c_str(), F_OK), -1);  // the socket file is gone with the host
-    const CliRun gone = Cli("--control " + ctl + " world fwm");
+    const CliRun gone = world("fwm");
     EXPECT_EQ(gone.status, 2);
     EXPECT_NE(gone.output.find("pppoe-plus-cli: cannot reach pppoe-plus-switch at " + ctl), std::string::npos)
         << gone.output;

@@ -48,8 +48,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     Require(topology.has_value());
     g_topology = *topology;
     g_path = "/tmp/pplus-control-fuzz-" + std::to_string(getpid()) + ".sock";
-    host::ControlServerLimits limits;
-    limits.readTimeout = 2000ms;
+    const host::ControlServerLimits limits{.readTimeout = 2000ms};
     g_server = new host::ControlServer();  // serves for the life of the process
     Require(g_server->Start(g_path, {}, &error, {}, limits));
     std::atexit([] { ::unlink(g_path.c_str()); });  // libFuzzer ends runs with exit()

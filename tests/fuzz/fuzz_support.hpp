@@ -35,13 +35,7 @@ inline void RunFromOwnFolder()
 inline void UseFuzzSwitch()
 {
     platform::world::Reset();
-    platform::SystemIdentity id;
-    id.sysName = "FuzzSwitch";
-    id.sysMac = {0x00, 0xe0, 0xfc, 0x01, 0x02, 0x03};
-    id.chassisId = 1;
-    id.selfBoardId = 1;
-    id.mainBoardId = 1;
-    platform::world::SetIdentity(id);
+    platform::world::SetIdentity({.sysName = "FuzzSwitch", .sysMac = {0x00, 0xe0, 0xfc, 0x01, 0x02, 0x03}});
     platform::world::SetDevmReady(true);
 }
 

@@ -5,17 +5,12 @@ namespace pplus_test {
 void UseReadyWorld(uint32_t selfBoard, uint32_t mainBoard)
 {
     platform::world::Reset();
-    platform::SystemIdentity id;
-    id.sysName = "TestSwitch";
-    id.sysMac = {0x00, 0xe0, 0xfc, 0x01, 0x02, 0x03};
-    id.chassisId = 1;
-    id.selfBoardId = selfBoard;
-    id.mainBoardId = mainBoard;
-    platform::world::SetIdentity(id);
-    platform::FrmInstRecord rec;
-    rec.localSlot = static_cast<int32_t>(selfBoard);
-    rec.modState = selfBoard == mainBoard ? 12 : 8;
-    platform::world::FrmInstPut(rec);
+    platform::world::SetIdentity({.sysName = "TestSwitch",
+                                  .sysMac = {0x00, 0xe0, 0xfc, 0x01, 0x02, 0x03},
+                                  .selfBoardId = selfBoard,
+                                  .mainBoardId = mainBoard});
+    platform::world::FrmInstPut(
+        {.modState = selfBoard == mainBoard ? 12U : 8U, .localSlot = static_cast<int32_t>(selfBoard)});
     platform::world::SetDevmReady(true);
     PLAT_SetTimeScale(1);
 }

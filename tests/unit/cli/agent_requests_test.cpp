@@ -39,14 +39,13 @@ protected:
         ly_in *in = nullptr;
         lyd_node *tree = nullptr;
         (void)ly_in_new_memory(xml.c_str(), &in);
-        const LY_ERR rc = lyd_parse_op(ctx_, nullptr, in, LYD_XML, LYD_TYPE_RPC_YANG, &tree, nullptr);
-        LY_ERR valid = LY_SUCCESS;
+        LY_ERR rc = lyd_parse_op(ctx_, nullptr, in, LYD_XML, LYD_TYPE_RPC_YANG, &tree, nullptr);
         if (rc == LY_SUCCESS) {
-            valid = lyd_validate_op(tree, nullptr, LYD_TYPE_RPC_YANG, nullptr);
+            rc = lyd_validate_op(tree, nullptr, LYD_TYPE_RPC_YANG, nullptr);
         }
         lyd_free_all(tree);
         ly_in_free(in, 0);
-        return rc == LY_SUCCESS && valid == LY_SUCCESS ? "" : std::string(ly_errmsg(ctx_)) + " in " + xml;
+        return rc == LY_SUCCESS ? "" : std::string(ly_errmsg(ctx_)) + " in " + xml;
     }
 
     ly_ctx *ctx_ = nullptr;

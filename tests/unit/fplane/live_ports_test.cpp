@@ -163,6 +163,9 @@ protected:
         });
     }
 
+    // Both ports' reports of the pair's link going up or down.
+    bool WaitLinks(bool up) { return WaitLink(kPortA, up) && WaitLink(kPortB, up); }
+
     device::fplane::LivePortStats StatsOf(uint32_t port) const
     {
         for (const auto &s : ports_->Stats()) {
@@ -243,8 +246,7 @@ TEST_F(LivePortsTest, LinkChangesTakePortsOffAndOnBoardRetryingAFailedBindAndARe
     StartPorts();
     // B's link going down also takes A's carrier.
     ASSERT_TRUE(Sh("ip link set lvb down"));
-    EXPECT_TRUE(WaitLink(kPortB, false));
-    EXPECT_TRUE(WaitLink(kPortA, false)) << "A lost its carrier";
+    EXPECT_TRUE(WaitLinks(false)) << "A lost its carrier";
     EXPECT_FALSE(ports_->IsUp(kPortA));
     ports_->Transmit(kPortA, TestFrame(60));
     EXPECT_EQ(StatsOf(kPortA).txDropped, 1U) << "nothing is queued while the link is down";
@@ -253,8 +255,7 @@ TEST_F(LivePortsTest, LinkChangesTakePortsOffAndOnBoardRetryingAFailedBindAndARe
     const uint32_t hits = PLAT_FailHits(kBindOp);
     PLAT_FailSet(kBindOp, 0, 2, EBUSY);
     ASSERT_TRUE(Sh("ip link set lvb up"));
-    EXPECT_TRUE(WaitLink(kPortB, true));
-    EXPECT_TRUE(WaitLink(kPortA, true));
+    EXPECT_TRUE(WaitLinks(true));
     EXPECT_EQ(PLAT_FailHits(kBindOp), hits + 2);
     EXPECT_NE(Notes().find(": cannot bind: cannot open a packet socket"), std::string::npos) << Notes();
     ports_->Transmit(kPortA, TestFrame(60, {}, 0x11));
@@ -262,11 +263,9 @@ TEST_F(LivePortsTest, LinkChangesTakePortsOffAndOnBoardRetryingAFailedBindAndARe
 
     // Deleted, then created again under the same names (new kernel indexes).
     ASSERT_TRUE(Sh("ip link del lva"));
-    EXPECT_TRUE(WaitLink(kPortA, false));
-    EXPECT_TRUE(WaitLink(kPortB, false));
+    EXPECT_TRUE(WaitLinks(false));
     ASSERT_TRUE(Sh("ip link add lva type veth peer name lvb && ip link set lva up && ip link set lvb up"));
-    EXPECT_TRUE(WaitLink(kPortA, true));
-    EXPECT_TRUE(WaitLink(kPortB, true));
+    EXPECT_TRUE(WaitLinks(true));
     ports_->Transmit(kPortB, TestFrame(60, {{0x8100, 7}}));
     EXPECT_EQ(NextFrame(kPortA), TestFrame(60, {{0x8100, 7}}));
 }

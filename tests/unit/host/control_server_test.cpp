@@ -42,9 +42,7 @@ std::string Request(const std::string &path, const std::string &line, std::chron
 TEST(ControlServer, ServesAWellBehavedClientWhileOthersHoldConnectionsSendHalfALineOrRunALongCommand)
 {
     const std::string path = SocketPath("busy");
-    host::ControlServerLimits limits;
-    limits.maxConnections = 8;
-    limits.readTimeout = 1500ms;
+    const host::ControlServerLimits limits{.maxConnections = 8, .readTimeout = 1500ms};
     std::atomic<bool> release{false};
     host::ControlHooks hooks;
     hooks.replay = [&release](const std::string &, std::string *output) {
